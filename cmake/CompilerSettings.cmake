@@ -1,0 +1,25 @@
+# Settings of every target: warnings are errors, sanitizers as the preset asks, ccache where there is one.
+
+add_library(ipsla_settings INTERFACE)
+target_compile_options(ipsla_settings INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fno-omit-frame-pointer)
+# Boost 1.74's Asio does not compile with GCC 12's coroutines.
+target_compile_definitions(ipsla_settings INTERFACE BOOST_ASIO_DISABLE_CO_AWAIT BOOST_ASIO_NO_DEPRECATED)
+# Boost as system headers, our own sources by their place below src.
+target_include_directories(ipsla_settings INTERFACE ${CMAKE_SOURCE_DIR}/src)
+
+if(IPSLA_SANITIZE)
+  target_compile_options(ipsla_settings INTERFACE -fsanitize=${IPSLA_SANITIZE} -fno-sanitize-recover=all)
+  target_link_options(ipsla_settings INTERFACE -fsanitize=${IPSLA_SANITIZE})
+endif()
+
+if(IPSLA_COVERAGE)
+  target_compile_options(ipsla_settings INTERFACE --coverage)
+  target_link_options(ipsla_settings INTERFACE --coverage)
+endif()
+
+find_program(CCACHE_PROGRAM ccache)
+if(CCACHE_PROGRAM)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+endif()

@@ -1,0 +1,172 @@
+// One measurement task as configured, and the tables that turn its numeric codes into words and back.
+//
+// Everything here is plain data with value semantics and pure functions: no I/O, no globals, any thread.
+
+#ifndef IPSLA_CONFIG_TASK_CONFIG_H_
+#define IPSLA_CONFIG_TASK_CONFIG_H_
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace ipsla {
+
+enum class SlaTestType : std::int32_t {
+  kNone = -1,
+  kUdpEcho = 1,
+  kUdpJitter = 2,
+  kUdpJitterNtp = 3,
+  kIcmpEcho = 4,
+  kIcmpJitter = 5,
+};
+
+enum class SlaAuthMode : std::uint8_t { kUndefined = 0, kNone = 1, kPassword = 2, kKeychain = 3 };
+
+enum class SlaAuthAlgorithm : std::uint8_t { kUndefined = 0, kSha256 = 1, kHmacSha256 = 2 };
+
+/// Status codes carried in control-phase messages.
+enum class SlaControlStatus : std::uint16_t {
+  kSuccessful = 0,
+  kFail = 1,
+  kAuthenticationFail = 2,
+  kFormatError = 3,
+  kRequestedPortIsBusy = 4,
+  kUnsupportedProtocolVersion = 5,
+  kInvalidStatus = 6,
+  kInvalidLength = 7,
+  kUnsupportedAddress = 8,
+  kUnsupportedRole = 9,
+  kUnsupportedAuthenticationMode = 10,
+  kUnsupportedAuthenticationAlgorithm = 11,
+  kUnsupportedOperationType = 12,
+  kUnknownInternalError = 13,
+};
+
+enum class CsldType : std::uint16_t { kAuthentication = 1, kMeasurement = 2 };
+enum class AddressType : std::uint8_t { kIpv4 = 2, kIpv6 = 3 };
+enum class Role : std::uint8_t { kResponder = 1, kSender = 2 };
+
+/// Result of a run.
+enum class RunResult : std::uint32_t { kSuccessful = 0, kFail = 1 };
+
+/// State of one probe.
+enum class SlaPacketState : std::uint8_t {
+  kSent = 0,      ///< went out (or not yet), no reply accepted
+  kReceived = 1,  ///< a reply was accepted
+  kSkipped = 2,   ///< the reply was not usable
+  kLossSd = 3,
+  kLossDs = 4,
+};
+
+/// When a task runs.
+struct SlaSchedulerConfig {
+  std::int32_t time = 0;   ///< period in seconds
+  std::string start_time;  ///< "now" or a time as text, interpreted when the test is started
+  std::string life_time;   ///< "forever" or seconds as text
+
+  bool operator==(const SlaSchedulerConfig&) const = default;
+};
+
+/// Both ends of one phase of a task.
+struct SlaEndpointConfig {
+  std::uint32_t if_index = 0;   ///< source interface when the source was given as one, else 0
+  std::string if_name;          ///< its name, else empty
+  sockaddr_in src{};            ///< local source; port and address in network byte order
+  sockaddr_in dst{};            ///< remote responder, same form
+  bool src_port_any = false;    ///< source port was configured as "any"; the port in src is then 0
+  std::string vrf;              ///< network namespace of this phase's sockets; empty: the daemon's own
+
+  /// Compares every configured field (addresses by family, port and address).
+  bool operator==(const SlaEndpointConfig& other) const;
+};
+
+/// Authentication of the control phase.
+struct SlaAuthConfig {
+  SlaAuthMode mode = SlaAuthMode::kUndefined;
+  SlaAuthAlgorithm algorithm = SlaAuthAlgorithm::kUndefined;  ///< undefined when the mode needs none
+  std::uint8_t key_id = 0;                                    ///< key in the key store, mode keychain only
+  std::string key_string;                                     ///< key bytes, mode password only
+
+  bool operator==(const SlaAuthConfig&) const = default;
+};
+
+/// One parsed task. Copied whole into its test.
+struct SlaTaskConfig {
+  std::uint16_t sla_id = 0;
+  bool schedule = false;
+  SlaTestType sla_type = SlaTestType::kNone;
+  SlaSchedulerConfig scheduler;
+  SlaEndpointConfig control_phase;
+  SlaAuthConfig auth;
+  std::int32_t control_timeout = 0;  ///< milliseconds
+  std::int32_t control_retry = 0;    ///< seconds until the run after one that could not start
+  SlaEndpointConfig measurement;
+  std::int32_t num_packets = 0;      ///< probes per run
+  std::uint16_t packet_size = 0;     ///< bytes: the configured size less PacketHeaderSize
+  std::int32_t interval = 0;         ///< milliseconds between probes
+  std::int32_t timeout = 0;          ///< milliseconds, measurement phase
+  std::uint8_t ttl = 0;
+  std::uint8_t dscp = 0;             ///< 0..63
+  std::uint8_t cos = 0;              ///< IEEE 802.1p priority
+  std::uint8_t num_rep_hist = 0;     ///< length of the statistics history
+
+  /// True when a reload need not touch the running test: every configured field is equal.
+  bool operator==(const SlaTaskConfig&) const = default;
+};
+
+/// All tasks, by id (16 bits, widened). Iterated in ascending id.
+using SlaTaskMap = std::map<std::int32_t, SlaTaskConfig>;
+
+// Names. An unlisted value gives "undefined" ("Undefined" for priorities, "Undefined PHB" for DSCPs).
+
+[[nodiscard]] std::string TestTypeToString(SlaTestType type);
+[[nodiscard]] std::string AuthModeToString(SlaAuthMode mode);
+[[nodiscard]] std::string AuthAlgorithmToString(SlaAuthAlgorithm algorithm);
+[[nodiscard]] std::string ControlStatusToString(SlaControlStatus status);
+[[nodiscard]] std::string CsldTypeToString(CsldType type);
+[[nodiscard]] std::string AddressTypeToString(AddressType type);
+[[nodiscard]] std::string RoleToString(Role role);
+[[nodiscard]] std::string ResultToString(RunResult result);
+[[nodiscard]] std::string BoolToString(bool value);
+[[nodiscard]] std::string PacketStateToString(SlaPacketState state);
+[[nodiscard]] std::string CosToPriorityName(std::uint8_t cos);
+[[nodiscard]] std::string DscpToPhbName(std::uint8_t dscp);
+
+/// The scheduler's period as decimal text.
+[[nodiscard]] std::string ScheduleTimeToString(const SlaSchedulerConfig& scheduler);
+
+/// "any", or the source port in host order as decimal text.
+[[nodiscard]] std::string SourcePortToString(const SlaEndpointConfig& endpoint);
+
+/// Dotted text of an IPv4 address in network byte order.
+[[nodiscard]] std::string Ipv4ToString(in_addr address);
+
+// Words of the configuration files, compared exactly.
+
+/// kNone for an unknown word.
+[[nodiscard]] SlaTestType TestTypeFromString(const std::string& word);
+/// "no", "password", "keychain"; kUndefined for anything else.
+[[nodiscard]] SlaAuthMode AuthModeFromString(const std::string& word);
+/// "sha256", "hmac-sha256"; kUndefined for anything else.
+[[nodiscard]] SlaAuthAlgorithm AuthAlgorithmFromString(const std::string& word);
+
+/// Smallest accepted "packet-size", headers included.
+[[nodiscard]] std::int32_t MinPacketSize(SlaTestType type);
+
+/// Bytes of "packet-size" that are not payload: 42 for types 1 to 4, 34 for every other. icmp-jitter is deliberately
+/// counted differently from icmp-echo.
+[[nodiscard]] std::int32_t PacketHeaderSize(SlaTestType type);
+
+/// True for the three types whose one-way latency and jitter are computed.
+[[nodiscard]] bool IsJitterType(SlaTestType type);
+
+/// Turns a password "key-string" into the key's bytes: hexadecimal text, with or without a leading "0x", is converted
+/// in two-character pieces from position 0 (pieces equal to "0x" are skipped, the last may be one character); any other
+/// text is the key itself.
+[[nodiscard]] std::string HexKeyToBytes(const std::string& text);
+
+}  // namespace ipsla
+
+#endif  // IPSLA_CONFIG_TASK_CONFIG_H_

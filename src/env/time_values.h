@@ -1,0 +1,69 @@
+// The clocks of the daemon and the units in which its measurements keep time. No other file reads a clock.
+//
+// Two clocks, two purposes: the real-time clock gives send and receive stamps and the times shown to people; it may be
+// set at any moment, so a difference of two of its values can be wrong or negative. The steady clock paces probes and
+// never jumps. Stamps count from midnight UTC, and a run that spans midnight is not corrected.
+
+#ifndef IPSLA_ENV_TIME_VALUES_H_
+#define IPSLA_ENV_TIME_VALUES_H_
+
+#include <ctime>
+
+#include <cstdint>
+
+namespace ipsla {
+
+/// The real-time clock (CLOCK_REALTIME). Any thread.
+[[nodiscard]] timespec RealTimeNow();
+
+/// The steady clock (CLOCK_MONOTONIC) in nanoseconds since an arbitrary start. Any thread.
+[[nodiscard]] std::int64_t SteadyNanoseconds();
+
+/// Sleeps until the steady clock reads `deadline` (SteadyNanoseconds), going on after signals. Any thread.
+void SleepUntil(std::int64_t deadline);
+
+/// Nanoseconds since the Unix epoch.
+[[nodiscard]] std::int64_t ToNanoseconds(const timespec& time);
+
+/// Time of day in milliseconds, to the microsecond: (seconds mod 86400) x 1000 + microseconds / 1000.
+[[nodiscard]] double MillisecondsOfDay(const timespec& time);
+
+/// Time of day in units of 10 nanoseconds: (seconds mod 86400) x 100000000 + nanoseconds / 10.
+[[nodiscard]] std::uint64_t TenNanosecondsOfDay(const timespec& time);
+
+/// Time of day in whole milliseconds, as an ICMP time stamp counts (RFC 792): below 86400000.
+[[nodiscard]] std::uint32_t WholeMillisecondsOfDay(const timespec& time);
+
+/// Seconds from the NTP era (1900) to the Unix epoch (RFC 5905).
+inline constexpr std::uint64_t kNtpUnixOffset = 2208988800U;
+
+/// An NTP time stamp (RFC 5905) in host order: seconds since 1900 in the upper 32 bits, the binary fraction below.
+/// On the wire and in probe records it stands in network order; NtpToWire and NtpFromWire convert.
+using NtpStamp = std::uint64_t;
+
+/// seconds + 2208988800; fraction = ((nanoseconds / 1000) x 2^32) / 1000000.
+[[nodiscard]] NtpStamp NtpFromTime(const timespec& time);
+
+/// The same from microseconds since the Unix epoch, with fraction = microseconds x 4294.967296.
+[[nodiscard]] NtpStamp NtpFromMicroseconds(std::uint64_t unix_microseconds);
+
+/// Microseconds since the Unix epoch; the fraction is scaled by 10^6 / 2^32, rounded down.
+[[nodiscard]] std::uint64_t NtpToMicroseconds(NtpStamp stamp);
+
+/// Time since the Unix epoch; the fraction is scaled by 10^9 / 2^32, rounded down. Seconds before 1970 wrap as the
+/// subtraction in unsigned 64 bits does.
+[[nodiscard]] timespec NtpToTime(NtpStamp stamp);
+
+/// Whole milliseconds since the Unix epoch: seconds x 1000 + nanoseconds / 1000000.
+[[nodiscard]] std::int64_t NtpToMilliseconds(NtpStamp stamp);
+
+/// later - earlier in microseconds; negative when `later` is the earlier one.
+[[nodiscard]] std::int64_t NtpDifferenceMicroseconds(NtpStamp later, NtpStamp earlier);
+
+/// The 8 bytes of a stamp in network order, held as they stand in memory, and back.
+[[nodiscard]] std::uint64_t NtpToWire(NtpStamp stamp);
+[[nodiscard]] NtpStamp NtpFromWire(std::uint64_t wire);
+
+}  // namespace ipsla
+
+#endif  // IPSLA_ENV_TIME_VALUES_H_

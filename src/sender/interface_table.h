@@ -1,0 +1,62 @@
+// The addresses of every watched VRF, kept by the interface watcher and read by the tests.
+
+#ifndef IPSLA_SENDER_INTERFACE_TABLE_H_
+#define IPSLA_SENDER_INTERFACE_TABLE_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/asio/ip/address.hpp>
+
+namespace ipsla {
+
+/// The interface that holds an address.
+struct InterfaceRecord {
+  std::int32_t flags = 0;  ///< interface flags (netdevice(7)); 0x40 is IFF_RUNNING
+  std::int32_t index = 0;
+  std::string name;
+
+  bool operator==(const InterfaceRecord&) const = default;
+};
+
+/// (IP address, VRF key) to interface. The VRF key is the VRF's name, "1" for the default one (VrfKey).
+/// Threads: any; it has its own lock, which is never held over a call out of this class.
+class InterfaceTable {
+ public:
+  using Key = std::pair<boost::asio::ip::address, std::string>;
+
+  [[nodiscard]] std::optional<InterfaceRecord> Find(const boost::asio::ip::address& address,
+                                                    const std::string& vrf_key) const;
+
+  /// Inserts or replaces.
+  void Set(const boost::asio::ip::address& address, const std::string& vrf_key, InterfaceRecord record);
+
+  /// Removes one address; an unknown one is no error.
+  void Erase(const boost::asio::ip::address& address, const std::string& vrf_key);
+
+  /// Sets the flags of every record of this VRF with that interface index.
+  void SetFlags(const std::string& vrf_key, std::int32_t index, std::int32_t flags);
+
+  /// Removes every record of this VRF with that interface index.
+  void EraseInterface(const std::string& vrf_key, std::int32_t index);
+
+  /// All records of one VRF, by address.
+  [[nodiscard]] std::map<boost::asio::ip::address, InterfaceRecord> OfVrf(const std::string& vrf_key) const;
+
+  /// Number of records of all VRFs.
+  [[nodiscard]] std::size_t Size() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<Key, InterfaceRecord> records_;  // guarded by mutex_
+};
+
+}  // namespace ipsla
+
+#endif  // IPSLA_SENDER_INTERFACE_TABLE_H_
