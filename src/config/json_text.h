@@ -30,8 +30,8 @@ inline constexpr std::size_t kMaxJsonDepth = 32;
 
 /// Outcome of ParseJson.
 struct JsonParse {
-  JsonDocument document;                   ///< null when the text is not valid JSON or nests too deep
-  std::optional<std::string> error_text;   ///< on failure: the text from the fault on, when its position is known
+  JsonDocument document;                  ///< null when the text is not valid JSON or nests too deep
+  std::optional<std::string> error_text;  ///< on failure: the text from the fault on, when its position is known
 };
 
 /// Parses one document. The text ends at its first NUL or at its end. Not thread-safe: cJSON keeps the error position

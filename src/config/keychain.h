@@ -1,7 +1,7 @@
 // The keychain file and the key store.
 //
-// The file is JSON: {"keychain-storage": [{"key-id": number, "key-string": text}, ...]}. A key's text is kept exactly as
-// written. Control phases in mode "keychain" name a key by its id.
+// The file is JSON: {"keychain-storage": [{"key-id": number, "key-string": text}, ...]}. A key's text is kept exactly
+// as written. Control phases in mode "keychain" name a key by its id.
 
 #ifndef IPSLA_CONFIG_KEYCHAIN_H_
 #define IPSLA_CONFIG_KEYCHAIN_H_
@@ -19,9 +19,9 @@ namespace ipsla {
 /// Key id to key text, in ascending id.
 using KeychainStorage = std::map<std::int32_t, std::string>;
 
-/// Reads the keychain file into `storage`, which is emptied first. 0, or -1 after logging the reason (a document without
-/// "keychain-storage" fails without a line, deliberately). Faulty and duplicate entries are logged and skipped; the
-/// first definition of an id wins.
+/// Reads the keychain file into `storage`, which is emptied first. 0, or -1 after logging the reason (a document
+/// without "keychain-storage" fails without a line, deliberately). Faulty and duplicate entries are logged and skipped;
+/// the first definition of an id wins.
 [[nodiscard]] int ParseKeychainConfig(const std::string& filename, KeychainStorage* storage);
 
 /// Puts the key that `auth` needs into `key`: the password, the keychain's key for the (8-bit) key id, or "no key
