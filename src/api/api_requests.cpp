@@ -1,6 +1,6 @@
 // The Sender API of ApiSender: requests and their answers.
 
-#include <cJSON.h>
+#include <cjson/cJSON.h>
 
 #include <cerrno>
 
@@ -11,7 +11,6 @@
 #include "api/receive_outcome.h"
 #include "api/statistics_json.h"
 #include "config/print_funcs.h"
-#include "config/sender_help_funcs.h"
 #include "env/time_values.h"
 #include "log/log.h"
 
@@ -162,19 +161,14 @@ ApiSender::Answer ApiSender::ReportStatus(const cJSON* body) const {
 }
 
 ApiSender::Answer ApiSender::ReloadTasks() {
-  cpus_.clear();
   SlaTaskMap new_tasks;
-  const auto keys = keys_->Snapshot();
-  if (ParseTaskConfigs(tasks_file_, &new_tasks, *keys, &cpus_) != 0) {
-    LOG_DEBUG(0, "ParseTaskConfigs() failed");
-    return {.failed = true, .document = nullptr};
-  }
+  if (ReadTasksFile(&new_tasks) != 0) return {.failed = true, .document = nullptr};
   StartMainLoop();
   if (UpdateTaskConfigs(new_tasks) != 0) {
     LOG_DEBUG(0, "UpdateTaskConfigs() failen");
     return {.failed = true, .document = nullptr};
   }
-  PrintTaskConfigs(tasks_, *keys);
+  PrintTaskConfigs(tasks_, *keys_->Snapshot());
   return {};
 }
 

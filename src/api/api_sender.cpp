@@ -109,17 +109,26 @@ int ApiSender::ParseConfigsAndStart() {
   }
   keys_->Replace(std::move(keys));
   const auto snapshot = keys_->Snapshot();
-  if (ParseTaskConfigs(tasks_file_, &tasks_, *snapshot, &cpus_) != 0) {
-    LOG_DEBUG(0, "ParseTaskConfigs() failed");
-    return -1;
-  }
+  if (ReadTasksFile(&tasks_) != 0) return -1;
   PrintTaskConfigs(tasks_, *snapshot);
   PrintKeychain(*snapshot);
   for (const auto& [id, task] : tasks_) StartTest(task);
   return 0;
 }
 
+int ApiSender::ReadTasksFile(SlaTaskMap* tasks) {
+  std::vector<std::uint8_t> cpus;
+  if (ParseTaskConfigs(tasks_file_, tasks, *keys_->Snapshot(), &cpus) != 0) {
+    LOG_DEBUG(0, "ParseTaskConfigs() failed");
+    return -1;
+  }
+  const std::lock_guard lock(main_loop_mutex_);
+  cpus_ = std::move(cpus);
+  return 0;
+}
+
 void ApiSender::StartMainLoop() {
+  const std::lock_guard lock(main_loop_mutex_);
   if (started_ || cpus_.empty()) return;
   started_ = true;
   idle_timer_.expires_from_now(boost::posix_time::seconds(kIdleSeconds));
@@ -138,6 +147,11 @@ void ApiSender::StartMainLoop() {
   } catch (const boost::thread_resource_error& exception) {
     LOG_DEBUG(0, "Start main loop failed: %s", exception.what());
   }
+}
+
+std::size_t ApiSender::WorkerThreadCount() const {
+  const std::lock_guard lock(main_loop_mutex_);
+  return worker_threads_.size();
 }
 
 // Keeps the worker context from running out of work while no test waits for anything.
@@ -235,7 +249,11 @@ void ApiSender::Stop() {
     }
   }
   worker_.stop();
-  worker_threads_.join_all();
+  {
+    const std::lock_guard lock(main_loop_mutex_);
+    started_ = true;  // none is started any more
+    worker_threads_.join_all();
+  }
   // Only now: while worker threads run, the timer is theirs.
   idle_timer_.cancel();
   channel_->socket.close();

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,7 +37,7 @@ inline constexpr std::size_t kThreadsPerCpu = 15;
 /// Owns the tests, the worker context on which they run, and everything that the service context serves: the API
 /// socket, the netlink sockets, the wall-clock watcher.
 ///
-/// Threads: every operation belongs to the service thread: the API thread once it runs the service context, the main
+/// Threads: unless it says otherwise, an operation belongs to the service thread: the API thread once it runs the service context, the main
 /// thread before that and after it has ended. Only that thread changes the task map, the test map, the netlink
 /// sockets and the interface table.
 ///
@@ -61,7 +62,7 @@ class ApiSender : private InterfaceObserver {
   /// Reads both files, dumps them and starts one test per task in ascending id. 0, or -1 after logging the reason.
   [[nodiscard]] int ParseConfigsAndStart();
 
-  /// Starts the worker threads, the first time that there is a CPU to run them on.
+  /// Starts the worker threads, the first time that there is a CPU to run them on. Threads: any.
   void StartMainLoop();
 
   /// Applies a reloaded tasks file: tests of new tasks start, tests of removed ones end, a changed task gets a new test
@@ -85,7 +86,7 @@ class ApiSender : private InterfaceObserver {
   [[nodiscard]] const TestMap& Tests() const { return tests_; }
   [[nodiscard]] StatisticsStore& Statistics() { return *statistics_; }
   [[nodiscard]] const InterfaceTable& Interfaces() const { return *interfaces_; }
-  [[nodiscard]] std::size_t WorkerThreadCount() const { return worker_threads_.size(); }
+  [[nodiscard]] std::size_t WorkerThreadCount() const;
   /// Descriptor of the VRF's netlink socket, or -1 when the VRF is not watched.
   [[nodiscard]] int NetlinkHandle(const std::string& vrf) { return netlink_.NativeHandle(vrf); }
 
@@ -110,9 +111,9 @@ class ApiSender : private InterfaceObserver {
   void ArmReceive();
   void WaitIdle();
 
+  // Reads the tasks file and takes over its CPU list. 0, or -1 after logging.
+  [[nodiscard]] int ReadTasksFile(SlaTaskMap* tasks);
   void StartTest(const SlaTaskConfig& task);
-  void UpdateTask(std::uint16_t id, const SlaTaskMap& new_tasks);
-  void AddTask(const SlaTaskConfig& task);
   void RemoveTask(std::uint16_t id);
   void ReplaceTask(const SlaTaskConfig& task);
   void EraseStatistics(std::uint16_t id);
@@ -140,14 +141,17 @@ class ApiSender : private InterfaceObserver {
   const std::shared_ptr<InterfaceTable> interfaces_ = std::make_shared<InterfaceTable>();
   const std::shared_ptr<KeyStore> keys_ = std::make_shared<KeyStore>();
   SlaTaskMap tasks_;
-  std::vector<std::uint8_t> cpus_;
 
   // Declared before the tests, whose timers and sockets live on it.
   boost::asio::io_context worker_;
   TestMap tests_;
-  bool started_ = false;  // the worker threads were started
+
+  // The main thread starts the worker threads when the API thread runs already, and may at once handle a reload.
+  mutable std::mutex main_loop_mutex_;
+  std::vector<std::uint8_t> cpus_;     // guarded by main_loop_mutex_
+  bool started_ = false;               // likewise: the worker threads were started
+  boost::thread_group worker_threads_;  // likewise
   boost::asio::deadline_timer idle_timer_;
-  boost::thread_group worker_threads_;
 
   const std::shared_ptr<Channel> channel_;
   const std::shared_ptr<ClockWatch> clock_;
