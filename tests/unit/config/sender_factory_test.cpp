@@ -12,9 +12,9 @@ namespace {
 TEST(SenderFactory, MakesATestOfEveryType) {
   test::TestContext context;
   for (int type = 1; type <= 5; ++type) {
-    const auto made = CreateSender(
-        context.worker, test::LoopbackTask(static_cast<std::uint16_t>(type), static_cast<SlaTestType>(type)),
-        context.Shared());
+    const auto made = CreateSender(context.worker,
+                                   test::LoopbackTask(static_cast<std::uint16_t>(type), static_cast<SlaTestType>(type)),
+                                   context.Shared());
     EXPECT_EQ(made->GetId(), type);
     EXPECT_EQ(made->GetType(), static_cast<SlaTestType>(type));
   }

@@ -73,7 +73,7 @@ TEST_F(IcmpSenderTest, JitterRunOnLoopbackHasOneWayValues) {
 // Stored sizes 0 and 20 leave nothing, or no whole header, to send; whatever the kernel says, the probe counts as lost.
 TEST_F(IcmpSenderTest, TooSmallPacketsAreLostProbes) {
   std::uint16_t id = 22;
-  for (const std::uint16_t stored : {0, 10, 20, 24}) {
+  for (const std::uint16_t stored : std::initializer_list<std::uint16_t>{0, 10, 20, 24}) {
     SlaTaskConfig task = LoopbackTask(id, SlaTestType::kIcmpEcho);
     task.packet_size = stored;
     task.timeout = 50;

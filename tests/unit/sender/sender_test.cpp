@@ -99,8 +99,8 @@ class SenderTest : public testing::Test {
  protected:
   SenderTest() { test::TakeSyslog(); }
 
-  boost::shared_ptr<ScriptedTest> Make(const SlaTaskConfig& task) {
-    return boost::make_shared<ScriptedTest>(context.worker, task, context.Shared());
+  boost::shared_ptr<ScriptedTest> Make(const SlaTaskConfig& config) {
+    return boost::make_shared<ScriptedTest>(context.worker, config, context.Shared());
   }
 
   // The delays that were armed for the next run since the last call, as logged.

@@ -4,6 +4,7 @@
 #include <net/if.h>
 
 #include <boost/asio/ip/address_v4.hpp>
+#include <boost/thread/lock_guard.hpp>
 
 namespace ipsla::test {
 
@@ -33,8 +34,8 @@ SlaTaskStatistics TestContext::StatisticsOf(std::uint16_t id) const {
 }
 
 std::uint32_t TestContext::RunsOf(std::uint16_t id) const {
-  const SlaTaskStatistics statistics = StatisticsOf(id);
-  return statistics.successful_count + statistics.failed_count;
+  const SlaTaskStatistics stored = StatisticsOf(id);
+  return stored.successful_count + stored.failed_count;
 }
 
 SlaTaskConfig LoopbackTask(std::uint16_t id, SlaTestType type) {

@@ -229,14 +229,24 @@ TEST_F(AuthFuncsTest, EverySignatureHasItsOwnNonceAndDigest) {
   }
 }
 
-TEST_F(AuthFuncsTest, AnEmptyKeySignsTheMessageAloneOrUnderAKeyOfLengthZero) {
-  for (const SlaAuthAlgorithm algorithm : {SlaAuthAlgorithm::kSha256, SlaAuthAlgorithm::kHmacSha256}) {
-    ControlPhaseMessage request = BuildControlRequest(test::UdpTask());
-    ASSERT_TRUE(SignControlRequest(kId, algorithm, std::string_view(), &request));
-    EXPECT_EQ(MessageDigest(algorithm, EncodeControlMessage(request), ""), request.digest);
-  }
-  EXPECT_EQ(test::LastMacKeyLength(), 0);
+TEST_F(AuthFuncsTest, AnEmptyKeyLeavesTheMessageAloneUnderTheHash) {
+  ControlPhaseMessage request = BuildControlRequest(test::UdpTask());
+  ASSERT_TRUE(SignControlRequest(kId, SlaAuthAlgorithm::kSha256, std::string_view(), &request));
+  EXPECT_EQ(MessageDigest(SlaAuthAlgorithm::kSha256, EncodeControlMessage(request), ""), request.digest);
   ExpectNoLine();
+}
+
+// Whether there is a MAC key of length 0 is the library's decision; some versions refuse it.
+TEST_F(AuthFuncsTest, AnEmptyKeyIsOfferedToTheLibraryAsAKeyOfLengthZero) {
+  ControlPhaseMessage request = BuildControlRequest(test::UdpTask());
+  const bool accepted = SignControlRequest(kId, SlaAuthAlgorithm::kHmacSha256, std::string_view(), &request);
+  EXPECT_EQ(test::LastMacKeyLength(), 0);
+  if (accepted) {
+    EXPECT_EQ(MessageDigest(SlaAuthAlgorithm::kHmacSha256, EncodeControlMessage(request), ""), request.digest);
+    ExpectNoLine();
+  } else {
+    ExpectLine("EVP_PKEY_new_mac_key() failed for 311");
+  }
 }
 
 TEST_F(AuthFuncsTest, FailedRandomBytesEndTheSigning) {
