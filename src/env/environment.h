@@ -86,9 +86,9 @@ void ReserveReceiveBuffer(int fd, std::size_t datagrams, std::size_t bytes);
 
 /// One datagram taken by ReceiveStamped.
 struct StampedDatagram {
-  std::size_t bytes = 0;   ///< bytes stored in the buffer (a longer datagram is cut)
-  timespec arrival{};      ///< real-time clock at arrival: the kernel's stamp, or the clock read after receiving
-  sockaddr_in source{};    ///< where it came from, for IPv4 sockets
+  std::size_t bytes = 0;  ///< bytes stored in the buffer (a longer datagram is cut)
+  timespec arrival{};     ///< real-time clock at arrival: the kernel's stamp, or the clock read after receiving
+  sockaddr_in source{};   ///< where it came from, for IPv4 sockets
 };
 
 /// Receives one datagram without waiting (recvmsg(2)). Nothing when there is none or on an error; `error` is then the

@@ -1,4 +1,5 @@
-// The clocks of the daemon and the units in which its measurements keep time. No other file reads a clock.
+// The clocks of the daemon and the units in which its measurements keep time. No other file reads a clock
+// (but the log, a floor below, which dates its lines).
 //
 // Two clocks, two purposes: the real-time clock gives send and receive stamps and the times shown to people; it may be
 // set at any moment, so a difference of two of its values can be wrong or negative. The steady clock paces probes and

@@ -80,9 +80,9 @@ inline constexpr int kModule = 59;
 // NOLINTBEGIN(cppcoreguidelines-macro-usage): only a macro can join the prefix to a literal format and name the caller.
 
 /// The file half of a DEBUG message.
-#define LOG_DEBUG_FILE(id, ...)                              \
-  do {                                                       \
-    const ::ipsla::log_internal::ErrnoKeeper keep_errno_;    \
+#define LOG_DEBUG_FILE(id, ...)                                   \
+  do {                                                            \
+    const ::ipsla::log_internal::ErrnoKeeper keep_errno_;         \
     ::ipsla::Log(static_cast<std::uint16_t>(id), 1, __VA_ARGS__); \
   } while (false)
 
@@ -95,19 +95,19 @@ inline constexpr int kModule = 59;
   } while (false)
 
 /// Both copies of a DEBUG message: LOG_DEBUG(id, "format", arguments...).
-#define LOG_DEBUG(id, ...)         \
-  do {                             \
+#define LOG_DEBUG(id, ...)           \
+  do {                               \
     LOG_DEBUG_FILE(id, __VA_ARGS__); \
-    LOG_DEBUG_SYSTEM(__VA_ARGS__); \
+    LOG_DEBUG_SYSTEM(__VA_ARGS__);   \
   } while (false)
 
 /// Both copies of an ERROR message. The format begins with "(test %d) ".
-#define LOG_ERROR(id, format, ...)                                                                                     \
-  do {                                                                                                                 \
-    const ::ipsla::log_internal::ErrnoKeeper keep_errno_;                                                              \
-    ::ipsla::Log(static_cast<std::uint16_t>(id), 1, format __VA_OPT__(, ) __VA_ARGS__);                                \
-    SYSLOG_message(::ipsla::log_internal::kModule, 0, 3, "%%%s-%s-%s: " format, "IP_SLA", "E", "ERROR" __VA_OPT__(, ) \
-                       __VA_ARGS__);                                                                                   \
+#define LOG_ERROR(id, format, ...)                                                             \
+  do {                                                                                         \
+    const ::ipsla::log_internal::ErrnoKeeper keep_errno_;                                      \
+    ::ipsla::Log(static_cast<std::uint16_t>(id), 1, format __VA_OPT__(, ) __VA_ARGS__);        \
+    SYSLOG_message(::ipsla::log_internal::kModule, 0, 3, "%%%s-%s-%s: " format, "IP_SLA", "E", \
+                   "ERROR" __VA_OPT__(, ) __VA_ARGS__);                                        \
   } while (false)
 
 // NOLINTEND(cppcoreguidelines-macro-usage)

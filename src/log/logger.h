@@ -10,6 +10,8 @@
 
 namespace ipsla {
 
+struct LogFileCalls;
+
 /// Writes lines "dd-mm-yyyy hh:mm:ss: text" (local time) to "sender.log" (id 0) and "test_<id>.log" in one directory.
 /// A file longer than 1 MiB is cut to the newer half of its lines before the next line is appended.
 ///
@@ -23,6 +25,9 @@ class Logger {
   /// Starts the writer thread. `directory` ends in "/"; it is created (mode 0755) by the first OpenLogFile.
   explicit Logger(std::string directory);
 
+  /// For tests: with other calls below the size check.
+  Logger(std::string directory, const LogFileCalls& calls);
+
   /// Shutdown().
   ~Logger();
 
@@ -34,7 +39,8 @@ class Logger {
   /// of that id then reach only the system log.
   void OpenLogFile(std::uint16_t id);
 
-  /// Closes the file of `id`; lines still queued for it are dropped. Waits for a line being written to it.
+  /// Closes the file of `id`, 0 included. Lines still queued for it are dropped unless it is opened again before their
+  /// turn. Waits for a line being written to it.
   void CloseLogFile(std::uint16_t id);
 
   /// Queues one line for the file of `id`; does nothing when that file is not open. `flag` has no effect.

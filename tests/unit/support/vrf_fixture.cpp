@@ -1,6 +1,7 @@
 #include "support/vrf_fixture.h"
 
 #include <fcntl.h>
+#include <net/if.h>
 #include <sched.h>
 #include <spawn.h>
 #include <sys/mount.h>
@@ -8,7 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -77,7 +77,10 @@ VrfFixture::VrfFixture() {
 
 VrfFixture::~VrfFixture() {
   try {
-    for (const std::string& interface : interfaces_) RunIp({"link", "delete", interface});
+    for (const std::string& interface : interfaces_) {
+      // A link whose far namespace was taken away is gone already.
+      if (if_nametoindex(interface.c_str()) != 0) RunIp({"link", "delete", interface});
+    }
     while (!names_.empty()) Unregister(names_.back());
   } catch (const std::exception& error) {
     std::fprintf(stderr, "VRFs of the test left behind: %s\n", error.what());
@@ -130,7 +133,7 @@ void VrfFixture::RunInVrf(const std::string& vrf, const std::function<void()>& b
 void VrfFixture::Unregister(const std::string& name) {
   if (umount2(PathOf(name).c_str(), MNT_DETACH) != 0) Fail("umount " + PathOf(name));
   if (unlink(PathOf(name).c_str()) != 0) Fail(PathOf(name));
-  names_.erase(std::remove(names_.begin(), names_.end(), name), names_.end());
+  std::erase(names_, std::string(name));  // a copy: `name` may be the element itself
 }
 
 }  // namespace ipsla::test

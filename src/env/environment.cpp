@@ -1,0 +1,35 @@
+#include "env/environment.h"
+
+#include <sched.h>
+#include <unistd.h>
+
+#include "log/log.h"
+#include "log/thread_stack.h"
+
+namespace ipsla {
+
+std::string VrfKey(const std::string& vrf) {
+  return vrf.empty() ? kDefaultVrf : vrf;
+}
+
+int CheckRootPriv() {
+  return getuid() == 0 ? 1 : -1;
+}
+
+int SetCpuNum(pthread_t thread, std::uint8_t cpu) {
+  cpu_set_t set;  // 1024 CPUs
+  static_assert(sizeof set == 128 && CPU_SETSIZE == 1024);
+  CPU_ZERO(&set);
+  CPU_SET(cpu, &set);
+  if (pthread_setaffinity_np(thread, sizeof set, &set) != 0) {
+    LOG_DEBUG(0, "set thread affinity failed");
+    return -1;
+  }
+  return 0;
+}
+
+std::size_t ThreadStackBytes() {
+  return log_internal::RoundedStackBytes();
+}
+
+}  // namespace ipsla

@@ -1,0 +1,47 @@
+// The keep-alive as an object, with its periods given: StartKeepAlive holds the one of the process.
+
+#ifndef IPSLA_ENV_KEEP_ALIVE_TIMER_H_
+#define IPSLA_ENV_KEEP_ALIVE_TIMER_H_
+
+#include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <cstddef>
+
+#include "platform/keepalive.h"
+
+namespace ipsla {
+
+struct KeepAlivePeriods {
+  std::chrono::milliseconds first{10000};   ///< from the creation to the first signal
+  std::chrono::milliseconds restart{5000};  ///< from a later start to the next signal
+  std::chrono::milliseconds next{10000};    ///< from one signal to the next
+};
+
+/// Must outlive the run of its context. Threads: one at a time, as StartKeepAlive.
+class KeepAliveTimer {
+ public:
+  KeepAliveTimer(boost::asio::io_context& service, const KeepAlivePeriods& periods);
+
+  /// As StartKeepAlive.
+  void Start();
+
+ private:
+  // A record of the device's library, which alone knows what is in it.
+  struct Record {
+    alignas(std::max_align_t) std::array<unsigned char, KEEPALIVE_RECORD_BYTES> bytes{};
+  };
+
+  void Wait();
+
+  const KeepAlivePeriods periods_;
+  boost::asio::steady_timer timer_;  // steady: a clock that is set must not delay the watchdog's signal
+  bool is_announced_ = false;
+  Record watchdog_;
+  Record signal_;
+};
+
+}  // namespace ipsla
+
+#endif  // IPSLA_ENV_KEEP_ALIVE_TIMER_H_
