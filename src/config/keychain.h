@@ -1,27 +1,43 @@
 // The keychain file and the key store.
 //
-// The file is JSON: {"keychain-storage": [{"key-id": number, "key-string": text}, ...]}. A key's text is kept exactly as
-// written. Control phases in mode "keychain" name a key by its id.
+// The file is JSON: {"keychain-storage": [{"key-id": number, "key-string": text}, ...]}. A key's text is kept exactly
+// as written. Control phases in mode "keychain" name a key by its id.
 
 #ifndef IPSLA_CONFIG_KEYCHAIN_H_
 #define IPSLA_CONFIG_KEYCHAIN_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "config/task_config.h"
+
+struct cJSON;
 
 namespace ipsla {
 
 /// Key id to key text, in ascending id.
 using KeychainStorage = std::map<std::int32_t, std::string>;
 
-/// Reads the keychain file into `storage`, which is emptied first. 0, or -1 after logging the reason (a document without
-/// "keychain-storage" fails without a line, deliberately). Faulty and duplicate entries are logged and skipped; the
-/// first definition of an id wins.
+/// A skipped element of "keychain-storage".
+struct KeyFault {
+  std::size_t position = 0;        ///< index of the element in the array, from 0
+  std::optional<std::int32_t> id;  ///< the key id, when the element was skipped as a duplicate
+  std::string reason;              ///< the exact text that the daemon logs
+};
+
+/// The rules of the keychain file without its file and its log: adds the elements of `array` to `storage` and returns
+/// those that were skipped, in order.
+[[nodiscard]] std::vector<KeyFault> ReadKeys(const cJSON* array, KeychainStorage* storage);
+
+/// Reads the keychain file into `storage`, which is emptied first. 0, or -1 after logging the reason (a document
+/// without "keychain-storage" fails without a line, deliberately). Faulty and duplicate entries are logged and skipped;
+/// the first definition of an id wins.
 [[nodiscard]] int ParseKeychainConfig(const std::string& filename, KeychainStorage* storage);
 
 /// Puts the key that `auth` needs into `key`: the password, the keychain's key for the (8-bit) key id, or "no key

@@ -71,12 +71,12 @@ struct SlaSchedulerConfig {
 
 /// Both ends of one phase of a task.
 struct SlaEndpointConfig {
-  std::uint32_t if_index = 0;   ///< source interface when the source was given as one, else 0
-  std::string if_name;          ///< its name, else empty
-  sockaddr_in src{};            ///< local source; port and address in network byte order
-  sockaddr_in dst{};            ///< remote responder, same form
-  bool src_port_any = false;    ///< source port was configured as "any"; the port in src is then 0
-  std::string vrf;              ///< network namespace of this phase's sockets; empty: the daemon's own
+  std::uint32_t if_index = 0;  ///< source interface when the source was given as one, else 0
+  std::string if_name;         ///< its name, else empty
+  sockaddr_in src{};           ///< local source; port and address in network byte order
+  sockaddr_in dst{};           ///< remote responder, same form
+  bool src_port_any = false;   ///< source port was configured as "any"; the port in src is then 0
+  std::string vrf;             ///< network namespace of this phase's sockets; empty: the daemon's own
 
   /// Compares every configured field (addresses by family, port and address).
   bool operator==(const SlaEndpointConfig& other) const;
@@ -103,14 +103,14 @@ struct SlaTaskConfig {
   std::int32_t control_timeout = 0;  ///< milliseconds
   std::int32_t control_retry = 0;    ///< seconds until the run after one that could not start
   SlaEndpointConfig measurement;
-  std::int32_t num_packets = 0;      ///< probes per run
-  std::uint16_t packet_size = 0;     ///< bytes: the configured size less PacketHeaderSize
-  std::int32_t interval = 0;         ///< milliseconds between probes
-  std::int32_t timeout = 0;          ///< milliseconds, measurement phase
+  std::int32_t num_packets = 0;   ///< probes per run
+  std::uint16_t packet_size = 0;  ///< bytes: the configured size less PacketHeaderSize
+  std::int32_t interval = 0;      ///< milliseconds between probes
+  std::int32_t timeout = 0;       ///< milliseconds, measurement phase
   std::uint8_t ttl = 0;
-  std::uint8_t dscp = 0;             ///< 0..63
-  std::uint8_t cos = 0;              ///< IEEE 802.1p priority
-  std::uint8_t num_rep_hist = 0;     ///< length of the statistics history
+  std::uint8_t dscp = 0;          ///< 0..63
+  std::uint8_t cos = 0;           ///< IEEE 802.1p priority
+  std::uint8_t num_rep_hist = 0;  ///< length of the statistics history
 
   /// True when a reload need not touch the running test: every configured field is equal.
   bool operator==(const SlaTaskConfig&) const = default;

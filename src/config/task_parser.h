@@ -1,4 +1,8 @@
 // One task object of the tasks file as a record or a reason: the parser's rules without its file and its log.
+//
+// There is one set of rules with two users. The daemon (ParseTask) stops at the first fault, so that nothing behind it
+// is looked at, and the system is not asked about a task that is skipped anyway. A checker (CheckTask) goes on behind a
+// fault wherever the rest can still be judged. The first fault that CheckTask names is the one ParseTask stops at.
 
 #ifndef IPSLA_CONFIG_TASK_PARSER_H_
 #define IPSLA_CONFIG_TASK_PARSER_H_
@@ -7,6 +11,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "config/keychain.h"
 #include "config/task_config.h"
@@ -19,6 +24,18 @@ namespace ipsla {
 /// Looks up the "src-interface" of a phase object: GetIfaceData in the daemon, a substitute in tests and checkers.
 using InterfaceLookup =
     std::function<InterfaceAddress(const std::string& vrf, const cJSON* phase, std::int32_t* status)>;
+
+/// An InterfaceLookup that needs no privileges and asks the system nothing: the name as configured with index 0 and
+/// address 0.0.0.0, or status kInterfaceNotConfigured by the same rule as GetIfaceData. Logs nothing.
+[[nodiscard]] InterfaceAddress ConfiguredInterface(const std::string& vrf, const cJSON* phase, std::int32_t* status);
+
+/// One failed check.
+struct TaskFault {
+  std::string key;     ///< where: names joined by dots, as in "control-phase.authentication.mode"
+  std::string value;   ///< the value there as JSON text, shortened when it is long; empty when the key is absent
+  std::string reason;  ///< the exact text that the daemon logs
+  bool operator==(const TaskFault&) const = default;
+};
 
 /// Outcome of ParseTask: exactly one of accepted (no fault, not abandoned), a fault, or abandoned.
 struct TaskParse {
@@ -33,6 +50,21 @@ struct TaskParse {
 /// (for duplicates), `keychain` the keys. The fault's id is config.sla_id: 0 until the third check has passed,
 /// deliberately. Logs nothing itself except a failed inet_pton(3).
 [[nodiscard]] TaskParse ParseTask(const cJSON* element, const SlaTaskMap& accepted, const KeychainStorage& keychain,
+                                  const InterfaceLookup& lookup);
+
+/// Outcome of CheckTask.
+struct TaskCheck {
+  SlaTaskConfig config;           ///< complete when there is no fault; otherwise what could be read
+  std::vector<TaskFault> faults;  ///< in the order of the rules
+  bool abandoned = false;         ///< as in TaskParse
+};
+
+/// As ParseTask, but names every fault. Behind a fault it skips only what depends on it: the members of a missing
+/// object, the run-time budget when one of its numbers is missing. Without a keychain (null) key ids are only checked
+/// to be numbers.
+/// To check a whole file: ReadConfigFile (config_file.h), then this for each element, storing each task without fault
+/// as accepted[config.sla_id] before the next.
+[[nodiscard]] TaskCheck CheckTask(const cJSON* element, const SlaTaskMap& accepted, const KeychainStorage* keychain,
                                   const InterfaceLookup& lookup);
 
 }  // namespace ipsla

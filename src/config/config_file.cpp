@@ -1,0 +1,34 @@
+#include "config/config_file.h"
+
+#include <cjson/cJSON.h>
+
+#include <utility>
+
+namespace ipsla {
+
+ConfigFile ReadConfigFile(const std::string& filename, const char* key) {
+  ConfigFile file;
+  if (filename.empty()) {
+    file.fault = ConfigFileFault::kNoName;
+    return file;
+  }
+  const std::optional<std::string> content = ReadWholeFile(filename);
+  if (!content) {
+    file.fault = ConfigFileFault::kUnreadable;
+    return file;
+  }
+  file.json = ParseJson(*content);
+  if (!file.json.document) {
+    file.fault = ConfigFileFault::kNotJson;
+    return file;
+  }
+  const cJSON* array = cJSON_GetObjectItem(file.json.document.get(), key);
+  if (cJSON_IsArray(array) == 0) {
+    file.fault = ConfigFileFault::kNoArray;
+    return file;
+  }
+  file.array = array;
+  return file;
+}
+
+}  // namespace ipsla

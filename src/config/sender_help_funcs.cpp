@@ -1,0 +1,75 @@
+#include "config/sender_help_funcs.h"
+
+#include <cjson/cJSON.h>
+
+#include <utility>
+
+#include "config/config_file.h"
+#include "config/task_parser.h"
+#include "env/environment.h"
+#include "log/log.h"
+
+namespace ipsla {
+namespace {
+
+// Logs what is wrong with the file as a whole.
+void LogFileFault(const ConfigFile& file) {
+  switch (file.fault) {
+    case ConfigFileFault::kNoName:
+      LOG_DEBUG(0, "invalid SLA tasks configuration filename");
+      break;
+    case ConfigFileFault::kUnreadable:
+      LOG_DEBUG(0, "unable to open configuration file");
+      break;
+    case ConfigFileFault::kNotJson: {
+      // Without a known position the log file gets no line and the system log one with an empty text; deliberate.
+      const std::string text = file.json.error_text.value_or("");
+      if (file.json.error_text) LOG_DEBUG_FILE(0, "JSON parse error at line: %s", text.c_str());
+      LOG_DEBUG_SYSTEM("JSON parse error at line: %s", text.c_str());
+      break;
+    }
+    case ConfigFileFault::kNoArray:
+      LOG_DEBUG(0, "ivalid configuration");  // spelled so on purpose
+      break;
+    case ConfigFileFault::kNone:
+      break;
+  }
+}
+
+// Appends the numbers of "cpus", cut to 8 bits. A missing list, or one that is no array, adds nothing.
+void AppendCpus(const cJSON* root, std::vector<std::uint8_t>* cpus) {
+  const cJSON* list = cJSON_GetObjectItem(root, "cpus");
+  if (cJSON_IsArray(list) == 0) return;
+  const cJSON* element = nullptr;
+  cJSON_ArrayForEach(element, list) {
+    // What is no number counts as CPU 0, deliberately; the library keeps integers for other types too, true being 1.
+    cpus->push_back(cJSON_IsNumber(element) != 0 ? static_cast<std::uint8_t>(element->valueint) : std::uint8_t{0});
+  }
+}
+
+}  // namespace
+
+int ParseTaskConfigs(const std::string& filename, SlaTaskMap* tasks, const KeychainStorage& keychain,
+                     std::vector<std::uint8_t>* cpus) {
+  tasks->clear();
+  const ConfigFile file = ReadConfigFile(filename, kTasksKey);
+  if (file.fault != ConfigFileFault::kNone) {
+    LogFileFault(file);
+    return -1;
+  }
+  const cJSON* element = nullptr;
+  cJSON_ArrayForEach(element, file.array) {
+    TaskParse task = ParseTask(element, *tasks, keychain, GetIfaceData);
+    if (task.abandoned) return -1;
+    if (task.fault) {
+      LOG_DEBUG(0, "SLA task ID #%u parse skipped: %s", unsigned{task.config.sla_id}, task.fault->c_str());
+      continue;
+    }
+    const std::int32_t id = task.config.sla_id;
+    tasks->insert_or_assign(id, std::move(task.config));
+  }
+  AppendCpus(file.json.document.get(), cpus);
+  return 0;
+}
+
+}  // namespace ipsla
