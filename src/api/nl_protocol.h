@@ -17,6 +17,10 @@ class nl_protocol {
   using endpoint = boost::asio::generic::basic_endpoint<nl_protocol>;
   using socket = boost::asio::basic_raw_socket<nl_protocol>;
 
+  nl_protocol() = default;
+  /// What an endpoint makes of its address; there is only this one protocol.
+  nl_protocol(int /*family*/, int /*protocol*/) {}
+
   [[nodiscard]] static int type() { return SOCK_RAW; }
   [[nodiscard]] static int protocol() { return NETLINK_ROUTE; }
   [[nodiscard]] static int family() { return AF_NETLINK; }

@@ -195,5 +195,7 @@ class Build:
         }
 
     def launcher(self):
+        # A crash that a test provokes leaves no core file behind.
+        launcher = ["prlimit", "--core=0"]
         # The thread sanitizer's shadow memory does not fit a widely randomised address space.
-        return ["setarch", "-R"] if "thread" in self.sanitizers else []
+        return launcher + (["setarch", "-R"] if "thread" in self.sanitizers else [])
