@@ -79,7 +79,10 @@ boost::thread::attributes WriterAttributes() {
 
 struct Logger::Impl {
   Impl(std::string log_directory, const LogFileCalls& file_calls)
-      : directory(std::move(log_directory)), calls(file_calls), writer(WriterAttributes(), [this] { service.run(); }) {}
+      : directory(std::move(log_directory)), calls(file_calls), writer(WriterAttributes(), [this] {
+          pthread_setname_np(pthread_self(), "log-writer");
+          service.run();
+        }) {}
 
   std::shared_ptr<LogFile> Find(std::uint16_t id) {
     const std::lock_guard lock(mutex);

@@ -181,13 +181,21 @@ std::vector<Row> Rows() {
 }
 
 // The tasks accepted before: one with id 5.
-SlaTaskMap Accepted() { return {{5, SlaTaskConfig{}}}; }
+SlaTaskMap Accepted() {
+  return {{5, SlaTaskConfig{}}};
+}
 
-KeychainStorage Keys() { return {{1, "one"}, {257, "two hundred and fifty-seven"}}; }
+KeychainStorage Keys() {
+  return {{1, "one"}, {257, "two hundred and fifty-seven"}};
+}
 
-TaskParse Parse(const JsonDocument& task) { return ParseTask(task.get(), Accepted(), Keys(), ConfiguredInterface); }
+TaskParse Parse(const JsonDocument& task) {
+  return ParseTask(task.get(), Accepted(), Keys(), ConfiguredInterface);
+}
 
-TaskParse Parse(const std::vector<Edit>& edits) { return Parse(Edited(ValidTask(), edits)); }
+TaskParse Parse(const std::vector<Edit>& edits) {
+  return Parse(Edited(ValidTask(), edits));
+}
 
 std::string Reason(const std::vector<Edit>& edits) {
   const TaskParse parse = Parse(edits);
@@ -283,7 +291,9 @@ std::string RowName(const testing::TestParamInfo<Row>& info) {
 INSTANTIATE_TEST_SUITE_P(EveryCheck, TaskFaultTest, testing::ValuesIn(Rows()), RowName);
 
 // True when `path` is inside `object`, so that replacing the object undoes an edit of the path.
-bool IsInside(const std::string& path, const std::string& object) { return path.starts_with(object + "."); }
+bool IsInside(const std::string& path, const std::string& object) {
+  return path.starts_with(object + ".");
+}
 
 bool Undoes(const std::vector<Edit>& later, const std::vector<Edit>& earlier) {
   for (const Edit& a : later) {
@@ -426,8 +436,7 @@ TEST(TaskParserTest, TakesTextThatIsNoAddressAsZero) {
 TEST(TaskParserTest, LogsAFailedAddressConversion) {
   static_cast<void>(test::TakeSyslog());
   EXPECT_EQ(Reason({{"udp-jitter.dst-address", kFailingAddress}}), "invalid measurement phase destination ip address");
-  EXPECT_THAT(test::TakeSyslogTexts(),
-              ElementsAre("inet_pton() failed: Address family not supported by protocol"));
+  EXPECT_THAT(test::TakeSyslogTexts(), ElementsAre("inet_pton() failed: Address family not supported by protocol"));
 }
 
 TEST(TaskParserTest, NeedsNoAlgorithmForModeNo) {
@@ -539,8 +548,8 @@ InterfaceAddress SomeInterface() {
 
 TEST(TaskParserTest, TakesTheSourceFromItsInterface) {
   RecordingLookup lookup{.answer = SomeInterface(), .asked = {}};
-  const JsonDocument task = Edited(
-      ValidTask(), {{"control-phase.src-address", ""}, {"control-phase.src-interface", "\"eth4\""}});
+  const JsonDocument task =
+      Edited(ValidTask(), {{"control-phase.src-address", ""}, {"control-phase.src-interface", "\"eth4\""}});
   const TaskParse parse = ParseTask(task.get(), {}, {}, lookup.Function());
   ASSERT_TRUE(parse.Accepted());
   EXPECT_THAT(lookup.asked, ElementsAre("blue/eth4"));
@@ -618,8 +627,7 @@ TEST(TaskCheckTest, NamesEveryFaultInTheOrderOfTheRules) {
   EXPECT_THAT(
       check.faults,
       ElementsAre(
-          TaskFault{"sla-id", "5", "duplicate task"},
-          TaskFault{"num-rep-hist", "0", "invalid history count value"},
+          TaskFault{"sla-id", "5", "duplicate task"}, TaskFault{"num-rep-hist", "0", "invalid history count value"},
           TaskFault{"scheduler.Start-time", "", "no scheduler time configuration"},
           TaskFault{"scheduler.life-time", "-5", "invalid scheduler time configuration"},
           TaskFault{"control-phase.timeout", "0", "invalid control phase timeout value"},
@@ -648,8 +656,8 @@ TEST(TaskCheckTest, NamesEveryMissingMemberOfAnEmptyTask) {
 }
 
 TEST(TaskCheckTest, ChecksKeyIdsOnlyAgainstAGivenKeychain) {
-  const JsonDocument task = Edited(ValidTask(), {{"control-phase.authentication",
-                                                  R"({"mode":"keychain","algorithm":"sha256","key-id":99})"}});
+  const JsonDocument task = Edited(
+      ValidTask(), {{"control-phase.authentication", R"({"mode":"keychain","algorithm":"sha256","key-id":99})"}});
   EXPECT_THAT(CheckTask(task.get(), {}, nullptr, ConfiguredInterface).faults, IsEmpty());
   const KeychainStorage keys = Keys();
   EXPECT_EQ(CheckTask(task.get(), {}, &keys, ConfiguredInterface).faults.size(), 1U);
