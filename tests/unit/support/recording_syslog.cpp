@@ -12,8 +12,16 @@
 
 namespace {
 
-std::mutex mutex;
-std::vector<ipsla::test::SyslogRecord> records;  // guarded by mutex
+struct Recorder {
+  std::mutex mutex;
+  std::vector<ipsla::test::SyslogRecord> records;  // guarded by mutex
+};
+
+// Made on first use and never destroyed: messages come before main and while the process exits.
+Recorder& TheRecorder() {
+  static Recorder& recorder = *new Recorder;
+  return recorder;
+}
 
 std::string LogPath(std::uint16_t id) {
   const std::string name = id == 0 ? "sender.log" : "test_" + std::to_string(id) + ".log";
@@ -32,8 +40,9 @@ extern "C" void SYSLOG_message(int module, int flag, int severity, const char* f
   std::string line(static_cast<std::size_t>(length > 0 ? length : 0), '\0');
   std::vsnprintf(line.data(), line.size() + 1, format, again);
   va_end(again);
-  const std::lock_guard lock(mutex);
-  records.push_back({module, flag, severity, std::move(line)});
+  Recorder& recorder = TheRecorder();
+  const std::lock_guard lock(recorder.mutex);
+  recorder.records.push_back({module, flag, severity, std::move(line)});
 }
 
 extern "C" void SYSLOG_close(void) {}
@@ -47,8 +56,9 @@ std::string SyslogRecord::Text() const {
 }
 
 std::vector<SyslogRecord> TakeSyslog() {
-  const std::lock_guard lock(mutex);
-  return std::exchange(records, {});
+  Recorder& recorder = TheRecorder();
+  const std::lock_guard lock(recorder.mutex);
+  return std::exchange(recorder.records, {});
 }
 
 std::vector<std::string> TakeSyslogTexts() {

@@ -1,0 +1,329 @@
+#include "log/logger.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <boost/thread/exceptions.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <future>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "log/log_file.h"
+#include "log/thread_stack.h"
+#include "support/child_process.h"
+#include "support/temporary_directory.h"
+#include "support/text_files.h"
+
+namespace ipsla::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::MatchesRegex;
+
+// The lines of a log file without their times.
+std::vector<std::string> Texts(const std::filesystem::path& path) {
+  constexpr std::size_t kTimeLength = 21;  // "dd-mm-yyyy hh:mm:ss: "
+  std::vector<std::string> texts;
+  for (const std::string& line : ReadLines(path)) {
+    EXPECT_THAT(line, MatchesRegex("[0-9][0-9]-[0-9][0-9]-[0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}: .*"));
+    texts.push_back(line.size() < kTimeLength ? line : line.substr(kTimeLength));
+  }
+  return texts;
+}
+
+class LoggerTest : public testing::Test {
+ protected:
+  TemporaryDirectory directory_;
+  Logger logger_{directory_.Path().string() + "/"};
+};
+
+TEST_F(LoggerTest, WritesTheDaemonsFileAndOnePerTest) {
+  for (const std::uint16_t id : std::initializer_list<std::uint16_t>{0, 7, 65535}) logger_.OpenLogFile(id);
+  logger_.Log(0, 1, "%s %d", "daemon", 1);
+  logger_.Log(7, 1, "plain");
+  logger_.Log(65535, 0, "%5.1f%%", 99.5);
+  logger_.Flush();
+  EXPECT_THAT(Texts(directory_ / "sender.log"), ElementsAre("daemon 1"));
+  EXPECT_THAT(Texts(directory_ / "test_7.log"), ElementsAre("plain"));
+  EXPECT_THAT(Texts(directory_ / "test_65535.log"), ElementsAre(" 99.5%"));
+}
+
+TEST_F(LoggerTest, BeginsEachLineWithTheLocalTime) {
+  const auto run = [] {
+    setenv("TZ", "LAB-05:30", 1);
+    tzset();
+    const TemporaryDirectory directory;
+    Logger logger(directory.Path().string() + "/");
+    logger.OpenLogFile(0);
+    const std::time_t before = std::time(nullptr);
+    logger.Log(0, 1, "now");
+    logger.Flush();
+    const std::time_t after = std::time(nullptr);
+    const std::string line = ReadText(directory / "sender.log");
+    tm fields{};
+    const char* rest = strptime(line.c_str(), "%d-%m-%Y %T", &fields);
+    if (rest == nullptr || std::string(rest) != ": now\n") FinishChild("unexpected line " + line);
+    const std::time_t stamp = timegm(&fields) - (5 * 3600 + 30 * 60);
+    FinishChild(before <= stamp + 1 && stamp <= after ? "" : "not the local time: " + line);
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(LoggerTest, WritesLongTextsWhole) {
+  logger_.OpenLogFile(1);
+  const std::string text(100000, 'x');
+  logger_.Log(1, 1, "%s", text.c_str());
+  logger_.Flush();
+  EXPECT_THAT(Texts(directory_ / "test_1.log"), ElementsAre(text));
+}
+
+TEST_F(LoggerTest, CreatesTheMissingDirectoryWithTheFirstFile) {
+  Logger logger((directory_ / "new").string() + "/");
+  EXPECT_FALSE(std::filesystem::exists(directory_ / "new"));
+  const mode_t mask = umask(022);
+  logger.OpenLogFile(0);
+  umask(mask);
+  struct stat status {};
+  ASSERT_EQ(stat((directory_ / "new").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0755U);
+  EXPECT_TRUE(std::filesystem::exists(directory_ / "new/sender.log"));
+}
+
+TEST_F(LoggerTest, ThrowsWhenThereIsNoDirectoryAndNoneCanBeMade) {
+  WriteText(directory_ / "file", "");
+  for (const char* name : {"missing/below/", "file/"}) {
+    Logger logger((directory_ / name).string());
+    try {
+      logger.OpenLogFile(3);
+      ADD_FAILURE() << name;
+    } catch (const std::runtime_error& error) {
+      EXPECT_STREQ(error.what(), "Failed to create log directory!");
+    }
+  }
+}
+
+TEST_F(LoggerTest, IsSilentAboutAFileThatCannotBeOpened) {
+  std::filesystem::create_directory(directory_ / "test_3.log");
+  EXPECT_NO_THROW(logger_.OpenLogFile(3));
+  logger_.Log(3, 1, "lost");
+  logger_.Flush();
+  std::filesystem::remove(directory_ / "test_3.log");
+  logger_.OpenLogFile(3);
+  logger_.Log(3, 1, "found");
+  logger_.Flush();
+  EXPECT_THAT(Texts(directory_ / "test_3.log"), ElementsAre("found"));
+}
+
+TEST_F(LoggerTest, DropsTheLinesOfAFileThatIsNotOpen) {
+  logger_.Log(4, 1, "never opened");
+  logger_.OpenLogFile(4);
+  logger_.Log(4, 1, "open");
+  logger_.Flush();
+  logger_.CloseLogFile(4);
+  logger_.Log(4, 1, "closed");
+  logger_.CloseLogFile(4);
+  logger_.OpenLogFile(4);
+  logger_.OpenLogFile(4);
+  logger_.Log(4, 1, "open again");
+  logger_.Flush();
+  EXPECT_THAT(Texts(directory_ / "test_4.log"), ElementsAre("open", "open again"));
+}
+
+TEST_F(LoggerTest, KeepsErrno) {
+  logger_.OpenLogFile(1);
+  errno = EXDEV;
+  logger_.Log(1, 1, "open");
+  EXPECT_EQ(errno, EXDEV);
+  logger_.Log(2, 1, "not open");
+  EXPECT_EQ(errno, EXDEV);
+}
+
+TEST_F(LoggerTest, KeepsTheOrderOfEachThreadsLines) {
+  constexpr int kThreads = 4;
+  constexpr int kLines = 200;
+  logger_.OpenLogFile(1);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([this, t] {
+      for (int i = 0; i < kLines; ++i) logger_.Log(1, 1, "%d %d", t, i);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  logger_.Flush();
+  std::array<int, kThreads> next{};
+  for (const std::string& text : Texts(directory_ / "test_1.log")) {
+    const auto thread = static_cast<std::size_t>(text.at(0) - '0');
+    EXPECT_EQ(text.substr(2), std::to_string(next.at(thread)++));
+  }
+  EXPECT_THAT(next, testing::Each(kLines));
+}
+
+TEST_F(LoggerTest, OpensAndClosesFilesWhileOthersLog) {
+  std::atomic<bool> is_done{false};
+  std::thread writer([&] {
+    while (!is_done) logger_.Log(1, 1, "line");
+  });
+  for (int i = 0; i < 100; ++i) {
+    logger_.OpenLogFile(1);
+    logger_.CloseLogFile(1);
+  }
+  is_done = true;
+  writer.join();
+  logger_.Flush();
+  for (const std::string& text : Texts(directory_ / "test_1.log")) EXPECT_EQ(text, "line");
+}
+
+TEST_F(LoggerTest, WritesWhatIsQueuedBeforeItShutsDown) {
+  logger_.OpenLogFile(1);
+  for (int i = 0; i < 1000; ++i) logger_.Log(1, 1, "%d", i);
+  logger_.Shutdown();
+  EXPECT_EQ(Texts(directory_ / "test_1.log").size(), 1000U);
+}
+
+TEST_F(LoggerTest, DoesNothingAfterItsShutdown) {
+  logger_.OpenLogFile(1);
+  logger_.Shutdown();
+  logger_.Log(1, 1, "late");
+  logger_.OpenLogFile(1);
+  logger_.Log(1, 1, "later");
+  logger_.Flush();
+  logger_.CloseLogFile(1);
+  logger_.Shutdown();
+  EXPECT_EQ(ReadText(directory_ / "test_1.log"), "");
+}
+
+TEST_F(LoggerTest, ShutsDownOnceForManyThreads) {
+  logger_.OpenLogFile(1);
+  logger_.Log(1, 1, "line");
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([this] {
+      logger_.Shutdown();
+      EXPECT_THAT(Texts(directory_ / "test_1.log"), ElementsAre("line"));
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+// A pipe that nobody empties stands for a disk that does not answer.
+TEST(LoggerDiskTest, NeverLetsACallerWaitForTheDisk) {
+  const TemporaryDirectory directory;
+  const LogFileCalls calls{[](FILE*) { return 0L; }, &readlink};
+  ASSERT_EQ(mkfifo((directory / "test_1.log").c_str(), 0600), 0);
+  const int pipe = open((directory / "test_1.log").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_GE(pipe, 0);
+  Logger logger(directory.Path().string() + "/", calls);
+  logger.OpenLogFile(1);
+  logger.OpenLogFile(2);
+
+  constexpr std::size_t kBytes = std::size_t{1} << 20U;  // far more than a pipe holds
+  std::promise<void> posted;
+  std::size_t received = 0;
+  bool callers_went_on = false;
+  std::thread reader([&] {
+    callers_went_on = posted.get_future().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    std::vector<char> buffer(65536);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (received <= kBytes && std::chrono::steady_clock::now() < deadline) {
+      const ssize_t count = read(pipe, buffer.data(), buffer.size());
+      if (count > 0) received += static_cast<std::size_t>(count);
+      if (count <= 0) std::this_thread::yield();
+    }
+  });
+  logger.Log(1, 1, "%s", std::string(kBytes, 'x').c_str());
+  logger.Log(1, 1, "behind it");
+  logger.Log(2, 1, "another file");
+  logger.OpenLogFile(3);
+  logger.CloseLogFile(2);
+  posted.set_value();
+  reader.join();
+  logger.Shutdown();
+  close(pipe);
+  EXPECT_TRUE(callers_went_on);
+  EXPECT_GT(received, kBytes);
+}
+
+// What a seam function sees of the thread that calls it, the writer.
+struct WriterThread {
+  int policy = -1;
+  std::size_t stack = 0;
+};
+std::promise<WriterThread>* writer_seen = nullptr;
+
+long SeeWriterThread(FILE* /*stream*/) {
+  WriterThread seen;
+  seen.policy = sched_getscheduler(0);
+  pthread_attr_t attributes;
+  if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+    pthread_attr_getstacksize(&attributes, &seen.stack);
+    pthread_attr_destroy(&attributes);
+  }
+  writer_seen->set_value(seen);
+  return 0;
+}
+
+TEST(LoggerThreadTest, HasASmallStackAndNormalPriorityEvenForARealTimeCreator) {
+  const TemporaryDirectory directory;
+  std::promise<WriterThread> seen;
+  writer_seen = &seen;
+  bool is_real_time = false;
+  std::thread creator([&] {
+    sched_param parameters{};
+    parameters.sched_priority = 1;
+    is_real_time = sched_setscheduler(0, SCHED_RR, &parameters) == 0;
+    Logger logger(directory.Path().string() + "/", LogFileCalls{&SeeWriterThread, &readlink});
+    logger.OpenLogFile(0);
+    logger.Log(0, 1, "line");
+    logger.Flush();
+  });
+  creator.join();
+  const WriterThread writer = seen.get_future().get();
+  EXPECT_GE(writer.stack, log_internal::RoundedStackBytes());
+  EXPECT_LE(writer.stack, 4 * log_internal::RoundedStackBytes());  // the C library may reuse one up to so much larger
+  EXPECT_EQ(writer.policy, SCHED_OTHER);
+  if (!is_real_time) GTEST_SKIP() << "this machine gives no real-time priority: inheritance was not tried";
+}
+
+Logger* logger_to_end = nullptr;
+std::promise<std::string>* end_result = nullptr;
+
+long ShutDownOnTheWriter(FILE* /*stream*/) {
+  try {
+    logger_to_end->Shutdown();
+    end_result->set_value("no exception");
+  } catch (const boost::thread_resource_error& error) {
+    end_result->set_value(error.what());
+  }
+  return 0;
+}
+
+TEST(LoggerThreadTest, RefusesToWaitForItself) {
+  const TemporaryDirectory directory;
+  Logger logger(directory.Path().string() + "/", LogFileCalls{&ShutDownOnTheWriter, &readlink});
+  std::promise<std::string> result;
+  logger_to_end = &logger;
+  end_result = &result;
+  logger.OpenLogFile(0);
+  logger.Log(0, 1, "line");
+  EXPECT_THAT(result.get_future().get(), testing::HasSubstr("boost thread: trying joining itself"));
+  logger.Shutdown();
+  EXPECT_THAT(Texts(directory / "sender.log"), ElementsAre("line"));
+}
+
+}  // namespace
+}  // namespace ipsla::test

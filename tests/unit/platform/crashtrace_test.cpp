@@ -1,0 +1,75 @@
+// The stand-in for the crash-trace library: every test crashes a child process.
+
+#include "platform/crashtrace.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace ipsla::test {
+namespace {
+
+void Prepare() {
+  backtrace_set_program_name("crash-tester");
+  backtrace_open_console();
+  backtrace_install_signal_handlers();
+}
+
+std::string TraceOf(int number, const std::string& name) {
+  return "crash-tester: thread [0-9]+ ended by signal " + std::to_string(number) + " \\(" + name +
+         "\\), back-trace:\n.*ipsla-unit-tests";
+}
+
+struct Crash {
+  int number;
+  const char* name;
+};
+
+class CrashTraceTest : public testing::TestWithParam<Crash> {};
+
+TEST_P(CrashTraceTest, PrintsTheBackTraceAndDiesOfTheSignal) {
+  const auto [number, name] = GetParam();
+  const auto crash = [number = number] {
+    Prepare();
+    raise(number);
+  };
+  EXPECT_EXIT(crash(), testing::KilledBySignal(number), TraceOf(number, name));
+}
+
+INSTANTIATE_TEST_SUITE_P(FatalSignals, CrashTraceTest,
+                         testing::Values(Crash{SIGSEGV, "SIGSEGV"}, Crash{SIGBUS, "SIGBUS"}, Crash{SIGFPE, "SIGFPE"},
+                                         Crash{SIGILL, "SIGILL"}, Crash{SIGABRT, "SIGABRT"}, Crash{SIGSYS, "SIGSYS"}),
+                         [](const auto& crash) { return std::string(crash.param.name); });
+
+TEST(CrashTraceConsoleTest, ReportsTheCrashOfAnotherThread) {
+  const auto crash = [] {
+    Prepare();
+    std::thread([] { raise(SIGSEGV); }).join();
+  };
+  EXPECT_EXIT(crash(), testing::KilledBySignal(SIGSEGV), TraceOf(SIGSEGV, "SIGSEGV"));
+}
+
+TEST(CrashTraceConsoleTest, KeepsTheConsoleThatWasOpened) {
+  const auto crash = [] {
+    Prepare();
+    close(STDERR_FILENO);
+    raise(SIGABRT);
+  };
+  EXPECT_EXIT(crash(), testing::KilledBySignal(SIGABRT), TraceOf(SIGABRT, "SIGABRT"));
+}
+
+TEST(CrashTraceConsoleTest, CutsALongProgramName) {
+  const auto crash = [] {
+    Prepare();
+    backtrace_set_program_name(std::string(1000, 'n').c_str());
+    raise(SIGABRT);
+  };
+  EXPECT_EXIT(crash(), testing::KilledBySignal(SIGABRT), "^" + std::string(255, 'n') + ": thread ");
+}
+
+}  // namespace
+}  // namespace ipsla::test
