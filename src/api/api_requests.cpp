@@ -20,7 +20,9 @@ namespace {
 // Lets the requester keep up with the fragments of a long reply.
 constexpr std::int64_t kFragmentPauseNanoseconds = 10'000'000;
 
-const char* TextOrEmpty(const JsonText& text) { return text ? text.get() : ""; }
+const char* TextOrEmpty(const JsonText& text) {
+  return text ? text.get() : "";
+}
 
 std::optional<std::set<std::string>> RequestedGroups(const cJSON* object) {
   auto groups = ReadMetricGroups(cJSON_GetObjectItem(object, "metrics"));

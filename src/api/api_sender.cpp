@@ -42,7 +42,9 @@ void EnlargeReceiveBuffer(int fd) {
 }
 
 // Both phases of a task run in one VRF.
-const std::string& VrfOf(const SlaTaskConfig& task) { return task.measurement.vrf; }
+const std::string& VrfOf(const SlaTaskConfig& task) {
+  return task.measurement.vrf;
+}
 
 }  // namespace
 
@@ -228,7 +230,9 @@ void ApiSender::ReleaseNetlinkSocket(const std::string& vrf) {
   netlink_.Release(vrf);
 }
 
-void ApiSender::CreateNetlinkSocketInVrf(const std::string& vrf) { netlink_.CreateNetlinkSocketInVrf(vrf); }
+void ApiSender::CreateNetlinkSocketInVrf(const std::string& vrf) {
+  netlink_.CreateNetlinkSocketInVrf(vrf);
+}
 
 void ApiSender::UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address, std::uint32_t old_address) {
   for (const auto& [id, test] : tests_) test->UpdateLocalAddress(if_index, new_address, old_address);

@@ -37,13 +37,13 @@ inline constexpr std::size_t kThreadsPerCpu = 15;
 /// Owns the tests, the worker context on which they run, and everything that the service context serves: the API
 /// socket, the netlink sockets, the wall-clock watcher.
 ///
-/// Threads: unless it says otherwise, an operation belongs to the service thread: the API thread once it runs the service context, the main
-/// thread before that and after it has ended. Only that thread changes the task map, the test map, the netlink
-/// sockets and the interface table.
+/// Threads: unless it says otherwise, an operation belongs to the service thread: the API thread once it runs the
+/// service context, the main thread before that and after it has ended. Only that thread changes the task map, the test
+/// map, the netlink sockets and the interface table.
 ///
 /// Failures: a configuration that cannot be read is a status; a test or a VRF that cannot be set up is an exception
-/// that nothing here catches. It ends the process, also from a reload: a configuration that passed the parser but cannot
-/// be started is deliberately fatal.
+/// that nothing here catches. It ends the process, also from a reload: a configuration that passed the parser but
+/// cannot be started is deliberately fatal.
 ///
 /// The service context must outlive the object. A handler still queued there after Stop() does nothing.
 class ApiSender : private InterfaceObserver {
@@ -148,8 +148,8 @@ class ApiSender : private InterfaceObserver {
 
   // The main thread starts the worker threads when the API thread runs already, and may at once handle a reload.
   mutable std::mutex main_loop_mutex_;
-  std::vector<std::uint8_t> cpus_;     // guarded by main_loop_mutex_
-  bool started_ = false;               // likewise: the worker threads were started
+  std::vector<std::uint8_t> cpus_;      // guarded by main_loop_mutex_
+  bool started_ = false;                // likewise: the worker threads were started
   boost::thread_group worker_threads_;  // likewise
   boost::asio::deadline_timer idle_timer_;
 

@@ -45,8 +45,8 @@ struct ClockWatch {
 /// Waits until the descriptor is readable; TimeChanged follows.
 void WaitForClockChange(const std::shared_ptr<ClockWatch>& watch);
 
-/// The end of a wait. Kicks the keep-alive, reads the 8 bytes of the expiry count and, when the read says that the clock
-/// was set (ECANCELED), restarts every test. Waits again whatever happened, unless the descriptor was closed.
+/// The end of a wait. Kicks the keep-alive, reads the 8 bytes of the expiry count and, when the read says that the
+/// clock was set (ECANCELED), restarts every test. Waits again whatever happened, unless the descriptor was closed.
 /// Threads: the service thread.
 void TimeChanged(const boost::system::error_code& error, const std::shared_ptr<ClockWatch>& watch);
 

@@ -47,7 +47,9 @@ void Bind(nl_protocol::socket& socket) {
 }
 
 // The namespace to enter for a VRF key: the daemon's own is never entered.
-std::string NamespaceOf(const std::string& vrf_key) { return vrf_key == kDefaultVrf ? std::string() : vrf_key; }
+std::string NamespaceOf(const std::string& vrf_key) {
+  return vrf_key == kDefaultVrf ? std::string() : vrf_key;
+}
 
 }  // namespace
 
@@ -70,7 +72,9 @@ NetlinkWatcher::NetlinkWatcher(boost::asio::io_context& service, std::shared_ptr
                                InterfaceObserver& observer)
     : service_(service), table_(std::move(table)), observer_(observer) {}
 
-NetlinkWatcher::~NetlinkWatcher() { Close(); }
+NetlinkWatcher::~NetlinkWatcher() {
+  Close();
+}
 
 void NetlinkWatcher::CreateNetlinkSocketInVrf(const std::string& vrf) {
   const std::string key = VrfKey(vrf);
@@ -116,12 +120,11 @@ int NetlinkWatcher::NativeHandle(const std::string& vrf) {
 }
 
 void NetlinkWatcher::Receive(const WatchPtr& watch) {
-  watch->socket.async_receive(
-      boost::asio::buffer(watch->buffer),
-      [this, watch](const boost::system::error_code& error, std::size_t bytes) {
-        // Checked first: once the socket is closed, the watcher itself may be gone.
-        if (watch->socket.is_open()) NetlinkReceivePacket(error, bytes, watch);
-      });
+  watch->socket.async_receive(boost::asio::buffer(watch->buffer),
+                              [this, watch](const boost::system::error_code& error, std::size_t bytes) {
+                                // Checked first: once the socket is closed, the watcher itself may be gone.
+                                if (watch->socket.is_open()) NetlinkReceivePacket(error, bytes, watch);
+                              });
 }
 
 void NetlinkWatcher::NetlinkReceivePacket(const boost::system::error_code& error, std::size_t bytes,

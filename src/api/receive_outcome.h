@@ -21,10 +21,9 @@ enum class ReceiveOutcome {
 [[nodiscard]] inline ReceiveOutcome ClassifyReceive(const boost::system::error_code& error, std::size_t bytes) {
   if (!error) return bytes == 0 ? ReceiveOutcome::kAgain : ReceiveOutcome::kData;
   if (error == boost::asio::error::no_buffer_space) return ReceiveOutcome::kLost;
-  const bool unusable = error == boost::asio::error::operation_aborted ||
-                        error == boost::asio::error::bad_descriptor || error == boost::asio::error::not_socket ||
-                        error == boost::asio::error::invalid_argument || error == boost::asio::error::fault ||
-                        error == boost::asio::error::operation_not_supported;
+  const bool unusable = error == boost::asio::error::operation_aborted || error == boost::asio::error::bad_descriptor ||
+                        error == boost::asio::error::not_socket || error == boost::asio::error::invalid_argument ||
+                        error == boost::asio::error::fault || error == boost::asio::error::operation_not_supported;
   return unusable ? ReceiveOutcome::kEnd : ReceiveOutcome::kAgain;
 }
 

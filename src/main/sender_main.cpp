@@ -8,10 +8,10 @@
 #include <ctime>
 #include <exception>
 
+#include <openssl/crypto.h>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/thread/thread.hpp>
-#include <openssl/crypto.h>
 
 #include "api/api_sender.h"
 #include "env/environment.h"

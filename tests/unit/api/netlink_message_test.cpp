@@ -111,7 +111,8 @@ TEST(NetlinkMessageTest, ActsOnlyOnTheFirstMessageOfADatagram) {
 }
 
 TEST(NetlinkMessageTest, IgnoresOtherTypes) {
-  for (const std::uint16_t type : {0, 1, 3, 15, 18, 19, 22, 24, 0xFFFF}) {
+  for (const int other : {0, 1, 3, 15, 18, 19, 22, 24, 0xFFFF}) {
+    const auto type = static_cast<std::uint16_t>(other);
     EXPECT_EQ(Parse(Message(type, Bytes(64, 1))).event, NetlinkEvent::kIgnored) << type;
   }
 }
@@ -129,8 +130,8 @@ TEST(NetlinkMessageTest, BodyTooShortForItsTypeIsIgnored) {
     std::uint16_t type;
     std::size_t needed;
   };
-  for (const auto& [type, needed] : {Case{2, 4}, Case{kNewLink, 16}, Case{kDelLink, 16}, Case{kNewAddr, 8},
-                                     Case{kDelAddr, 8}}) {
+  for (const auto& [type, needed] :
+       {Case{2, 4}, Case{kNewLink, 16}, Case{kDelLink, 16}, Case{kNewAddr, 8}, Case{kDelAddr, 8}}) {
     EXPECT_EQ(Parse(Message(type, Bytes(needed - 1, 1))).event, NetlinkEvent::kIgnored) << type;
     EXPECT_NE(Parse(Message(type, Bytes(needed, 1))).event, NetlinkEvent::kIgnored) << type;
   }
@@ -159,15 +160,14 @@ TEST(NetlinkMessageTest, AttributeThatLiesAboutItsLengthEndsTheWalk) {
     Append(&liar, claimed);
     Append(&liar, kIfaLocal);
     liar = liar + Bytes{10, 0, 0, 2};
-    const auto message =
-        Parse(AddressMessage(kNewAddr, AF_INET, 3, Attribute(kIfaLocal, {10, 0, 0, 1}) + liar));
+    const auto message = Parse(AddressMessage(kNewAddr, AF_INET, 3, Attribute(kIfaLocal, {10, 0, 0, 1}) + liar));
     EXPECT_EQ(message.addresses.size(), read ? 2U : 1U) << claimed;
   }
 }
 
 TEST(NetlinkMessageTest, AttributesOfOddLengthAreAligned) {
-  const auto message = Parse(LinkMessage(kNewLink, 7, 1, Attribute(4, {1}) + Attribute(5, {1, 2}) +
-                                                             Attribute(6, {1, 2, 3}) + NameAttribute("eth0")));
+  const auto message = Parse(LinkMessage(
+      kNewLink, 7, 1, Attribute(4, {1}) + Attribute(5, {1, 2}) + Attribute(6, {1, 2, 3}) + NameAttribute("eth0")));
   EXPECT_EQ(message.name, "eth0");
 }
 
@@ -180,7 +180,7 @@ TEST(NetlinkMessageTest, SurvivesRandomDamage) {
   std::size_t acted_on = 0;
   for (int round = 0; round < 20000; ++round) {
     Bytes bytes = seeds[random() % std::size(seeds)];
-    for (unsigned change = random() % 4; change > 0; --change) {
+    for (auto change = random() % 4; change > 0; --change) {
       bytes[random() % bytes.size()] = static_cast<std::uint8_t>(random());
     }
     bytes.resize(random() % 5 == 0 ? random() % bytes.size() : bytes.size());

@@ -252,7 +252,7 @@ TEST(TaskParserTest, FillsBothEndpointsInNetworkByteOrder) {
   EXPECT_EQ(task.control_phase.src.sin_port, 0);
   EXPECT_EQ(task.control_phase.dst.sin_family, AF_INET);
   EXPECT_EQ(Ipv4ToString(task.control_phase.dst.sin_addr), "192.0.2.2");
-  EXPECT_EQ(task.control_phase.dst.sin_port, htons(1167));
+  EXPECT_EQ(task.control_phase.dst.sin_port, htons(1234));
   EXPECT_EQ(task.measurement.vrf, "blue");
   EXPECT_EQ(Ipv4ToString(task.measurement.src.sin_addr), "192.0.2.3");
   EXPECT_FALSE(task.measurement.src_port_any);

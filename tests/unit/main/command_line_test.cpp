@@ -51,7 +51,7 @@ const Case kCases[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(Table, CommandLineTest, testing::ValuesIn(kCases),
-                         [](const auto& info) { return info.param.name; });
+                         [](const auto& row) { return row.param.name; });
 
 TEST(CommandLineTextTest, BannerNamesVersionDateAndTime) {
   const std::regex shape(
