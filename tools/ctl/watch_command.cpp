@@ -1,18 +1,13 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <optional>
 
 #include "ctl/commands.h"
+#include "ctl/interrupts.h"
 #include "ctl/terminal.h"
 #include "ctl/watch_changes.h"
 
@@ -21,54 +16,6 @@ namespace {
 
 using client::ClientError;
 using client::SenderClient;
-
-/// SIGINT and SIGTERM as a readable descriptor instead of a death.
-class Interrupts {
- public:
-  Interrupts() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &signals, &previous_);
-    fd_ = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (fd_ < 0) {
-      throw ClientError(ClientError::Kind::kSystem, std::string("signalfd: ") + std::strerror(errno));
-    }
-  }
-  ~Interrupts() {
-    // Taken from the queue, or the signal would end the program when it is unblocked.
-    signalfd_siginfo info{};
-    while (read(fd_, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
-    }
-    close(fd_);
-    sigprocmask(SIG_SETMASK, &previous_, nullptr);
-  }
-  Interrupts(const Interrupts&) = delete;
-  Interrupts& operator=(const Interrupts&) = delete;
-
-  [[nodiscard]] int fd() const { return fd_; }
-
-  /// True when interrupted before `duration` has passed.
-  [[nodiscard]] bool WaitFor(std::chrono::milliseconds duration) const {
-    using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + duration;
-    pollfd wait{fd_, POLLIN, 0};
-    while (true) {
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-      if (poll(&wait, 1, static_cast<int>(std::max<std::int64_t>(left, 0))) > 0) {
-        return true;
-      }
-      if (Clock::now() >= deadline) {
-        return false;
-      }
-    }
-  }
-
- private:
-  sigset_t previous_{};
-  int fd_ = -1;
-};
 
 /// Shows each refresh as its kind of output wants it.
 class Display {
