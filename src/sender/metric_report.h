@@ -3,6 +3,8 @@
 #ifndef IPSLA_SENDER_METRIC_REPORT_H_
 #define IPSLA_SENDER_METRIC_REPORT_H_
 
+#include <string>
+
 #include "config/task_config.h"
 #include "sender/task_metrics.h"
 
@@ -12,6 +14,9 @@ namespace ipsla {
 /// and order. The last three sections reach the test's file only for jitter types but the system log always; that
 /// asymmetry is deliberate. Any thread.
 void PrintMetric(const SlaTaskConfig& config, const SlaTaskMetrics& metrics);
+
+/// The duration in the report's header: "~3 seconds" for 2.6.
+[[nodiscard]] std::string OperationTimeText(double seconds);
 
 }  // namespace ipsla
 

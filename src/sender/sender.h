@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -21,6 +23,7 @@
 
 #include "config/keychain.h"
 #include "config/task_config.h"
+#include "env/environment.h"
 #include "sender/interface_table.h"
 #include "sender/task_metrics.h"
 
@@ -56,8 +59,8 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   Sender(const Sender&) = delete;
   Sender& operator=(const Sender&) = delete;
 
-  /// The first start. Throws std::runtime_error "Cannot parse time string: ..." for a bad start or life time. A negative
-  /// life time leaves the test unstarted for good. Call once.
+  /// The first start. Throws std::runtime_error "Cannot parse time string: ..." for a bad start or life time. A
+  /// negative life time leaves the test unstarted for good. Call once.
   void Schedule();
 
   /// Ends the run in progress without storing it, closes its sockets and cancels the timer. With `final` the test never
@@ -133,8 +136,10 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   /// the test.
   void StartFuncTimeout(const TimerHandler& handler, std::uint32_t milliseconds);
 
-  /// Ring slot of a sequence number.
-  [[nodiscard]] std::size_t SlotOf(std::uint32_t sequence) const { return sequence % packets_.size(); }
+  /// Makes the armed wait of the timer void.
+  void CancelTimer();
+
+  [[nodiscard]] bool IsStoppedLocked() const;
 
   /// Starts the record of the probe about to be sent: sequence number, state and times.
   SlaPacketRecord& OpenRecord(std::uint32_t sequence, const timespec& now);
@@ -145,11 +150,23 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   /// Marks a slot as answered: arrival order, state, counters.
   void AcceptReply(SlaPacketRecord* record);
 
-  /// Rest of the interval since the last probe, in nanoseconds: never more than one interval, 0 before the first.
-  [[nodiscard]] std::int64_t PauseNanoseconds() const;
+  /// The work of a send handler, called WITHOUT mutex_: sleeps for the rest of the interval since the last probe, cut
+  /// to whole units of `granularity_ns`, then calls `send_probe` with mutex_ held. Does nothing once `run` is over. A
+  /// failed wait is logged and ends the sending.
+  void PacedSend(const boost::system::error_code& error, RunNumber run, std::int64_t granularity_ns,
+                 const std::function<void()>& send_probe);
 
-  /// Sleeps for a pause WITHOUT mutex_, in slices of at most 100 ms. False as soon as `run` is over.
-  [[nodiscard]] bool Pace(RunNumber run, std::int64_t pause_nanoseconds) const;
+  /// The work of a receive handler: takes what has arrived on `fd`, at most `size` bytes each, and hands every datagram
+  /// to `take` until that returns false or ends the run. True when receiving goes on: nothing more is there for now, or
+  /// after `most` datagrams others should have their turn. A receive error is logged and ends the receiving.
+  [[nodiscard]] bool DrainReplies(int fd, std::size_t size, const std::function<bool(const StampedDatagram&)>& take,
+                                  std::size_t most = kDatagramsPerTurn);
+
+  /// As many datagrams as a run can reasonably have waiting: what TestStop drains before it counts losses.
+  [[nodiscard]] std::size_t AllReplies() const { return 2 * packets_.size() + kDatagramsPerTurn; }
+
+  /// Logs a failed start, as often as the limiter allows, and ends the run with "Start test failed".
+  void FailStart(const std::string& reason);
 
   /// Boost's weak reference as a pointer to the concrete test, to be held by a pending operation.
   template <typename Test>
@@ -162,17 +179,18 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   const SenderContext context_;
 
   // All guarded by mutex_.
-  std::atomic<RunNumber> run_{0};      // also read without mutex_ by a sleeping sender; written under it only
-  SlaTaskConfig config_;               // id, type and numbers are constant; interfaces and sources follow the system
-  std::uint32_t packets_sent_ = 0;     // sequence number of the last probe
-  std::uint32_t packets_received_ = 0; // distinct probes answered
-  SlaTaskMetrics metrics_;             // the run in progress
+  std::atomic<RunNumber> run_{0};       // also read without mutex_ by a sleeping sender; written under it only
+  SlaTaskConfig config_;                // id, type and numbers are constant; interfaces and sources follow the system
+  std::uint32_t packets_sent_ = 0;      // sequence number of the last probe
+  std::uint32_t packets_received_ = 0;  // distinct probes answered
+  SlaTaskMetrics metrics_;              // the run in progress
   std::vector<SlaPacketRecord> packets_;
   // At least kMinBufferBytes long, whatever the packet size: replies are read at fixed offsets.
   std::vector<std::uint8_t> send_buffer_;
   std::vector<std::uint8_t> receive_buffer_;
 
   static constexpr std::size_t kMinBufferBytes = 64;
+  static constexpr std::size_t kDatagramsPerTurn = 64;
 
  private:
   void OnTimer(const boost::system::error_code& error, std::uint64_t ticket, const TimerHandler& handler);
@@ -180,15 +198,17 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   [[nodiscard]] bool CheckSourceAddress();
   void CompleteSourceInterface(SlaEndpointConfig* endpoint) const;
   void StopLocked(bool final);
+  [[nodiscard]] std::size_t SlotOf(std::uint32_t sequence) const { return sequence % packets_.size(); }
   void StoreRun();
-  [[nodiscard]] bool IsStoppedLocked() const;
+  [[nodiscard]] std::int64_t PauseNanoseconds() const;
+  [[nodiscard]] bool Pace(RunNumber run, std::int64_t pause_nanoseconds) const;
 
   // All guarded by mutex_.
   boost::asio::steady_timer timer_;
-  std::uint64_t timer_ticket_ = 0;      // number of the armed wait
-  std::int64_t last_send_steady_ = 0;   // steady clock at the last probe of this run
-  std::int64_t end_of_life_ = 0;        // nanoseconds since the epoch
-  bool scheduled_ = false;              // Schedule() armed the first start
+  std::uint64_t timer_ticket_ = 0;     // number of the armed wait
+  std::int64_t last_send_steady_ = 0;  // steady clock at the last probe of this run
+  std::int64_t end_of_life_ = 0;       // nanoseconds since the epoch
+  bool scheduled_ = false;             // Schedule() armed the first start
   bool stopped_ = false;
 };
 

@@ -18,8 +18,8 @@ namespace ipsla {
 struct SlaPacketRecord {
   std::uint32_t id = 0;  ///< arrival order of the accepted reply, from 0
   SlaPacketState state = SlaPacketState::kSent;
-  std::uint32_t ss = 0;  ///< sequence number written into the probe, from 1; 0: not sent in this run
-  std::uint32_t rs = 0;  ///< UDP jitter types: responder's counter from the reply
+  std::uint32_t ss = 0;                     ///< sequence number written into the probe, from 1; 0: not sent in this run
+  std::uint32_t rs = 0;                     ///< UDP jitter types: responder's counter from the reply
   std::uint64_t send_stamp = 0;             ///< UDP: 10 ns of the day; icmp-jitter: ms of the day
   std::uint64_t remote_receive_stamp = 0;   ///< as send_stamp, at the responder
   std::uint64_t remote_transmit_stamp = 0;  ///< as send_stamp, at the responder
@@ -75,10 +75,10 @@ struct SlaTaskMetrics {
 
 /// What is kept of one task.
 struct SlaTaskStatistics {
-  SlaTaskMetrics last;                  ///< what the Sender API reports
-  std::uint32_t successful_count = 0;   ///< runs stored with a status other than fail
-  std::uint32_t failed_count = 0;       ///< runs stored with status fail
-  std::list<SlaTaskMetrics> history;    ///< oldest first, at most "num-rep-hist" entries
+  SlaTaskMetrics last;                 ///< what the Sender API reports
+  std::uint32_t successful_count = 0;  ///< runs stored with a status other than fail
+  std::uint32_t failed_count = 0;      ///< runs stored with status fail
+  std::list<SlaTaskMetrics> history;   ///< oldest first, at most "num-rep-hist" entries
 };
 
 /// The statistics of all tasks, shared by the tests (which store into it) and the Sender API (which reads and erases).

@@ -19,7 +19,8 @@ namespace ipsla {
 int GetHash(std::uint16_t id, const EVP_MD* method, const std::uint8_t* data, std::size_t length, std::uint8_t* out,
             unsigned int* out_length);
 
-/// HMAC of `data` with `method` under the MAC key `key`; otherwise as GetHash. The length is 0 when the last step fails.
+/// HMAC of `data` with `method` under the MAC key `key`; otherwise as GetHash. The length is 0 when the last step
+/// fails.
 int GetHmac(std::uint16_t id, const EVP_MD* method, const std::uint8_t* data, std::size_t length, std::uint8_t* out,
             unsigned int* out_length, EVP_PKEY* key);
 

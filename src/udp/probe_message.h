@@ -38,11 +38,11 @@ void EncodeProbe(SlaTestType type, std::uint32_t sequence, std::span<std::uint8_
 struct ProbeReply {
   std::uint16_t type = 0;
   std::uint32_t sequence = 0;
-  std::uint32_t counter = 0;         ///< offset 24
-  std::uint64_t stamp = 0;           ///< offset 12, host order (udp-jitter)
-  std::uint64_t ntp_first = 0;       ///< offset 12, as it stands in memory (network order)
-  std::uint64_t ntp_second = 0;      ///< offset 20, as it stands in memory (network order)
-  std::uint16_t ntp_value = 0;       ///< offset 54
+  std::uint32_t counter = 0;     ///< offset 24
+  std::uint64_t stamp = 0;       ///< offset 12, host order (udp-jitter)
+  std::uint64_t ntp_first = 0;   ///< offset 12, as it stands in memory (network order)
+  std::uint64_t ntp_second = 0;  ///< offset 20, as it stands in memory (network order)
+  std::uint16_t ntp_value = 0;   ///< offset 54
 };
 
 /// Reads a reply from a buffer; bytes beyond it read as zero. The sender passes its whole buffer, not only the bytes
@@ -52,9 +52,9 @@ struct ProbeReply {
 /// What a responder writes into the copy of a probe that it sends back.
 struct ReplyFields {
   std::uint32_t sequence = 0;
-  std::uint32_t counter = 0;           ///< probes received in the session so far, this one included
-  std::uint64_t receive_stamp = 0;     ///< udp-jitter: time of day, 10 ns
-  std::uint64_t ntp_receive = 0;       ///< udp-jitter-ntp: NTP stamp of arrival, host order, written at offset 12
+  std::uint32_t counter = 0;        ///< probes received in the session so far, this one included
+  std::uint64_t receive_stamp = 0;  ///< udp-jitter: time of day, 10 ns
+  std::uint64_t ntp_receive = 0;    ///< udp-jitter-ntp: NTP stamp of arrival, host order, written at offset 12
 };
 
 /// Turns a received probe into its reply, in place and without changing its length; fields that do not fit into

@@ -1,0 +1,69 @@
+#include "api/interface_query.h"
+
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+
+namespace ipsla {
+namespace {
+
+std::optional<boost::asio::ip::address> AddressOf(const sockaddr* address) {
+  if (address == nullptr) return std::nullopt;
+  if (address->sa_family == AF_INET) {
+    sockaddr_in v4{};
+    std::memcpy(&v4, address, sizeof v4);
+    return boost::asio::ip::address_v4(ntohl(v4.sin_addr.s_addr));
+  }
+  if (address->sa_family == AF_INET6) {
+    sockaddr_in6 v6{};
+    std::memcpy(&v6, address, sizeof v6);
+    boost::asio::ip::address_v6::bytes_type bytes{};
+    std::memcpy(bytes.data(), &v6.sin6_addr, bytes.size());
+    return boost::asio::ip::address_v6(bytes, v6.sin6_scope_id);
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+InterfaceListing ListInterfaces() {
+  ifaddrs* first = nullptr;
+  if (getifaddrs(&first) != 0) throw std::runtime_error("Can't get interfaces info");
+  const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(first, freeifaddrs);
+  InterfaceListing listing;
+  for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
+    const std::uint32_t index = if_nametoindex(entry->ifa_name);
+    if (index != 0) listing.links[index] = entry->ifa_name;
+    const auto address = AddressOf(entry->ifa_addr);
+    if (!address || address->is_unspecified()) continue;
+    listing.addresses[*address] = {static_cast<std::int32_t>(entry->ifa_flags), static_cast<std::int32_t>(index),
+                                   entry->ifa_name};
+  }
+  return listing;
+}
+
+InterfaceRecord QueryInterface(std::uint32_t index) {
+  InterfaceRecord record;
+  record.index = static_cast<std::int32_t>(index);
+  std::array<char, IF_NAMESIZE> name{};
+  if (if_indextoname(index, name.data()) == nullptr) return record;
+  record.name = name.data();
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return record;
+  ifreq request{};
+  std::memcpy(request.ifr_name, name.data(), name.size());
+  if (ioctl(fd, SIOCGIFFLAGS, &request) == 0) record.flags = static_cast<std::uint16_t>(request.ifr_flags);
+  close(fd);
+  return record;
+}
+
+}  // namespace ipsla

@@ -1,0 +1,108 @@
+// Start-up of the daemon. The order of the steps is part of its behaviour.
+
+#include <sched.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <exception>
+
+#include <openssl/crypto.h>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/thread/thread.hpp>
+
+#include "api/api_sender.h"
+#include "env/environment.h"
+#include "env/keep_alive.h"
+#include "log/log.h"
+#include "main/command_line.h"
+#include "platform/crashtrace.h"
+#include "platform/logsvc.h"
+
+namespace {
+
+constexpr int kRealTimePriority = 99;
+
+void OpenLog() {
+  try {
+    ipsla::OpenLogFile(0);
+  } catch (const std::exception& exception) {
+    // There is no log to say it in.
+    std::fprintf(stderr, "%s\n", exception.what());
+    std::exit(EXIT_FAILURE);
+  }
+}
+
+void SwitchToRealTime() {
+  sched_param parameters{};
+  parameters.sched_priority = kRealTimePriority;
+  if (sched_setscheduler(0, SCHED_RR, &parameters) == -1) {
+    LOG_DEBUG(0, "sched_setscheduler");
+    std::exit(EXIT_FAILURE);
+  }
+}
+
+ipsla::CommandLine ReadCommandLine(int argc, char* argv[]) {
+  ipsla::CommandLine line = ipsla::ParseCommandLine(argc, argv);
+  switch (line.action) {
+    case ipsla::CommandLine::Action::kPrintVersion:
+      std::printf("%s", ipsla::VersionBanner().c_str());
+      std::exit(EXIT_SUCCESS);
+    case ipsla::CommandLine::Action::kPrintUsage:
+      std::printf("%s", ipsla::UsageText(argv[0]).c_str());
+      std::exit(EXIT_FAILURE);
+    case ipsla::CommandLine::Action::kRun:
+      break;
+  }
+  return line;
+}
+
+// Starts the API thread and the worker threads and waits until a signal has ended the API thread.
+void RunMainLoop(boost::asio::io_context& service, ipsla::ApiSender& sender) {
+  boost::asio::signal_set signals(service, SIGTERM, SIGINT);
+  signals.async_wait([&service](const boost::system::error_code& error, int) {
+    if (!error) service.stop();
+  });
+  boost::thread::attributes attributes;
+  attributes.set_stack_size(ipsla::ThreadStackBytes());
+  boost::thread api_thread(attributes, [&service] { service.run(); });
+  ipsla::SetCpuNum(api_thread.native_handle(), 0);
+  sender.StartMainLoop();
+  api_thread.join();
+}
+
+}  // namespace
+
+// What throws from here on (a test that cannot be created, for example) is deliberately not caught: it ends the process
+// abnormally, and the crash-trace handlers report it.
+int main(int argc, char* argv[]) {
+  // The library would otherwise take itself apart at exit, under threads that still use it.
+  OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+
+  // Neither the service context nor the central object is ever destroyed: the process ends through exit(3).
+  static auto& service = *new boost::asio::io_context();
+
+  backtrace_set_program_name(argv[0]);
+  backtrace_open_console();
+  backtrace_install_signal_handlers();
+  std::srand(static_cast<unsigned>(std::time(nullptr)));
+  OpenLog();
+  SwitchToRealTime();
+  const ipsla::CommandLine line = ReadCommandLine(argc, argv);
+
+  static auto& sender = *new ipsla::ApiSender(service, line.tasks_file, line.keychain_file);
+  if (ipsla::CheckRootPriv() == -1) {
+    LOG_DEBUG(0, "CheckRootPriv() failed: no root privileges");
+    std::exit(EXIT_FAILURE);
+  }
+  if (sender.ParseConfigsAndStart() == -1) std::exit(EXIT_FAILURE);
+  ipsla::StartKeepAlive(service);
+  RunMainLoop(service, sender);
+
+  // The worker threads end here, so that none of them runs into what exit(3) takes apart.
+  sender.Stop();
+  SYSLOG_close();
+  std::exit(EXIT_SUCCESS);
+}
