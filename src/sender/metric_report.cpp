@@ -69,7 +69,7 @@ std::string LossText(const SlaTaskMetrics& m) {
 
 std::string OrderText(const SlaTaskMetrics& m) {
   return Format(
-      "Out Of Sequence Values:\n\tSource to Destination Out Of Sequence: %d\n"
+      "Out Of Sequence Values:\n\tSource to Destination Out Of Sequence: %d"
       "\tDestination to Source Out Of Sequence: %d",
       m.sd_out_of_sequence, m.ds_out_of_sequence);
 }

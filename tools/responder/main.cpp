@@ -54,7 +54,7 @@ constexpr const char* kFooter =
     "  SIGHUP           read the keychain file again; a file that cannot be read changes nothing\n"
     "\n"
     "EXIT STATUS\n"
-    "  0 stopped by a signal, 1 could not start, above 100 wrong usage\n"
+    "  0 stopped by a signal, 1 could not start, 2 wrong usage\n"
     "\n"
     "EXAMPLES\n"
     "  ip-sla-responder\n"
@@ -205,9 +205,13 @@ int Serve(CommandLine line, bool has_password) {
 
 int main(int argc, char** argv) {
   ipsla::responder::CommandLine line;
-  CLI::App app;
+  CLI::App app("", "ip-sla-responder");
   ipsla::responder::AddOptions(&app, &line);
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  }
   try {
     return ipsla::responder::Serve(std::move(line), app.count("--password") > 0);
   } catch (const std::exception& error) {

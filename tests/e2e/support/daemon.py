@@ -6,7 +6,7 @@ import signal
 import subprocess
 
 from . import logs
-from .waiting import DEFAULT_DEADLINE, wait_for
+from .waiting import DEFAULT_DEADLINE, SCALE, wait_for
 
 SANITIZER_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer", "runtime error:")
 
@@ -26,6 +26,7 @@ class Daemon:
         self.syslog_path = self.directory / "syslog"
         self.cpus = [lab.worker % (os.cpu_count() or 1)] if cpus is None else cpus
         self.expected_exit = False
+        self.bad_stop = None
         self.write_tasks(tasks, document)
         self.write_keychain(keychain or {})
         if arguments is None:
@@ -83,20 +84,26 @@ class Daemon:
         wait_for(lambda: not self.is_running(), "the daemon to end", deadline)
         return self.process.returncode
 
-    def stop(self):
-        if self.is_running():
-            self.expected_exit = True
-            self.process.send_signal(signal.SIGTERM)
-            try:
-                self.process.wait(timeout=5)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
+    def stop(self, deadline=DEFAULT_DEADLINE):
+        """A clean stop; one that is not clean is among the findings."""
+        if not self.is_running():
+            return
+        self.expected_exit = True
+        self.process.send_signal(signal.SIGTERM)
+        try:
+            self.process.wait(timeout=deadline * SCALE)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+        if self.process.returncode != 0:
+            self.bad_stop = f"the daemon's stop gave {self.process.returncode}: {self.stderr}"
 
     def findings(self):
         """What makes a test fail although its own assertions hold: sanitizer reports, an unexpected end."""
         text = self.stderr
         found = [f"{mark} in {text}" for mark in SANITIZER_MARKS if mark in text]
+        if self.bad_stop:
+            found.append(self.bad_stop)
         if self.process.poll() is not None and not self.expected_exit:
             found.append(f"the daemon ended by itself with {self.process.returncode}: {text}")
         return found

@@ -20,6 +20,8 @@ set -e
 mount -t tmpfs -o mode=755 tmpfs /var/log
 mount -t tmpfs -o mode=755 tmpfs /run
 mkdir /run/netns
+mount --bind /run/netns /run/netns
+mount --make-private /run/netns
 touch /run/netns/1
 mount --bind /proc/self/ns/net /run/netns/1
 ip link set lo up
@@ -111,6 +113,11 @@ class Lab:
         """A neighbour of the lab's own namespace, in a namespace of its own: interfaces <name>-near, <name>-far."""
         self.add_namespace(name)
         self.add_link((None, f"{name}-near", local_address), (name, f"{name}-far", peer_address))
+
+    def unregister_own_namespace(self):
+        """Takes the name "1" away."""
+        self.run("umount", "/run/netns/1")
+        self.run("rm", "/run/netns/1")
 
     def drop(self, rule, hook="input", namespace=None):
         """Drops what matches an nftables expression in one namespace; "limit"s and counters are allowed in it."""

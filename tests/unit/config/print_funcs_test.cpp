@@ -50,7 +50,7 @@ SlaTaskConfig ScheduledTask() {
   task.sla_type = SlaTestType::kUdpJitterNtp;
   task.control_phase.src = Address(0xc0000201, 0);
   task.control_phase.src_port_any = true;
-  task.control_phase.dst = Address(0xc0000202, 1167);
+  task.control_phase.dst = Address(0xc0000202, 1234);
   task.control_phase.vrf = "blue";
   task.measurement.src = Address(0xc0000203, 65535);
   task.measurement.dst = Address(0xc0000204, 40000);
@@ -93,7 +93,7 @@ TEST(PrintTaskConfigsTest, WritesAScheduledTaskWithAKeychainKey) {
             "   .  |- Source address  : 192.0.2.1\n"
             "   .  |- Source port     : any\n"
             "   .  |- Dest address    : 192.0.2.2\n"
-            "   .  |- Dest port       : 1167\n"
+            "   .  |- Dest port       : 1234\n"
             "   .  |- Timeout         : 1500 (milliseconds)\n"
             "   .  |- Authentication\n"
             "   .  .  |- Mode         : keychain (#3)\n"
@@ -134,7 +134,7 @@ TEST(PrintTaskConfigsTest, SendsEachBlockAsOneSystemLogRecord) {
                   "   |- VRF instance       : blue", "   |- Control phase config",
                   "   .  |- Source address  : 192.0.2.1",
                   "   .  |- Source port     : any\n   .  |- Dest address    : 192.0.2.2\n"
-                  "   .  |- Dest port       : 1167\n   .  |- Timeout         : 1500 (milliseconds)\n"
+                  "   .  |- Dest port       : 1234\n   .  |- Timeout         : 1500 (milliseconds)\n"
                   "   .  |- Authentication\n   .  .  |- Mode         : keychain (#3)\n",
                   "   .  .  |- Algorithm    : HMAC-SHA-256 (#2)\n   .  .  |- Key", "   .  .  .  |- ID        : #5",
                   "   .  .  .  |- Value     : \"the key\"\n   .  .  .  -\n   .  .  -\n   .  -",

@@ -35,7 +35,7 @@ std::string ValidTask() {
       "src-address": "192.0.2.1",
       "src-port": "any",
       "dst-address": "192.0.2.2",
-      "dst-port": 1167,
+      "dst-port": 1234,
       "authentication": {"mode": "password", "algorithm": "hmac-sha256", "key-string": "0x0a1B"}
     },
     "sla-type": "udp-jitter",

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "config/task_json.h"
+#include "support/paths.h"
 #include "support/recording_syslog.h"
 
 namespace ipsla {
@@ -252,7 +253,7 @@ TEST(TaskParserTest, FillsBothEndpointsInNetworkByteOrder) {
   EXPECT_EQ(task.control_phase.src.sin_port, 0);
   EXPECT_EQ(task.control_phase.dst.sin_family, AF_INET);
   EXPECT_EQ(Ipv4ToString(task.control_phase.dst.sin_addr), "192.0.2.2");
-  EXPECT_EQ(task.control_phase.dst.sin_port, htons(1167));
+  EXPECT_EQ(task.control_phase.dst.sin_port, htons(1234));
   EXPECT_EQ(task.measurement.vrf, "blue");
   EXPECT_EQ(Ipv4ToString(task.measurement.src.sin_addr), "192.0.2.3");
   EXPECT_FALSE(task.measurement.src_port_any);
@@ -276,7 +277,7 @@ TEST_P(TaskFaultTest, NamesPlaceAndValueToAChecker) {
 }
 
 TEST_P(TaskFaultTest, IsDocumented) {
-  std::ifstream in(IPSLA_SOURCE_DIR "/docs/configuration.md");
+  std::ifstream in(test::SourcePath("docs/configuration.md"));
   std::stringstream manual;
   manual << in.rdbuf();
   EXPECT_NE(manual.str().find("`" + GetParam().fault.reason + "`"), std::string::npos) << GetParam().fault.reason;

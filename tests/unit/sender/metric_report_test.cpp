@@ -82,7 +82,7 @@ const char* const kLoss =
     "Packet Loss Values:\n\tLoss Source to Destination: 1 (12.35%)\tLoss Destination to Source: 2 (100.00%)\n"
     "\tPacket Late Arrival: 3\tPacket Skipped: 4\tDuplicate packets: 5";
 const char* const kOrder =
-    "Out Of Sequence Values:\n\tSource to Destination Out Of Sequence: 11\n"
+    "Out Of Sequence Values:\n\tSource to Destination Out Of Sequence: 11"
     "\tDestination to Source Out Of Sequence: 12";
 
 std::vector<std::string> Lines(const std::vector<std::string>& messages) {
