@@ -8,6 +8,8 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/system/error_code.hpp>
+#include <boost/thread/exceptions.hpp>
 #include <boost/thread/thread.hpp>
 #include <cerrno>
 #include <cstdio>
@@ -75,11 +77,15 @@ boost::thread::attributes WriterAttributes() {
   return attributes;
 }
 
+// The logger whose writer thread this is.
+thread_local const void* writer_of = nullptr;
+
 }  // namespace
 
 struct Logger::Impl {
   Impl(std::string log_directory, const LogFileCalls& file_calls)
       : directory(std::move(log_directory)), calls(file_calls), writer(WriterAttributes(), [this] {
+          writer_of = this;
           pthread_setname_np(pthread_self(), "log-writer");
           service.run();
         }) {}
@@ -185,6 +191,11 @@ void Logger::Shutdown() {
   {
     const std::lock_guard lock(impl_->mutex);
     impl_->is_accepting = false;
+  }
+  // Said here and not by join(): another thread may be waiting for this one already, with the lock below.
+  if (writer_of == impl_.get()) {
+    throw boost::thread_resource_error(static_cast<int>(boost::system::errc::resource_deadlock_would_occur),
+                                       "boost thread: trying joining itself");
   }
   const std::lock_guard one_at_a_time(impl_->shutdown_mutex);
   impl_->work.reset();

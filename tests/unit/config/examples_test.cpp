@@ -10,6 +10,7 @@
 #include "config/keychain.h"
 #include "config/scratch_file.h"
 #include "config/sender_help_funcs.h"
+#include "support/paths.h"
 #include "support/recording_syslog.h"
 
 namespace ipsla {
@@ -21,7 +22,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 std::string Manual() {
-  std::ifstream in(IPSLA_SOURCE_DIR "/docs/configuration.md");
+  std::ifstream in(test::SourcePath("docs/configuration.md"));
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
@@ -55,7 +56,7 @@ SlaTaskMap ReadFaultless(const std::string& tasks_file, const std::string& keych
 
 TEST(ExamplesTest, ShowEveryTypeAuthenticationAndAVrf) {
   const SlaTaskMap tasks =
-      ReadFaultless(IPSLA_SOURCE_DIR "/examples/tasks.json", IPSLA_SOURCE_DIR "/examples/keychain.json");
+      ReadFaultless(test::SourcePath("examples/tasks.json"), test::SourcePath("examples/keychain.json"));
   std::set<SlaTestType> types;
   std::set<SlaAuthMode> modes;
   std::set<std::string> vrfs;

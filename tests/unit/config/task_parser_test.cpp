@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "config/task_json.h"
+#include "support/paths.h"
 #include "support/recording_syslog.h"
 
 namespace ipsla {
@@ -276,7 +277,7 @@ TEST_P(TaskFaultTest, NamesPlaceAndValueToAChecker) {
 }
 
 TEST_P(TaskFaultTest, IsDocumented) {
-  std::ifstream in(IPSLA_SOURCE_DIR "/docs/configuration.md");
+  std::ifstream in(test::SourcePath("docs/configuration.md"));
   std::stringstream manual;
   manual << in.rdbuf();
   EXPECT_NE(manual.str().find("`" + GetParam().fault.reason + "`"), std::string::npos) << GetParam().fault.reason;

@@ -293,7 +293,8 @@ TEST(LoggerThreadTest, HasASmallStackAndNormalPriorityEvenForARealTimeCreator) {
   });
   creator.join();
   const WriterThread writer = seen.get_future().get();
-  EXPECT_EQ(writer.stack, log_internal::RoundedStackBytes());
+  EXPECT_GE(writer.stack, log_internal::RoundedStackBytes());
+  EXPECT_LE(writer.stack, 4 * log_internal::RoundedStackBytes());  // the C library may reuse one up to so much larger
   EXPECT_EQ(writer.policy, SCHED_OTHER);
   if (!is_real_time) GTEST_SKIP() << "this machine gives no real-time priority: inheritance was not tried";
 }

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "support/child_process.h"
+#include "support/paths.h"
 
 namespace ipsla::test {
 namespace {
@@ -28,7 +29,7 @@ struct Library {
 
 // Past the recording functions of this program to the library's own.
 Library Load() {
-  void* handle = dlopen(IPSLA_LIBRARY_DIR "/libkeepalive.so", RTLD_NOW | RTLD_LOCAL);
+  void* handle = dlopen(ipsla::test::LibraryPath("libkeepalive.so").c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) FinishChild(dlerror());
   Library library;
   library.live = reinterpret_cast<decltype(library.live)>(dlsym(handle, "send_signal_live"));

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "support/child_process.h"
+#include "support/paths.h"
 
 namespace ipsla::test {
 namespace {
@@ -48,7 +49,7 @@ std::string FaultOf(const std::string& datagram, const std::string& priority, co
 TEST(LogServiceStandInTest, SendsToTheSystemLogWithTheGivenSeverity) {
   const auto run = [] {
     // Past the recording function of this program to the library's own.
-    void* library = dlopen(IPSLA_LIBRARY_DIR "/liblogsvc.so", RTLD_NOW | RTLD_LOCAL);
+    void* library = dlopen(ipsla::test::LibraryPath("liblogsvc.so").c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) FinishChild(dlerror());
     const auto message = reinterpret_cast<decltype(&SYSLOG_message)>(dlsym(library, "SYSLOG_message"));
     const auto close_log = reinterpret_cast<decltype(&SYSLOG_close)>(dlsym(library, "SYSLOG_close"));

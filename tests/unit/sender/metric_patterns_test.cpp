@@ -83,6 +83,7 @@ Run Simulate(const std::vector<Fate>& fates, const std::vector<std::size_t>& out
     if (fates[out[rank]] == Fate::kDoubledOut) ++counter;
   }
   Run run;
+  if (count == 0) return run;
   run.ring.resize(count);
   for (std::size_t probe = 0; probe < count; ++probe) {
     SlaPacketRecord& record = run.ring[(probe + 1) % count];

@@ -100,7 +100,7 @@ TEST(ComputeFirstStart, CutsTheDelayToWholeSecondsTowardZero) {
 
 TEST(ComputeFirstStart, StartEarlierTodayWrapsToAWaitOfWeeks) {
   const LocalTimeZone zone(kBerlin);
-  EXPECT_EQ(4294967296U - 4U * 3600U * 1000U, Compute("08:00:00", "forever", kNoon)->delay_ms);
+  EXPECT_EQ(4294967296U - 14400000U, Compute("08:00:00", "forever", kNoon)->delay_ms);
 }
 
 TEST(ComputeFirstStart, WrapsADelayBeyond32Bits) {

@@ -38,7 +38,7 @@ SlaTaskMetrics Fresh() {
 SlaPacketRecord Sent(std::uint32_t ss) {
   SlaPacketRecord record;
   record.ss = ss;
-  record.send_stamp = ss * 1000 * kMs;
+  record.send_stamp = 1000 * kMs * ss;
   return record;
 }
 
@@ -389,9 +389,8 @@ TEST(CalcJitterMetrics, KeepsRingOrderAmongEqualKeys) {
   std::vector<SlaPacketRecord> records{Sent(4), Answered(1, 0, 0, 1, 1), Sent(2), Sent(3)};
   SlaTaskMetrics metrics = Fresh();
   CalcJitterMetrics(kId, records, &metrics, 0, kBudgetMs, false);
-  std::vector<std::uint32_t> order;
-  for (const SlaPacketRecord& record : records) order.push_back(record.ss);
-  EXPECT_THAT(order, ElementsAre(4, 1, 2, 3));
+  const auto probe = [](std::uint32_t ss) { return testing::Field(&SlaPacketRecord::ss, ss); };
+  EXPECT_THAT(records, ElementsAre(probe(4), probe(1), probe(2), probe(3)));
 }
 
 }  // namespace

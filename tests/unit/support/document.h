@@ -10,12 +10,13 @@
 #include <vector>
 
 #include "support/bytes.h"
+#include "support/paths.h"
 
 namespace ipsla::test {
 
 /// The lines of a file of the source tree; a failure when there are none.
 inline std::vector<std::string> DocumentLines(const std::string& path) {
-  std::ifstream in(std::string(IPSLA_SOURCE_DIR) + "/" + path);
+  std::ifstream in(SourcePath(path));
   std::vector<std::string> lines;
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   EXPECT_FALSE(lines.empty()) << path;

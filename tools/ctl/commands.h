@@ -1,0 +1,96 @@
+// The commands of ip-sla-ctl. Each prints to standard output and returns the exit status.
+
+#ifndef IPSLA_TOOLS_CTL_COMMANDS_H_
+#define IPSLA_TOOLS_CTL_COMMANDS_H_
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "client/sender_client.h"
+#include "ctl/task_view.h"
+
+namespace ipsla::ctl {
+
+/// Exit statuses of every command but `probe`.
+enum ExitStatus : int {
+  kExitFine = 0,
+  kExitFailing = 1,   ///< a test is failing, a file has faults, or a reload was refused
+  kExitNoDaemon = 2,  ///< no (usable) reply
+  kExitUsage = 3,     ///< the command line, or a task id that no task has
+};
+
+struct CommonOptions {
+  client::ClientOptions client;
+  bool timeout_given = false;  ///< client.timeout was chosen by the user
+  bool json = false;
+};
+
+/// Which tasks: these ids, or every configured one, or (neither) the scheduled ones that have run.
+struct Selection {
+  std::set<std::int32_t> ids{};
+  bool all = false;
+};
+
+struct Collected {
+  std::vector<TaskView> tasks;        ///< in ascending id
+  std::vector<std::int32_t> unknown;  ///< ids of the selection that no task has
+
+  [[nodiscard]] bool AnyFailed() const;
+};
+
+/// Asks the daemon. Throws ClientError.
+[[nodiscard]] Collected Collect(const client::SenderClient& sender, const Selection& selection,
+                                const std::set<std::string>& groups);
+
+/// {"tasks": [...]}: the daemon's own objects, and {"sla-id", "schedule", "status": "not run"} for a task without a
+/// result; with unknown ids, "unknown": [...].
+[[nodiscard]] std::string CollectedJson(const Collected& collected);
+
+/// Complains about unknown ids on standard error.
+void ReportUnknown(const Collected& collected);
+
+/// kExitUsage with unknown ids, else kExitFailing with a failed task, else kExitFine.
+[[nodiscard]] int CollectedStatus(const Collected& collected);
+
+/// Seconds since the epoch.
+[[nodiscard]] std::int64_t Now();
+
+struct ShowOptions {
+  Selection selection;
+  bool metrics = false;
+};
+int RunShow(const CommonOptions& common, const ShowOptions& options);
+
+struct WatchOptions {
+  Selection selection;
+  double interval = 2;      ///< seconds
+  std::uint32_t count = 0;  ///< refreshes; 0: until interrupted
+};
+/// Returns kExitFine when interrupted (SIGINT, SIGTERM), which it takes over.
+int RunWatch(const CommonOptions& common, const WatchOptions& options);
+
+int RunStatus(const CommonOptions& common, const std::set<std::int32_t>& ids);
+
+int RunReloadTasks(const CommonOptions& common);
+int RunReloadKeychain(const CommonOptions& common);
+
+struct CheckOptions {
+  std::string tasks_file;
+  std::string keychain_file;  ///< empty: key ids are not looked up
+};
+/// Needs no daemon and no privileges.
+int RunCheck(const CommonOptions& common, const CheckOptions& options);
+
+struct ProbeOptions {
+  std::int32_t id = 0;
+  std::string warning;  ///< thresholds.h
+  std::string critical;
+};
+/// One line for a monitoring system. Exit 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN; throws nothing.
+int RunProbe(const CommonOptions& common, const ProbeOptions& options);
+
+}  // namespace ipsla::ctl
+
+#endif  // IPSLA_TOOLS_CTL_COMMANDS_H_

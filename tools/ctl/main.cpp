@@ -1,0 +1,176 @@
+// ip-sla-ctl: the daemon's results, its reloads and a check of its files, from the command line.
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+
+#include "ctl/commands.h"
+#include "ctl/json_out.h"
+#include "ctl/thresholds.h"
+
+namespace ipsla::ctl {
+namespace {
+
+constexpr const char* kAbout =
+    "Shows what the IP SLA sender of this machine measures, makes it read its files again, and checks those files.\n"
+    "SD is the direction from source to destination, DS the way back. Times are in milliseconds.";
+constexpr const char* kFooter =
+    "Exit status: 0 fine; 1 a test is failing, a file has faults or a reload was refused; 2 no daemon answered;\n"
+    "3 a wrong command line or an unknown task. `probe` exits as monitoring plugins do: 0 OK, 1 WARNING,\n"
+    "2 CRITICAL, 3 UNKNOWN.";
+constexpr const char* kProbeHelp =
+    "A threshold is NAME=NUMBER, several are joined by commas, as in --warning rtt=50,loss=1. A value above it "
+    "counts.\n"
+    "  rtt      average round-trip time, ms\n"
+    "  latency  average one-way latency, ms, the worse direction\n"
+    "  jitter   standard deviation of the one-way latency, ms, the worse direction\n"
+    "  loss     lost probes, percent, the worse direction (echo tests: probes without a reply)\n"
+    "  age      time since the last run ended, seconds\n"
+    "A failed run is CRITICAL. No daemon, no such task, no result yet or no value for a threshold is UNKNOWN.";
+
+struct Arguments {
+  CommonOptions common;
+  double timeout_s = 0;
+  ShowOptions show;
+  WatchOptions watch;
+  std::vector<std::int32_t> ids;
+  CheckOptions check;
+  ProbeOptions probe;
+  std::function<int()> run;
+};
+
+Arguments* AddCommand(CLI::App* command, Arguments* arguments, std::function<int()> run) {
+  command->fallthrough();
+  command->callback([arguments, run = std::move(run)] { arguments->run = run; });
+  return arguments;
+}
+
+CLI::Option* AddIds(CLI::App* command, Arguments* arguments) {
+  return command->add_option("ID", arguments->ids, "Task ids")->check(CLI::Range(0, 65535));
+}
+
+void AddSelection(CLI::App* command, Arguments* arguments, Selection* selection) {
+  CLI::Option* ids = AddIds(command, arguments);
+  command->add_flag("--all", selection->all, "Every configured task, also one that has not run yet")->excludes(ids);
+}
+
+std::set<std::int32_t> Ids(const Arguments& arguments) {
+  return {arguments.ids.begin(), arguments.ids.end()};
+}
+
+void AddShow(CLI::App* app, Arguments* a) {
+  CLI::App* show = app->add_subcommand("show", "Last results as a table");
+  AddSelection(show, a, &a->show.selection);
+  show->add_flag("--metrics", a->show.metrics, "Every value of each task");
+  AddCommand(show, a, [a] {
+    a->show.selection.ids = Ids(*a);
+    return RunShow(a->common, a->show);
+  });
+}
+
+void AddWatch(CLI::App* app, Arguments* a) {
+  CLI::App* watch = app->add_subcommand("watch", "The same table, kept up to date, what changed marked");
+  watch->footer("Where standard output is no terminal: one line for each new result.");
+  AddSelection(watch, a, &a->watch.selection);
+  watch->add_option("-n,--interval", a->watch.interval, "Time between refreshes")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.1, 86400.0))
+      ->capture_default_str();
+  watch->add_option("--count", a->watch.count, "Refreshes, then end (default: until Ctrl-C)");
+  AddCommand(watch, a, [a] {
+    a->watch.selection.ids = Ids(*a);
+    return RunWatch(a->common, a->watch);
+  });
+}
+
+void AddReload(CLI::App* app, Arguments* a) {
+  CLI::App* reload = app->add_subcommand("reload", "Makes the daemon read a file again");
+  reload->require_subcommand(1);
+  reload->fallthrough();
+  CLI::App* tasks = reload->add_subcommand("tasks", "The tasks file; prints what was applied");
+  AddCommand(tasks, a, [a] { return RunReloadTasks(a->common); });
+  CLI::App* keychain = reload->add_subcommand("keychain", "The keychain file; one that cannot be read ends the daemon");
+  AddCommand(keychain, a, [a] { return RunReloadKeychain(a->common); });
+}
+
+void AddCheck(CLI::App* app, Arguments* a) {
+  CLI::App* check = app->add_subcommand("check", "Every fault of the files, and what cannot work; needs no daemon");
+  check->add_option("TASKS", a->check.tasks_file, "Tasks file")->required();
+  check->add_option("KEYCHAIN", a->check.keychain_file, "Keychain file; without it key ids are not looked up");
+  AddCommand(check, a, [a] { return RunCheck(a->common, a->check); });
+}
+
+/// A wrong threshold is a usage error like any other.
+std::string ValidateThresholds(const std::string& text) {
+  std::string error;
+  return ReadThresholds(text, &error) ? "" : error;
+}
+
+void AddProbe(CLI::App* app, Arguments* a) {
+  CLI::App* probe = app->add_subcommand("probe", "One task for a monitoring system: a line, values, an exit status");
+  probe->footer(kProbeHelp);
+  const CLI::Validator thresholds(ValidateThresholds, "", "thresholds");
+  probe->add_option("ID", a->probe.id, "Task id")->required()->check(CLI::Range(0, 65535));
+  probe->add_option("-w,--warning", a->probe.warning, "Thresholds")->check(thresholds);
+  probe->add_option("-c,--critical", a->probe.critical, "Thresholds")->check(thresholds);
+  AddCommand(probe, a, [a] { return RunProbe(a->common, a->probe); });
+}
+
+void AddOptions(CLI::App* app, Arguments* a) {
+  constexpr double kLongestTimeout = 86400;
+  app->set_version_flag("-V,--version", "ip-sla-ctl " IPSLA_VERSION);
+  app->add_flag("--json", a->common.json, "JSON on standard output, one document per line");
+  app->add_option("--timeout", a->timeout_s, "Longest silence of the daemon (default 5; reload: 60 and more)")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.001, kLongestTimeout));
+  app->add_option("--port", a->common.client.port, "UDP port of the daemon on 127.0.0.1")->capture_default_str();
+  app->footer(kFooter);
+  app->require_subcommand(1);
+}
+
+int Run(Arguments* arguments) {
+  if (arguments->timeout_s > 0) {
+    const auto ms = static_cast<std::int64_t>(arguments->timeout_s * 1000);
+    arguments->common.client.timeout = std::chrono::milliseconds(std::max<std::int64_t>(ms, 1));
+    arguments->common.timeout_given = true;
+  }
+  try {
+    return arguments->run();
+  } catch (const std::exception& error) {
+    if (arguments->common.json) {
+      fmt::print("{}\n", ErrorJson(error.what()));
+    }
+    fmt::print(stderr, "ip-sla-ctl: {}\n", error.what());
+    return kExitNoDaemon;
+  }
+}
+
+int Main(int argc, char** argv) {
+  CLI::App app(kAbout, "ip-sla-ctl");
+  Arguments arguments;
+  AddOptions(&app, &arguments);
+  AddShow(&app, &arguments);
+  AddWatch(&app, &arguments);
+  CLI::App* status = app.add_subcommand("status", "Which tasks are configured and scheduled, and whether they fail");
+  AddIds(status, &arguments);
+  AddCommand(status, &arguments, [&arguments] { return RunStatus(arguments.common, Ids(arguments)); });
+  AddReload(&app, &arguments);
+  AddCheck(&app, &arguments);
+  AddProbe(&app, &arguments);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kExitFine : kExitUsage;
+  }
+  return Run(&arguments);
+}
+
+}  // namespace
+}  // namespace ipsla::ctl
+
+int main(int argc, char** argv) {
+  return ipsla::ctl::Main(argc, argv);
+}

@@ -1,0 +1,44 @@
+#include <fmt/format.h>
+
+#include "ctl/commands.h"
+#include "ctl/plugin.h"
+
+namespace ipsla::ctl {
+namespace {
+
+PluginResult Unknown(const std::string& text) {
+  return {PluginState::kUnknown, text, {}};
+}
+
+PluginResult Judge(const CommonOptions& common, const ProbeOptions& options) {
+  std::string error;
+  const auto warning = ReadThresholds(options.warning, &error);
+  if (!warning) {
+    return Unknown("--warning: " + error);
+  }
+  const auto critical = ReadThresholds(options.critical, &error);
+  if (!critical) {
+    return Unknown("--critical: " + error);
+  }
+  const client::SenderClient sender(common.client);
+  const Collected collected = Collect(sender, {.ids = {options.id}}, MetricGroupNames());
+  if (collected.tasks.empty()) {
+    return Unknown(fmt::format("no task {} is configured", options.id));
+  }
+  return JudgeTask(collected.tasks.front(), *warning, *critical, Now());
+}
+
+}  // namespace
+
+int RunProbe(const CommonOptions& common, const ProbeOptions& options) {
+  PluginResult result;
+  try {
+    result = Judge(common, options);
+  } catch (const std::exception& error) {
+    result = Unknown(error.what());
+  }
+  fmt::print("{}\n", common.json ? PluginJson(result) : PluginLine(result));
+  return static_cast<int>(result.state);
+}
+
+}  // namespace ipsla::ctl

@@ -1,0 +1,88 @@
+#include "ctl/reload.h"
+
+#include <cjson/cJSON.h>
+#include <fmt/format.h>
+
+#include "ctl/json_out.h"
+
+namespace ipsla::ctl {
+namespace {
+
+using client::StatisticsMap;
+using client::TaskStatistics;
+
+std::int64_t Runs(const TaskStatistics& task) {
+  return task.successful_count + task.failed_count;
+}
+
+bool Restarted(const TaskStatistics& before, const TaskStatistics& after) {
+  const bool reconfigured = before.type != after.type || before.vrf != after.vrf ||
+                            before.dst_address != after.dst_address || before.src_address != after.src_address ||
+                            before.interface != after.interface;
+  // A task that went on has as many runs as before, the same last one, or more.
+  const bool new_run = before.start_time != after.start_time || before.finish_time != after.finish_time;
+  return reconfigured || Runs(after) < Runs(before) || (new_run && Runs(after) == Runs(before));
+}
+
+bool Restarted(std::int32_t id, const StatisticsMap& before, const StatisticsMap& after) {
+  const auto old_result = before.find(id);
+  const auto new_result = after.find(id);
+  if (old_result == before.end()) {
+    return false;
+  }
+  return new_result == after.end() || Restarted(old_result->second, new_result->second);
+}
+
+std::string ListLine(const char* label, const std::vector<std::int32_t>& ids) {
+  return fmt::format("{:<11}{}", label, fmt::join(ids, " "));
+}
+
+}  // namespace
+
+ReloadChanges CompareSnapshots(const TaskSnapshot& before, const TaskSnapshot& after) {
+  ReloadChanges changes;
+  for (const auto& [id, scheduled] : before.configured) {
+    if (!after.configured.contains(id)) {
+      changes.removed.push_back(id);
+    }
+  }
+  for (const auto& [id, scheduled] : after.configured) {
+    const auto old_task = before.configured.find(id);
+    if (old_task == before.configured.end()) {
+      changes.added.push_back(id);
+    } else if (old_task->second != scheduled || Restarted(id, before.results, after.results)) {
+      changes.restarted.push_back(id);
+    } else {
+      changes.unchanged.push_back(id);
+    }
+  }
+  return changes;
+}
+
+std::vector<std::string> ReloadLines(const ReloadChanges& changes) {
+  std::vector<std::string> lines{fmt::format("tasks reloaded: {} added, {} removed, {} restarted, {} unchanged",
+                                             changes.added.size(), changes.removed.size(), changes.restarted.size(),
+                                             changes.unchanged.size())};
+  if (!changes.added.empty()) {
+    lines.push_back(ListLine("added:", changes.added));
+  }
+  if (!changes.removed.empty()) {
+    lines.push_back(ListLine("removed:", changes.removed));
+  }
+  if (!changes.restarted.empty()) {
+    lines.push_back(ListLine("restarted:", changes.restarted));
+  }
+  return lines;
+}
+
+std::string ReloadJson(const ReloadChanges& changes) {
+  const JsonDocument document(cJSON_CreateObject());
+  cJSON_AddStringToObject(document.get(), "reloaded", "tasks");
+  AddIds(document.get(), "added", changes.added);
+  AddIds(document.get(), "removed", changes.removed);
+  AddIds(document.get(), "restarted", changes.restarted);
+  AddIds(document.get(), "unchanged", changes.unchanged);
+  return CompactJson(document.get());
+}
+
+}  // namespace ipsla::ctl
