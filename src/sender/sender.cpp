@@ -121,6 +121,7 @@ void Sender::BeginRun() {
   ++run_;
   packets_sent_ = 0;
   packets_received_ = 0;
+  receiving_ = true;
   last_send_steady_ = 0;
   std::ranges::fill(packets_, SlaPacketRecord{});
   std::ranges::fill(receive_buffer_, std::uint8_t{0});
@@ -306,17 +307,19 @@ void Sender::PacedSend(const boost::system::error_code& error, RunNumber run, st
 bool Sender::DrainReplies(int fd, std::size_t size, const std::function<bool(const StampedDatagram&)>& take,
                           std::size_t most) {
   const RunNumber run = run_;
-  for (std::size_t taken = 0; taken < most; ++taken) {
+  for (std::size_t taken = 0; receiving_ && taken < most; ++taken) {
     int error = 0;
     const auto datagram = ReceiveStamped(fd, receive_buffer_.data(), std::min(size, receive_buffer_.size()), &error);
     if (!datagram) {
       if (error == EAGAIN || error == EWOULDBLOCK) return true;
       LOG_DEBUG(config_.sla_id, "ReceivePacket failed on test %d: %s", config_.sla_id, std::strerror(error));
+      receiving_ = false;
       return false;
     }
-    if (!take(*datagram) || run != run_) return false;
+    receiving_ = take(*datagram);
+    if (run != run_) return false;
   }
-  return true;
+  return receiving_;
 }
 
 std::int64_t Sender::PauseNanoseconds() const {

@@ -48,18 +48,17 @@ bool EnterPrivateNamespaces() {
   return BringLoopbackUp();
 }
 
-// Names the private mount namespace to the second start, so that a variable left over from elsewhere is not believed.
-constexpr const char* kMarker = "IPSLA_UNIT_TESTS_IN";
+// Tells the second start of this process that it is in its own namespaces already. A child process, as a death test
+// starts one, has another id and so makes namespaces of its own, with ports of its own.
+constexpr const char* kMarker = "IPSLA_UNIT_TESTS_OF";
 
-std::string MountNamespace() {
-  struct stat status {};
-  if (stat("/proc/self/ns/mnt", &status) != 0) return "unknown";
-  return std::to_string(status.st_ino);
+std::string ProcessId() {
+  return std::to_string(getpid());
 }
 
 bool IsIsolated() {
   const char* inside = std::getenv(kMarker);
-  return inside != nullptr && inside == MountNamespace();
+  return inside != nullptr && inside == ProcessId();
 }
 
 }  // namespace
@@ -70,7 +69,7 @@ int main(int argc, char** argv) {
       std::fputs("the unit tests need root: they run in namespaces of their own\n", stderr);
       return 2;
     }
-    setenv(kMarker, MountNamespace().c_str(), 1);
+    setenv(kMarker, ProcessId().c_str(), 1);
     execv("/proc/self/exe", argv);
     std::perror("execv");
     return 2;
