@@ -2,7 +2,12 @@
 
 #include <cjson/cJSON.h>
 
-#include <cerrno>
+#include <cstdlib>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <utility>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/system/system_error.hpp>

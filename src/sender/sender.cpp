@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <exception>
+#include <utility>
 
 #include <boost/asio/error.hpp>
 #include <boost/asio/ip/address_v4.hpp>
@@ -50,9 +51,9 @@ std::uint32_t ToMilliseconds(std::uint32_t seconds) {
 
 const Sender::TimerHandler Sender::kNewStart{"NewStart", [](Sender& test) { test.NewStart(); }};
 
-Sender::Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, const SenderContext& context)
+Sender::Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, SenderContext context)
     : worker_(worker),
-      context_(context),
+      context_(std::move(context)),
       config_(task),
       packets_(static_cast<std::size_t>(std::max(task.num_packets, 1))),
       send_buffer_(std::max<std::size_t>(task.packet_size, kMinBufferBytes)),
@@ -121,6 +122,7 @@ void Sender::BeginRun() {
   ++run_;
   packets_sent_ = 0;
   packets_received_ = 0;
+  receiving_ = true;
   last_send_steady_ = 0;
   std::ranges::fill(packets_, SlaPacketRecord{});
   std::ranges::fill(receive_buffer_, std::uint8_t{0});
@@ -306,17 +308,19 @@ void Sender::PacedSend(const boost::system::error_code& error, RunNumber run, st
 bool Sender::DrainReplies(int fd, std::size_t size, const std::function<bool(const StampedDatagram&)>& take,
                           std::size_t most) {
   const RunNumber run = run_;
-  for (std::size_t taken = 0; taken < most; ++taken) {
+  for (std::size_t taken = 0; receiving_ && taken < most; ++taken) {
     int error = 0;
     const auto datagram = ReceiveStamped(fd, receive_buffer_.data(), std::min(size, receive_buffer_.size()), &error);
     if (!datagram) {
       if (error == EAGAIN || error == EWOULDBLOCK) return true;
       LOG_DEBUG(config_.sla_id, "ReceivePacket failed on test %d: %s", config_.sla_id, std::strerror(error));
+      receiving_ = false;
       return false;
     }
-    if (!take(*datagram) || run != run_) return false;
+    receiving_ = take(*datagram);
+    if (run != run_) return false;
   }
-  return true;
+  return receiving_;
 }
 
 std::int64_t Sender::PauseNanoseconds() const {

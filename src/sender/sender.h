@@ -103,7 +103,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
 
   /// Copies the task, allocates buffers and records, completes the source interfaces from the interface table and opens
   /// the test's log file. Throws std::runtime_error when the log directory cannot be created.
-  Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, const SenderContext& context);
+  Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, SenderContext context);
   ~Sender() = default;
 
   // The four operations of a concrete test. All are called with mutex_ held.
@@ -158,7 +158,8 @@ class Sender : public boost::enable_shared_from_this<Sender> {
 
   /// The work of a receive handler: takes what has arrived on `fd`, at most `size` bytes each, and hands every datagram
   /// to `take` until that returns false or ends the run. True when receiving goes on: nothing more is there for now, or
-  /// after `most` datagrams others should have their turn. A receive error is logged and ends the receiving.
+  /// after `most` datagrams others should have their turn. A receive error is logged and ends the receiving. Once it
+  /// has ended, it stays so for the rest of the run: later calls take nothing and return false.
   [[nodiscard]] bool DrainReplies(int fd, std::size_t size, const std::function<bool(const StampedDatagram&)>& take,
                                   std::size_t most = kDatagramsPerTurn);
 
@@ -206,6 +207,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   // All guarded by mutex_.
   boost::asio::steady_timer timer_;
   std::uint64_t timer_ticket_ = 0;     // number of the armed wait
+  bool receiving_ = false;             // until an error or `take` ends this run's receiving
   std::int64_t last_send_steady_ = 0;  // steady clock at the last probe of this run
   std::int64_t end_of_life_ = 0;       // nanoseconds since the epoch
   bool scheduled_ = false;             // Schedule() armed the first start

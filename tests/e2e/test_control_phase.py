@@ -95,7 +95,7 @@ ROWS = [
     (Control(status=1), [], ""),
     (Control(raw=b""), [], ""),
     *[
-        (Control(status=code), [failed(status_name(code))], f"control phase failed: command header status: {status_name(code)}")
+        (Control(status=code), [failed(status_name(code))], f"c{failed(status_name(code))[1:]}")
         for code in [*range(2, len(STATUS_NAMES)), 14, 256, 65535]
     ],
 ]
@@ -250,7 +250,8 @@ def test_only_the_first_response_counts(lab, start_daemon):
 
     def twice(number):
         data, source = responder.requests[number]
-        responder.later(0, lambda: responder._control_socket.sendto(responder._message(data, Control(status=4)), source))
+        second = responder._message(data, Control(status=4))
+        responder.later(0, lambda: responder._control_socket.sendto(second, source))
         return Control()
 
     responder.control = twice

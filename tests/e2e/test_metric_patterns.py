@@ -117,7 +117,7 @@ def test_counters_that_jump_repeat_or_are_zero_agree_with_the_model(comparison):
 
 @pytest.mark.parametrize("count", [1, 2, 3, 4])
 def test_every_icmp_jitter_pattern_agrees_with_the_model(comparison, count):
-    """Every set of answered probes, every order of the replies, every order of the peer's stamps, equal ones included."""
+    """Every set of answered probes, every order of the replies and of the peer's stamps, equal ones included."""
     sends = [50_000_000 + 10 * place for place in range(count)]
     for answered in range(1, count + 1):
         for replies in itertools.permutations(range(1, count + 1), answered):

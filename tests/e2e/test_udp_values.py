@@ -13,7 +13,8 @@ import pytest
 from support import logs
 from support import metric_model as model
 from support.pattern_responder import PatternResponder, Script
-from support.run_events import ANSWERED, DUPLICATED, LOST_BACK, LOST_OUT, Pattern, Reply, metrics_of, reaching, replying, run_of
+from support.run_events import ANSWERED, DUPLICATED, LOST_BACK, LOST_OUT
+from support.run_events import Pattern, Reply, metrics_of, reaching, replying, run_of
 from support.tasks import task
 from support.waiting import SCALE, wait_for
 
@@ -104,7 +105,8 @@ def assert_agrees(report, expected, script):
     ), script
     assert report.sd_out_of_sequence == expected.sd_out_of_sequence, script
     assert report.ds_out_of_sequence == expected.ds_out_of_sequence, script
-    assert _close((report.sd_loss_pct, report.ds_loss_pct), (round(expected.sd_loss_pct, 2), round(expected.ds_loss_pct, 2)))
+    shares = [round(share, 2) for share in (expected.sd_loss_pct, expected.ds_loss_pct)]
+    assert _close((report.sd_loss_pct, report.ds_loss_pct), shares)
     assert _close(report.rtt, (expected.rtt_min, expected.rtt_avg, expected.rtt_max)), (report, expected, script)
     for way in ("sd", "ds"):
         values = [getattr(expected, f"latency_{way}_{name}") for name in ("min", "avg", "max")]

@@ -5,8 +5,10 @@
 
 #include <CLI/CLI.hpp>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <fstream>
 #include <iterator>
@@ -107,7 +109,7 @@ void AddOptions(CLI::App* app, CommandLine* line) {
   app->add_option("--max-sessions", line->options.max_sessions, "Refuse more sessions at a time")
       ->type_name("COUNT")
       ->capture_default_str()
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::Range(1, 1000000));
   app->add_flag("--verbose", line->options.verbose, "Print opened sessions and refused requests too");
 }
 
@@ -133,6 +135,15 @@ std::optional<AuthPolicy> LoadPolicy(const CommandLine& line, bool has_password)
     policy.keychain = std::move(keys);
   }
   return policy;
+}
+
+// For the rest of the process's life.
+void EnterNamespace(const std::string& name) {
+  try {
+    SetNetworkNamespace(name);
+  } catch (const std::exception&) {
+    throw std::runtime_error("cannot enter the network namespace " + name + ": " + std::strerror(errno));
+  }
 }
 
 // A session may need a descriptor of its own.
@@ -192,7 +203,7 @@ int Serve(CommandLine line, bool has_password) {
   options.highest_port = static_cast<std::uint16_t>(high);
 
   AllowManyDescriptors();
-  if (!line.netns.empty()) SetNetworkNamespace(line.netns);
+  if (!line.netns.empty()) EnterNamespace(line.netns);
   Responder responder(std::move(options), PrintLine);
   InstallHandlers(&responder);
   responder.Run(load);
@@ -200,22 +211,28 @@ int Serve(CommandLine line, bool has_password) {
   return 0;
 }
 
+int ParseAndServe(int argc, char** argv) {
+  CommandLine line;
+  CLI::App app("", "ip-sla-responder");
+  AddOptions(&app, &line);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;  // --help comes this way too
+  }
+  return Serve(std::move(line), app.count("--password") > 0);
+}
+
 }  // namespace
 }  // namespace ipsla::responder
 
 int main(int argc, char** argv) {
-  ipsla::responder::CommandLine line;
-  CLI::App app("", "ip-sla-responder");
-  ipsla::responder::AddOptions(&app, &line);
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : 2;
-  }
-  try {
-    return ipsla::responder::Serve(std::move(line), app.count("--password") > 0);
+    return ipsla::responder::ParseAndServe(argc, argv);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "ip-sla-responder: %s\n", error.what());
-    return 1;
+  } catch (...) {
+    std::fputs("ip-sla-responder: failed for an unknown reason\n", stderr);
   }
+  return 1;
 }

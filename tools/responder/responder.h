@@ -24,7 +24,7 @@ struct ResponderOptions {
   std::uint16_t control_port = 50000;
   std::uint16_t lowest_port = 1024;  ///< measurement ports, both included
   std::uint16_t highest_port = 65535;
-  std::size_t max_sessions = 1024;
+  std::size_t max_sessions = 4096;
   bool verbose = false;
   AuthPolicy policy;
 };

@@ -5,11 +5,11 @@
 
 #include <netinet/in.h>
 
-#include <compare>
 #include <cstdint>
 #include <ctime>
 #include <span>
 #include <string>
+#include <tuple>
 
 #include "config/task_config.h"
 #include "responder/sequence_window.h"
@@ -21,7 +21,8 @@ struct Endpoint {
   std::uint32_t address = 0;
   std::uint16_t port = 0;
 
-  auto operator<=>(const Endpoint&) const = default;
+  bool operator==(const Endpoint&) const = default;
+  bool operator<(const Endpoint& other) const { return std::tie(address, port) < std::tie(other.address, other.port); }
 };
 
 [[nodiscard]] Endpoint FromSockaddr(const sockaddr_in& address);
@@ -34,7 +35,8 @@ struct SessionKey {
   Endpoint local;  ///< where probes arrive
   Endpoint peer;   ///< where they come from
 
-  auto operator<=>(const SessionKey&) const = default;
+  bool operator==(const SessionKey&) const = default;
+  bool operator<(const SessionKey& other) const { return std::tie(local, peer) < std::tie(other.local, other.peer); }
 };
 
 struct SessionStatistics {

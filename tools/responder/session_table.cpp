@@ -44,7 +44,7 @@ std::optional<std::int64_t> SessionTable::NextEnd() const {
 
 Session SessionTable::Remove(std::map<SessionKey, Session>::iterator position) {
   ends_.erase({position->second.end, position->first});
-  Session session = std::move(position->second);
+  const Session session = position->second;
   sessions_.erase(position);
   return session;
 }

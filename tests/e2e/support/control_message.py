@@ -1,4 +1,4 @@
-"""Control-phase messages of one's own making: what a task's request must be, byte for byte, and its dump in the logs."""
+"""Control-phase messages of our own making: what a task's request must be, byte for byte, and its dump."""
 
 import hashlib
 import hmac

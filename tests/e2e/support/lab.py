@@ -102,7 +102,7 @@ class Lab:
             wait_for(lambda: self.is_running(name, space), f"carrier on {name}")
 
     def is_running(self, interface, namespace=None):
-        return "LOWER_UP" in self.run("ip", "link", "show", interface, namespace=namespace).stdout
+        return "state UP" in self.run("ip", "link", "show", interface, namespace=namespace).stdout
 
     def add_vrf(self, name, vrf_address="10.1.0.1/24", peer_address="10.1.0.2/24"):
         """A VRF joined to the lab's own namespace by a veth pair: interfaces <name>-in and <name>-out."""

@@ -1,5 +1,6 @@
 """The daemon's own calculations, run by ipsla-metrics-runner on records given as text, and compared with the model."""
 
+import itertools
 import json
 import math
 import subprocess
@@ -26,8 +27,8 @@ def line_of(run, budget_ms):
 
 def history_line(history):
     ways = [f"jitter_{way}_{value}" for way in ("sd", "ds") for value in ("min", "avg", "sd", "max")]
-    entries = [" ".join([str(entry.status)] + [float(getattr(entry, name)).hex() for name in ways]) for entry in history]
-    return f"history {len(history)} " + " ".join(entries)
+    entries = [[str(entry.status), *(float(getattr(entry, name)).hex() for name in ways)] for entry in history]
+    return f"history {len(history)} " + " ".join(itertools.chain.from_iterable(entries))
 
 
 def differences(expected, found, names):

@@ -1,4 +1,4 @@
-"""A responder that plays one pattern per run: it waits for all probes, then counts and answers them in the given orders.
+"""A responder that plays one pattern per run: it waits for all probes, then counts and answers them in given orders.
 
 Runs are told apart by the measurement port that the request asks for (each task has its own) and by their number.
 """
@@ -40,7 +40,8 @@ class Script:
     def replies(self):
         """The answers that count, as the model takes them; their stamps are of no run in particular."""
         counters = self.pattern.counters()
-        return [Reply(number, counters[number], 150_000, 200_000 + place) for place, number in enumerate(self.in_time())]
+        in_time = enumerate(self.in_time())
+        return [Reply(number, counters[number], 150_000, 200_000 + place) for place, number in in_time]
 
 
 @dataclass

@@ -2,7 +2,7 @@
 
 import copy
 
-_PACKET_SIZE = {"udp-echo": 64, "udp-jitter": 100, "udp-jitter-ntp": 120, "icmp-echo": 84, "icmp-jitter": 74}
+_PACKET_SIZE = {"udp-echo": 84, "udp-jitter": 100, "udp-jitter-ntp": 120, "icmp-echo": 84, "icmp-jitter": 74}
 
 
 def task(number, kind, src="127.0.0.1", dst="127.0.0.1", vrf=None, time=1, packets=5, interval=10, timeout=300, **changes):
