@@ -19,9 +19,9 @@ bool Restarted(const TaskStatistics& before, const TaskStatistics& after) {
   const bool reconfigured = before.type != after.type || before.vrf != after.vrf ||
                             before.dst_address != after.dst_address || before.src_address != after.src_address ||
                             before.interface != after.interface;
-  // A task that went on has as many runs as before, the same last one, or more.
-  const bool new_run = before.start_time != after.start_time || before.finish_time != after.finish_time;
-  return reconfigured || Runs(after) < Runs(before) || (new_run && Runs(after) == Runs(before));
+  // A task that went on has more runs than before, or as many and the same last one.
+  const bool other_run = before.json != after.json;
+  return reconfigured || Runs(after) < Runs(before) || (other_run && Runs(after) == Runs(before));
 }
 
 bool Restarted(std::int32_t id, const StatisticsMap& before, const StatisticsMap& after) {

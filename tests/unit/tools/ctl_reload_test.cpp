@@ -53,8 +53,7 @@ TEST(Reload, SeesARestartByWhatStartedAfresh) {
   fewer.last->failed_count = 0;
   EXPECT_THAT(Restarted(test::JitterTask(), fewer), ElementsAre(3));
   TaskView as_many = test::JitterTask();
-  as_many.last->start_time += 60;
-  as_many.last->finish_time += 60;
+  as_many.last->json = R"({"another":"run"})";
   EXPECT_THAT(Restarted(test::JitterTask(), as_many), ElementsAre(3));
   TaskView elsewhere = test::JitterTask();
   elsewhere.last->dst_address = "10.0.0.3";

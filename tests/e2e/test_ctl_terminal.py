@@ -1,0 +1,138 @@
+"""ip-sla-ctl on a terminal: colours, widths, the live view; and what bash completes."""
+
+import json
+import os
+import re
+import signal
+
+import pytest
+from support import schemas
+from support.ctl import NO_SOURCE, Ctl, Terminal, masked, start_usual_daemon
+from support.tasks import icmp_echo
+from support.waiting import SCALE, wait_for
+
+NUMBER = r"\d+(\.\d+)?"
+
+
+@pytest.fixture
+def ctl(lab):
+    return Ctl(lab)
+
+
+@pytest.fixture
+def daemon(lab, start_daemon):
+    return start_usual_daemon(lab, start_daemon)
+
+
+def test_failing_test_is_coloured_on_a_terminal_only(ctl, daemon):
+    red = f"\x1b[1;31m{NO_SOURCE}\x1b[0m"
+    coloured = Terminal(ctl, "show")
+    assert coloured.wait_exit() == 1
+    assert red in coloured.text and "\x1b[1;31mFAIL\x1b[0m" in coloured.text
+    for environment in ({"NO_COLOR": "1"}, {"TERM": "dumb"}):
+        plain = Terminal(ctl, "show", **environment)
+        assert plain.wait_exit() == 1
+        assert "\x1b" not in plain.text and NO_SOURCE in plain.text
+    assert "\x1b" not in ctl("show", status=1)
+
+
+def test_narrow_terminal_gets_blocks(ctl, daemon):
+    narrow = Terminal(ctl, "show", 1, 5, width=60, NO_COLOR="1")
+    assert narrow.wait_exit() == 1
+    assert masked(narrow.text)[:4] == ["ID 1", "TYPE icmp-echo", "DESTINATION 127.0.0.1", "RESULT ok"]
+    assert f"ERROR {NO_SOURCE}" in masked(narrow.text)
+    assert all(len(line) <= 60 for line in narrow.text.splitlines())
+
+
+def test_watch_on_a_terminal_marks_changes_and_ends_on_ctrl_c(ctl, daemon):
+    screen = Terminal(ctl, "watch", "--interval", "0.3")
+    screen.wait_for(r"\x1b\[2J.*tasks 3, failing 1, every 0\.3 s; Ctrl-C ends.*ID.*icmp-echo")
+    screen.wait_for(r"\x1b\[7m\d+\x1b\[0m")  # a count that went up
+    screen.process.send_signal(signal.SIGINT)
+    assert screen.wait_exit() == 0
+    assert screen.text.endswith("\x1b[?25h"), "the cursor is back"
+
+
+def test_watch_on_a_terminal_survives_the_daemons_restart(ctl, lab, start_daemon):
+    first = start_daemon([icmp_echo(1)])
+    first.wait_for_reports(1)
+    screen = Terminal(ctl, "watch", "--interval", "0.2", "--timeout", "0.5")
+    screen.wait_for(r"tasks 1, failing 0")
+    first.stop()
+    screen.wait_for(r"no daemon answers")
+    seen = len(screen.text)
+    start_daemon([icmp_echo(1), icmp_echo(2)]).wait_for_reports(2)
+    wait_for(lambda: "tasks 2, failing 0" in screen.read()[seen:], "the new daemon's tasks")
+    screen.process.send_signal(signal.SIGTERM)
+    assert screen.wait_exit() == 0
+
+
+def test_watch_shows_no_more_than_the_terminal_has_room_for(ctl, start_daemon):
+    daemon = start_daemon([icmp_echo(number) for number in range(1, 21)])
+    for number in range(1, 21):
+        daemon.wait_for_reports(number)
+    screen = Terminal(ctl, "watch", "--count", "1", height=10)
+    assert screen.wait_exit() == 0
+    assert "(15 more lines)" in screen.text
+    assert screen.text.count("\n") == 9
+
+
+def test_watch_without_a_terminal_prints_lines_for_new_results(ctl, daemon):
+    lines = ctl("watch", "--interval", "0.2", "--count", "12").splitlines()
+    stamp = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d "
+    first, second, third, *later = lines
+    assert re.fullmatch(
+        stamp + rf"task 1 icmp-echo dst=127\.0\.0\.1 result=ok rtt={NUMBER}ms loss=0% ok=\d+ failed=0", first
+    )
+    assert re.match(stamp + r"task 2 icmp-jitter vrf=blue dst=10\.1\.0\.2 result=ok rtt=", second)
+    assert re.fullmatch(
+        stamp + rf'task 5 icmp-echo dst=127\.0\.0\.1 result=FAIL ok=0 failed=\d+ error="{NO_SOURCE}"', third
+    )
+    assert later, "new results within two seconds"
+    assert all(re.match(stamp + "task [125] ", line) for line in later)
+    assert len(set(lines)) == len(lines)
+
+
+def test_watch_json_is_a_document_per_refresh(ctl, daemon):
+    lines = ctl("--json", "watch", "-n", "0.1", "--count", "3", 1).splitlines()
+    assert len(lines) == 3
+    for line in lines:
+        schemas.check(json.loads(line), "statistics")
+
+
+def test_watch_of_an_unknown_task_is_an_error(ctl, daemon):
+    assert ctl("watch", 7, status=3, error="ip-sla-ctl: no task 7 is configured\n") == ""
+
+
+def test_watch_in_a_pipe_ends_on_ctrl_c(ctl, daemon):
+    process = ctl.lab.popen(*ctl.command("watch", "--interval", "60"), stdout=-1, stderr=-1, text=True)
+    assert "task 1" in process.stdout.readline()
+    process.send_signal(signal.SIGINT)
+    assert process.wait(timeout=20 * SCALE) == 0
+
+
+# -- bash completion -------------------------------------------------------------------------------------------------
+
+
+def _complete(ctl, *words):
+    """What bash offers for the last of the words."""
+    script = f"""
+        compopt() {{ :; }}
+        source {os.path.dirname(__file__)}/../../tools/ctl/ip-sla-ctl.bash
+        ip-sla-ctl() {{ {ctl.lab.build.program("ip-sla-ctl")} "$@"; }}
+        COMP_WORDS=(ip-sla-ctl "$@")
+        COMP_CWORD=$#
+        _ip_sla_ctl
+        printf '%s\\n' "${{COMPREPLY[@]}}"
+    """
+    result = ctl.lab.run("env", *(f"{k}={v}" for k, v in ctl.environment.items()), "bash", "-c", script, "bash", *words)
+    return result.stdout.split()
+
+
+def test_completion_offers_commands_options_and_task_ids(ctl, daemon):
+    assert _complete(ctl, "") == ["show", "watch", "status", "reload", "check", "probe"]
+    assert _complete(ctl, "s") == ["show", "status"]
+    assert _complete(ctl, "reload", "") == ["tasks", "keychain"]
+    assert _complete(ctl, "show", "--m") == ["--metrics"]
+    assert _complete(ctl, "--timeout", "3", "probe", "") == ["1", "2", "5", "9"]
+    assert _complete(ctl, "probe", "1", "--warning", "l") == ["latency=", "loss="]
