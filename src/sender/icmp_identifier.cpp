@@ -17,8 +17,8 @@ struct Registry {
 
 // Never destroyed: tests may still die while the process exits.
 Registry& TheRegistry() {
-  static auto* const kRegistry = new Registry;
-  return *kRegistry;
+  static auto& registry = *new Registry;
+  return registry;
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <exception>
+#include <utility>
 
 #include <boost/asio/error.hpp>
 #include <boost/asio/ip/address_v4.hpp>
@@ -50,9 +51,9 @@ std::uint32_t ToMilliseconds(std::uint32_t seconds) {
 
 const Sender::TimerHandler Sender::kNewStart{"NewStart", [](Sender& test) { test.NewStart(); }};
 
-Sender::Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, const SenderContext& context)
+Sender::Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, SenderContext context)
     : worker_(worker),
-      context_(context),
+      context_(std::move(context)),
       config_(task),
       packets_(static_cast<std::size_t>(std::max(task.num_packets, 1))),
       send_buffer_(std::max<std::size_t>(task.packet_size, kMinBufferBytes)),

@@ -103,7 +103,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
 
   /// Copies the task, allocates buffers and records, completes the source interfaces from the interface table and opens
   /// the test's log file. Throws std::runtime_error when the log directory cannot be created.
-  Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, const SenderContext& context);
+  Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, SenderContext context);
   ~Sender() = default;
 
   // The four operations of a concrete test. All are called with mutex_ held.

@@ -48,32 +48,45 @@ bool EnterPrivateNamespaces() {
   return BringLoopbackUp();
 }
 
-// Tells the second start of this process that it is in its own namespaces already. A child process, as a death test
-// starts one, has another id and so makes namespaces of its own, with ports of its own.
-constexpr const char* kMarker = "IPSLA_UNIT_TESTS_OF";
+// The process that made the private mount namespace, and that namespace, so that a variable left over from elsewhere is
+// not believed.
+constexpr const char* kMaker = "IPSLA_UNIT_TESTS_OF";
+constexpr const char* kPlace = "IPSLA_UNIT_TESTS_IN";
 
 std::string ProcessId() {
   return std::to_string(getpid());
 }
 
-bool IsIsolated() {
-  const char* inside = std::getenv(kMarker);
-  return inside != nullptr && inside == ProcessId();
+std::string MountNamespace() {
+  struct stat status {};
+  if (stat("/proc/self/ns/mnt", &status) != 0) return "unknown";
+  return std::to_string(status.st_ino);
+}
+
+bool Holds(const char* variable, const std::string& value) {
+  const char* text = std::getenv(variable);
+  return text != nullptr && text == value;
+}
+
+// Starts the program anew in namespaces of its own: threads that exist already stay in the old ones.
+int RestartIsolated(char** argv) {
+  if (!EnterPrivateNamespaces()) {
+    std::fputs("the unit tests need root: they run in namespaces of their own\n", stderr);
+    return 2;
+  }
+  setenv(kMaker, ProcessId().c_str(), 1);
+  setenv(kPlace, MountNamespace().c_str(), 1);
+  execv("/proc/self/exe", argv);
+  std::perror("execv");
+  return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (!IsIsolated()) {
-    if (!EnterPrivateNamespaces()) {
-      std::fputs("the unit tests need root: they run in namespaces of their own\n", stderr);
-      return 2;
-    }
-    setenv(kMarker, ProcessId().c_str(), 1);
-    execv("/proc/self/exe", argv);
-    std::perror("execv");
-    return 2;
-  }
+  if (!Holds(kPlace, MountNamespace())) return RestartIsolated(argv);
+  // A child of a test (a death test): it shares its parent's logs, which the parent reads, but not its ports.
+  if (!Holds(kMaker, ProcessId()) && (unshare(CLONE_NEWNET) != 0 || !BringLoopbackUp())) return 2;
   testing::InitGoogleTest(&argc, argv);
   // A child process of a test starts from the beginning: a plain fork would leave it without the log's writer thread.
   GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -90,7 +90,9 @@ TEST_F(LogFileSizeTest, EndsALastLineThatHadNoNewline) {
 }
 
 TEST_F(LogFileSizeTest, KeepsTheOneLineOfAFile) {
-  const std::vector<std::string> lines = AppendTo(std::string(kLimit + 1, 'x') + "\n", "new");
+  std::string content(kLimit + 1, 'x');
+  content += '\n';
+  const std::vector<std::string> lines = AppendTo(content, "new");
   EXPECT_EQ(lines.size(), 2U);
 }
 

@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
@@ -100,10 +101,14 @@ TEST(ProcessLoggerTest, HasItsWriterThreadAtNormalPriorityFromBeforeMain) {
     sched_param parameters{};
     parameters.sched_priority = 1;
     sched_setscheduler(0, SCHED_RR, &parameters);
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-      if (ReadText(task.path() / "comm") != "log-writer\n") continue;
-      const int policy = sched_getscheduler(std::stoi(task.path().filename()));
-      FinishChild(policy == SCHED_OTHER ? "" : "policy " + std::to_string(policy));
+    // The thread is there, but may not have come to naming itself.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < deadline) {
+      for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (ReadText(task.path() / "comm") != "log-writer\n") continue;
+        const int policy = sched_getscheduler(std::stoi(task.path().filename()));
+        FinishChild(policy == SCHED_OTHER ? "" : "policy " + std::to_string(policy));
+      }
     }
     FinishChild("there is no writer thread");
   };
