@@ -28,7 +28,6 @@ void SetLengths(ApiHeader& header, std::size_t payload_size) {
 
 ApiBytes BuildDatagram(const ApiHeader& header, std::span<const std::uint8_t> payload) {
   const auto bytes = EncodeApiHeader(header);
-  // Sized at once: GCC 12 takes an insert into reserved room for an overflow when it optimises.
   ApiBytes datagram(bytes.size() + payload.size());
   const auto body = std::copy(bytes.begin(), bytes.end(), datagram.begin());
   std::copy(payload.begin(), payload.end(), body);

@@ -48,7 +48,10 @@ INSTANTIATE_TEST_SUITE_P(FatalSignals, CrashTraceTest,
 TEST(CrashTraceConsoleTest, ReportsTheCrashOfAnotherThread) {
   const auto crash = [] {
     Prepare();
-    std::thread([] { raise(SIGSEGV); }).join();
+    std::thread([] {
+      // The result is kept so that the call is no jump, which would leave no frame of this program on the stack.
+      [[maybe_unused]] const volatile int result = raise(SIGSEGV);
+    }).join();
   };
   EXPECT_EXIT(crash(), testing::KilledBySignal(SIGSEGV), TraceOf(SIGSEGV, "SIGSEGV"));
 }

@@ -124,8 +124,7 @@ std::vector<std::uint8_t> RequestBytes(std::uint16_t command, const std::string&
                                      7,   7,    7,    7};                        // block length: likewise
   std::memcpy(&bytes[20], &command, sizeof command);
   if (json.empty()) return bytes;
-  // One by one: GCC 12 takes an insert at the end for an overflow when it optimises.
-  for (const char character : json) bytes.push_back(static_cast<std::uint8_t>(character));
+  bytes.insert(bytes.end(), json.begin(), json.end());
   bytes.push_back(0);
   return bytes;
 }
