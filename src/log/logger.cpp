@@ -136,6 +136,8 @@ Logger::Logger(std::string directory) : Logger(std::move(directory), SystemLogFi
 Logger::Logger(std::string directory, const LogFileCalls& calls)
     : impl_(std::make_unique<Impl>(std::move(directory), calls)) {}
 
+// On its own writer thread, which would go on with the freed logger, the exception deliberately ends the process.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 Logger::~Logger() {
   Shutdown();
 }

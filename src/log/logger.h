@@ -29,7 +29,7 @@ class Logger {
   Logger(std::string directory, const LogFileCalls& calls);
 
   /// Shutdown().
-  ~Logger();
+  ~Logger();  // NOLINT(bugprone-exception-escape): see its definition
 
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
