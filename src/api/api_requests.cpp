@@ -39,7 +39,7 @@ std::optional<std::set<std::string>> RequestedGroups(const cJSON* object) {
 // taken as it is, an element without one is skipped, and an id asked for twice keeps its first groups.
 std::optional<StatisticsRequest> ReadTasksToReport(const cJSON* body) {
   const cJSON* tasks = cJSON_GetObjectItem(body, "tasks");
-  if (!cJSON_IsArray(tasks)) {
+  if (cJSON_IsArray(tasks) == 0) {
     LOG_DEBUG(0, "cJSON_IsArray() failed: invalid sla task object");
     return std::nullopt;
   }
@@ -149,7 +149,7 @@ ApiSender::Answer ApiSender::ReportStatistics(const std::optional<StatisticsRequ
 
 ApiSender::Answer ApiSender::ReportStatus(const cJSON* body) const {
   const cJSON* wanted = cJSON_GetObjectItem(body, "tasks");
-  if (!cJSON_IsArray(wanted)) {
+  if (cJSON_IsArray(wanted) == 0) {
     LOG_DEBUG(0, "cJSON_IsArray() failed: invalid requested tasks");
     return {.failed = true, .document = nullptr};
   }

@@ -64,7 +64,7 @@ ApiSender::ApiSender(boost::asio::io_context& service, std::string tasks_file, s
   }
 }
 
-ApiSender::~ApiSender() {
+ApiSender::~ApiSender() {  // NOLINT(bugprone-exception-escape): a log call does not throw
   try {
     Stop();
   } catch (const std::exception& exception) {

@@ -54,7 +54,7 @@ class ApiSender : private InterfaceObserver {
   ApiSender(boost::asio::io_context& service, std::string tasks_file, std::string keychain_file);
 
   /// Stop().
-  ~ApiSender() override;
+  ~ApiSender() override;  // NOLINT(bugprone-exception-escape): a log call does not throw
 
   ApiSender(const ApiSender&) = delete;
   ApiSender& operator=(const ApiSender&) = delete;

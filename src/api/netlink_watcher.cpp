@@ -73,7 +73,10 @@ NetlinkWatcher::NetlinkWatcher(boost::asio::io_context& service, std::shared_ptr
     : service_(service), table_(std::move(table)), observer_(observer) {}
 
 NetlinkWatcher::~NetlinkWatcher() {
-  Close();
+  try {
+    Close();
+  } catch (...) {  // NOLINT(bugprone-empty-catch): a socket that cannot be closed is gone with its descriptor
+  }
 }
 
 void NetlinkWatcher::CreateNetlinkSocketInVrf(const std::string& vrf) {

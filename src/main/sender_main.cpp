@@ -77,7 +77,7 @@ void RunMainLoop(boost::asio::io_context& service, ipsla::ApiSender& sender) {
 
 // What throws from here on (a test that cannot be created, for example) is deliberately not caught: it ends the process
 // abnormally, and the crash-trace handlers report it.
-int main(int argc, char* argv[]) {
+int main(int argc, char* argv[]) {  // NOLINT(bugprone-exception-escape): deliberate, see above
   // The library would otherwise take itself apart at exit, under threads that still use it.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
