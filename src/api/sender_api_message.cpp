@@ -148,14 +148,14 @@ const std::set<std::string>& MetricGroupNames() {
 }
 
 std::optional<std::set<std::string>> ReadMetricGroups(const cJSON* metrics) {
-  if (!cJSON_IsArray(metrics)) {
+  if (cJSON_IsArray(metrics) == 0) {
     return std::nullopt;
   }
   std::set<std::string> groups;
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, metrics) {
     const char* name = cJSON_GetStringValue(element);
-    if (name != nullptr && MetricGroupNames().count(name) != 0) {
+    if (name != nullptr && MetricGroupNames().contains(name)) {
       groups.insert(name);
     }
   }

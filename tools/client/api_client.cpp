@@ -56,7 +56,7 @@ class Socket {
   Socket(const Socket&) = delete;
   Socket& operator=(const Socket&) = delete;
 
-  [[nodiscard]] int fd() const { return fd_; }
+  [[nodiscard]] int Fd() const { return fd_; }
 
   /// 0, or an errno value.
   [[nodiscard]] int Send(const ApiBytes& bytes) const {
@@ -83,7 +83,7 @@ enum class Wait : std::uint8_t { kReadable, kTimeout, kInterrupted };
 
 /// Waits for the socket (an error on it counts as readable) or the interrupt descriptor.
 Wait WaitFor(const Socket& socket, int interrupt_fd, Clock::time_point deadline) {
-  std::array<pollfd, 2> waits{pollfd{socket.fd(), POLLIN, 0}, pollfd{interrupt_fd, POLLIN, 0}};
+  std::array<pollfd, 2> waits{pollfd{socket.Fd(), POLLIN, 0}, pollfd{interrupt_fd, POLLIN, 0}};
   while (true) {
     const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
     const int ready = poll(waits.data(), waits.size(), static_cast<int>(std::clamp<std::int64_t>(left, 0, 60000)));
@@ -140,7 +140,7 @@ class Exchange {
   Exchange(const ApiClient& client, ApiCommand command, std::string_view json, bool watch)
       : client_(client),
         watch_(watch),
-        socket_(client.options()),
+        socket_(client.Options()),
         request_(TaggedRequest(command, json, &tag_)),
         reply_(tag_, static_cast<std::uint16_t>(command)) {}
 
@@ -153,7 +153,7 @@ class Exchange {
     auto alive_check = Clock::now() + kAliveCheckInterval;
     while (true) {
       const auto until = watch_ ? std::min(deadline, alive_check) : deadline;
-      switch (WaitFor(socket_, client_.options().interrupt_fd, until)) {
+      switch (WaitFor(socket_, client_.Options().interrupt_fd, until)) {
         case Wait::kInterrupted:
           throw ClientError(Kind::kInterrupted, "interrupted");
         case Wait::kReadable:
@@ -177,12 +177,12 @@ class Exchange {
     }
   }
 
-  [[nodiscard]] const ReplyAssembler& reply() const { return reply_; }
+  [[nodiscard]] const ReplyAssembler& Reply() const { return reply_; }
 
  private:
   [[noreturn]] void FailOn(int error) {
     if (error == ECONNREFUSED) {
-      ThrowNoDaemon(client_.options());
+      ThrowNoDaemon(client_.Options());
     }
     throw ClientError(Kind::kSystem, std::string("exchange with the daemon failed: ") + std::strerror(error));
   }
@@ -234,11 +234,11 @@ std::string ApiClient::Query(ApiCommand command, std::string_view json) const {
   for (int attempt = 1;; ++attempt) {
     Exchange exchange(*this, command, json, false);
     if (exchange.Run(options_.timeout)) {
-      return exchange.reply().Text();
+      return exchange.Reply().Text();
     }
     // A lost fragment is worth asking again; silence is not, the daemon may still be busy with the first request.
-    if (exchange.reply().FragmentCount() == 0 || attempt == kAttempts) {
-      ThrowTimeout(exchange.reply(), options_.timeout);
+    if (exchange.Reply().FragmentCount() == 0 || attempt == kAttempts) {
+      ThrowTimeout(exchange.Reply(), options_.timeout);
     }
   }
 }
@@ -246,7 +246,7 @@ std::string ApiClient::Query(ApiCommand command, std::string_view json) const {
 void ApiClient::Execute(ApiCommand command, milliseconds timeout) const {
   Exchange exchange(*this, command, "", true);
   if (!exchange.Run(timeout)) {
-    ThrowTimeout(exchange.reply(), timeout);
+    ThrowTimeout(exchange.Reply(), timeout);
   }
 }
 

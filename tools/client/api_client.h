@@ -26,7 +26,7 @@ class ClientError : public std::runtime_error {
     kSystem,       ///< a system call failed here
   };
   ClientError(Kind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
-  [[nodiscard]] Kind kind() const { return kind_; }
+  [[nodiscard]] Kind GetKind() const { return kind_; }
 
  private:
   Kind kind_;
@@ -55,7 +55,7 @@ class ApiClient {
   /// Whether something is bound to the daemon's port.
   [[nodiscard]] bool DaemonListens() const;
 
-  [[nodiscard]] const ClientOptions& options() const { return options_; }
+  [[nodiscard]] const ClientOptions& Options() const { return options_; }
 
  private:
   ClientOptions options_;

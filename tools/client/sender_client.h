@@ -36,7 +36,7 @@ class SenderClient {
   /// kEnded: the file could not be read, which ends the daemon.
   void ReloadKeychain(std::chrono::milliseconds timeout) const;
 
-  [[nodiscard]] const ApiClient& api() const { return api_; }
+  [[nodiscard]] const ApiClient& Api() const { return api_; }
 
  private:
   ApiClient api_;

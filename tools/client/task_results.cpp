@@ -20,7 +20,7 @@ const cJSON* Find(const cJSON* object, const char* key) {
 
 Value ReadValue(const cJSON* object, const char* key) {
   const cJSON* item = Find(object, key);
-  if (!cJSON_IsNumber(item) || !std::isfinite(item->valuedouble) || std::fabs(item->valuedouble) > kLargestValue) {
+  if (cJSON_IsNumber(item) == 0 || !std::isfinite(item->valuedouble) || std::fabs(item->valuedouble) > kLargestValue) {
     return std::nullopt;
   }
   return item->valuedouble;
@@ -48,7 +48,7 @@ std::optional<std::int32_t> ReadId(const cJSON* object) {
 
 std::optional<RttValues> ReadRtt(const cJSON* task) {
   const cJSON* group = Find(task, "rtt-values");
-  if (!cJSON_IsObject(group)) {
+  if (cJSON_IsObject(group) == 0) {
     return std::nullopt;
   }
   return RttValues{ReadValue(group, "min"), ReadValue(group, "avg"), ReadValue(group, "max")};
@@ -56,7 +56,7 @@ std::optional<RttValues> ReadRtt(const cJSON* task) {
 
 std::optional<TwoWayValues> ReadTwoWay(const cJSON* task, const char* key) {
   const cJSON* group = Find(task, key);
-  if (!cJSON_IsObject(group)) {
+  if (cJSON_IsObject(group) == 0) {
     return std::nullopt;
   }
   return TwoWayValues{
@@ -66,7 +66,7 @@ std::optional<TwoWayValues> ReadTwoWay(const cJSON* task, const char* key) {
 
 std::optional<LossValues> ReadLoss(const cJSON* task) {
   const cJSON* group = Find(task, "loss-values");
-  if (!cJSON_IsObject(group)) {
+  if (cJSON_IsObject(group) == 0) {
     return std::nullopt;
   }
   LossValues loss;
@@ -82,7 +82,7 @@ std::optional<LossValues> ReadLoss(const cJSON* task) {
 
 std::optional<OutOfSequenceValues> ReadOutOfSequence(const cJSON* task) {
   const cJSON* group = Find(task, "out-of-sequence-values");
-  if (!cJSON_IsObject(group)) {
+  if (cJSON_IsObject(group) == 0) {
     return std::nullopt;
   }
   return OutOfSequenceValues{ReadInteger(group, "sd-out-of-sequence"), ReadInteger(group, "ds-out-of-sequence")};
@@ -123,7 +123,7 @@ template <typename Take>
 bool ForEachTask(std::string_view json, Take take) {
   const JsonParse parsed = ParseJson(json);
   const cJSON* tasks = Find(parsed.document.get(), "tasks");
-  if (!cJSON_IsArray(tasks)) {
+  if (cJSON_IsArray(tasks) == 0) {
     return false;
   }
   const cJSON* task = nullptr;

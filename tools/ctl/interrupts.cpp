@@ -16,22 +16,22 @@ namespace ipsla::ctl {
 namespace {
 
 /// What the handler writes to; set before the handlers are and closed after they are gone.
-volatile sig_atomic_t event_fd = -1;
+volatile sig_atomic_t handler_fd = -1;
 
 void OnSignal(int /*signal*/) {
   const int saved_errno = errno;
   const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = write(event_fd, &one, sizeof(one));
+  [[maybe_unused]] const ssize_t written = write(handler_fd, &one, sizeof(one));
   errno = saved_errno;
 }
 
 }  // namespace
 
-Interrupts::Interrupts() {
-  event_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (event_fd < 0) {
+Interrupts::Interrupts() : event_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (event_fd_ < 0) {
     throw client::ClientError(client::ClientError::Kind::kSystem, std::string("eventfd: ") + std::strerror(errno));
   }
+  handler_fd = event_fd_;
   struct sigaction action {};
   action.sa_handler = OnSignal;
   sigemptyset(&action.sa_mask);
@@ -42,18 +42,14 @@ Interrupts::Interrupts() {
 Interrupts::~Interrupts() {
   sigaction(SIGINT, &previous_interrupt_, nullptr);
   sigaction(SIGTERM, &previous_terminate_, nullptr);
-  close(event_fd);
-  event_fd = -1;
-}
-
-int Interrupts::fd() const {
-  return event_fd;
+  close(event_fd_);
+  handler_fd = -1;
 }
 
 bool Interrupts::WaitFor(std::chrono::milliseconds duration) const {
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + duration;
-  pollfd wait{fd(), POLLIN, 0};
+  pollfd wait{Fd(), POLLIN, 0};
   while (true) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (poll(&wait, 1, static_cast<int>(std::max<std::int64_t>(left, 0))) > 0) {

@@ -3,9 +3,8 @@
 #ifndef IPSLA_TOOLS_CTL_INTERRUPTS_H_
 #define IPSLA_TOOLS_CTL_INTERRUPTS_H_
 
-#include <signal.h>
-
 #include <chrono>
+#include <csignal>
 
 namespace ipsla::ctl {
 
@@ -20,12 +19,13 @@ class Interrupts {
   Interrupts& operator=(const Interrupts&) = delete;
 
   /// Readable from the first signal on.
-  [[nodiscard]] int fd() const;
+  [[nodiscard]] int Fd() const { return event_fd_; }
 
   /// True when interrupted before `duration` has passed.
   [[nodiscard]] bool WaitFor(std::chrono::milliseconds duration) const;
 
  private:
+  int event_fd_;
   struct sigaction previous_interrupt_ {};
   struct sigaction previous_terminate_ {};
 };

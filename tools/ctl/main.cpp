@@ -148,7 +148,7 @@ int Run(Arguments* arguments) {
   }
 }
 
-int Main(int argc, char** argv) {
+int ParseAndRun(int argc, char** argv) {
   CLI::App app(kAbout, "ip-sla-ctl");
   Arguments arguments;
   AddOptions(&app, &arguments);
@@ -172,5 +172,12 @@ int Main(int argc, char** argv) {
 }  // namespace ipsla::ctl
 
 int main(int argc, char** argv) {
-  return ipsla::ctl::Main(argc, argv);
+  try {
+    return ipsla::ctl::ParseAndRun(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "ip-sla-ctl: %s\n", error.what());
+  } catch (...) {
+    std::fputs("ip-sla-ctl: failed for an unknown reason\n", stderr);
+  }
+  return ipsla::ctl::kExitNoDaemon;
 }

@@ -52,13 +52,13 @@ int RunReloadTasks(const CommonOptions& common) {
   try {
     sender.ReloadTasks(ReloadTimeout(common, before.configured.size()));
   } catch (const ClientError& error) {
-    if (error.kind() == Kind::kRefused) {
+    if (error.GetKind() == Kind::kRefused) {
       return Fail(
           common, kExitFailing,
           "the daemon could not read the tasks file and goes on with the tasks it has; its log says why, and so "
           "does \"ip-sla-ctl check\"");
     }
-    if (error.kind() == Kind::kEnded) {
+    if (error.GetKind() == Kind::kEnded) {
       return Fail(common, kExitNoDaemon, "the daemon ended: a test of the new tasks file could not be created");
     }
     throw;
@@ -79,13 +79,13 @@ int RunReloadKeychain(const CommonOptions& common) {
   try {
     sender.ReloadKeychain(ReloadTimeout(common, 0));
   } catch (const ClientError& error) {
-    if (error.kind() == Kind::kEnded) {
+    if (error.GetKind() == Kind::kEnded) {
       return Fail(common, kExitNoDaemon, "the daemon ended: the keychain file could not be read");
     }
-    if (error.kind() == Kind::kRefused) {
+    if (error.GetKind() == Kind::kRefused) {
       return Fail(common, kExitFailing, "the daemon refused to read the keychain file");
     }
-    if (error.kind() == Kind::kTimeout) {
+    if (error.GetKind() == Kind::kTimeout) {
       return Fail(
           common, kExitNoDaemon,
           std::string(error.what()) +

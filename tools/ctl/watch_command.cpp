@@ -107,7 +107,7 @@ void Refresh(const SenderClient& sender, const WatchOptions& options, bool is_fi
   try {
     display->Show(Collect(sender, options.selection, MetricGroupNames()));
   } catch (const ClientError& error) {
-    if (is_first || error.kind() == ClientError::Kind::kInterrupted) {
+    if (is_first || error.GetKind() == ClientError::Kind::kInterrupted) {
       throw;
     }
     display->ShowTrouble(error.what());
@@ -119,7 +119,7 @@ void Refresh(const SenderClient& sender, const WatchOptions& options, bool is_fi
 int RunWatch(const CommonOptions& common, const WatchOptions& options) {
   const Interrupts interrupts;
   client::ClientOptions client_options = common.client;
-  client_options.interrupt_fd = interrupts.fd();
+  client_options.interrupt_fd = interrupts.Fd();
   const SenderClient sender(client_options);
   const auto interval = std::chrono::milliseconds(static_cast<std::int64_t>(options.interval * 1000));
   try {
@@ -138,7 +138,7 @@ int RunWatch(const CommonOptions& common, const WatchOptions& options) {
       Refresh(sender, options, shown == 0, &display);
     }
   } catch (const ClientError& error) {
-    if (error.kind() != ClientError::Kind::kInterrupted) {
+    if (error.GetKind() != ClientError::Kind::kInterrupted) {
       throw;
     }
   }

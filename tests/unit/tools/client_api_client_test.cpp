@@ -88,7 +88,7 @@ Kind KindOf(Call call) {
     call();
   } catch (const ClientError& error) {
     EXPECT_STRNE(error.what(), "");
-    return error.kind();
+    return error.GetKind();
   }
   ADD_FAILURE() << "no error";
   return Kind::kSystem;
@@ -146,7 +146,7 @@ TEST(ApiClient, NamesTheFragmentThatStayedLost) {
     (void)client.Query(ApiCommand::kGetTaskStatistics, "{}");
     FAIL();
   } catch (const ClientError& error) {
-    EXPECT_EQ(error.kind(), Kind::kTimeout);
+    EXPECT_EQ(error.GetKind(), Kind::kTimeout);
     EXPECT_STREQ(error.what(), "the reply stayed incomplete: 1 fragments came, number 1 did not");
   }
 }
