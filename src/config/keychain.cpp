@@ -11,28 +11,10 @@ namespace ipsla {
 namespace {
 
 // Logs what is wrong with the file as a whole.
-void LogFileFault(const ConfigFile& file) {
-  switch (file.fault) {
-    case ConfigFileFault::kNoName:
-      LOG_DEBUG(0, "invalid keychain configuration filename");
-      break;
-    case ConfigFileFault::kUnreadable:
-      LOG_DEBUG(0, "unable to open configuration file");
-      break;
-    case ConfigFileFault::kNotJson: {
-      // Without a known position the log file gets no line and the system log one with an empty text; deliberate.
-      const std::string text = file.json.error_text.value_or("");
-      if (file.json.error_text) LOG_DEBUG_FILE(0, "JSON parse error at line: %s", text.c_str());
-      LOG_DEBUG_SYSTEM("JSON parse error at line: %s", text.c_str());
-      break;
-    }
-    case ConfigFileFault::kNoArray:
-      // Deliberately silent unless the JSON library still holds an error, which it forgets with every new document.
-      if (cJSON_GetErrorPtr() != nullptr) LOG_DEBUG(0, "invalid configuration");
-      break;
-    case ConfigFileFault::kNone:
-      break;
-  }
+void LogKeychainFileFault(const ConfigFile& file) {
+  LogFileFault(file, "keychain");
+  // Deliberately silent unless the JSON library still holds an error, which it forgets with every new document.
+  if (file.fault == ConfigFileFault::kNoArray && cJSON_GetErrorPtr() != nullptr) LOG_DEBUG(0, "invalid configuration");
 }
 
 }  // namespace
@@ -59,7 +41,7 @@ int ParseKeychainConfig(const std::string& filename, KeychainStorage* storage) {
   storage->clear();
   const ConfigFile file = ReadConfigFile(filename, kKeychainKey);
   if (file.fault != ConfigFileFault::kNone) {
-    LogFileFault(file);
+    LogKeychainFileFault(file);
     return -1;
   }
   for (const KeyFault& fault : ReadKeys(file.array, storage)) LOG_DEBUG(0, "%s", fault.reason.c_str());

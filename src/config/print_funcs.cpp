@@ -3,8 +3,6 @@
 #include <arpa/inet.h>
 #include <sys/types.h>
 
-#include <type_traits>
-
 #include "log/log.h"
 
 // A line that both logs get alike is one LOG_DEBUG. Where the file's copy is left out, or carries another number than
@@ -12,11 +10,6 @@
 
 namespace ipsla {
 namespace {
-
-template <typename Enumeration>
-unsigned NumberOf(Enumeration value) {
-  return static_cast<unsigned>(static_cast<std::underlying_type_t<Enumeration>>(value));
-}
 
 void PrintSchedule(const SlaTaskConfig& task) {
   const SlaSchedulerConfig& scheduler = task.scheduler;

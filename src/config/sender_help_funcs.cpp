@@ -13,27 +13,9 @@ namespace ipsla {
 namespace {
 
 // Logs what is wrong with the file as a whole.
-void LogFileFault(const ConfigFile& file) {
-  switch (file.fault) {
-    case ConfigFileFault::kNoName:
-      LOG_DEBUG(0, "invalid SLA tasks configuration filename");
-      break;
-    case ConfigFileFault::kUnreadable:
-      LOG_DEBUG(0, "unable to open configuration file");
-      break;
-    case ConfigFileFault::kNotJson: {
-      // Without a known position the log file gets no line and the system log one with an empty text; deliberate.
-      const std::string text = file.json.error_text.value_or("");
-      if (file.json.error_text) LOG_DEBUG_FILE(0, "JSON parse error at line: %s", text.c_str());
-      LOG_DEBUG_SYSTEM("JSON parse error at line: %s", text.c_str());
-      break;
-    }
-    case ConfigFileFault::kNoArray:
-      LOG_DEBUG(0, "ivalid configuration");  // spelled so on purpose
-      break;
-    case ConfigFileFault::kNone:
-      break;
-  }
+void LogTasksFileFault(const ConfigFile& file) {
+  LogFileFault(file, "SLA tasks");
+  if (file.fault == ConfigFileFault::kNoArray) LOG_DEBUG(0, "ivalid configuration");  // spelled so on purpose
 }
 
 // Appends the numbers of "cpus", cut to 8 bits. A missing list, or one that is no array, adds nothing.
@@ -54,7 +36,7 @@ int ParseTaskConfigs(const std::string& filename, SlaTaskMap* tasks, const Keych
   tasks->clear();
   const ConfigFile file = ReadConfigFile(filename, kTasksKey);
   if (file.fault != ConfigFileFault::kNone) {
-    LogFileFault(file);
+    LogTasksFileFault(file);
     return -1;
   }
   const cJSON* element = nullptr;

@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <span>
 #include <string_view>
-#include <type_traits>
 
 namespace ipsla {
 namespace {
@@ -19,7 +18,7 @@ using Words = std::span<const char* const>;
 // The word at `value` minus `first`, or the fallback beyond both ends.
 template <typename Enumeration>
 std::string WordOf(Enumeration value, Words words, std::int64_t first) {
-  const std::int64_t index = static_cast<std::int64_t>(static_cast<std::underlying_type_t<Enumeration>>(value)) - first;
+  const std::int64_t index = std::int64_t{NumberOf(value)} - first;
   if (index < 0 || index >= static_cast<std::int64_t>(words.size())) return kUndefined;
   return words[static_cast<std::size_t>(index)];
 }

@@ -10,8 +10,15 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <type_traits>
 
 namespace ipsla {
+
+/// An enumeration's number, in the type that it is stored and sent in.
+template <typename Enumeration>
+[[nodiscard]] constexpr std::underlying_type_t<Enumeration> NumberOf(Enumeration value) {
+  return static_cast<std::underlying_type_t<Enumeration>>(value);
+}
 
 enum class SlaTestType : std::int32_t {
   kNone = -1,

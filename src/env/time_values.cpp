@@ -7,7 +7,6 @@ namespace ipsla {
 namespace {
 
 constexpr std::int64_t kSecondsPerDay = 86400;
-constexpr std::int64_t kNanosecondsPerSecond = 1000000000;
 constexpr std::uint64_t kMicrosecondsPerSecond = 1000000;
 
 // Times before 1970 count from their own midnight, too.

@@ -14,6 +14,8 @@
 
 namespace ipsla {
 
+inline constexpr std::int64_t kNanosecondsPerSecond = 1000000000;
+
 /// The real-time clock (CLOCK_REALTIME). Any thread.
 [[nodiscard]] timespec RealTimeNow();
 

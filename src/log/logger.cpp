@@ -20,6 +20,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "log/format.h"
 #include "log/log.h"
 #include "log/log_file.h"
 #include "log/thread_stack.h"
@@ -53,16 +54,6 @@ std::string LocalTime() {
   std::array<char, 26> text{};
   const std::size_t length = std::strftime(text.data(), text.size(), "%d-%m-%Y %T", &local);
   return {text.data(), length};
-}
-
-std::string Format(const char* format, va_list arguments) {
-  va_list again;
-  va_copy(again, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, arguments);
-  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-  std::vsnprintf(text.data(), text.size() + 1, format, again);
-  va_end(again);
-  return text;
 }
 
 // A small stack, and normal priority whatever the thread has that creates the logger: the disk can wait, tests cannot.
@@ -177,7 +168,7 @@ void Logger::LogV(std::uint16_t id, int /*flag*/, const char* format, va_list ar
   const log_internal::ErrnoKeeper keep_errno;
   try {
     if (!impl_->Find(id)) return;
-    std::string text = Format(format, arguments);
+    std::string text = FormatV(format, arguments);
     impl_->Post([impl = impl_.get(), id, text = std::move(text)] { impl->Write(id, text, false); });
   } catch (const std::exception&) {
     // Out of memory: the line is lost, the caller goes on.

@@ -1,10 +1,9 @@
 #include "sender/metric_report.h"
 
 #include <array>
-#include <cstdarg>
-#include <cstdio>
 #include <ctime>
 
+#include "log/format.h"
 #include "log/log.h"
 
 namespace ipsla {
@@ -12,19 +11,6 @@ namespace ipsla {
 namespace {
 
 constexpr const char* kUnit = "milli";  // fills "%sseconds"
-
-__attribute__((format(printf, 1, 2))) std::string Format(const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  va_list again;
-  va_copy(again, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, arguments);
-  va_end(arguments);
-  std::string text(static_cast<std::size_t>(length > 0 ? length : 0), '\0');
-  std::vsnprintf(text.data(), text.size() + 1, format, again);
-  va_end(again);
-  return text;
-}
 
 std::string LocalTimeText(std::int64_t seconds) {
   constexpr std::size_t kBufferBytes = 64;

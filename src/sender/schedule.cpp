@@ -11,8 +11,6 @@ namespace ipsla {
 
 namespace {
 
-constexpr std::int64_t kNanosecondsPerSecond = 1000000000;
-
 [[noreturn]] void ThrowUnparsable(const std::string& text) {
   throw std::runtime_error("Cannot parse time string: " + text);
 }

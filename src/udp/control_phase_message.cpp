@@ -51,17 +51,12 @@ in_addr LoadAddress(std::span<const std::uint8_t> bytes, std::size_t offset) {
   return std::bit_cast<in_addr>(wire::LoadBytes<sizeof(in_addr)>(bytes, offset));
 }
 
-template <typename Enum>
-constexpr auto Number(Enum value) {
-  return static_cast<std::underlying_type_t<Enum>>(value);
-}
-
 void EncodeMeasurementCsld(const ControlPhaseMessage& message, std::span<std::uint8_t> out) {
-  wire::StoreU16(out, kMeasurementCommandOffset, Number(message.measurement_command));
-  wire::StoreU16(out, kMeasurementStatusOffset, Number(message.measurement_status));
+  wire::StoreU16(out, kMeasurementCommandOffset, NumberOf(message.measurement_command));
+  wire::StoreU16(out, kMeasurementStatusOffset, NumberOf(message.measurement_status));
   wire::StoreU32(out, kMeasurementLengthOffset, message.measurement_length);
-  wire::StoreU8(out, kAddressTypeOffset, Number(message.address_type));
-  wire::StoreU8(out, kRoleOffset, Number(message.role));
+  wire::StoreU8(out, kAddressTypeOffset, NumberOf(message.address_type));
+  wire::StoreU8(out, kRoleOffset, NumberOf(message.role));
   wire::StoreU8(out, kOperationTypeOffset, message.operation_type);
   wire::StoreU32(out, kSessionIdOffset, message.session_id);
   StoreAddress(out, kControlSenderAddressOffset, message.control_sender_address);
@@ -100,16 +95,16 @@ ControlMessageBytes EncodeControlMessage(const ControlPhaseMessage& message) {
   ControlMessageBytes bytes{};
   const std::span<std::uint8_t> out(bytes);
   wire::StoreU8(out, kVersionOffset, message.version);
-  wire::StoreU16(out, kStatusOffset, Number(message.status));
+  wire::StoreU16(out, kStatusOffset, NumberOf(message.status));
   wire::StoreU32(out, kSequenceNumberOffset, message.sequence_number);
   wire::StoreU32(out, kTotalLengthOffset, message.total_length);
   wire::StoreU32(out, kSenderTimestampOffset, message.sender_timestamp);
 
-  wire::StoreU16(out, kAuthCommandOffset, Number(message.auth_command));
-  wire::StoreU16(out, kAuthStatusOffset, Number(message.auth_status));
+  wire::StoreU16(out, kAuthCommandOffset, NumberOf(message.auth_command));
+  wire::StoreU16(out, kAuthStatusOffset, NumberOf(message.auth_status));
   wire::StoreU32(out, kAuthLengthOffset, message.auth_length);
-  wire::StoreU8(out, kAuthModeOffset, Number(message.auth_mode));
-  wire::StoreU8(out, kAuthAlgorithmOffset, Number(message.auth_algorithm));
+  wire::StoreU8(out, kAuthModeOffset, NumberOf(message.auth_mode));
+  wire::StoreU8(out, kAuthAlgorithmOffset, NumberOf(message.auth_algorithm));
   wire::StoreU8(out, kKeyIdOffset, message.key_id);
   wire::StoreBytes(out, kNonceOffset, message.nonce);
   wire::StoreBytes(out, kDigestOffset, message.digest);

@@ -1,10 +1,9 @@
 #include "udp/print_funcs.h"
 
-#include <cstdarg>
-#include <cstdio>
 #include <span>
 #include <string>
 
+#include "log/format.h"
 #include "log/log.h"
 #include "udp/control_phase_message.h"
 #include "udp/digest.h"
@@ -15,24 +14,6 @@ namespace {
 
 // The command header and the first field of the next block: less than this is no message.
 constexpr std::uint16_t kSmallestPrinted = 24;
-
-__attribute__((format(printf, 1, 2))) std::string Format(const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  va_list again;
-  va_copy(again, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, arguments);
-  va_end(arguments);
-  std::string text(static_cast<std::size_t>(length > 0 ? length : 0), '\0');
-  std::vsnprintf(text.data(), text.size() + 1, format, again);
-  va_end(again);
-  return text;
-}
-
-template <typename Enum>
-unsigned Number(Enum value) {
-  return static_cast<unsigned>(value);
-}
 
 std::string HeaderBlock(const ControlPhaseMessage& message, bool is_response) {
   return Format(
@@ -50,10 +31,10 @@ std::string HeaderBlock(const ControlPhaseMessage& message, bool is_response) {
       "   .  |- CSLD length               : %u bytes\n"
       "   .  |- Mode                      : %s (#%u)",
       is_response ? "response" : "request", static_cast<unsigned>(message.version),
-      ControlStatusToString(message.status).c_str(), Number(message.status), message.sequence_number,
+      ControlStatusToString(message.status).c_str(), NumberOf(message.status), message.sequence_number,
       message.total_length, message.sender_timestamp, CsldTypeToString(message.auth_command).c_str(),
-      Number(message.auth_command), ControlStatusToString(message.auth_status).c_str(), Number(message.auth_status),
-      message.auth_length, AuthModeToString(message.auth_mode).c_str(), Number(message.auth_mode));
+      NumberOf(message.auth_command), ControlStatusToString(message.auth_status).c_str(), NumberOf(message.auth_status),
+      message.auth_length, AuthModeToString(message.auth_mode).c_str(), NumberOf(message.auth_mode));
 }
 
 std::string MeasurementBlock(const ControlPhaseMessage& message) {
@@ -78,11 +59,11 @@ std::string MeasurementBlock(const ControlPhaseMessage& message) {
       "   .  -\n"
       "   -",
       HexEncode(message.nonce).c_str(), HexEncode(message.digest).c_str(),
-      CsldTypeToString(message.measurement_command).c_str(), Number(message.measurement_command),
-      ControlStatusToString(message.measurement_status).c_str(), Number(message.measurement_status),
-      message.measurement_length, AddressTypeToString(message.address_type).c_str(), Number(message.address_type),
-      RoleToString(message.role).c_str(), Number(message.role), TestTypeToString(operation).c_str(),
-      Number(message.operation_type), message.session_id, Ipv4ToString(message.control_sender_address).c_str(),
+      CsldTypeToString(message.measurement_command).c_str(), NumberOf(message.measurement_command),
+      ControlStatusToString(message.measurement_status).c_str(), NumberOf(message.measurement_status),
+      message.measurement_length, AddressTypeToString(message.address_type).c_str(), NumberOf(message.address_type),
+      RoleToString(message.role).c_str(), NumberOf(message.role), TestTypeToString(operation).c_str(),
+      message.operation_type, message.session_id, Ipv4ToString(message.control_sender_address).c_str(),
       message.control_sender_port, Ipv4ToString(message.control_responder_address).c_str(),
       Ipv4ToString(message.measurement_sender_address).c_str(), message.measurement_sender_port,
       Ipv4ToString(message.measurement_responder_address).c_str(), message.measurement_responder_port,
@@ -109,7 +90,7 @@ void PrintCtlPhPkt(std::uint16_t id, const std::uint8_t* buffer, std::uint16_t s
     std::string key;
     GetTaskKey(&key, auth, keychain);
     LOG_DEBUG(id, "   .  |- Algorithm                 : %s (#%u)\n   .  |- Key",
-              AuthAlgorithmToString(message.auth_algorithm).c_str(), Number(message.auth_algorithm));
+              AuthAlgorithmToString(message.auth_algorithm).c_str(), NumberOf(message.auth_algorithm));
     // In password mode only the system log names a key id, deliberately.
     const unsigned key_id = message.key_id;
     if (auth.mode == SlaAuthMode::kKeychain) LOG_DEBUG_FILE(id, "   .  .  |- ID                     : #%u", key_id);
