@@ -49,8 +49,7 @@ const std::string& VrfOf(const SlaTaskConfig& task) {
 }  // namespace
 
 ApiSender::ApiSender(boost::asio::io_context& service, std::string tasks_file, std::string keychain_file)
-    : service_(service),
-      tasks_file_(std::move(tasks_file)),
+    : tasks_file_(std::move(tasks_file)),
       keychain_file_(std::move(keychain_file)),
       idle_timer_(worker_),
       channel_(std::make_shared<Channel>(service)),

@@ -133,7 +133,6 @@ class ApiSender : private InterfaceObserver {
   void UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address, std::uint32_t old_address) override;
   void SetInterfaceIndex(std::uint32_t if_index, const std::optional<std::string>& if_name) override;
 
-  boost::asio::io_context& service_;
   const std::string tasks_file_;
   const std::string keychain_file_;
 

@@ -22,15 +22,15 @@
 namespace ipsla {
 namespace {
 
-constexpr std::size_t kBufferBytes = 8192;
-constexpr std::uint32_t kGroups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR;
+constexpr std::size_t kNetlinkBufferBytes = 8192;
+constexpr std::uint32_t kNetlinkGroups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR;
 constexpr std::chrono::seconds kResyncRetry{1};
 
 nl_protocol::endpoint Endpoint(std::uint32_t port) {
   sockaddr_nl address{};
   address.nl_family = AF_NETLINK;
   address.nl_pid = port;
-  address.nl_groups = kGroups;
+  address.nl_groups = kNetlinkGroups;
   return {&address, sizeof address};
 }
 
@@ -63,7 +63,7 @@ struct NetlinkWatcher::Watch {
   }
 
   const std::string vrf_key;
-  std::array<std::uint8_t, kBufferBytes> buffer{};
+  std::array<std::uint8_t, kNetlinkBufferBytes> buffer{};
   nl_protocol::socket socket;
   boost::asio::steady_timer retry;  // armed after a re-read that failed
 };

@@ -16,7 +16,7 @@ double Distance(std::uint64_t a, std::uint64_t b) {
 
 // A remote stamp outside the time the probe was on its way shows that the clocks disagree (or that the peer does not
 // count milliseconds since midnight); then the round trip is split evenly.
-JitterSample SampleFromStamps(const SlaPacketRecord& record) {
+JitterSample SampleFromMilliseconds(const SlaPacketRecord& record) {
   JitterSample sample;
   sample.rtt = record.receive_ms - record.send_ms;
   const auto remote = static_cast<double>(record.remote_receive_stamp);
@@ -64,14 +64,14 @@ void WalkByArrival(std::uint16_t id, std::span<SlaPacketRecord> records, JitterS
     CountRecord(&record, &last, metrics);
     // A reply overtaken on its way back is counted but gives no sample.
     if (record.state != SlaPacketState::kReceived || record.remote_transmit_stamp != last) continue;
-    const JitterSample sample = SampleFromStamps(record);
+    const JitterSample sample = SampleFromMilliseconds(record);
     AddSample(sample, i, samples, metrics);
     LogSample(id, record.ss, record, sample);
   }
 }
 
 // The probes in the order the peer answered them.
-void WalkByResponder(std::uint16_t id, std::span<SlaPacketRecord> records, SlaTaskMetrics* metrics) {
+void WalkByTransmitStamp(std::uint16_t id, std::span<SlaPacketRecord> records, SlaTaskMetrics* metrics) {
   LOG_DEBUG(id, "  ID  |  SS  |    RT    |  STATE  ");
   std::ranges::stable_sort(records, {}, &SlaPacketRecord::remote_transmit_stamp);
   std::uint32_t last = 0;
@@ -88,7 +88,7 @@ void WalkByResponder(std::uint16_t id, std::span<SlaPacketRecord> records, SlaTa
 void CalcIcmpMetric(std::uint16_t id, std::span<SlaPacketRecord> records, SlaTaskMetrics* metrics) {
   JitterSamples samples(records.size());
   WalkByArrival(id, records, &samples, metrics);
-  WalkByResponder(id, records, metrics);
+  WalkByTransmitStamp(id, records, metrics);
 
   // ICMP peers count nothing, so the direction of a loss is unknown: all of it is booked to the way out.
   metrics->sd_loss = metrics->sd_smp_count - metrics->ds_smp_count;

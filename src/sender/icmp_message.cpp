@@ -8,11 +8,11 @@
 namespace ipsla {
 namespace {
 
-constexpr std::size_t kTypeOffset = 0;
+constexpr std::size_t kIcmpTypeOffset = 0;
 constexpr std::size_t kCodeOffset = 1;
 constexpr std::size_t kChecksumOffset = 2;
 constexpr std::size_t kIdentifierOffset = 4;
-constexpr std::size_t kSequenceOffset = 6;
+constexpr std::size_t kIcmpSequenceOffset = 6;
 constexpr std::size_t kOriginateOffset = 8;
 constexpr std::size_t kReceiveOffset = 12;
 constexpr std::size_t kTransmitOffset = 16;
@@ -29,11 +29,11 @@ std::uint16_t InternetChecksum(std::span<const std::uint8_t> bytes) {
 
 void EncodeIcmpHeader(std::uint8_t type, std::uint16_t identifier, std::uint16_t sequence,
                       std::span<std::uint8_t> buffer) {
-  buffer[kTypeOffset] = type;
+  buffer[kIcmpTypeOffset] = type;
   buffer[kCodeOffset] = 0;
   boost::endian::store_big_u16(&buffer[kChecksumOffset], 0);
   boost::endian::store_big_u16(&buffer[kIdentifierOffset], identifier);
-  boost::endian::store_big_u16(&buffer[kSequenceOffset], sequence);
+  boost::endian::store_big_u16(&buffer[kIcmpSequenceOffset], sequence);
 }
 
 void EncodeOriginateTimestamp(std::uint32_t milliseconds_of_day, std::span<std::uint8_t> buffer) {
@@ -51,10 +51,10 @@ IcmpReply DecodeIcmpReply(std::span<const std::uint8_t> received) {
     const auto icmp = received.subspan(kIpv4HeaderSize);
     std::copy_n(icmp.begin(), std::min(icmp.size(), header.size()), header.begin());
   }
-  return {.type = header[kTypeOffset],
+  return {.type = header[kIcmpTypeOffset],
           .code = header[kCodeOffset],
           .identifier = boost::endian::load_big_u16(&header[kIdentifierOffset]),
-          .sequence = boost::endian::load_big_u16(&header[kSequenceOffset]),
+          .sequence = boost::endian::load_big_u16(&header[kIcmpSequenceOffset]),
           .receive_timestamp = boost::endian::load_big_u32(&header[kReceiveOffset]),
           .transmit_timestamp = boost::endian::load_big_u32(&header[kTransmitOffset])};
 }

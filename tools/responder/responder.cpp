@@ -18,6 +18,8 @@ namespace ipsla::responder {
 
 namespace {
 
+using Verdict = CheckedRequest::Verdict;
+
 constexpr std::size_t kLargestDatagram = 65536;
 // Datagrams taken from one socket before the others get their turn.
 constexpr int kBurst = 256;
@@ -132,7 +134,6 @@ void Responder::ReceiveRequests() {
 }
 
 void Responder::HandleRequest(const ReceivedRequest& request) {
-  using Verdict = CheckedRequest::Verdict;
   CheckedRequest checked = CheckRequest(std::span(buffer_).first(request.bytes), policy_,
                                         [this](in_addr address) { return IsOurs(address); });
   if (checked.verdict == Verdict::kIgnored) {
