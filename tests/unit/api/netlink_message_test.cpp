@@ -20,13 +20,6 @@ using boost::asio::ip::make_address;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::uint16_t kNewLink = 16;
-constexpr std::uint16_t kDelLink = 17;
-constexpr std::uint16_t kNewAddr = 20;
-constexpr std::uint16_t kDelAddr = 21;
-constexpr std::uint16_t kIfaAddress = 1;
-constexpr std::uint16_t kIfaLocal = 2;
-
 // Parses a copy in a block of exactly that size, so that a sanitizer sees every byte read too far.
 NetlinkMessage Parse(const Bytes& bytes) {
   const auto exact = std::make_unique<std::uint8_t[]>(bytes.size());

@@ -29,6 +29,7 @@ namespace {
 using boost::asio::ip::make_address;
 using test::Attribute;
 using test::Bytes;
+using test::kIfaLocal;
 using test::RunIp;
 using test::VrfFixture;
 using testing::Contains;
@@ -37,10 +38,8 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr std::uint16_t kIfaLocal = 2;
-
 // Writes down what it is told, as text.
-class Recorder : public InterfaceObserver {
+class ObserverRecorder : public InterfaceObserver {
  public:
   void UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address, std::uint32_t old_address) override {
     calls.push_back("address " + std::to_string(if_index) + " " + Text(new_address) + " " + Text(old_address));
@@ -117,7 +116,7 @@ class NetlinkWatcherTest : public testing::Test {
 
   boost::asio::io_context service;
   std::shared_ptr<InterfaceTable> table = std::make_shared<InterfaceTable>();
-  Recorder observer;
+  ObserverRecorder observer;
   NetlinkWatcher watcher{service, table, observer};
 };
 

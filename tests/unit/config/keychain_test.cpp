@@ -18,13 +18,13 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // What a read gave and wrote to both logs.
-struct Read {
+struct KeychainRead {
   int status = 0;
   KeychainStorage storage = {{77, "left over"}};
   std::vector<std::string> file_log;
   std::vector<std::string> system_log;
 
-  explicit Read(const std::string& filename) {
+  explicit KeychainRead(const std::string& filename) {
     test::FreshLogFile(0);
     static_cast<void>(test::TakeSyslog());
     status = ParseKeychainConfig(filename, &storage);
@@ -33,18 +33,18 @@ struct Read {
   }
 };
 
-Read ReadContent(const std::string& content) {
+KeychainRead ReadKeychainFile(const std::string& content) {
   const ScratchFile file(content);
-  return Read(file.Name());
+  return KeychainRead(file.Name());
 }
 
-void ExpectBothLogs(const Read& read, const std::vector<std::string>& lines) {
+void ExpectBothLogs(const KeychainRead& read, const std::vector<std::string>& lines) {
   EXPECT_EQ(read.file_log, lines);
   EXPECT_EQ(read.system_log, lines);
 }
 
 TEST(KeychainTest, KeepsKeyTextsExactlyAsWritten) {
-  const Read read = ReadContent(R"({"keychain-storage": [
+  const KeychainRead read = ReadKeychainFile(R"({"keychain-storage": [
     {"key-id": 9, "key-string": "0x0a1B"},
     {"key-id": -3, "key-string": " spaced "},
     {"key-id": 2147483647, "key-string": "ümlaut", "comment": "ignored"}
@@ -55,20 +55,20 @@ TEST(KeychainTest, KeepsKeyTextsExactlyAsWritten) {
 }
 
 TEST(KeychainTest, AcceptsAnEmptyStorage) {
-  const Read read = ReadContent(R"({"keychain-storage": []})");
+  const KeychainRead read = ReadKeychainFile(R"({"keychain-storage": []})");
   EXPECT_EQ(read.status, 0);
   EXPECT_THAT(read.storage, IsEmpty());
   ExpectBothLogs(read, {});
 }
 
 TEST(KeychainTest, AcceptsAnEmptyKey) {
-  const Read read = ReadContent(R"({"keychain-storage": [{"key-id": 1, "key-string": ""}]})");
+  const KeychainRead read = ReadKeychainFile(R"({"keychain-storage": [{"key-id": 1, "key-string": ""}]})");
   EXPECT_EQ(read.storage, (KeychainStorage{{1, ""}}));
   ExpectBothLogs(read, {});
 }
 
 TEST(KeychainTest, KeepsTheFirstOfTwoKeysWithOneId) {
-  const Read read = ReadContent(
+  const KeychainRead read = ReadKeychainFile(
       R"({"keychain-storage": [{"key-id": 5, "key-string": "first"}, {"key-id": 5, "key-string": "second"}]})");
   EXPECT_EQ(read.status, 0);
   EXPECT_EQ(read.storage, (KeychainStorage{{5, "first"}}));
@@ -79,8 +79,8 @@ TEST(KeychainTest, SkipsElementsWithoutIdOrText) {
   for (const char* element :
        {R"({"key-id": "5", "key-string": "text"})", R"({"key-string": "text"})", R"({"key-id": 5})",
         R"({"key-id": 5, "key-string": 5})", R"({"key-id": 5, "key-string": null})", "5", "null", "[]", "{}"}) {
-    const Read read =
-        ReadContent(std::string(R"({"keychain-storage": [)") + element + R"(, {"key-id": 6, "key-string": "kept"}]})");
+    const KeychainRead read = ReadKeychainFile(std::string(R"({"keychain-storage": [)") + element +
+                                               R"(, {"key-id": 6, "key-string": "kept"}]})");
     EXPECT_EQ(read.status, 0) << element;
     EXPECT_EQ(read.storage, (KeychainStorage{{6, "kept"}})) << element;
     ExpectBothLogs(read, {"key id #undefined parse skipped: no key configuration"});
@@ -88,13 +88,13 @@ TEST(KeychainTest, SkipsElementsWithoutIdOrText) {
 }
 
 TEST(KeychainTest, FindsKeysInAnyCase) {
-  const Read read = ReadContent(R"({"KEYCHAIN-storage": [{"Key-Id": 1, "KEY-STRING": "Text"}]})");
+  const KeychainRead read = ReadKeychainFile(R"({"KEYCHAIN-storage": [{"Key-Id": 1, "KEY-STRING": "Text"}]})");
   EXPECT_EQ(read.storage, (KeychainStorage{{1, "Text"}}));
 }
 
 TEST(KeychainTest, FailsSilentlyWithoutItsArray) {
   for (const char* content : {"{}", "[]", "7", R"({"keychain-storage": {}})", R"({"keychain-storage": "x"})"}) {
-    const Read read = ReadContent(content);
+    const KeychainRead read = ReadKeychainFile(content);
     EXPECT_EQ(read.status, -1) << content;
     EXPECT_THAT(read.storage, IsEmpty()) << content;
     ExpectBothLogs(read, {});
@@ -102,7 +102,7 @@ TEST(KeychainTest, FailsSilentlyWithoutItsArray) {
 }
 
 TEST(KeychainTest, RefusesAnEmptyName) {
-  const Read read{""};
+  const KeychainRead read{""};
   EXPECT_EQ(read.status, -1);
   EXPECT_THAT(read.storage, IsEmpty());
   ExpectBothLogs(read, {"invalid keychain configuration filename"});
@@ -110,7 +110,7 @@ TEST(KeychainTest, RefusesAnEmptyName) {
 
 TEST(KeychainTest, RefusesAFileThatCannotBeRead) {
   for (const char* name : {"/no/such/file", "/tmp"}) {
-    const Read read{name};
+    const KeychainRead read{name};
     EXPECT_EQ(read.status, -1) << name;
     EXPECT_THAT(read.storage, IsEmpty()) << name;
     ExpectBothLogs(read, {"unable to open configuration file"});
@@ -118,14 +118,14 @@ TEST(KeychainTest, RefusesAFileThatCannotBeRead) {
 }
 
 TEST(KeychainTest, ShowsWhereTheJsonIsWrong) {
-  const Read read = ReadContent(R"({"keychain-storage": [} ])");
+  const KeychainRead read = ReadKeychainFile(R"({"keychain-storage": [} ])");
   EXPECT_EQ(read.status, -1);
   EXPECT_THAT(read.storage, IsEmpty());
   ExpectBothLogs(read, {"JSON parse error at line: } ]"});
 }
 
 TEST(KeychainTest, ShowsAnEmptyFileAsAJsonErrorWithoutText) {
-  ExpectBothLogs(ReadContent(""), {"JSON parse error at line: "});
+  ExpectBothLogs(ReadKeychainFile(""), {"JSON parse error at line: "});
 }
 
 TEST(KeychainTest, ReportsSkippedElementsWithTheirPosition) {

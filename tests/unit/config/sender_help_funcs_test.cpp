@@ -17,7 +17,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-std::string Task(const std::vector<Edit>& edits) {
+std::string TaskText(const std::vector<Edit>& edits) {
   return ShortJsonText(test::Edited(test::ValidTask(), edits).get(), std::string::npos);
 }
 
@@ -29,14 +29,14 @@ std::vector<std::int32_t> Ids(const SlaTaskMap& tasks) {
 }
 
 // What a read gave and wrote to both logs. One task and one CPU are there from before.
-struct Read {
+struct TasksRead {
   int status = 0;
   SlaTaskMap tasks = {{77, SlaTaskConfig{}}};
   std::vector<std::uint8_t> cpus = {9};
   std::vector<std::string> file_log;
   std::vector<std::string> system_log;
 
-  explicit Read(const std::string& filename) {
+  explicit TasksRead(const std::string& filename) {
     test::FreshLogFile(0);
     static_cast<void>(test::TakeSyslog());
     status = ParseTaskConfigs(filename, &tasks, {{1, "one"}}, &cpus);
@@ -45,24 +45,24 @@ struct Read {
   }
 };
 
-Read ReadContent(const std::string& content) {
+TasksRead ReadTasksFile(const std::string& content) {
   const ScratchFile file(content);
-  return Read(file.Name());
+  return TasksRead(file.Name());
 }
 
-Read ReadTasks(const std::vector<std::string>& tasks, const std::string& more = "") {
+TasksRead ReadTasks(const std::vector<std::string>& tasks, const std::string& more = "") {
   std::string list;
   for (const std::string& task : tasks) list += (list.empty() ? "" : ", ") + task;
-  return ReadContent("{\"IP-SLA-tasks\": [" + list + "]" + more + "}");
+  return ReadTasksFile("{\"IP-SLA-tasks\": [" + list + "]" + more + "}");
 }
 
-void ExpectBothLogs(const Read& read, const std::vector<std::string>& lines) {
+void ExpectBothLogs(const TasksRead& read, const std::vector<std::string>& lines) {
   EXPECT_EQ(read.file_log, lines);
   EXPECT_EQ(read.system_log, lines);
 }
 
 TEST(ParseTaskConfigsTest, ReplacesTheTasksByThoseOfTheFile) {
-  const Read read = ReadTasks({Task({{"sla-id", "30"}}), Task({{"sla-id", "2"}})});
+  const TasksRead read = ReadTasks({TaskText({{"sla-id", "30"}}), TaskText({{"sla-id", "2"}})});
   EXPECT_EQ(read.status, 0);
   EXPECT_THAT(Ids(read.tasks), ElementsAre(2, 30));
   EXPECT_EQ(read.tasks.at(30).sla_id, 30);
@@ -70,15 +70,15 @@ TEST(ParseTaskConfigsTest, ReplacesTheTasksByThoseOfTheFile) {
 }
 
 TEST(ParseTaskConfigsTest, AcceptsAnEmptyList) {
-  const Read read = ReadTasks({});
+  const TasksRead read = ReadTasks({});
   EXPECT_EQ(read.status, 0);
   EXPECT_THAT(read.tasks, IsEmpty());
   ExpectBothLogs(read, {});
 }
 
 TEST(ParseTaskConfigsTest, SkipsAFaultyTaskAndKeepsTheOthers) {
-  const Read read = ReadTasks(
-      {Task({{"sla-id", "1"}}), Task({{"sla-id", "2"}, {"udp-jitter.ttl", "256"}}), "null", Task({{"sla-id", "3"}})});
+  const TasksRead read = ReadTasks({TaskText({{"sla-id", "1"}}), TaskText({{"sla-id", "2"}, {"udp-jitter.ttl", "256"}}),
+                                    "null", TaskText({{"sla-id", "3"}})});
   EXPECT_EQ(read.status, 0);
   EXPECT_THAT(Ids(read.tasks), ElementsAre(1, 3));
   ExpectBothLogs(read, {"SLA task ID #2 parse skipped: invalid ttl value",
@@ -86,7 +86,7 @@ TEST(ParseTaskConfigsTest, SkipsAFaultyTaskAndKeepsTheOthers) {
 }
 
 TEST(ParseTaskConfigsTest, ReportsADuplicateAsTaskZeroAndKeepsTheFirst) {
-  const Read read = ReadTasks({Task({}), Task({{"udp-jitter.ttl", "1"}})});
+  const TasksRead read = ReadTasks({TaskText({}), TaskText({{"udp-jitter.ttl", "1"}})});
   EXPECT_EQ(read.status, 0);
   EXPECT_THAT(Ids(read.tasks), ElementsAre(7));
   EXPECT_EQ(read.tasks.at(7).ttl, 64);
@@ -94,13 +94,13 @@ TEST(ParseTaskConfigsTest, ReportsADuplicateAsTaskZeroAndKeepsTheFirst) {
 }
 
 TEST(ParseTaskConfigsTest, ASkippedTaskDoesNotMakeItsSuccessorADuplicate) {
-  const Read read = ReadTasks({Task({{"udp-jitter.ttl", "256"}}), Task({})});
+  const TasksRead read = ReadTasks({TaskText({{"udp-jitter.ttl", "256"}}), TaskText({})});
   EXPECT_THAT(Ids(read.tasks), ElementsAre(7));
   EXPECT_THAT(read.file_log, SizeIs(1));
 }
 
 TEST(ParseTaskConfigsTest, LetsALaterIdWithTheSameLow16BitsReplaceAnEarlierOne) {
-  const Read read = ReadTasks({Task({}), Task({{"sla-id", "65543"}, {"udp-jitter.ttl", "1"}})});
+  const TasksRead read = ReadTasks({TaskText({}), TaskText({{"sla-id", "65543"}, {"udp-jitter.ttl", "1"}})});
   EXPECT_EQ(read.status, 0);
   EXPECT_THAT(Ids(read.tasks), ElementsAre(7));
   EXPECT_EQ(read.tasks.at(7).ttl, 1);
@@ -108,15 +108,15 @@ TEST(ParseTaskConfigsTest, LetsALaterIdWithTheSameLow16BitsReplaceAnEarlierOne) 
 }
 
 TEST(ParseTaskConfigsTest, SkipsATaskWithoutAUsableSource) {
-  const Read read = ReadTasks({Task({{"control-phase.src-address", ""}})});
+  const TasksRead read = ReadTasks({TaskText({{"control-phase.src-address", ""}})});
   EXPECT_EQ(read.status, 0);
   ExpectBothLogs(read, {"GetIfaceData failed: invalid task config",
                         "SLA task ID #7 parse skipped: no control phase source address/interface configuration"});
 }
 
 TEST(ParseTaskConfigsTest, TakesTheSourceFromALocalInterface) {
-  const Read read =
-      ReadTasks({Task({{"vrf-instance", ""}, {"udp-jitter.src-address", ""}, {"udp-jitter.src-interface", "\"lo\""}})});
+  const TasksRead read = ReadTasks(
+      {TaskText({{"vrf-instance", ""}, {"udp-jitter.src-address", ""}, {"udp-jitter.src-interface", "\"lo\""}})});
   ASSERT_THAT(Ids(read.tasks), ElementsAre(7));
   EXPECT_EQ(read.tasks.at(7).measurement.if_name, "lo");
   EXPECT_EQ(read.tasks.at(7).measurement.if_index, 1U);
@@ -124,11 +124,12 @@ TEST(ParseTaskConfigsTest, TakesTheSourceFromALocalInterface) {
 }
 
 TEST(ParseTaskConfigsTest, GivesUpTheFileWhenAVrfCannotBeEntered) {
-  const std::string unreachable = Task({{"sla-id", "2"},
-                                        {"vrf-instance", "\"missing\""},
-                                        {"control-phase.src-address", ""},
-                                        {"control-phase.src-interface", "\"lo\""}});
-  const Read read = ReadTasks({Task({{"sla-id", "1"}}), unreachable, Task({{"sla-id", "3"}})}, ", \"cpus\": [1]");
+  const std::string unreachable = TaskText({{"sla-id", "2"},
+                                            {"vrf-instance", "\"missing\""},
+                                            {"control-phase.src-address", ""},
+                                            {"control-phase.src-interface", "\"lo\""}});
+  const TasksRead read =
+      ReadTasks({TaskText({{"sla-id", "1"}}), unreachable, TaskText({{"sla-id", "3"}})}, ", \"cpus\": [1]");
   EXPECT_EQ(read.status, -1);
   EXPECT_THAT(Ids(read.tasks), ElementsAre(1));
   EXPECT_THAT(read.cpus, ElementsAre(9));
@@ -146,14 +147,14 @@ TEST(ParseTaskConfigsTest, TakesACpuThatIsNoNumberAsZero) {
 
 TEST(ParseTaskConfigsTest, IgnoresCpusThatAreNoArray) {
   for (const char* cpus : {"", ", \"cpus\": 3", ", \"cpus\": {\"a\": 1}", ", \"cpus\": \"0\"", ", \"cpus\": []"}) {
-    const Read read = ReadTasks({}, cpus);
+    const TasksRead read = ReadTasks({}, cpus);
     EXPECT_EQ(read.status, 0) << cpus;
     EXPECT_THAT(read.cpus, ElementsAre(9)) << cpus;
   }
 }
 
 TEST(ParseTaskConfigsTest, RefusesAnEmptyName) {
-  const Read read{""};
+  const TasksRead read{""};
   EXPECT_EQ(read.status, -1);
   EXPECT_THAT(read.tasks, IsEmpty());
   ExpectBothLogs(read, {"invalid SLA tasks configuration filename"});
@@ -161,7 +162,7 @@ TEST(ParseTaskConfigsTest, RefusesAnEmptyName) {
 
 TEST(ParseTaskConfigsTest, RefusesAFileThatCannotBeRead) {
   for (const char* name : {"/no/such/file", "/tmp"}) {
-    const Read read{name};
+    const TasksRead read{name};
     EXPECT_EQ(read.status, -1) << name;
     EXPECT_THAT(read.tasks, IsEmpty()) << name;
     ExpectBothLogs(read, {"unable to open configuration file"});
@@ -169,7 +170,7 @@ TEST(ParseTaskConfigsTest, RefusesAFileThatCannotBeRead) {
 }
 
 TEST(ParseTaskConfigsTest, ShowsWhereTheJsonIsWrong) {
-  const Read read = ReadContent(R"({"IP-SLA-tasks": [}, "cpus": [1]})");
+  const TasksRead read = ReadTasksFile(R"({"IP-SLA-tasks": [}, "cpus": [1]})");
   EXPECT_EQ(read.status, -1);
   EXPECT_THAT(read.tasks, IsEmpty());
   EXPECT_THAT(read.cpus, ElementsAre(9));
@@ -178,14 +179,14 @@ TEST(ParseTaskConfigsTest, ShowsWhereTheJsonIsWrong) {
 
 TEST(ParseTaskConfigsTest, RefusesJsonThatNestsTooDeep) {
   const std::string inner(kMaxJsonDepth, '[');
-  const Read read = ReadContent(R"({"IP-SLA-tasks": )" + inner);
+  const TasksRead read = ReadTasksFile(R"({"IP-SLA-tasks": )" + inner);
   EXPECT_EQ(read.status, -1);
   ExpectBothLogs(read, {"JSON parse error at line: ["});
 }
 
 TEST(ParseTaskConfigsTest, RefusesARootWithoutTasks) {
   for (const char* content : {"{}", "[]", R"({"IP-SLA-tasks": {}, "cpus": [1]})", R"({"IP-SLA-tasks": "none"})"}) {
-    const Read read = ReadContent(content);
+    const TasksRead read = ReadTasksFile(content);
     EXPECT_EQ(read.status, -1) << content;
     EXPECT_THAT(read.tasks, IsEmpty()) << content;
     EXPECT_THAT(read.cpus, ElementsAre(9)) << content;

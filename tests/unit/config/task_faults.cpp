@@ -4,11 +4,11 @@ namespace ipsla::test {
 namespace {
 
 // A row whose one edit is at the place of the fault.
-Row At(const std::string& name, const std::string& key, const std::string& json, const std::string& reason) {
+FaultCase At(const std::string& name, const std::string& key, const std::string& json, const std::string& reason) {
   return {name, {{key, json}}, {key, json, reason}};
 }
 
-void AddAuthenticationRows(std::vector<Row>* rows) {
+void AddAuthenticationRows(std::vector<FaultCase>* rows) {
   const std::string place = "control-phase.authentication";
   const std::string no_auth = "no control phase authentication configuration";
   const std::string no_mode = "no control phase authentication mode configuration";
@@ -38,7 +38,7 @@ void AddAuthenticationRows(std::vector<Row>* rows) {
 // The two phases' common rows; the reasons that differ are given.
 void AddEndpointRows(const std::string& prefix, const std::string& phase, const std::string& source_reason,
                      const std::string& no_destination, const std::string& port_reason,
-                     const std::string& destination_reason, std::vector<Row>* rows) {
+                     const std::string& destination_reason, std::vector<FaultCase>* rows) {
   const std::string no_source = "no control phase source address/interface configuration";
   const std::string no_port = "no control phase source port configuration";
   const std::string bad_port = "invalid control phase source port configuration";
@@ -67,7 +67,7 @@ void AddEndpointRows(const std::string& prefix, const std::string& phase, const 
   rows->push_back(At(prefix + "DestinationNotConverted", phase + ".dst-address", kFailingAddress, destination_reason));
 }
 
-void AddMainRows(std::vector<Row>* rows) {
+void AddMainRows(std::vector<FaultCase>* rows) {
   const std::string main = "invalid main task configuration";
   const std::string time = "no scheduler time configuration";
   const std::string life = "invalid scheduler time configuration";
@@ -93,7 +93,7 @@ void AddMainRows(std::vector<Row>* rows) {
   rows->push_back(At("LifeBool", "scheduler.life-time", "true", life));
 }
 
-void AddControlRows(std::vector<Row>* rows) {
+void AddControlRows(std::vector<FaultCase>* rows) {
   const std::string no_control = "no control phase configuration";
   const std::string no_timeout = "no control phase timeout configuration";
   const std::string no_retry = "no control phase retry configuration";
@@ -112,7 +112,7 @@ void AddControlRows(std::vector<Row>* rows) {
   AddAuthenticationRows(rows);
 }
 
-void AddMeasurementRows(std::vector<Row>* rows) {
+void AddMeasurementRows(std::vector<FaultCase>* rows) {
   const std::string no_object = "no measurement phase type configuration";
   rows->push_back(At("TypeMissing", "sla-type", "", "no measurement phase configuration"));
   rows->push_back(At("TypeNumber", "sla-type", "2", "no measurement phase configuration"));
@@ -145,8 +145,8 @@ void AddMeasurementRows(std::vector<Row>* rows) {
 
 }  // namespace
 
-std::vector<Row> Rows() {
-  std::vector<Row> rows;
+std::vector<FaultCase> Rows() {
+  std::vector<FaultCase> rows;
   AddMainRows(&rows);
   AddControlRows(&rows);
   AddMeasurementRows(&rows);

@@ -14,14 +14,14 @@
 namespace ipsla::test {
 
 // One fault in an otherwise valid task.
-struct Row {
+struct FaultCase {
   std::string name;
   std::vector<Edit> edits;
   TaskFault fault;
 };
 
 /// Every check, in the order in which they must be made.
-std::vector<Row> Rows();
+std::vector<FaultCase> Rows();
 
 /// Parses the valid task with these edits as the daemon does: a task with id 5 is accepted already, the keys 1 and 257
 /// are known, interfaces are not looked up.

@@ -13,11 +13,11 @@ namespace {
 
 using test::Check;
 using test::Edit;
+using test::FaultCase;
 using test::Reason;
-using test::Row;
 using test::Rows;
 
-class TaskFaultTest : public testing::TestWithParam<Row> {};
+class TaskFaultTest : public testing::TestWithParam<FaultCase> {};
 
 TEST_P(TaskFaultTest, SkipsTheTaskWithItsReason) {
   EXPECT_EQ(Reason(GetParam().edits), GetParam().fault.reason);
@@ -38,7 +38,7 @@ TEST_P(TaskFaultTest, IsDocumented) {
   EXPECT_NE(manual.str().find("`" + GetParam().fault.reason + "`"), std::string::npos) << GetParam().fault.reason;
 }
 
-std::string RowName(const testing::TestParamInfo<Row>& info) {
+std::string RowName(const testing::TestParamInfo<FaultCase>& info) {
   std::string name = info.param.name;
   std::erase(name, '-');
   return name;
@@ -61,7 +61,7 @@ bool Undoes(const std::vector<Edit>& later, const std::vector<Edit>& earlier) {
 }
 
 TEST(TaskFaultsTest, OfTwoFaultsTheEarlierCheckWins) {
-  const std::vector<Row> rows = Rows();
+  const std::vector<FaultCase> rows = Rows();
   std::size_t pairs = 0;
   for (std::size_t i = 0; i < rows.size(); ++i) {
     for (std::size_t j = i + 1; j < rows.size(); ++j) {
@@ -76,7 +76,7 @@ TEST(TaskFaultsTest, OfTwoFaultsTheEarlierCheckWins) {
 }
 
 TEST(TaskFaultsTest, CheckerNamesFirstWhatTheDaemonStopsAt) {
-  const std::vector<Row> rows = Rows();
+  const std::vector<FaultCase> rows = Rows();
   for (std::size_t i = 0; i + 1 < rows.size(); ++i) {
     std::vector<Edit> edits = rows[i + 1].edits;
     if (Undoes(edits, rows[i].edits)) continue;

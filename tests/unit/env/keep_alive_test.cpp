@@ -23,7 +23,7 @@ using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr milliseconds kNow{0};
+constexpr milliseconds kAtOnce{0};
 constexpr milliseconds kNever = hours(1);
 
 std::vector<std::string> Names(const std::vector<KeepAliveCall>& calls) {
@@ -46,7 +46,7 @@ bool IsZeroed(const void* record) {
 }
 
 TEST_F(KeepAliveTest, AnnouncesTheProcessAndThenSignals) {
-  KeepAliveTimer keep_alive(service_, {.first = kNow, .restart = kNever, .next = kNever});
+  KeepAliveTimer keep_alive(service_, {.first = kAtOnce, .restart = kNever, .next = kNever});
   keep_alive.Start();
   const std::vector<KeepAliveCall> announcement = TakeKeepAliveCalls();
   ASSERT_THAT(Names(announcement), ElementsAre("send_signal_live", "set_timeout"));
@@ -63,7 +63,7 @@ TEST_F(KeepAliveTest, AnnouncesTheProcessAndThenSignals) {
 }
 
 TEST_F(KeepAliveTest, GoesOnAfterEachSignal) {
-  KeepAliveTimer keep_alive(service_, {.first = kNow, .restart = kNever, .next = kNow});
+  KeepAliveTimer keep_alive(service_, {.first = kAtOnce, .restart = kNever, .next = kAtOnce});
   keep_alive.Start();
   TakeKeepAliveCalls();
   for (int i = 0; i < 3; ++i) EXPECT_EQ(service_.run_one(), 1U);
@@ -71,7 +71,7 @@ TEST_F(KeepAliveTest, GoesOnAfterEachSignal) {
 }
 
 TEST_F(KeepAliveTest, StartsItsPeriodOverWithoutAnotherAnnouncement) {
-  KeepAliveTimer keep_alive(service_, {.first = kNever, .restart = kNow, .next = kNever});
+  KeepAliveTimer keep_alive(service_, {.first = kNever, .restart = kAtOnce, .next = kNever});
   keep_alive.Start();
   TakeKeepAliveCalls();
   keep_alive.Start();
@@ -85,8 +85,8 @@ TEST_F(KeepAliveTest, StartsItsPeriodOverWithoutAnotherAnnouncement) {
 
 // The wait has expired, and its handler is queued behind the one that starts the keep-alive anew.
 TEST_F(KeepAliveTest, StaysOneChainWhenAStartMeetsAnExpiredWait) {
-  boost::asio::steady_timer clock_watcher(service_, kNow);
-  KeepAliveTimer keep_alive(service_, {.first = kNow, .restart = kNever, .next = kNever});
+  boost::asio::steady_timer clock_watcher(service_, kAtOnce);
+  KeepAliveTimer keep_alive(service_, {.first = kAtOnce, .restart = kNever, .next = kNever});
   clock_watcher.async_wait([&](const boost::system::error_code&) { keep_alive.Start(); });
   keep_alive.Start();
   TakeKeepAliveCalls();

@@ -53,14 +53,14 @@ int ListenAsSupervisor() {
 }
 
 // Datagrams of a local socket are there as soon as they are sent.
-std::string Receive(int fd) {
+std::string ReceiveNotice(int fd) {
   std::array<char, 128> buffer{};
   const ssize_t length = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
   return length < 0 ? "nothing" : std::string(buffer.data(), static_cast<std::size_t>(length));
 }
 
 void Expect(int fd, const std::string& notification) {
-  const std::string received = Receive(fd);
+  const std::string received = ReceiveNotice(fd);
   if (received != notification) FinishChild("expected " + notification + ", received " + received);
 }
 

@@ -34,7 +34,7 @@ int ListenAsSystemLog() {
   return fd;
 }
 
-std::string Receive(int fd) {
+std::string ReceiveRecord(int fd) {
   std::array<char, 512> buffer{};
   const ssize_t length = recv(fd, buffer.data(), buffer.size(), 0);
   return length < 0 ? "nothing received" : std::string(buffer.data(), static_cast<std::size_t>(length));
@@ -58,12 +58,12 @@ TEST(LogServiceStandInTest, SendsToTheSystemLogWithTheGivenSeverity) {
     if (system_log < 0) FinishChild("no /dev/log");
 
     message(59, 1, 7, "%%%s-%s: %d", "IP_SLA", "D", 42);
-    std::string fault = FaultOf(Receive(system_log), "<15>", "%IP_SLA-D: 42");
+    std::string fault = FaultOf(ReceiveRecord(system_log), "<15>", "%IP_SLA-D: 42");
     message(59, 0, 3, "%s", "broken");
-    if (fault.empty()) fault = FaultOf(Receive(system_log), "<11>", "broken");
+    if (fault.empty()) fault = FaultOf(ReceiveRecord(system_log), "<11>", "broken");
     close_log();
     message(59, 1, 7, "%s", "after closing");
-    if (fault.empty()) fault = FaultOf(Receive(system_log), "<15>", "after closing");
+    if (fault.empty()) fault = FaultOf(ReceiveRecord(system_log), "<15>", "after closing");
     FinishChild(fault);
   };
   EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");

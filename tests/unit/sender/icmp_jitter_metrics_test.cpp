@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "sender/jitter_fixture.h"
 #include "sender/metric_model.h"
 #include "sender/sender_metric_funcs.h"
 #include "support/recording_syslog.h"
@@ -16,13 +17,11 @@ namespace {
 
 using testing::ElementsAre;
 
-constexpr std::uint16_t kId = 4306;
-constexpr double kMax = std::numeric_limits<double>::max();
+constexpr std::uint16_t kIcmpJitterTask = 4306;
 
 SlaTaskMetrics Calculate(std::vector<SlaPacketRecord> records) {
-  SlaTaskMetrics metrics;
-  ResetMetrics(SlaTestType::kIcmpJitter, &metrics);
-  CalcIcmpMetric(kId, records, &metrics);
+  SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kIcmpJitter);
+  CalcIcmpMetric(kIcmpJitterTask, records, &metrics);
   return metrics;
 }
 
@@ -160,9 +159,8 @@ TEST(CalcIcmpMetric, LogsPacketsAndTableToBothCopies) {
   constexpr std::uint16_t kLoggedId = 4307;
   FreshLogFile(kLoggedId);
   TakeSyslog();
+  SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kIcmpJitter);
   std::vector<SlaPacketRecord> records{Sent(2, 2000), Answered(1, 0, 1000.25, 1010, 1011, 1030.75)};
-  SlaTaskMetrics metrics;
-  ResetMetrics(SlaTestType::kIcmpJitter, &metrics);
   CalcIcmpMetric(kLoggedId, records, &metrics);
   EXPECT_THAT(TakeSyslogTexts(),
               ElementsAre("  ID  |  SS  |    RT    |  STATE  ",

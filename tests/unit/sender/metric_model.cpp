@@ -1,4 +1,5 @@
 #include "sender/metric_model.h"
+#include "sender/jitter_fixture.h"
 
 #include <endian.h>
 
@@ -16,8 +17,6 @@ namespace {
 using Ring = std::vector<SlaPacketRecord>;
 using Key = std::function<std::uint64_t(const SlaPacketRecord&)>;
 using State = SlaPacketState;
-
-constexpr double kMax = std::numeric_limits<double>::max();
 
 std::int32_t Low32(std::int64_t value) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(value));
@@ -150,7 +149,7 @@ OneWay IcmpSample(const SlaPacketRecord& r) {
   return {rtt, gap(r.remote_receive_stamp, r.send_stamp), gap(r.receive_stamp, r.remote_transmit_stamp)};
 }
 
-std::uint64_t Arrival(const SlaPacketRecord& r) {
+std::uint64_t ArrivalOf(const SlaPacketRecord& r) {
   return r.id;
 }
 
@@ -183,7 +182,7 @@ SlaTaskMetrics ModelUdpJitter(const Ring& ring, std::uint32_t responder_count, s
   const Key counter = [](const SlaPacketRecord& r) { return r.rs; };
   Facts facts;
   SlaTaskMetrics m;
-  facts.by_arrival = Ordered(AllSlots(ring), ring, Arrival);
+  facts.by_arrival = Ordered(AllSlots(ring), ring, ArrivalOf);
   std::vector<bool> counts;
   for (const SlaPacketRecord& r : ring) {
     const bool answered = r.state == State::kReceived;
@@ -224,7 +223,7 @@ SlaTaskMetrics ModelIcmpJitter(const Ring& ring) {
   const Key stamp = [](const SlaPacketRecord& r) { return r.remote_transmit_stamp; };
   Facts facts;
   SlaTaskMetrics m;
-  facts.by_arrival = Ordered(AllSlots(ring), ring, Arrival);
+  facts.by_arrival = Ordered(AllSlots(ring), ring, ArrivalOf);
   std::vector<bool> counts;
   for (const SlaPacketRecord& r : ring) {
     counts.push_back(r.state == State::kReceived);

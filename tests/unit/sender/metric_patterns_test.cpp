@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "sender/jitter_fixture.h"
 #include "sender/metric_model.h"
 #include "sender/sender_metric_funcs.h"
 #include "support/recording_syslog.h"
@@ -16,19 +17,12 @@
 namespace ipsla::test {
 namespace {
 
-constexpr std::uint16_t kId = 4301;  // its log file stays closed: only the system-log copies are made
-constexpr std::uint64_t kMs = 100000;
-constexpr std::uint32_t kBudgetMs = 500;
+constexpr std::uint16_t kPatternsTask = 4301;  // its log file stays closed: only the system-log copies are made
+constexpr std::uint32_t kPatternsBudgetMs = 500;
 
 enum class Fate { kLostOut, kLostBack, kAnswered, kDoubledOut, kLate };
 
 using Ring = std::vector<SlaPacketRecord>;
-
-SlaTaskMetrics Fresh() {
-  SlaTaskMetrics metrics;
-  ResetMetrics(SlaTestType::kUdpJitter, &metrics);
-  return metrics;
-}
 
 // Calls `visit` with every permutation of the probes (numbers from 0) for which `take` holds.
 template <typename Take, typename Visit>
@@ -97,7 +91,7 @@ Run Simulate(const std::vector<Fate>& fates, const std::vector<std::size_t>& out
     record.state = SlaPacketState::kReceived;
     record.rs = counters[back[rank]];
     record.remote_receive_stamp = record.remote_transmit_stamp = remote[back[rank]];
-    const std::uint64_t delay = fates[back[rank]] == Fate::kLate ? kBudgetMs : 0;
+    const std::uint64_t delay = fates[back[rank]] == Fate::kLate ? kPatternsBudgetMs : 0;
     record.receive_stamp = (1200 + rank * 3 + delay) * stamps_per_ms;
     record.receive_ms = static_cast<double>(record.receive_stamp) / static_cast<double>(stamps_per_ms);
     run.responder_count = std::max(run.responder_count, record.rs);
@@ -128,10 +122,10 @@ int CheckUdpRuns(std::size_t count, std::size_t choices) {
   ForEachRun(count, choices, kMs, 3, [&](const std::vector<Fate>& fates, const Run& run) {
     if (testing::Test::HasFailure()) return;
     Ring records = run.ring;
-    SlaTaskMetrics metrics = Fresh();
-    CalcJitterMetrics(kId, records, &metrics, run.responder_count, kBudgetMs, false);
-    EXPECT_TRUE(SameMetrics(ModelUdpJitter(run.ring, run.responder_count, kBudgetMs, false), metrics));
-    EXPECT_EQ(ModelUdpStates(run.ring, kBudgetMs), StatesBySlot(records));
+    SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+    CalcJitterMetrics(kPatternsTask, records, &metrics, run.responder_count, kPatternsBudgetMs, false);
+    EXPECT_TRUE(SameMetrics(ModelUdpJitter(run.ring, run.responder_count, kPatternsBudgetMs, false), metrics));
+    EXPECT_EQ(ModelUdpStates(run.ring, kPatternsBudgetMs), StatesBySlot(records));
     const auto lost = std::ranges::count_if(fates, [](Fate fate) { return !ComesBack(fate); });
     EXPECT_EQ(lost, metrics.sd_loss + metrics.ds_loss);
     EXPECT_EQ(std::ranges::count(fates, Fate::kLate), metrics.skipped);
@@ -157,8 +151,8 @@ int CheckIcmpRuns(std::size_t count, std::uint64_t responder_step) {
   ForEachRun(count, kLostOrAnswered, 1, responder_step, [&](const std::vector<Fate>& fates, const Run& run) {
     if (testing::Test::HasFailure()) return;
     Ring records = run.ring;
-    SlaTaskMetrics metrics = Fresh();
-    CalcIcmpMetric(kId, records, &metrics);
+    SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+    CalcIcmpMetric(kPatternsTask, records, &metrics);
     EXPECT_TRUE(SameMetrics(ModelIcmpJitter(run.ring), metrics));
     const auto lost = std::ranges::count_if(fates, [](Fate fate) { return !ComesBack(fate); });
     EXPECT_EQ(lost, metrics.sd_loss);
@@ -247,13 +241,13 @@ TEST(JitterMetrics, AgreeWithTheModelForWhateverAHostilePeerLeavesInTheRecords) 
     const std::uint32_t budget_ms = values.U32();
     for (const bool ntp : {false, true}) {
       Ring records = ring;
-      SlaTaskMetrics metrics = Fresh();
-      CalcJitterMetrics(kId, records, &metrics, responder_count, budget_ms, ntp);
+      SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+      CalcJitterMetrics(kPatternsTask, records, &metrics, responder_count, budget_ms, ntp);
       EXPECT_TRUE(SameMetrics(ModelUdpJitter(ring, responder_count, budget_ms, ntp), metrics)) << "ntp " << ntp;
     }
     Ring records = ring;
-    SlaTaskMetrics metrics = Fresh();
-    CalcIcmpMetric(kId, records, &metrics);
+    SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+    CalcIcmpMetric(kPatternsTask, records, &metrics);
     EXPECT_TRUE(SameMetrics(ModelIcmpJitter(ring), metrics)) << "icmp";
     TakeSyslog();
   }

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "sender/jitter_fixture.h"
 #include "support/local_time_zone.h"
 #include "support/recording_syslog.h"
 
@@ -16,11 +17,11 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
 
-constexpr std::uint16_t kId = 4308;
+constexpr std::uint16_t kReportTask = 4308;
 
 SlaTaskConfig Task(SlaTestType type) {
   SlaTaskConfig config;
-  config.sla_id = kId;
+  config.sla_id = kReportTask;
   config.sla_type = type;
   return config;
 }
@@ -100,7 +101,7 @@ std::vector<std::string> Lines(const std::vector<std::string>& messages) {
 class PrintMetricTest : public testing::Test {
  protected:
   PrintMetricTest() {
-    FreshLogFile(kId);
+    FreshLogFile(kReportTask);
     TakeSyslog();
   }
 
@@ -113,11 +114,11 @@ TEST_F(PrintMetricTest, OfAJitterRunHasEverySectionInBothCopies) {
                                                        {SlaTestType::kUdpJitterNtp, "udp-jitter-ntp (#3)"},
                                                        {SlaTestType::kIcmpJitter, "icmp-jitter (#5)"}};
   for (const auto& [type, name] : types) {
-    FreshLogFile(kId);
+    FreshLogFile(kReportTask);
     PrintMetric(Task(type), SampleRun());
     const std::vector<std::string> sections{Header(name), kPackets, kRtt, kOneWay, kLoss, kOrder};
     EXPECT_EQ(sections, TakeSyslogTexts());
-    EXPECT_EQ(Lines(sections), ReadLogFile(kId));
+    EXPECT_EQ(Lines(sections), ReadLogFile(kReportTask));
   }
 }
 
@@ -125,10 +126,10 @@ TEST_F(PrintMetricTest, OfAnEchoRunIsShorterInTheFileThanInTheSystemLog) {
   const std::pair<SlaTestType, const char*> types[] = {{SlaTestType::kUdpEcho, "udp-echo (#1)"},
                                                        {SlaTestType::kIcmpEcho, "icmp-echo (#4)"}};
   for (const auto& [type, name] : types) {
-    FreshLogFile(kId);
+    FreshLogFile(kReportTask);
     PrintMetric(Task(type), SampleRun());
     EXPECT_THAT(TakeSyslogTexts(), ElementsAre(Header(name), kPackets, kRtt, kOneWay, kLoss, kOrder));
-    EXPECT_THAT(ReadLogFile(kId), ElementsAreArray(Lines({Header(name), kPackets, kRtt})));
+    EXPECT_THAT(ReadLogFile(kReportTask), ElementsAreArray(Lines({Header(name), kPackets, kRtt})));
   }
 }
 
@@ -141,7 +142,7 @@ TEST_F(PrintMetricTest, OfAFailedRunIsTheHeaderWithTheReason) {
       "SLA task:\n\tID: #4308\tType: udp-jitter (#2)\t\n\tStatus: fail\tError: timeout, no samples\n"
       "\tStart time: 15.07.2024 12:00:00\tFinish time: 15.07.2024 12:01:03\n\tOperation time: ~63 seconds";
   EXPECT_THAT(TakeSyslogTexts(), ElementsAre(header));
-  EXPECT_THAT(ReadLogFile(kId), ElementsAreArray(Lines({header})));
+  EXPECT_THAT(ReadLogFile(kReportTask), ElementsAreArray(Lines({header})));
 }
 
 TEST_F(PrintMetricTest, NamesAnUnknownTypeByItsNumber) {
@@ -152,7 +153,6 @@ TEST_F(PrintMetricTest, NamesAnUnknownTypeByItsNumber) {
 }
 
 TEST_F(PrintMetricTest, PrintsWhatARunWithoutUsableRepliesLeaves) {
-  constexpr double kMax = std::numeric_limits<double>::max();
   SlaTaskMetrics run = SampleRun();
   run.latency_sd_min = kMax;
   run.latency_sd_avg = std::numeric_limits<double>::quiet_NaN();

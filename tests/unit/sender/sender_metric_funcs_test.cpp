@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "sender/jitter_fixture.h"
 #include "sender/metric_model.h"
 #include "support/recording_syslog.h"
 
@@ -15,8 +16,6 @@ namespace ipsla::test {
 namespace {
 
 using testing::ElementsAre;
-
-constexpr double kMax = std::numeric_limits<double>::max();
 
 SlaTaskMetrics UsedMetrics() {
   SlaTaskMetrics metrics;
@@ -111,17 +110,17 @@ TEST(CalcEchoMetric, WithoutAnAnswerTheAverageIsNotANumber) {
 }
 
 TEST(CalcEchoMetric, LogsEveryAnsweredPacketToBothCopies) {
-  constexpr std::uint16_t kId = 4303;
-  FreshLogFile(kId);
+  constexpr std::uint16_t kEchoTask = 4303;
+  FreshLogFile(kEchoTask);
   TakeSyslog();
   std::array records{EchoRecord(2, SlaPacketState::kReceived, 1000.25, 1012.75),
                      EchoRecord(1, SlaPacketState::kSent, 980, 0)};
   SlaTaskMetrics metrics;
-  CalcEchoMetric(kId, records, &metrics);
+  CalcEchoMetric(kEchoTask, records, &metrics);
   EXPECT_THAT(TakeSyslogTexts(), ElementsAre("Packet #2\n\t[      S     ] ---- (   SDS  ) ---- [      S     ]\n"
                                              "\t[1000.250    ] ---- (12.500  ) ---- [1012.750    ]"));
-  EXPECT_THAT(ReadLogFile(kId), ElementsAre("Packet #2", "\t[      S     ] ---- (   SDS  ) ---- [      S     ]",
-                                            "\t[1000.250    ] ---- (12.500  ) ---- [1012.750    ]"));
+  EXPECT_THAT(ReadLogFile(kEchoTask), ElementsAre("Packet #2", "\t[      S     ] ---- (   SDS  ) ---- [      S     ]",
+                                                  "\t[1000.250    ] ---- (12.500  ) ---- [1012.750    ]"));
 }
 
 SlaTaskMetrics StoredRun(RunResult status, double sd_min, double sd_avg, double sd_max) {

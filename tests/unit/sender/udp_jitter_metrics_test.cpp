@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "sender/jitter_fixture.h"
 #include "sender/metric_model.h"
 #include "sender/sender_metric_funcs.h"
 #include "support/recording_syslog.h"
@@ -19,21 +20,13 @@ namespace {
 using testing::Contains;
 using testing::ElementsAre;
 
-constexpr std::uint16_t kId = 4304;
-constexpr std::uint64_t kMs = 100000;
-constexpr std::uint32_t kBudgetMs = 1270;  // "timeout" 1000, "interval" 20, "num-packets" 10: 1000 + (20 + 7) x 10
-constexpr double kMax = std::numeric_limits<double>::max();
+constexpr std::uint16_t kUdpJitterTask = 4304;
+constexpr std::uint32_t kRunBudgetMs = 1270;  // "timeout" 1000, "interval" 20, "num-packets" 10: 1000 + (20 + 7) x 10
 constexpr const char* kBeforeSending =
     "Received the package before sending it ... Change state received -> SLA_PACKET_SKIP_STATE";
 constexpr const char* kAfterTimeout =
     "Received the package after timeout ... Change state received -> "
     "SLA_PACKET_SKIP_STATE";
-
-SlaTaskMetrics Fresh() {
-  SlaTaskMetrics metrics;
-  ResetMetrics(SlaTestType::kUdpJitter, &metrics);
-  return metrics;
-}
 
 SlaPacketRecord Sent(std::uint32_t ss) {
   SlaPacketRecord record;
@@ -54,9 +47,9 @@ SlaPacketRecord Answered(std::uint32_t ss, std::uint32_t id, std::uint32_t rs, s
 }
 
 SlaTaskMetrics Calculate(std::vector<SlaPacketRecord> records, std::uint32_t responder_count,
-                         std::uint32_t budget_ms = kBudgetMs) {
-  SlaTaskMetrics metrics = Fresh();
-  CalcJitterMetrics(kId, records, &metrics, responder_count, budget_ms, false);
+                         std::uint32_t budget_ms = kRunBudgetMs) {
+  SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+  CalcJitterMetrics(kUdpJitterTask, records, &metrics, responder_count, budget_ms, false);
   return metrics;
 }
 
@@ -161,8 +154,8 @@ TEST(CalcJitterMetrics, SkipsAReplyFromBeforeItsSendingAndExcludesItFromEveryCou
   SlaPacketRecord early = Answered(2, 1, 2, 5, 5);
   early.receive_stamp = early.send_stamp - 1;
   std::vector<SlaPacketRecord> records{early, Answered(1, 0, 1, 10, 20)};
-  SlaTaskMetrics metrics = Fresh();
-  CalcJitterMetrics(kId, records, &metrics, 2, kBudgetMs, false);
+  SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+  CalcJitterMetrics(kUdpJitterTask, records, &metrics, 2, kRunBudgetMs, false);
   EXPECT_EQ(1, metrics.skipped);
   EXPECT_EQ(1, metrics.sd_smp_count);
   EXPECT_EQ(1, metrics.ds_smp_count);
@@ -177,12 +170,12 @@ TEST(CalcJitterMetrics, SkipsAReplyFromBeforeItsSendingAndExcludesItFromEveryCou
 TEST(CalcJitterMetrics, SkipsAReplyBeyondTheTimeBudgetOnly) {
   TakeSyslog();
   SlaPacketRecord just_in_time = Answered(1, 0, 1, 100, 0);
-  just_in_time.receive_stamp = just_in_time.send_stamp + kBudgetMs * kMs;
+  just_in_time.receive_stamp = just_in_time.send_stamp + kRunBudgetMs * kMs;
   SlaPacketRecord too_late = Answered(2, 1, 2, 100, 0);
-  too_late.receive_stamp = too_late.send_stamp + kBudgetMs * kMs + 1;
+  too_late.receive_stamp = too_late.send_stamp + kRunBudgetMs * kMs + 1;
   std::vector<SlaPacketRecord> records{too_late, just_in_time};
-  SlaTaskMetrics metrics = Fresh();
-  CalcJitterMetrics(kId, records, &metrics, 2, kBudgetMs, false);
+  SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+  CalcJitterMetrics(kUdpJitterTask, records, &metrics, 2, kRunBudgetMs, false);
   EXPECT_EQ(1, metrics.skipped);
   EXPECT_EQ(1, metrics.rtt_smp_count);
   EXPECT_EQ(1270, metrics.rtt_avg);
@@ -242,8 +235,8 @@ TEST(CalcJitterMetrics, OfARunWithoutAnyReplyBooksTheLossByTheRespondersCount) {
   };
   for (const Case& c : {Case{0, 4, 0, 100, 0}, Case{1, 3, 1, 75, 100}, Case{4, 0, 4, 0, 100}}) {
     std::vector<SlaPacketRecord> records{Sent(4), Sent(1), Sent(2), Sent(3)};
-    SlaTaskMetrics metrics = Fresh();
-    CalcJitterMetrics(kId, records, &metrics, c.responder_count, kBudgetMs, false);
+    SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+    CalcJitterMetrics(kUdpJitterTask, records, &metrics, c.responder_count, kRunBudgetMs, false);
     EXPECT_EQ(4, metrics.sd_smp_count);
     EXPECT_EQ(0, metrics.rtt_smp_count);
     EXPECT_EQ(c.sd_loss, metrics.sd_loss);
@@ -294,10 +287,10 @@ TEST(CalcJitterMetrics, VisitsOnlyTheFirstPositionsForDeviationsAndLeavesZerosOu
 }
 
 TEST(CalcJitterMetrics, SurvivesMoreSamplesThanRecords) {
-  SlaTaskMetrics metrics = Fresh();
+  SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
   metrics.sd_smp_count = metrics.ds_smp_count = 1000;
   std::vector<SlaPacketRecord> records{Answered(1, 0, 1, 10, 20)};
-  CalcJitterMetrics(kId, records, &metrics, 1, kBudgetMs, false);
+  CalcJitterMetrics(kUdpJitterTask, records, &metrics, 1, kRunBudgetMs, false);
   EXPECT_EQ(1001, metrics.rtt_smp_count);
   EXPECT_DOUBLE_EQ(30.0 / 1001, metrics.rtt_avg);
 }
@@ -333,8 +326,8 @@ TEST(CalcJitterMetrics, TakesNtpStampsInWholeMilliseconds) {
   record.ntp_t3 = NtpWire(1001, 0x40000000);  // 1001250 ms
   record.ntp_t4 = NtpWire(1001, 0xC039A6A3);  // 1001750.88 ms
   std::vector<SlaPacketRecord> records{record};
-  SlaTaskMetrics metrics = Fresh();
-  CalcJitterMetrics(kId, records, &metrics, 1, kBudgetMs, true);
+  SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+  CalcJitterMetrics(kUdpJitterTask, records, &metrics, 1, kRunBudgetMs, true);
   EXPECT_EQ(1500, metrics.rtt_avg);        // T4 - T1
   EXPECT_EQ(250, metrics.latency_sd_avg);  // |T2 - T1|
   EXPECT_EQ(500, metrics.latency_ds_avg);  // |T4 - T3|
@@ -350,8 +343,8 @@ TEST(CalcJitterMetrics, OfNtpRecordsAsTheyAreFilledHasNoUsableSample) {
     records[i].remote_transmit_stamp = 0;
     records[i].ntp_t2 = records[i].ntp_t3 = records[i].ntp_t4 = NtpWire(1000, 0);
   }
-  SlaTaskMetrics metrics = Fresh();
-  CalcJitterMetrics(kId, records, &metrics, 3, kBudgetMs, true);
+  SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+  CalcJitterMetrics(kUdpJitterTask, records, &metrics, 3, kRunBudgetMs, true);
   EXPECT_EQ(3, metrics.skipped);
   EXPECT_EQ(0, metrics.sd_smp_count);
   EXPECT_EQ(0, metrics.rtt_smp_count);
@@ -365,8 +358,8 @@ TEST(CalcJitterMetrics, LogsPacketsAndTableToBothCopies) {
   FreshLogFile(kLoggedId);
   TakeSyslog();
   std::vector<SlaPacketRecord> records{Sent(2), Answered(1, 0, 70000, 10, 20)};
-  SlaTaskMetrics metrics = Fresh();
-  CalcJitterMetrics(kLoggedId, records, &metrics, 1, kBudgetMs, false);
+  SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+  CalcJitterMetrics(kLoggedId, records, &metrics, 1, kRunBudgetMs, false);
   EXPECT_THAT(
       TakeSyslogTexts(),
       ElementsAre("  ID  |  SS  |  RS  |  STATE  ",
@@ -387,8 +380,8 @@ TEST(CalcJitterMetrics, LogsPacketsAndTableToBothCopies) {
 TEST(CalcJitterMetrics, KeepsRingOrderAmongEqualKeys) {
   TakeSyslog();
   std::vector<SlaPacketRecord> records{Sent(4), Answered(1, 0, 0, 1, 1), Sent(2), Sent(3)};
-  SlaTaskMetrics metrics = Fresh();
-  CalcJitterMetrics(kId, records, &metrics, 0, kBudgetMs, false);
+  SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+  CalcJitterMetrics(kUdpJitterTask, records, &metrics, 0, kRunBudgetMs, false);
   const auto probe = [](std::uint32_t ss) { return testing::Field(&SlaPacketRecord::ss, ss); };
   EXPECT_THAT(records, ElementsAre(probe(4), probe(1), probe(2), probe(3)));
 }

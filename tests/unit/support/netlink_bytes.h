@@ -12,6 +12,14 @@ namespace ipsla::test {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// Message and attribute types, by number: rtnetlink(7), linux/if_addr.h.
+inline constexpr std::uint16_t kNewLink = 16;
+inline constexpr std::uint16_t kDelLink = 17;
+inline constexpr std::uint16_t kNewAddr = 20;
+inline constexpr std::uint16_t kDelAddr = 21;
+inline constexpr std::uint16_t kIfaAddress = 1;
+inline constexpr std::uint16_t kIfaLocal = 2;
+
 /// Appends an integer as the machine stores it.
 template <typename Integer>
 void Append(Bytes* bytes, Integer value) {

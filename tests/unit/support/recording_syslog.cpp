@@ -12,14 +12,14 @@
 
 namespace {
 
-struct Recorder {
+struct SyslogRecorder {
   std::mutex mutex;
   std::vector<ipsla::test::SyslogRecord> records;  // guarded by mutex
 };
 
 // Made on first use and never destroyed: messages come before main and while the process exits.
-Recorder& TheRecorder() {
-  static Recorder& recorder = *new Recorder;
+SyslogRecorder& TheSyslogRecorder() {
+  static SyslogRecorder& recorder = *new SyslogRecorder;
   return recorder;
 }
 
@@ -40,7 +40,7 @@ extern "C" void SYSLOG_message(int module, int flag, int severity, const char* f
   std::string line(static_cast<std::size_t>(length > 0 ? length : 0), '\0');
   std::vsnprintf(line.data(), line.size() + 1, format, again);
   va_end(again);
-  Recorder& recorder = TheRecorder();
+  SyslogRecorder& recorder = TheSyslogRecorder();
   const std::lock_guard lock(recorder.mutex);
   recorder.records.push_back({module, flag, severity, std::move(line)});
 }
@@ -56,7 +56,7 @@ std::string SyslogRecord::Text() const {
 }
 
 std::vector<SyslogRecord> TakeSyslog() {
-  Recorder& recorder = TheRecorder();
+  SyslogRecorder& recorder = TheSyslogRecorder();
   const std::lock_guard lock(recorder.mutex);
   return std::exchange(recorder.records, {});
 }

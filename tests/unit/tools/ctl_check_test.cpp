@@ -15,7 +15,7 @@ using test::ScratchFile;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr timespec kNow{.tv_sec = 1700000000, .tv_nsec = 0};
+constexpr timespec kCheckedAt{.tv_sec = 1700000000, .tv_nsec = 0};
 constexpr const char* kKeys = R"({"keychain-storage": [{"key-id": 1, "key-string": "secret"}]})";
 
 std::string TasksFile(const std::vector<std::string>& tasks, const std::string& cpus = "[0]") {
@@ -34,7 +34,7 @@ std::string Task(const std::vector<test::Edit>& edits) {
 std::vector<std::string> Lines(const std::string& tasks, const std::string& keychain = kKeys) {
   const ScratchFile tasks_file(tasks);
   const ScratchFile keychain_file(keychain);
-  std::vector<std::string> lines = CheckLines(CheckFiles(tasks_file.Name(), keychain_file.Name(), kNow));
+  std::vector<std::string> lines = CheckLines(CheckFiles(tasks_file.Name(), keychain_file.Name(), kCheckedAt));
   for (std::string& line : lines) {
     const bool about_tasks = line.starts_with(tasks_file.Name() + ":");
     const bool about_keys = line.starts_with(keychain_file.Name() + ":");
@@ -95,7 +95,7 @@ TEST(Check, LooksUpKeysOnlyWithAKeychain) {
                                         "invalid control phase authentication secret key id",
                                         "TASKS: 1 task, 0 accepted, 1 fault, 0 warnings", testing::_));
   const ScratchFile file(tasks);
-  const CheckReport report = CheckFiles(file.Name(), "", kNow);
+  const CheckReport report = CheckFiles(file.Name(), "", kCheckedAt);
   EXPECT_FALSE(report.HasFaults());
   EXPECT_FALSE(report.keychain.has_value());
 }
@@ -116,7 +116,7 @@ TEST(Check, NamesWhatIsWrongWithAWholeFile) {
       ElementsAre("TASKS: not valid JSON at line 3, column 3", "KEYS: there is no array \"keychain-storage\"",
                   "TASKS: 0 tasks, 0 accepted, 1 fault, 0 warnings", "KEYS: 0 keys, 0 accepted, 1 fault, 0 warnings"));
   EXPECT_THAT(
-      CheckLines(CheckFiles("/nonexistent", "", kNow)),
+      CheckLines(CheckFiles("/nonexistent", "", kCheckedAt)),
       ElementsAre("/nonexistent: the file cannot be read", "/nonexistent: 0 tasks, 0 accepted, 1 fault, 0 warnings"));
 }
 
@@ -154,7 +154,7 @@ TEST(Check, WritesJson) {
       R"(","elements":1,"accepted":0,"faults":[{"number":1,"id":7,"key":"num-rep-hist","value":"0",)"
       R"("reason":"invalid history count value"}],"warnings":[{"number":null,"id":null,"key":"cpus","value":"[]",)"
       R"("reason":"names no CPU: the daemon starts no worker threads and runs no test"}]},"keychain":null})";
-  EXPECT_EQ(CheckJson(CheckFiles(file.Name(), "", kNow)), expected);
+  EXPECT_EQ(CheckJson(CheckFiles(file.Name(), "", kCheckedAt)), expected);
 }
 
 }  // namespace

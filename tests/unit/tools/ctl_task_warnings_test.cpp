@@ -14,7 +14,7 @@ using test::Edit;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr timespec kNow{.tv_sec = 1700000000, .tv_nsec = 0};  // 2023-11-14 22:13:20 UTC
+constexpr timespec kWarnedAt{.tv_sec = 1700000000, .tv_nsec = 0};  // 2023-11-14 22:13:20 UTC
 
 /// ValidTask() as another type, with a packet size that every type can work with.
 std::string TaskOfType(const std::string& type) {
@@ -35,7 +35,7 @@ std::vector<std::string> Warnings(const std::string& json, const std::vector<Edi
     ADD_FAILURE() << fault.key << ": " << fault.reason;
   }
   std::vector<std::string> texts;
-  for (const TaskFault& warning : TaskWarnings(task.get(), check.config, keychain, kNow)) {
+  for (const TaskFault& warning : TaskWarnings(task.get(), check.config, keychain, kWarnedAt)) {
     texts.push_back(warning.key + ": " + warning.reason);
   }
   return texts;
@@ -55,7 +55,7 @@ TEST(TaskWarnings, HasNothingToSayAboutWorkingTasks) {
 TEST(TaskWarnings, ShowsTheValue) {
   const JsonDocument task = test::Edited(test::ValidTask(), {{"num-rep-hist", "256"}});
   const TaskCheck check = CheckTask(task.get(), {}, nullptr, ConfiguredInterface);
-  const auto warnings = TaskWarnings(task.get(), check.config, nullptr, kNow);
+  const auto warnings = TaskWarnings(task.get(), check.config, nullptr, kWarnedAt);
   ASSERT_EQ(warnings.size(), 1U);
   EXPECT_EQ(warnings[0], (TaskFault{"num-rep-hist", "256", "is kept as 0: histories have at most 255 entries"}));
 }
@@ -81,7 +81,7 @@ TEST(TaskWarnings, NamesAStartThatCannotBeReached) {
   const test::LocalTimeZone zone("UTC0");
   const JsonDocument task = test::Edited(test::ValidTask(), {{"scheduler.Start-time", "\"December 25\""}});
   const TaskCheck check = CheckTask(task.get(), {}, nullptr, ConfiguredInterface);
-  EXPECT_THAT(TaskWarnings(task.get(), check.config, nullptr, kNow), IsEmpty());
+  EXPECT_THAT(TaskWarnings(task.get(), check.config, nullptr, kWarnedAt), IsEmpty());
   const timespec new_year{.tv_sec = 1672531200, .tv_nsec = 0};
   const auto warnings = TaskWarnings(task.get(), check.config, nullptr, new_year);
   ASSERT_EQ(warnings.size(), 1U);

@@ -13,12 +13,14 @@
 #include <thread>
 
 #include "support/bytes.h"
+#include "tools/responder_probe.h"
 #include "udp/digest.h"
 #include "udp/probe_message.h"
 
 namespace ipsla::responder {
 namespace {
 
+using test::Probe;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -150,12 +152,6 @@ class ResponderTest : public testing::Test {
   std::thread thread_;
 };
 
-std::vector<std::uint8_t> Probe(SlaTestType type, std::uint32_t sequence, std::size_t size = 60) {
-  std::vector<std::uint8_t> probe(size, 0);
-  EncodeProbe(type, sequence, probe);
-  return probe;
-}
-
 TEST_F(ResponderTest, AnswersProbesOfEveryTypeFromTheSocketTheyCameTo) {
   Start();
   for (const SlaTestType type : {SlaTestType::kUdpEcho, SlaTestType::kUdpJitter, SlaTestType::kUdpJitterNtp}) {
@@ -169,7 +165,7 @@ TEST_F(ResponderTest, AnswersProbesOfEveryTypeFromTheSocketTheyCameTo) {
       Endpoint source;
       const std::vector<std::uint8_t> bytes = measurement.Receive(&source);
       EXPECT_EQ(source, (Endpoint{.address = kLoopback, .port = answer.measurement_responder_port}));
-      EXPECT_EQ(bytes.size(), 60U);
+      EXPECT_EQ(bytes.size(), 64U);
       const ProbeReply reply = DecodeReply(bytes);
       EXPECT_EQ(reply.type, static_cast<std::uint16_t>(type));
       EXPECT_EQ(reply.sequence, sequence);

@@ -5,7 +5,7 @@
 namespace ipsla::responder {
 namespace {
 
-constexpr std::int64_t kMs = 1'000'000;
+constexpr std::int64_t kMillisecond = 1'000'000;
 
 SessionKey Key(std::uint16_t peer_port, std::uint16_t local_port = 50001) {
   return {.local = {.address = 1, .port = local_port}, .peer = {.address = 2, .port = peer_port}};
@@ -37,9 +37,9 @@ TEST_F(SessionTableTest, FindsASessionBySourceAndPort) {
 TEST_F(SessionTableTest, EndsEachSessionAfterItsDurationAndGrace) {
   Open(Key(10), 300);
   Open(Key(11), 100);
-  EXPECT_EQ(table_.NextEnd(), 100 * kMs + kSessionGrace);
-  EXPECT_TRUE(table_.TakeEnded(100 * kMs + kSessionGrace - 1).empty());
-  const auto ended = table_.TakeEnded(100 * kMs + kSessionGrace);
+  EXPECT_EQ(table_.NextEnd(), 100 * kMillisecond + kSessionGrace);
+  EXPECT_TRUE(table_.TakeEnded(100 * kMillisecond + kSessionGrace - 1).empty());
+  const auto ended = table_.TakeEnded(100 * kMillisecond + kSessionGrace);
   ASSERT_EQ(ended.size(), 1U);
   EXPECT_EQ(ended[0].key, Key(11));
   EXPECT_EQ(table_.Find(Key(11)), nullptr);
@@ -48,7 +48,7 @@ TEST_F(SessionTableTest, EndsEachSessionAfterItsDurationAndGrace) {
 
 TEST_F(SessionTableTest, TakesTheLongestDuration) {
   Open(Key(10), 0xffffffff, 1'000'000'000'000);
-  EXPECT_EQ(table_.NextEnd(), 1'000'000'000'000 + 4294967295 * kMs + kSessionGrace);
+  EXPECT_EQ(table_.NextEnd(), 1'000'000'000'000 + 4294967295 * kMillisecond + kSessionGrace);
 }
 
 TEST_F(SessionTableTest, ReplacesTheSessionOfASenderThatBeginsANewRun) {
@@ -61,7 +61,7 @@ TEST_F(SessionTableTest, ReplacesTheSessionOfASenderThatBeginsANewRun) {
   EXPECT_EQ(table_.Size(), 1U);
   EXPECT_EQ(table_.Find(Key(10))->id, second);
   EXPECT_EQ(table_.Find(Key(10))->statistics.received, 0U);
-  EXPECT_EQ(table_.NextEnd(), 100 * kMs + kSessionGrace);
+  EXPECT_EQ(table_.NextEnd(), 100 * kMillisecond + kSessionGrace);
 }
 
 TEST_F(SessionTableTest, IsFullAtItsBoundButForReplacements) {

@@ -5,11 +5,13 @@
 #include <vector>
 
 #include "support/bytes.h"
+#include "tools/responder_probe.h"
 #include "udp/probe_message.h"
 
 namespace ipsla::responder {
 namespace {
 
+using test::Probe;
 using test::ToHex;
 
 // 01:00:00.5 of some day.
@@ -21,12 +23,6 @@ Session MakeSession(SlaTestType type) {
   session.type = type;
   session.key = {.local = {.address = 0x7f000001, .port = 50001}, .peer = {.address = 0xc0000201, .port = 40002}};
   return session;
-}
-
-std::vector<std::uint8_t> Probe(SlaTestType type, std::uint32_t sequence, std::size_t size = 64) {
-  std::vector<std::uint8_t> probe(size, 0);
-  EncodeProbe(type, sequence, probe);
-  return probe;
 }
 
 TEST(AnswerProbe, GivesTheFieldsOfAJitterReply) {

@@ -20,7 +20,7 @@ using test::TakeSyslogTexts;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr std::uint16_t kId = 312;
+constexpr std::uint16_t kPrintTask = 312;
 
 std::vector<std::string> Lines(const std::vector<std::string>& messages) {
   std::vector<std::string> lines;
@@ -77,12 +77,12 @@ constexpr const char* kOpenMeasurement =
 class PrintCtlPhPktTest : public testing::Test {
  protected:
   void SetUp() override {
-    test::FreshLogFile(kId);
+    test::FreshLogFile(kPrintTask);
     TakeSyslog();
   }
 
   static void Print(const std::vector<std::uint8_t>& bytes, const SlaAuthConfig& auth, bool is_response = false) {
-    PrintCtlPhPkt(kId, bytes.data(), static_cast<std::uint16_t>(bytes.size()), is_response, auth, kKeychain);
+    PrintCtlPhPkt(kPrintTask, bytes.data(), static_cast<std::uint16_t>(bytes.size()), is_response, auth, kKeychain);
   }
 
   static SlaAuthConfig Auth(SlaAuthMode mode) {
@@ -102,7 +102,7 @@ TEST_F(PrintCtlPhPktTest, PrintsARequestWithoutAuthenticationAndWithoutAKey) {
   Print(GoldenBytes("UdpJitterOpen"), Auth(SlaAuthMode::kNone));
   const std::vector<std::string> expected = {kOpenHeader, "   .  -", kOpenMeasurement};
   EXPECT_EQ(TakeSyslogTexts(), expected);
-  EXPECT_EQ(ReadLogFile(kId), Lines(expected));
+  EXPECT_EQ(ReadLogFile(kPrintTask), Lines(expected));
 }
 
 TEST_F(PrintCtlPhPktTest, ShowsTheKeyIdOfAPasswordTaskOnlyInTheSystemLog) {
@@ -117,7 +117,7 @@ TEST_F(PrintCtlPhPktTest, ShowsTheKeyIdOfAPasswordTaskOnlyInTheSystemLog) {
               testing::StartsWith("   .  |- Rand number               : a0a1a2a3a4a5a6a7a8a9aaabacadaeaf\n"
                                   "   .  |- Authentication digest     : "
                                   "82088f5d6713532eb49f3ff6d97770f71949acbc5d0b069ab51a1a42871a0e88\n   .  -\n"));
-  EXPECT_EQ(ReadLogFile(kId), Lines({system[0], system[1], system[3], system[4]}));
+  EXPECT_EQ(ReadLogFile(kPrintTask), Lines({system[0], system[1], system[3], system[4]}));
 }
 
 TEST_F(PrintCtlPhPktTest, ShowsTheKeyIdOfAKeychainTaskInBothLogs) {
@@ -129,7 +129,7 @@ TEST_F(PrintCtlPhPktTest, ShowsTheKeyIdOfAKeychainTaskInBothLogs) {
   EXPECT_EQ(system[2], "   .  .  |- ID                     : #5");
   EXPECT_EQ(system[3], "   .  .  |- Value                  : \"chain-key\"\n   .  .  -\n   .  -");
   EXPECT_THAT(system[4], HasSubstr("   .  |- Operation type            : udp-jitter-ntp (#3)\n"));
-  EXPECT_EQ(ReadLogFile(kId), Lines(system));
+  EXPECT_EQ(ReadLogFile(kPrintTask), Lines(system));
 }
 
 TEST_F(PrintCtlPhPktTest, SaysWhichKeyIsMissing) {
@@ -203,9 +203,9 @@ TEST_F(PrintCtlPhPktTest, PrintsNumbersOfFullWidthAndUndefinedNames) {
 }
 
 TEST_F(PrintCtlPhPktTest, ReportsANullBuffer) {
-  PrintCtlPhPkt(kId, nullptr, 172, false, Auth(SlaAuthMode::kNone), kKeychain);
+  PrintCtlPhPkt(kPrintTask, nullptr, 172, false, Auth(SlaAuthMode::kNone), kKeychain);
   EXPECT_THAT(TakeSyslogTexts(), ElementsAre("no args"));
-  EXPECT_THAT(ReadLogFile(kId), ElementsAre("no args"));
+  EXPECT_THAT(ReadLogFile(kPrintTask), ElementsAre("no args"));
 }
 
 TEST_F(PrintCtlPhPktTest, RefusesLessThan24Bytes) {
@@ -216,7 +216,7 @@ TEST_F(PrintCtlPhPktTest, RefusesLessThan24Bytes) {
     bytes.reserve(1);  // never a null pointer
     Print(bytes, Auth(SlaAuthMode::kNone));
     EXPECT_THAT(TakeSyslogTexts(), ElementsAre("invalid buffer size")) << size;
-    EXPECT_THAT(ReadLogFile(kId), ElementsAre("invalid buffer size")) << size;
+    EXPECT_THAT(ReadLogFile(kPrintTask), ElementsAre("invalid buffer size")) << size;
   }
 }
 
