@@ -1,15 +1,21 @@
 # Settings of every target: warnings are errors, sanitizers as the preset asks, ccache where there is one.
 
-add_library(ipsla_settings INTERFACE)
-target_compile_options(ipsla_settings INTERFACE
+# Without a sanitizer: for what is loaded into programs that are not the project's.
+add_library(ipsla_warnings INTERFACE)
+target_compile_options(ipsla_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fno-omit-frame-pointer
   # GCC 12 takes inserts into a vector for overflows when it optimises; the sanitized builds find the real ones.
   $<$<CXX_COMPILER_ID:GNU>:-Wno-array-bounds> $<$<CXX_COMPILER_ID:GNU>:-Wno-stringop-overflow>
   $<$<CXX_COMPILER_ID:GNU>:-Wno-stringop-overread>)
 # Boost 1.74's Asio does not compile with GCC 12's coroutines.
-target_compile_definitions(ipsla_settings INTERFACE BOOST_ASIO_DISABLE_CO_AWAIT BOOST_ASIO_NO_DEPRECATED)
+target_compile_definitions(ipsla_warnings INTERFACE BOOST_ASIO_DISABLE_CO_AWAIT BOOST_ASIO_NO_DEPRECATED)
+# Its functions are compiled once, in env/asio.cpp, and not anew in every file that includes it.
+target_compile_definitions(ipsla_warnings INTERFACE BOOST_ASIO_SEPARATE_COMPILATION)
 # Boost as system headers, our own sources by their place below src.
-target_include_directories(ipsla_settings INTERFACE ${CMAKE_SOURCE_DIR}/src)
+target_include_directories(ipsla_warnings INTERFACE ${CMAKE_SOURCE_DIR}/src)
+
+add_library(ipsla_settings INTERFACE)
+target_link_libraries(ipsla_settings INTERFACE ipsla_warnings)
 
 if(IPSLA_SANITIZE)
   target_compile_options(ipsla_settings INTERFACE -fsanitize=${IPSLA_SANITIZE} -fno-sanitize-recover=all)

@@ -8,6 +8,8 @@ JOBS=${IPSLA_JOBS:-$(nproc)}
 # The distribution's interpreter has the distribution's modules; another one first in PATH may have none of them.
 PYTHON=/usr/bin/python3
 export PYTHONDONTWRITEBYTECODE=1
+# The sanitizers look for their symbolizer under the name that only this directory has.
+export PATH=$PATH:/usr/lib/llvm-14/bin
 
 say() { printf '== %s\n' "$*"; }
 die() {
