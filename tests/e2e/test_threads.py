@@ -5,11 +5,10 @@ import re
 
 import pytest
 
+from support.daemon import BASE_THREADS, WORKERS_PER_CPU
 from support.tasks import icmp_echo
 from support.waiting import holds_for, wait_for
 
-BASE_THREADS = 3  # main, log writer, API
-WORKERS_PER_CPU = 15
 SCHED_OTHER, SCHED_RR = 0, 2
 STACK_BYTES = 131072
 

@@ -8,6 +8,8 @@ import subprocess
 from . import logs
 from .waiting import DEFAULT_DEADLINE, SCALE, wait_for
 
+BASE_THREADS = 3  # main, log writer, API
+WORKERS_PER_CPU = 15
 SANITIZER_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer", "runtime error:")
 
 
@@ -27,6 +29,10 @@ class Daemon:
         self.cpus = [lab.worker % (os.cpu_count() or 1)] if cpus is None else cpus
         self.expected_exit = False
         self.bad_stop = None
+        own_file = document is None and arguments is None
+        workers = WORKERS_PER_CPU * len(self.cpus) if own_file else 0
+        # The thread sanitizer has one of its own.
+        self.first_threads = BASE_THREADS + workers + ("thread" in lab.build.sanitizers)
         self.write_tasks(tasks, document)
         self.write_keychain(keychain or {})
         if arguments is None:
@@ -69,11 +75,11 @@ class Daemon:
         return self.process.poll() is None
 
     def wait_ready(self, deadline=DEFAULT_DEADLINE):
-        """Until the daemon has read its configuration and its API thread serves requests."""
+        """Until the daemon has read its configuration and all its threads are there."""
 
         def ready():
             assert self.is_running(), f"the daemon ended with {self.process.returncode}: {self.stderr}"
-            return "List of keys in the storage" in self.lab.log_text(0) and len(self.threads()) >= 3
+            return "List of keys in the storage" in self.lab.log_text(0) and len(self.threads()) >= self.first_threads
 
         wait_for(ready, "the daemon to be ready", deadline)
         return self
