@@ -188,10 +188,10 @@ class TestScriptedReplies:
 
     def test_payload_is_as_long_as_configured(self, start_daemon, replier):
         self.run_with(start_daemon, replier, "icmp-echo", {}, measurement={"packet-size": 142})
-        (session,) = replier.sessions.values()
+        run = replier.runs[0]
         # The stored size is the configured one less 42; 20 bytes of it stand for the IP header.
-        assert {len(data) for _, _, data in session.arrivals} == {142 - 42 - 20}
-        assert [sequence for _, sequence, _ in session.arrivals[:6]] == [1, 2, 3, 4, 5, 6]
+        assert {len(data) for _, _, data in run.arrivals} == {142 - 42 - 20}
+        assert [sequence for _, sequence, _ in run.arrivals] == [1, 2, 3, 4, 5, 6]
 
     def test_smallest_sizes_are_sent_without_harm(self, start_daemon, replier):
         """The smallest echo packet leaves no room for a whole ICMP header: the runs fail, the daemon goes on."""

@@ -36,7 +36,8 @@ class IcmpReplier(Peer):
     def __init__(self, lab, interface, namespace=None):
         super().__init__()
         self.probes = lambda identifier: {}
-        self.sessions = {}  # identifier to Session
+        self.sessions = {}  # identifier to the Session of its latest run
+        self.runs = []  # every Session, in the order of their first probes
         self.headers = []  # (tos, ttl, fragment field) of every request
         self._fates_key = 0
         self._sources = {}
@@ -63,6 +64,7 @@ class IcmpReplier(Peer):
         source = socket.inet_ntoa(packet[12:16])
         if identifier not in self.sessions or self._is_new_run(identifier, sequence):
             self.sessions[identifier] = self._session(identifier, source)
+            self.runs.append(self.sessions[identifier])
         self.sessions[identifier].probe(sequence, message)
 
     def _is_new_run(self, identifier, sequence):
