@@ -151,7 +151,7 @@ int CheckIcmpRuns(std::size_t count, std::uint64_t responder_step) {
   ForEachRun(count, kLostOrAnswered, 1, responder_step, [&](const std::vector<Fate>& fates, const Run& run) {
     if (testing::Test::HasFailure()) return;
     Ring records = run.ring;
-    SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+    SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kIcmpJitter);
     CalcIcmpMetric(kPatternsTask, records, &metrics);
     EXPECT_TRUE(SameMetrics(ModelIcmpJitter(run.ring), metrics));
     const auto lost = std::ranges::count_if(fates, [](Fate fate) { return !ComesBack(fate); });
@@ -246,7 +246,7 @@ TEST(JitterMetrics, AgreeWithTheModelForWhateverAHostilePeerLeavesInTheRecords) 
       EXPECT_TRUE(SameMetrics(ModelUdpJitter(ring, responder_count, budget_ms, ntp), metrics)) << "ntp " << ntp;
     }
     Ring records = ring;
-    SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
+    SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kIcmpJitter);
     CalcIcmpMetric(kPatternsTask, records, &metrics);
     EXPECT_TRUE(SameMetrics(ModelIcmpJitter(ring), metrics)) << "icmp";
     TakeSyslog();
