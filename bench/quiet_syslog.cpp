@@ -8,7 +8,8 @@
 
 #include "platform/logsvc.h"
 
-extern "C" void SYSLOG_message(int /*module*/, int /*flag*/, int /*severity*/, const char* format, ...) {
+extern "C" void SYSLOG_message(int /*module*/, int /*flag*/, int /*severity*/, const char* format,
+                               ...) {
   constexpr std::size_t kLongestLine = 1024;
   std::array<char, kLongestLine> line{};
   va_list arguments;

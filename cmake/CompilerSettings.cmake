@@ -1,10 +1,12 @@
-# Settings of every target: warnings are errors, sanitizers as the preset asks, ccache where there is one.
+# Settings of every target: warnings are errors, sanitizers as the preset asks, ccache where there
+# is one.
 
 # Without a sanitizer: for what is loaded into programs that are not the project's.
 add_library(ipsla_warnings INTERFACE)
 target_compile_options(ipsla_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fno-omit-frame-pointer
-  # GCC 12 takes inserts into a vector for overflows when it optimises; the sanitized builds find the real ones.
+  # GCC 12 takes inserts into a vector for overflows when it optimises; the sanitized builds find
+  # the real ones.
   $<$<CXX_COMPILER_ID:GNU>:-Wno-array-bounds> $<$<CXX_COMPILER_ID:GNU>:-Wno-stringop-overflow>
   $<$<CXX_COMPILER_ID:GNU>:-Wno-stringop-overread>)
 # Boost 1.74's Asio does not compile with GCC 12's coroutines.
@@ -21,7 +23,8 @@ if(IPSLA_SANITIZE)
   target_compile_options(ipsla_settings INTERFACE -fsanitize=${IPSLA_SANITIZE} -fno-sanitize-recover=all)
   target_link_options(ipsla_settings INTERFACE -fsanitize=${IPSLA_SANITIZE})
   if(IPSLA_SANITIZE MATCHES thread AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
-    # Asio's fences, which GCC says it does not model, are not what orders handlers: the scheduler's mutex does.
+    # Asio's fences, which GCC says it does not model, are not what orders handlers: the scheduler's
+    # mutex does.
     target_compile_options(ipsla_settings INTERFACE -Wno-tsan)
   endif()
 endif()

@@ -1,4 +1,5 @@
-# Cross build for 64-bit ARM with Debian's cross compiler and the arm64 packages (script/bootstrap arm64).
+# Cross build for 64-bit ARM with Debian's cross compiler and the arm64 packages (script/bootstrap
+# arm64).
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 

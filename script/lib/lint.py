@@ -1,9 +1,11 @@
-"""Lints the sources below src and tools with clang-tidy, as many at a time as the first argument says.
+"""Lints the sources below src and tools with clang-tidy, as many at a time as the first argument
+says.
 
-Two passes. The checks of the syntax tree look at every declaration of every header, which takes longer than anything else:
-they get the sources in batches (build/clang-batches), where many share one reading of their headers. What looks only into
-a compiler's main file, the path-sensitive analyser first of all, gets each source by itself (build/clang); so does the
-compiler's own opinion of a source that does not have its neighbours' includes before it.
+Two passes. The checks of the syntax tree look at every declaration of every header, which takes
+longer than anything else: they get the sources in batches (build/clang-batches), where many share
+one reading of their headers. What looks only into a compiler's main file, the path-sensitive
+analyser first of all, gets each source by itself (build/clang); so does the compiler's own opinion
+of a source that does not have its neighbours' includes before it.
 """
 
 import concurrent.futures
@@ -15,7 +17,9 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SOURCES = r"/(src|tools)/.*\.(h|cpp)$"
-BY_ITSELF = "clang-analyzer-*,misc-unused-using-decls,misc-unused-alias-decls,misc-definitions-in-headers"
+BY_ITSELF = (
+    "clang-analyzer-*,misc-unused-using-decls,misc-unused-alias-decls,misc-definitions-in-headers"
+)
 
 
 def units(build):
@@ -29,7 +33,9 @@ def units(build):
 def tidy(build, checks, file):
     command = ["clang-tidy-14", "-quiet", f"-p={build}", f"--config-file={ROOT / '.clang-tidy'}"]
     command += [f"--header-filter={SOURCES}", f"--checks={checks}", str(file)]
-    result = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace")
+    result = subprocess.run(
+        command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace"
+    )
     return result.returncode, result.stdout
 
 
@@ -46,7 +52,12 @@ def main():
         for run in concurrent.futures.as_completed(runs):
             build, _, file = runs[run]
             status, output = run.result()
-            print("tidy", os.path.relpath(file, ROOT), "in a batch" if build == batches else "", flush=True)
+            print(
+                "tidy",
+                os.path.relpath(file, ROOT),
+                "in a batch" if build == batches else "",
+                flush=True,
+            )
             if status != 0:
                 failed += 1
                 print(output, flush=True)

@@ -1,6 +1,7 @@
 """Prints the report of each finished run from the test logs until every task has had its runs.
 
-Arguments: the tasks file, the number of runs per task. Fails when a run failed or the runs do not come in time.
+Arguments: the tasks file, the number of runs per task. Fails when a run failed or the runs do not
+come in time.
 """
 
 import json
@@ -12,11 +13,20 @@ import time
 LOGS = pathlib.Path("/var/log/ip-sla")
 STAMP = re.compile(r"^\d\d-\d\d-\d{4} \d\d:\d\d:\d\d: ", re.MULTILINE)
 FIRST = "SLA task:"
-SECTIONS = (FIRST, "Packets Values:", "RTT Values:", "Latency one-way", "Packet Loss Values:", "Out Of Sequence Values:")
+SECTIONS = (
+    FIRST,
+    "Packets Values:",
+    "RTT Values:",
+    "Latency one-way",
+    "Packet Loss Values:",
+    "Out Of Sequence Values:",
+)
 
 
 def finished_reports(number):
-    """The reports in a task's log, each a list of sections; one that may still be growing is left out."""
+    """The reports in a task's log, each a list of sections; one that may still be growing is left
+    out.
+    """
     try:
         text = (LOGS / f"test_{number}.log").read_text(errors="replace")
     except FileNotFoundError:
@@ -41,7 +51,10 @@ def main():
     failed = 0
     while any(count < wanted for count in shown.values()):
         if time.monotonic() > deadline:
-            print("these tasks had no run in time:", [task for task, count in shown.items() if count < wanted])
+            print(
+                "these tasks had no run in time:",
+                [task for task, count in shown.items() if count < wanted],
+            )
             return 1
         for number, count in shown.items():
             for report in finished_reports(number)[count:wanted]:

@@ -1,7 +1,5 @@
 // The Sender API of ApiSender: requests and their answers.
 
-#include <cjson/cJSON.h>
-
 #include <cstdlib>
 #include <optional>
 #include <set>
@@ -11,6 +9,7 @@
 
 #include <boost/asio/buffer.hpp>
 #include <boost/system/system_error.hpp>
+#include <cjson/cJSON.h>
 
 #include "api/api_sender.h"
 #include "api/receive_outcome.h"
@@ -35,8 +34,9 @@ std::optional<std::set<std::string>> RequestedGroups(const cJSON* object) {
   return groups;
 }
 
-// {"tasks": [{"sla-id": number, "metrics": [...]}, ...]}. Deliberately lenient: whatever integer an "sla-id" holds is
-// taken as it is, an element without one is skipped, and an id asked for twice keeps its first groups.
+// {"tasks": [{"sla-id": number, "metrics": [...]}, ...]}. Deliberately lenient: whatever integer an
+// "sla-id" holds is taken as it is, an element without one is skipped, and an id asked for twice
+// keeps its first groups.
 std::optional<StatisticsRequest> ReadTasksToReport(const cJSON* body) {
   const cJSON* tasks = cJSON_GetObjectItem(body, "tasks");
   if (cJSON_IsArray(tasks) == 0) {
@@ -206,9 +206,11 @@ void ApiSender::SendJson(const ApiHeader& request, const cJSON* document) {
 
 void ApiSender::SendHeader(const ApiHeader& request, std::uint16_t result) {
   try {
-    channel_->socket.send_to(boost::asio::buffer(BuildHeaderReply(request, result)), channel_->requester);
+    channel_->socket.send_to(boost::asio::buffer(BuildHeaderReply(request, result)),
+                             channel_->requester);
   } catch (const boost::system::system_error& exception) {
-    // A requester that cannot be answered (its source port is 0, for example) is no reason to stop measuring.
+    // A requester that cannot be answered (its source port is 0, for example) is no reason to stop
+    // measuring.
     LOG_DEBUG(0, "Catch exception %s", exception.what());
   }
 }

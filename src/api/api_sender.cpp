@@ -30,8 +30,8 @@ using boost::asio::ip::udp;
 constexpr std::int64_t kReloadPauseNanoseconds = 10'000'000;
 constexpr long kIdleSeconds = 99999999;
 
-// A burst of 1000 requests of full size waits in the socket while a long reply goes out. The kernel counts about 17 kB
-// for a datagram of 8192 bytes and doubles the figure that it is given.
+// A burst of 1000 requests of full size waits in the socket while a long reply goes out. The kernel
+// counts about 17 kB for a datagram of 8192 bytes and doubles the figure that it is given.
 constexpr int kApiReceiveBufferBytes = 16 * 1024 * 1024;
 
 void EnlargeReceiveBuffer(int fd) {
@@ -48,7 +48,8 @@ const std::string& VrfOf(const SlaTaskConfig& task) {
 
 }  // namespace
 
-ApiSender::ApiSender(boost::asio::io_context& service, std::string tasks_file, std::string keychain_file)
+ApiSender::ApiSender(boost::asio::io_context& service, std::string tasks_file,
+                     std::string keychain_file)
     : tasks_file_(std::move(tasks_file)),
       keychain_file_(std::move(keychain_file)),
       idle_timer_(worker_),
@@ -75,8 +76,9 @@ void ApiSender::OpenApiSocket() {
   udp::socket& socket = channel_->socket;
   socket.open(udp::v4());
   EnlargeReceiveBuffer(socket.native_handle());
-  // Not for this socket's sake: the kernel stamps packets at all only while some socket asks for it, and takes a moment
-  // to begin. This one lives as long as the daemon and so keeps the stamping on between the runs of the tests.
+  // Not for this socket's sake: the kernel stamps packets at all only while some socket asks for
+  // it, and takes a moment to begin. This one lives as long as the daemon and so keeps the stamping
+  // on between the runs of the tests.
   EnableReceiveStamps(socket.native_handle());
   socket.bind(udp::endpoint(boost::asio::ip::address_v4::loopback(), kApiPort));
   ArmReceive();
@@ -166,7 +168,8 @@ void ApiSender::WaitIdle() {
 
 void ApiSender::StartTest(const SlaTaskConfig& task) {
   CreateNetlinkSocketInVrf(VrfOf(task));
-  const boost::shared_ptr<Sender> test = CreateSender(worker_, task, {statistics_, interfaces_, keys_});
+  const boost::shared_ptr<Sender> test =
+      CreateSender(worker_, task, {statistics_, interfaces_, keys_});
   tests_[task.sla_id] = test;
   AddErrorLimits(task.sla_id);
   test->Schedule();
@@ -195,7 +198,8 @@ int ApiSender::UpdateTaskConfigs(const SlaTaskMap& new_tasks) {
 void ApiSender::RemoveTask(std::uint16_t id) {
   const std::string vrf = VrfOf(tasks_[id]);
   if (const auto node = tests_.extract(id)) node.mapped()->Stop(true);
-  // First out of the task map, then the VRF: the last task of a VRF would otherwise keep its socket open.
+  // First out of the task map, then the VRF: the last task of a VRF would otherwise keep its socket
+  // open.
   tasks_.erase(id);
   ReleaseNetlinkSocket(vrf);
   EraseStatistics(id);
@@ -207,8 +211,8 @@ void ApiSender::RemoveTask(std::uint16_t id) {
 void ApiSender::ReplaceTask(const SlaTaskConfig& task) {
   const auto old_test = tests_.extract(task.sla_id);
   const std::string old_vrf = VrfOf(tasks_[task.sla_id]);
-  // Ends the old test's run at once: nothing of it is stored after this, so the statistics stay erased, and its source
-  // ports are free for the new test.
+  // Ends the old test's run at once: nothing of it is stored after this, so the statistics stay
+  // erased, and its source ports are free for the new test.
   if (old_test) old_test.mapped()->Stop(false);
   tasks_[task.sla_id] = task;
   EraseStatistics(task.sla_id);
@@ -233,11 +237,14 @@ void ApiSender::CreateNetlinkSocketInVrf(const std::string& vrf) {
   netlink_.CreateNetlinkSocketInVrf(vrf);
 }
 
-void ApiSender::UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address, std::uint32_t old_address) {
-  for (const auto& [id, test] : tests_) test->UpdateLocalAddress(if_index, new_address, old_address);
+void ApiSender::UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address,
+                                   std::uint32_t old_address) {
+  for (const auto& [id, test] : tests_)
+    test->UpdateLocalAddress(if_index, new_address, old_address);
 }
 
-void ApiSender::SetInterfaceIndex(std::uint32_t if_index, const std::optional<std::string>& if_name) {
+void ApiSender::SetInterfaceIndex(std::uint32_t if_index,
+                                  const std::optional<std::string>& if_name) {
   for (const auto& [id, test] : tests_) test->SetInterfaceIndex(if_index, if_name);
 }
 
@@ -264,8 +271,8 @@ void ApiSender::Stop() {
 
 void ExitDaemon(int status) {
   ShutdownLog();
-  // Not exit(3): it would run the destructors of every library while the worker threads still use them, and a crash
-  // there would change the exit status.
+  // Not exit(3): it would run the destructors of every library while the worker threads still use
+  // them, and a crash there would change the exit status.
   std::_Exit(status);
 }
 

@@ -34,23 +34,25 @@ namespace ipsla {
 /// Worker threads started for every CPU that the tasks file lists.
 inline constexpr std::size_t kThreadsPerCpu = 15;
 
-/// Owns the tests, the worker context on which they run, and everything that the service context serves: the API
-/// socket, the netlink sockets, the wall-clock watcher.
+/// Owns the tests, the worker context on which they run, and everything that the service context
+/// serves: the API socket, the netlink sockets, the wall-clock watcher.
 ///
-/// Threads: unless it says otherwise, an operation belongs to the service thread: the API thread once it runs the
-/// service context, the main thread before that and after it has ended. Only that thread changes the task map, the test
-/// map, the netlink sockets and the interface table.
+/// Threads: unless it says otherwise, an operation belongs to the service thread: the API thread
+/// once it runs the service context, the main thread before that and after it has ended. Only that
+/// thread changes the task map, the test map, the netlink sockets and the interface table.
 ///
-/// Failures: a configuration that cannot be read is a status; a test or a VRF that cannot be set up is an exception
-/// that nothing here catches. It ends the process, also from a reload: a configuration that passed the parser but
-/// cannot be started is deliberately fatal.
+/// Failures: a configuration that cannot be read is a status; a test or a VRF that cannot be set up
+/// is an exception that nothing here catches. It ends the process, also from a reload: a
+/// configuration that passed the parser but cannot be started is deliberately fatal.
 ///
-/// The service context must outlive the object. A handler still queued there after Stop() does nothing.
+/// The service context must outlive the object. A handler still queued there after Stop() does
+/// nothing.
 class ApiSender : private InterfaceObserver {
  public:
-  /// Opens the API socket on 127.0.0.1 port 10101 and the wall-clock watcher. A failure is logged ("Sender api creation
-  /// failed: ...") and leaves the object half set up: the daemon goes on measuring, but no request ever arrives (or,
-  /// when only the watcher failed, the tests do not learn that the clock was set).
+  /// Opens the API socket on 127.0.0.1 port 10101 and the wall-clock watcher. A failure is logged
+  /// ("Sender api creation failed: ...") and leaves the object half set up: the daemon goes on
+  /// measuring, but no request ever arrives (or, when only the watcher failed, the tests do not
+  /// learn that the clock was set).
   ApiSender(boost::asio::io_context& service, std::string tasks_file, std::string keychain_file);
 
   /// Stop().
@@ -59,19 +61,22 @@ class ApiSender : private InterfaceObserver {
   ApiSender(const ApiSender&) = delete;
   ApiSender& operator=(const ApiSender&) = delete;
 
-  /// Reads both files, dumps them and starts one test per task in ascending id. 0, or -1 after logging the reason.
+  /// Reads both files, dumps them and starts one test per task in ascending id. 0, or -1 after
+  /// logging the reason.
   [[nodiscard]] int ParseConfigsAndStart();
 
   /// Starts the worker threads, the first time that there is a CPU to run them on. Threads: any.
   void StartMainLoop();
 
-  /// Applies a reloaded tasks file: tests of new tasks start, tests of removed ones end, a changed task gets a new test
-  /// and empty statistics, an unchanged one is not touched. Takes 10 ms per task. Always 0.
+  /// Applies a reloaded tasks file: tests of new tasks start, tests of removed ones end, a changed
+  /// task gets a new test and empty statistics, an unchanged one is not touched. Takes 10 ms per
+  /// task. Always 0.
   [[nodiscard]] int UpdateTaskConfigs(const SlaTaskMap& new_tasks);
 
-  /// Ends everything: stops all tests, closes every descriptor, joins the worker threads (within 100 ms or so: a sender
-  /// between two probes wakes that often). Throws boost::system::system_error naming "cancel" or "close". May be called
-  /// twice; nothing can be started again.
+  /// Ends everything: stops all tests, closes every descriptor, joins the worker threads (within
+  /// 100 ms or so: a sender between two probes wakes that often). Throws
+  /// boost::system::system_error naming "cancel" or "close". May be called twice; nothing can be
+  /// started again.
   void Stop();
 
   /// Begins to watch the interfaces of a VRF (NetlinkWatcher).
@@ -129,9 +134,12 @@ class ApiSender : private InterfaceObserver {
   void SendJson(const ApiHeader& request, const cJSON* document);
   void SendHeader(const ApiHeader& request, std::uint16_t result);
 
-  // InterfaceObserver: every change goes to every test in ascending id; each test knows whether it is concerned.
-  void UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address, std::uint32_t old_address) override;
-  void SetInterfaceIndex(std::uint32_t if_index, const std::optional<std::string>& if_name) override;
+  // InterfaceObserver: every change goes to every test in ascending id; each test knows whether it
+  // is concerned.
+  void UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address,
+                          std::uint32_t old_address) override;
+  void SetInterfaceIndex(std::uint32_t if_index,
+                         const std::optional<std::string>& if_name) override;
 
   const std::string tasks_file_;
   const std::string keychain_file_;
@@ -145,7 +153,8 @@ class ApiSender : private InterfaceObserver {
   boost::asio::io_context worker_;
   TestMap tests_;
 
-  // The main thread starts the worker threads when the API thread runs already, and may at once handle a reload.
+  // The main thread starts the worker threads when the API thread runs already, and may at once
+  // handle a reload.
   mutable std::mutex main_loop_mutex_;
   std::vector<std::uint8_t> cpus_;      // guarded by main_loop_mutex_
   bool started_ = false;                // likewise: the worker threads were started
@@ -157,8 +166,8 @@ class ApiSender : private InterfaceObserver {
   NetlinkWatcher netlink_;
 };
 
-/// Ends the process at once with this exit status, with the log written out first. Threads: any. Nothing is destroyed,
-/// because the other threads go on until the very end.
+/// Ends the process at once with this exit status, with the log written out first. Threads: any.
+/// Nothing is destroyed, because the other threads go on until the very end.
 [[noreturn]] void ExitDaemon(int status);
 
 }  // namespace ipsla

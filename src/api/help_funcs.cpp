@@ -31,7 +31,12 @@ void WaitAfterPause(const std::shared_ptr<ClockWatch>& watch) {
 }  // namespace
 
 ClockWatch::ClockWatch(boost::asio::io_context& context, const TestMap& running)
-    : descriptor(context), pause(context), service(context), tests(running), read(::read), kick(StartKeepAlive) {}
+    : descriptor(context),
+      pause(context),
+      service(context),
+      tests(running),
+      read(::read),
+      kick(StartKeepAlive) {}
 
 int CreateClockDescriptor() {
   const int fd = timerfd_create(CLOCK_REALTIME, 0);
@@ -39,8 +44,9 @@ int CreateClockDescriptor() {
   itimerspec never{};
   static_assert(sizeof never.it_value.tv_sec == sizeof(std::int64_t));
   never.it_value.tv_sec = std::numeric_limits<std::int64_t>::max();
-  // Deliberately without TFD_TIMER_ABSTIME. The kernel documents cancel-on-set for absolute timers only, so it is up to
-  // the kernel whether a change of the clock is reported with these settings; they are the ones this system uses.
+  // Deliberately without TFD_TIMER_ABSTIME. The kernel documents cancel-on-set for absolute timers
+  // only, so it is up to the kernel whether a change of the clock is reported with these settings;
+  // they are the ones this system uses.
   if (timerfd_settime(fd, TFD_TIMER_CANCEL_ON_SET, &never, nullptr) < 0) {
     close(fd);
     throw std::runtime_error("Set time for timer fd failed");
@@ -49,8 +55,9 @@ int CreateClockDescriptor() {
 }
 
 void WaitForClockChange(const std::shared_ptr<ClockWatch>& watch) {
-  watch->descriptor.async_wait(boost::asio::posix::stream_descriptor::wait_read,
-                               [watch](const boost::system::error_code& error) { TimeChanged(error, watch); });
+  watch->descriptor.async_wait(
+      boost::asio::posix::stream_descriptor::wait_read,
+      [watch](const boost::system::error_code& error) { TimeChanged(error, watch); });
 }
 
 void TimeChanged(const boost::system::error_code& error, const std::shared_ptr<ClockWatch>& watch) {
@@ -62,9 +69,10 @@ void TimeChanged(const boost::system::error_code& error, const std::shared_ptr<C
   }
   watch->kick(watch->service);
   std::uint64_t expirations = 0;
-  // The io library has made the descriptor non-blocking: a wake-up without anything to read fails here with EAGAIN and
-  // does not stop the service thread.
-  const ssize_t bytes = watch->read(watch->descriptor.native_handle(), &expirations, sizeof expirations);
+  // The io library has made the descriptor non-blocking: a wake-up without anything to read fails
+  // here with EAGAIN and does not stop the service thread.
+  const ssize_t bytes =
+      watch->read(watch->descriptor.native_handle(), &expirations, sizeof expirations);
   if (bytes >= 0) {
     LOG_DEBUG(0, "Timer expires %lu times!", static_cast<unsigned long>(expirations));
   } else if (errno == ECANCELED) {

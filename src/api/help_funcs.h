@@ -24,13 +24,14 @@ class Sender;
 /// The running tests by task id, visited in ascending id.
 using TestMap = std::map<std::uint16_t, boost::shared_ptr<Sender>>;
 
-/// The clock descriptor and what its handler needs. Held by shared pointer, also by the pending wait; once the
-/// descriptor is closed, a handler still queued touches nothing else.
+/// The clock descriptor and what its handler needs. Held by shared pointer, also by the pending
+/// wait; once the descriptor is closed, a handler still queued touches nothing else.
 struct ClockWatch {
   ClockWatch(boost::asio::io_context& context, const TestMap& running);
 
   boost::asio::posix::stream_descriptor descriptor;
-  boost::asio::steady_timer pause;  ///< before waiting again after a failure that might repeat at once
+  boost::asio::steady_timer
+      pause;  ///< before waiting again after a failure that might repeat at once
   boost::asio::io_context& service;
   const TestMap& tests;
   // Replaced by tests: no test sets the machine's clock.
@@ -38,16 +39,16 @@ struct ClockWatch {
   std::function<void(boost::asio::io_context&)> kick;                   ///< StartKeepAlive
 };
 
-/// Creates the timer descriptor, armed never to expire. Throws std::runtime_error "Create timer fd failed" or "Set time
-/// for timer fd failed".
+/// Creates the timer descriptor, armed never to expire. Throws std::runtime_error "Create timer fd
+/// failed" or "Set time for timer fd failed".
 [[nodiscard]] int CreateClockDescriptor();
 
 /// Waits until the descriptor is readable; TimeChanged follows.
 void WaitForClockChange(const std::shared_ptr<ClockWatch>& watch);
 
-/// The end of a wait. Kicks the keep-alive, reads the 8 bytes of the expiry count and, when the read says that the
-/// clock was set (ECANCELED), restarts every test. Waits again whatever happened, unless the descriptor was closed.
-/// Threads: the service thread.
+/// The end of a wait. Kicks the keep-alive, reads the 8 bytes of the expiry count and, when the
+/// read says that the clock was set (ECANCELED), restarts every test. Waits again whatever
+/// happened, unless the descriptor was closed. Threads: the service thread.
 void TimeChanged(const boost::system::error_code& error, const std::shared_ptr<ClockWatch>& watch);
 
 /// Closes the descriptor and ends the wait.

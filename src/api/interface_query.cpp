@@ -45,8 +45,8 @@ InterfaceListing ListInterfaces() {
     if (index != 0) listing.links[index] = entry->ifa_name;
     const auto address = AddressOf(entry->ifa_addr);
     if (!address || address->is_unspecified()) continue;
-    listing.addresses[*address] = {static_cast<std::int32_t>(entry->ifa_flags), static_cast<std::int32_t>(index),
-                                   entry->ifa_name};
+    listing.addresses[*address] = {static_cast<std::int32_t>(entry->ifa_flags),
+                                   static_cast<std::int32_t>(index), entry->ifa_name};
   }
   return listing;
 }
@@ -61,7 +61,8 @@ InterfaceRecord QueryInterface(std::uint32_t index) {
   if (fd < 0) return record;
   ifreq request{};
   std::memcpy(request.ifr_name, name.data(), name.size());
-  if (ioctl(fd, SIOCGIFFLAGS, &request) == 0) record.flags = static_cast<std::uint16_t>(request.ifr_flags);
+  if (ioctl(fd, SIOCGIFFLAGS, &request) == 0)
+    record.flags = static_cast<std::uint16_t>(request.ifr_flags);
   close(fd);
   return record;
 }

@@ -15,15 +15,17 @@ namespace ipsla {
 
 /// What getifaddrs(3) says of the namespace of the calling thread.
 struct InterfaceListing {
-  std::map<boost::asio::ip::address, InterfaceRecord> addresses;  ///< IPv4 and IPv6, unspecified ones left out
-  std::map<std::uint32_t, std::string> links;                     ///< every interface, also those without an address
+  std::map<boost::asio::ip::address, InterfaceRecord>
+      addresses;                               ///< IPv4 and IPv6, unspecified ones left out
+  std::map<std::uint32_t, std::string> links;  ///< every interface, also those without an address
 };
 
-/// Lists the namespace of the calling thread. Throws std::runtime_error "Can't get interfaces info".
+/// Lists the namespace of the calling thread. Throws std::runtime_error "Can't get interfaces
+/// info".
 [[nodiscard]] InterfaceListing ListInterfaces();
 
-/// The interface with this index in the namespace of the calling thread; name empty and flags 0 as far as the kernel
-/// does not tell.
+/// The interface with this index in the namespace of the calling thread; name empty and flags 0 as
+/// far as the kernel does not tell.
 [[nodiscard]] InterfaceRecord QueryInterface(std::uint32_t index);
 
 }  // namespace ipsla

@@ -24,7 +24,8 @@ constexpr std::size_t kAttributeHeaderSize = 4;
 
 template <typename Integer>
 Integer Load(Bytes bytes, std::size_t offset) {
-  return boost::endian::endian_load<Integer, sizeof(Integer), boost::endian::order::native>(&bytes[offset]);
+  return boost::endian::endian_load<Integer, sizeof(Integer), boost::endian::order::native>(
+      &bytes[offset]);
 }
 
 // Calls visit(type, payload) for each attribute that fits.
@@ -33,7 +34,8 @@ void ForEachAttribute(Bytes attributes, const Visitor& visit) {
   while (attributes.size() >= kAttributeHeaderSize) {
     const std::size_t length = Load<std::uint16_t>(attributes, 0);
     if (length < kAttributeHeaderSize || length > attributes.size()) return;
-    const auto type = static_cast<std::uint16_t>(Load<std::uint16_t>(attributes, 2) & NLA_TYPE_MASK);
+    const auto type =
+        static_cast<std::uint16_t>(Load<std::uint16_t>(attributes, 2) & NLA_TYPE_MASK);
     visit(type, attributes.subspan(kAttributeHeaderSize, length - kAttributeHeaderSize));
     const std::size_t next = (length + 3) & ~std::size_t{3};
     attributes = attributes.subspan(std::min(next, attributes.size()));
@@ -45,7 +47,8 @@ std::string TextOf(Bytes payload) {
   return {payload.begin(), end};
 }
 
-std::optional<boost::asio::ip::address> AddressOf(std::uint8_t family, std::uint32_t index, Bytes payload) {
+std::optional<boost::asio::ip::address> AddressOf(std::uint8_t family, std::uint32_t index,
+                                                  Bytes payload) {
   if (family == AF_INET && payload.size() >= boost::asio::ip::address_v4::bytes_type{}.size()) {
     boost::asio::ip::address_v4::bytes_type bytes{};
     std::copy_n(payload.begin(), bytes.size(), bytes.begin());
@@ -55,7 +58,8 @@ std::optional<boost::asio::ip::address> AddressOf(std::uint8_t family, std::uint
     boost::asio::ip::address_v6::bytes_type bytes{};
     std::copy_n(payload.begin(), bytes.size(), bytes.begin());
     boost::asio::ip::address_v6 address(bytes);
-    // getifaddrs(3) gives a link-local address the scope of its interface; without it the same address had two keys.
+    // getifaddrs(3) gives a link-local address the scope of its interface; without it the same
+    // address had two keys.
     if (address.is_link_local()) address.scope_id(index);
     return address;
   }
@@ -73,7 +77,8 @@ NetlinkMessage ParseError(Bytes body) {
 
 NetlinkMessage ParseLink(Bytes body, bool gone) {
   if (body.size() < kLinkSize) return {};
-  // A bridge announces a port that leaves it as a deleted link of its own family; the interface itself lives on.
+  // A bridge announces a port that leaves it as a deleted link of its own family; the interface
+  // itself lives on.
   if (gone && body[0] == AF_BRIDGE) return {};
   NetlinkMessage message;
   message.event = gone ? NetlinkEvent::kLinkGone : NetlinkEvent::kLinkChanged;
@@ -90,11 +95,13 @@ NetlinkMessage ParseAddress(Bytes body, NetlinkEvent event) {
   NetlinkMessage message;
   message.event = event;
   message.index = Load<std::uint32_t>(body, 4);
-  ForEachAttribute(body.subspan(kAddressSize), [&message, family = body[0]](std::uint16_t type, Bytes payload) {
-    if (type != IFA_LOCAL) return;
-    const auto address = AddressOf(family, message.index, payload);
-    if (address && !address->is_unspecified()) message.addresses.push_back(*address);
-  });
+  ForEachAttribute(body.subspan(kAddressSize),
+                   [&message, family = body[0]](std::uint16_t type, Bytes payload) {
+                     if (type != IFA_LOCAL) return;
+                     const auto address = AddressOf(family, message.index, payload);
+                     if (address && !address->is_unspecified())
+                       message.addresses.push_back(*address);
+                   });
   return message;
 }
 

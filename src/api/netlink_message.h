@@ -1,4 +1,5 @@
-// Routing netlink messages (rtnetlink(7)) as values: the interface watcher's parser, without any socket.
+// Routing netlink messages (rtnetlink(7)) as values: the interface watcher's parser, without any
+// socket.
 //
 // All fields are in host byte order; addresses stand as they do in a packet. What is read:
 //
@@ -14,7 +15,8 @@
 //     24     4  interface flags                   24     -  attributes
 //     32     -  attributes
 //
-// Attribute: length of itself (2, header included), type (2), payload; the next one begins at a multiple of 4.
+// Attribute: length of itself (2, header included), type (2), payload; the next one begins at a
+// multiple of 4.
 
 #ifndef IPSLA_API_NETLINK_MESSAGE_H_
 #define IPSLA_API_NETLINK_MESSAGE_H_
@@ -44,12 +46,13 @@ struct NetlinkMessage {
   int error = 0;  ///< errno value, positive; 0 is an acknowledgement
   std::uint32_t index = 0;
   std::uint32_t flags = 0;
-  std::optional<std::string> name;                    ///< of the link, when the message names it
-  std::vector<boost::asio::ip::address> addresses{};  ///< the local addresses, unspecified ones left out
+  std::optional<std::string> name;  ///< of the link, when the message names it
+  std::vector<boost::asio::ip::address>
+      addresses{};  ///< the local addresses, unspecified ones left out
 };
 
-/// Reads the first message of a datagram; deliberately, whatever follows it is not looked at. Nothing is read beyond
-/// `received`: an attribute that does not fit ends the walk.
+/// Reads the first message of a datagram; deliberately, whatever follows it is not looked at.
+/// Nothing is read beyond `received`: an attribute that does not fit ends the walk.
 [[nodiscard]] NetlinkMessage ParseNetlinkMessage(std::span<const std::uint8_t> received);
 
 }  // namespace ipsla

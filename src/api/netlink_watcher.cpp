@@ -34,8 +34,8 @@ nl_protocol::endpoint Endpoint(std::uint32_t port) {
   return {&address, sizeof address};
 }
 
-// Binds to the process id. Two VRF names can stand for one namespace, where that address is given out only once: the
-// second socket then takes one that the kernel picks.
+// Binds to the process id. Two VRF names can stand for one namespace, where that address is given
+// out only once: the second socket then takes one that the kernel picks.
 void Bind(nl_protocol::socket& socket) {
   boost::system::error_code error;
   socket.bind(Endpoint(static_cast<std::uint32_t>(getpid())), error);
@@ -54,7 +54,8 @@ std::string NamespaceOf(const std::string& vrf_key) {
 }  // namespace
 
 struct NetlinkWatcher::Watch {
-  Watch(boost::asio::io_context& service, std::string key) : vrf_key(std::move(key)), socket(service), retry(service) {}
+  Watch(boost::asio::io_context& service, std::string key)
+      : vrf_key(std::move(key)), socket(service), retry(service) {}
 
   void Close() {
     boost::system::error_code ignored;
@@ -68,14 +69,15 @@ struct NetlinkWatcher::Watch {
   boost::asio::steady_timer retry;  // armed after a re-read that failed
 };
 
-NetlinkWatcher::NetlinkWatcher(boost::asio::io_context& service, std::shared_ptr<InterfaceTable> table,
-                               InterfaceObserver& observer)
+NetlinkWatcher::NetlinkWatcher(boost::asio::io_context& service,
+                               std::shared_ptr<InterfaceTable> table, InterfaceObserver& observer)
     : service_(service), table_(std::move(table)), observer_(observer) {}
 
 NetlinkWatcher::~NetlinkWatcher() {
   try {
     Close();
-  } catch (...) {  // NOLINT(bugprone-empty-catch): a socket that cannot be closed is gone with its descriptor
+  } catch (...) {  // NOLINT(bugprone-empty-catch): a socket that cannot be closed is gone with its
+                   // descriptor
   }
 }
 
@@ -101,7 +103,8 @@ void NetlinkWatcher::Open(const WatchPtr& watch, const std::string& vrf) {
   Bind(watch->socket);
   InterfaceListing listing = ListInterfaces();
   scope.Leave();
-  for (auto& [address, record] : listing.addresses) table_->Set(address, watch->vrf_key, std::move(record));
+  for (auto& [address, record] : listing.addresses)
+    table_->Set(address, watch->vrf_key, std::move(record));
 }
 
 void NetlinkWatcher::Release(const std::string& vrf) {
@@ -123,11 +126,12 @@ int NetlinkWatcher::NativeHandle(const std::string& vrf) {
 }
 
 void NetlinkWatcher::Receive(const WatchPtr& watch) {
-  watch->socket.async_receive(boost::asio::buffer(watch->buffer),
-                              [this, watch](const boost::system::error_code& error, std::size_t bytes) {
-                                // Checked first: once the socket is closed, the watcher itself may be gone.
-                                if (watch->socket.is_open()) NetlinkReceivePacket(error, bytes, watch);
-                              });
+  watch->socket.async_receive(
+      boost::asio::buffer(watch->buffer),
+      [this, watch](const boost::system::error_code& error, std::size_t bytes) {
+        // Checked first: once the socket is closed, the watcher itself may be gone.
+        if (watch->socket.is_open()) NetlinkReceivePacket(error, bytes, watch);
+      });
 }
 
 void NetlinkWatcher::NetlinkReceivePacket(const boost::system::error_code& error, std::size_t bytes,
@@ -163,8 +167,8 @@ void NetlinkWatcher::Apply(const NetlinkMessage& message, const WatchPtr& watch)
       return;
     case NetlinkEvent::kLinkChanged:
       table_->SetFlags(watch->vrf_key, index, static_cast<std::int32_t>(message.flags));
-      // A message that does not name the link says nothing about its name; passed on without one it would mean that
-      // the link is gone.
+      // A message that does not name the link says nothing about its name; passed on without one it
+      // would mean that the link is gone.
       if (message.name) observer_.SetInterfaceIndex(message.index, message.name);
       return;
     case NetlinkEvent::kLinkGone:
@@ -189,7 +193,8 @@ void NetlinkWatcher::SetAddresses(const NetlinkMessage& message, const std::stri
     record = QueryInterface(message.index);
     scope.Leave();
   } catch (const std::exception& exception) {
-    // The VRF's name can go while its namespace lives on; the address is kept, on an interface that is not running.
+    // The VRF's name can go while its namespace lives on; the address is kept, on an interface that
+    // is not running.
     LOG_DEBUG(0, "Catch exception %s", exception.what());
   }
   std::optional<boost::asio::ip::address> latest;
@@ -209,16 +214,19 @@ void NetlinkWatcher::EraseAddresses(const NetlinkMessage& message, const std::st
   if (latest) TellAddress(*latest, static_cast<std::int32_t>(message.index), false);
 }
 
-void NetlinkWatcher::TellAddress(const boost::asio::ip::address& address, std::int32_t index, bool added) {
+void NetlinkWatcher::TellAddress(const boost::asio::ip::address& address, std::int32_t index,
+                                 bool added) {
   if (!address.is_v4()) return;
   std::uint32_t wire = 0;  // network byte order: the bytes as they stand in a packet
   const auto bytes = address.to_v4().to_bytes();
   std::memcpy(&wire, bytes.data(), sizeof wire);
-  observer_.UpdateLocalAddress(static_cast<std::uint32_t>(index), added ? wire : 0, added ? 0 : wire);
+  observer_.UpdateLocalAddress(static_cast<std::uint32_t>(index), added ? wire : 0,
+                               added ? 0 : wire);
 }
 
-// Messages were lost, so what they said is found out by comparing the VRF as it is with the table. Without an answer
-// (no descriptor free, for example) the question is asked again later: no message may follow to give a new occasion.
+// Messages were lost, so what they said is found out by comparing the VRF as it is with the table.
+// Without an answer (no descriptor free, for example) the question is asked again later: no message
+// may follow to give a new occasion.
 void NetlinkWatcher::Resync(const WatchPtr& watch) {
   try {
     ResyncNow(watch->vrf_key);
@@ -237,7 +245,8 @@ void NetlinkWatcher::ResyncNow(const std::string& vrf_key) {
   scope.Leave();
   const auto before = table_->OfVrf(vrf_key);
 
-  // The table first, as a whole: a test that restarts on the first call already finds every address in it.
+  // The table first, as a whole: a test that restarts on the first call already finds every address
+  // in it.
   std::set<std::uint32_t> links_gone;
   for (const auto& [address, record] : before) {
     const auto index = static_cast<std::uint32_t>(record.index);
@@ -250,11 +259,13 @@ void NetlinkWatcher::ResyncNow(const std::string& vrf_key) {
   for (const auto& [index, name] : now.links) observer_.SetInterfaceIndex(index, name);
   for (const auto& [address, record] : before) {
     const auto found = now.addresses.find(address);
-    if (found == now.addresses.end() || found->second.index != record.index) TellAddress(address, record.index, false);
+    if (found == now.addresses.end() || found->second.index != record.index)
+      TellAddress(address, record.index, false);
   }
   for (const auto& [address, record] : now.addresses) {
     const auto found = before.find(address);
-    if (found == before.end() || found->second.index != record.index) TellAddress(address, record.index, true);
+    if (found == before.end() || found->second.index != record.index)
+      TellAddress(address, record.index, true);
   }
 }
 

@@ -21,8 +21,8 @@
 
 namespace ipsla {
 
-/// Who is told of changes; the operations are those of Sender. Called on the service thread, without any lock held and
-/// after the interface table was brought up to date.
+/// Who is told of changes; the operations are those of Sender. Called on the service thread,
+/// without any lock held and after the interface table was brought up to date.
 class InterfaceObserver {
  public:
   InterfaceObserver() = default;
@@ -30,27 +30,33 @@ class InterfaceObserver {
   InterfaceObserver(const InterfaceObserver&) = delete;
   InterfaceObserver& operator=(const InterfaceObserver&) = delete;
 
-  virtual void UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address, std::uint32_t old_address) = 0;
-  virtual void SetInterfaceIndex(std::uint32_t if_index, const std::optional<std::string>& if_name) = 0;
+  virtual void UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address,
+                                  std::uint32_t old_address) = 0;
+  virtual void SetInterfaceIndex(std::uint32_t if_index,
+                                 const std::optional<std::string>& if_name) = 0;
 };
 
 /// The netlink sockets of all VRFs in use and what is done with their messages.
 ///
-/// Threads: the thread that runs the service context, or any one thread while none does. Lifetime: a handler that is
-/// still queued when its VRF is released, or when the watcher ends, finds its socket closed and does nothing.
+/// Threads: the thread that runs the service context, or any one thread while none does. Lifetime:
+/// a handler that is still queued when its VRF is released, or when the watcher ends, finds its
+/// socket closed and does nothing.
 class NetlinkWatcher {
  public:
-  NetlinkWatcher(boost::asio::io_context& service, std::shared_ptr<InterfaceTable> table, InterfaceObserver& observer);
+  NetlinkWatcher(boost::asio::io_context& service, std::shared_ptr<InterfaceTable> table,
+                 InterfaceObserver& observer);
   ~NetlinkWatcher();
   NetlinkWatcher(const NetlinkWatcher&) = delete;
   NetlinkWatcher& operator=(const NetlinkWatcher&) = delete;
 
-  /// Begins to watch a VRF (empty: the daemon's own namespace) and enters its addresses into the table; does nothing
-  /// when it is watched already. Throws std::runtime_error "CreateNetlinkSocketInVrf failed" after logging the reason;
-  /// nothing of the VRF is then left behind.
+  /// Begins to watch a VRF (empty: the daemon's own namespace) and enters its addresses into the
+  /// table; does nothing when it is watched already. Throws std::runtime_error
+  /// "CreateNetlinkSocketInVrf failed" after logging the reason; nothing of the VRF is then left
+  /// behind.
   void CreateNetlinkSocketInVrf(const std::string& vrf);
 
-  /// Ends the watch: closes the VRF's socket and drops its addresses, which nobody would keep up to date any more.
+  /// Ends the watch: closes the VRF's socket and drops its addresses, which nobody would keep up to
+  /// date any more.
   void Release(const std::string& vrf);
 
   /// Releases every VRF.
@@ -65,7 +71,8 @@ class NetlinkWatcher {
 
   void Open(const WatchPtr& watch, const std::string& vrf);
   void Receive(const WatchPtr& watch);
-  void NetlinkReceivePacket(const boost::system::error_code& error, std::size_t bytes, const WatchPtr& watch);
+  void NetlinkReceivePacket(const boost::system::error_code& error, std::size_t bytes,
+                            const WatchPtr& watch);
   void Apply(const NetlinkMessage& message, const WatchPtr& watch);
   void SetAddresses(const NetlinkMessage& message, const std::string& vrf_key);
   void EraseAddresses(const NetlinkMessage& message, const std::string& vrf_key);

@@ -1,10 +1,10 @@
 #include "api/sender_api_message.h"
 
-#include <cjson/cJSON.h>
-
 #include <algorithm>
-#include <boost/endian/conversion.hpp>
 #include <cstring>
+
+#include <boost/endian/conversion.hpp>
+#include <cjson/cJSON.h>
 
 namespace ipsla {
 namespace {
@@ -17,7 +17,8 @@ constexpr std::size_t kDatagramLengthOffset = 16;
 constexpr std::size_t kCommandOffset = 20;
 constexpr std::size_t kResultOffset = 22;
 constexpr std::size_t kBlockLengthOffset = 24;
-/// The command block's own bytes, counted by its length field: command, result and the length itself.
+/// The command block's own bytes, counted by its length field: command, result and the length
+/// itself.
 constexpr std::uint32_t kBlockHeaderSize = 8;
 
 /// The two length fields of a datagram with this payload.
@@ -80,7 +81,8 @@ std::string_view ApiPayloadText(std::span<const std::uint8_t> received) {
   }
   const auto payload = received.subspan(kApiHeaderSize);
   const auto end = std::find(payload.begin(), payload.end(), std::uint8_t{0});
-  return {reinterpret_cast<const char*>(payload.data()), static_cast<std::size_t>(end - payload.begin())};
+  return {reinterpret_cast<const char*>(payload.data()),
+          static_cast<std::size_t>(end - payload.begin())};
 }
 
 const char* ApiCommandName(std::uint16_t command) {
@@ -119,8 +121,8 @@ std::vector<ApiBytes> BuildJsonReply(const ApiHeader& request, std::string_view 
   std::vector<ApiBytes> datagrams;
   while (!remaining.empty()) {
     std::size_t slice_size = kApiMaxSlice;
-    // Strictly less, deliberately: a last slice that fills its datagram keeps the more-fragments bit, and no empty
-    // fragment follows it. Clients know this and recognise the end by the NUL.
+    // Strictly less, deliberately: a last slice that fills its datagram keeps the more-fragments
+    // bit, and no empty fragment follows it. Clients know this and recognise the end by the NUL.
     if (remaining.size() < kApiMaxSlice) {
       slice_size = remaining.size();
       header.flags &= static_cast<std::uint8_t>(~kApiMoreFragments);

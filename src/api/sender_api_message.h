@@ -1,16 +1,16 @@
-// Sender API datagrams as values: headers, fragments and request bodies. No I/O: daemon and clients share it.
+// Sender API datagrams as values: headers, fragments and request bodies. No I/O: daemon and clients
+// share it.
 //
 // Offset  Size  Field            (big-endian unless noted)
 //      0     8  prefix           echoed
 //      8     1  request marker   1
 //      9     1  flags            reply: bit 0 more fragments follow, other bits echoed
 //     10     2  reserved         echoed
-//     12     4  fragment number  1, 2, 3 ... in the fragments of a JSON reply; echoed in a header-only reply
-//     16     4  datagram length  28 + payload bytes
-//     20     2  command          host byte order
-//     22     2  result           host byte order; request 0, reply 0 success, 4 failure
-//     24     4  block length     8 + payload bytes
-//     28     n  payload          request: NUL-terminated JSON; reply: a slice of JSON text plus its NUL
+//     12     4  fragment number  1, 2, 3 ... in the fragments of a JSON reply; echoed in a
+//     header-only reply 16     4  datagram length  28 + payload bytes 20     2  command host byte
+//     order 22     2  result           host byte order; request 0, reply 0 success, 4 failure 24 4
+//     block length     8 + payload bytes 28     n  payload          request: NUL-terminated JSON;
+//     reply: a slice of JSON text plus its NUL
 
 #ifndef IPSLA_API_SENDER_API_MESSAGE_H_
 #define IPSLA_API_SENDER_API_MESSAGE_H_
@@ -70,7 +70,8 @@ using ApiBytes = std::vector<std::uint8_t>;
 /// The 28 bytes of a header.
 [[nodiscard]] std::array<std::uint8_t, kApiHeaderSize> EncodeApiHeader(const ApiHeader& header);
 
-/// The JSON text of a datagram: from offset 28 to its NUL or the end of what was received, whichever comes first.
+/// The JSON text of a datagram: from offset 28 to its NUL or the end of what was received,
+/// whichever comes first.
 [[nodiscard]] std::string_view ApiPayloadText(std::span<const std::uint8_t> received);
 
 /// "SENDER_API_CSLD_..." of a command code, or "unknown command" for 5 and above.
@@ -79,8 +80,8 @@ using ApiBytes = std::vector<std::uint8_t>;
 /// A request with a JSON body (NUL-terminated on the wire) or, with an empty text, without one.
 [[nodiscard]] ApiBytes BuildApiRequest(ApiCommand command, std::string_view json);
 
-/// The datagrams of a JSON reply: the text and its NUL in slices of 8164 bytes, built over the request's header. A last
-/// slice of exactly 8164 bytes still says that more follow, deliberately.
+/// The datagrams of a JSON reply: the text and its NUL in slices of 8164 bytes, built over the
+/// request's header. A last slice of exactly 8164 bytes still says that more follow, deliberately.
 [[nodiscard]] std::vector<ApiBytes> BuildJsonReply(const ApiHeader& request, std::string_view json);
 
 /// A header-only reply over the request's header, with this result.
@@ -92,7 +93,8 @@ using StatisticsRequest = std::map<std::int32_t, std::set<std::string>>;
 /// The five group names, in alphabetical order.
 [[nodiscard]] const std::set<std::string>& MetricGroupNames();
 
-/// Known names of a "metrics" array (anything else in it is dropped), or nothing when it is not an array.
+/// Known names of a "metrics" array (anything else in it is dropped), or nothing when it is not an
+/// array.
 [[nodiscard]] std::optional<std::set<std::string>> ReadMetricGroups(const cJSON* metrics);
 
 }  // namespace ipsla

@@ -1,8 +1,7 @@
 #include "api/statistics_json.h"
 
-#include <cjson/cJSON.h>
-
 #include <boost/thread/lock_guard.hpp>
+#include <cjson/cJSON.h>
 
 namespace ipsla {
 namespace {
@@ -71,7 +70,8 @@ void AddGroup(cJSON* object, const std::string& name, const SlaTaskMetrics& metr
 }
 
 /// The fixed keys, in their order. `task` is null when the task is not configured (any more).
-void AddFixedKeys(cJSON* object, std::int32_t id, const SlaTaskStatistics& statistics, const SlaTaskConfig* task) {
+void AddFixedKeys(cJSON* object, std::int32_t id, const SlaTaskStatistics& statistics,
+                  const SlaTaskConfig* task) {
   const SlaTaskMetrics& last = statistics.last;
   AddNumber(object, "sla-id", id);
   AddText(object, "status", ResultToString(last.status));
@@ -104,8 +104,9 @@ int SerializeTasksMetrics(cJSON* reply, const StatisticsRequest& request, const 
   const boost::lock_guard<boost::mutex> lock(statistics.mutex);
   cJSON* array = cJSON_AddArrayToObject(reply, "tasks");
   for (const auto& [id, groups] : request) {
-    // Requested ids are wider than task ids. The statistics are found by the low 16 bits, the task by the whole number,
-    // deliberately: 65537 shows the statistics of task 1 without its configuration.
+    // Requested ids are wider than task ids. The statistics are found by the low 16 bits, the task
+    // by the whole number, deliberately: 65537 shows the statistics of task 1 without its
+    // configuration.
     const auto stored = statistics.tasks.find(static_cast<std::uint16_t>(id));
     if (stored == statistics.tasks.end()) {
       continue;

@@ -10,11 +10,12 @@
 
 namespace ipsla {
 
-/// Fills `reply` (an object) with {"tasks": [...]}: one object per requested id that has statistics, in ascending id.
-/// Statistics are looked up by the low 16 bits of the id, the task by the whole id, deliberately. Takes the statistics
-/// lock for the whole call. 0; -1 is reserved for failure.
-[[nodiscard]] int SerializeTasksMetrics(cJSON* reply, const StatisticsRequest& request, const SlaTaskMap& tasks,
-                                        StatisticsStore& statistics);
+/// Fills `reply` (an object) with {"tasks": [...]}: one object per requested id that has
+/// statistics, in ascending id. Statistics are looked up by the low 16 bits of the id, the task by
+/// the whole id, deliberately. Takes the statistics lock for the whole call. 0; -1 is reserved for
+/// failure.
+[[nodiscard]] int SerializeTasksMetrics(cJSON* reply, const StatisticsRequest& request,
+                                        const SlaTaskMap& tasks, StatisticsStore& statistics);
 
 }  // namespace ipsla
 

@@ -1,8 +1,8 @@
 #include "config/config_file.h"
 
-#include <cjson/cJSON.h>
-
 #include <utility>
+
+#include <cjson/cJSON.h>
 
 #include "log/log.h"
 
@@ -42,7 +42,8 @@ void LogFileFault(const ConfigFile& file, const char* what) {
       LOG_DEBUG(0, "unable to open configuration file");
       break;
     case ConfigFileFault::kNotJson: {
-      // Without a known position the log file gets no line and the system log one with an empty text; deliberate.
+      // Without a known position the log file gets no line and the system log one with an empty
+      // text; deliberate.
       const std::string text = file.json.error_text.value_or("");
       if (file.json.error_text) LOG_DEBUG_FILE(0, "JSON parse error at line: %s", text.c_str());
       LOG_DEBUG_SYSTEM("JSON parse error at line: %s", text.c_str());

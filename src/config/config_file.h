@@ -1,4 +1,5 @@
-// A configuration file up to its one required array: what the tasks file and the keychain file have in common.
+// A configuration file up to its one required array: what the tasks file and the keychain file have
+// in common.
 
 #ifndef IPSLA_CONFIG_CONFIG_FILE_H_
 #define IPSLA_CONFIG_CONFIG_FILE_H_
@@ -26,15 +27,17 @@ enum class ConfigFileFault : std::uint8_t {
 /// A file as read by ReadConfigFile.
 struct ConfigFile {
   ConfigFileFault fault = ConfigFileFault::kNone;
-  JsonParse json;                ///< the document (also with kNoArray), or where its fault is (kNotJson)
-  const cJSON* array = nullptr;  ///< the required array, owned by json.document; null with any fault
+  JsonParse json;  ///< the document (also with kNoArray), or where its fault is (kNotJson)
+  const cJSON* array =
+      nullptr;  ///< the required array, owned by json.document; null with any fault
 };
 
-/// Reads `filename` and finds the array `key` of its root. Logs nothing. Only one thread at a time (ParseJson).
+/// Reads `filename` and finds the array `key` of its root. Logs nothing. Only one thread at a time
+/// (ParseJson).
 [[nodiscard]] ConfigFile ReadConfigFile(const std::string& filename, const char* key);
 
-/// Logs (debug, id 0) why a file could not be read or parsed; `what` names it in the line of an empty file name.
-/// Nothing for kNone and kNoArray, of which each reader has its own line.
+/// Logs (debug, id 0) why a file could not be read or parsed; `what` names it in the line of an
+/// empty file name. Nothing for kNone and kNoArray, of which each reader has its own line.
 void LogFileFault(const ConfigFile& file, const char* what);
 
 }  // namespace ipsla

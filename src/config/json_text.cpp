@@ -1,9 +1,9 @@
 #include "config/json_text.h"
 
-#include <cjson/cJSON.h>
-
 #include <algorithm>
 #include <cstdio>
+
+#include <cjson/cJSON.h>
 
 namespace ipsla {
 
@@ -46,8 +46,8 @@ std::size_t FindTooDeep(std::string_view text, std::size_t limit) {
     } else if (c == '[' || c == '{') {
       if (++depth > limit) return i;
     } else if ((c == ']' || c == '}') && depth > 0) {
-      // A bracket too many or of the wrong kind is counted all the same: the parser stops there, so that what follows
-      // is never nested into.
+      // A bracket too many or of the wrong kind is counted all the same: the parser stops there, so
+      // that what follows is never nested into.
       --depth;
     }
   }
@@ -64,7 +64,8 @@ JsonParse ParseJson(std::string_view text) {
   if (parse.document) return parse;
   const char* fault = cJSON_GetErrorPtr();
   if (fault == nullptr) return parse;
-  return FaultAt(terminated, std::min(static_cast<std::size_t>(fault - terminated.c_str()), terminated.size()));
+  return FaultAt(terminated,
+                 std::min(static_cast<std::size_t>(fault - terminated.c_str()), terminated.size()));
 }
 
 std::string ShortJsonText(const cJSON* item, std::size_t limit) {
@@ -74,7 +75,8 @@ std::string ShortJsonText(const cJSON* item, std::size_t limit) {
   std::string text(printed.get());
   if (text.size() <= limit) return text;
   std::size_t end = limit;
-  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) --end;  // not inside a UTF-8 character
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U)
+    --end;  // not inside a UTF-8 character
   text.resize(end);
   return text + "...";
 }
@@ -85,11 +87,12 @@ std::optional<std::string> ReadWholeFile(const std::string& filename) {
   };
   const std::unique_ptr<std::FILE, Closer> file(std::fopen(filename.c_str(), "rbe"));
   if (!file) return std::nullopt;
-  // Read to the end instead of by the size found first: the file may be a pipe, or grow meanwhile. A directory opens
-  // but cannot be read.
+  // Read to the end instead of by the size found first: the file may be a pipe, or grow meanwhile.
+  // A directory opens but cannot be read.
   std::string content;
   char piece[4096];
-  while (const std::size_t bytes = std::fread(piece, 1, sizeof piece, file.get())) content.append(piece, bytes);
+  while (const std::size_t bytes = std::fread(piece, 1, sizeof piece, file.get()))
+    content.append(piece, bytes);
   if (std::ferror(file.get()) != 0) return std::nullopt;
   return content;
 }

@@ -1,8 +1,8 @@
 #include "config/keychain.h"
 
-#include <cjson/cJSON.h>
-
 #include <utility>
+
+#include <cjson/cJSON.h>
 
 #include "config/config_file.h"
 #include "log/log.h"
@@ -13,8 +13,10 @@ namespace {
 // Logs what is wrong with the file as a whole.
 void LogKeychainFileFault(const ConfigFile& file) {
   LogFileFault(file, "keychain");
-  // Deliberately silent unless the JSON library still holds an error, which it forgets with every new document.
-  if (file.fault == ConfigFileFault::kNoArray && cJSON_GetErrorPtr() != nullptr) LOG_DEBUG(0, "invalid configuration");
+  // Deliberately silent unless the JSON library still holds an error, which it forgets with every
+  // new document.
+  if (file.fault == ConfigFileFault::kNoArray && cJSON_GetErrorPtr() != nullptr)
+    LOG_DEBUG(0, "invalid configuration");
 }
 
 }  // namespace
@@ -27,10 +29,12 @@ std::vector<KeyFault> ReadKeys(const cJSON* array, KeychainStorage* storage) {
     const cJSON* id = cJSON_GetObjectItem(element, "key-id");
     const char* text = cJSON_GetStringValue(cJSON_GetObjectItem(element, "key-string"));
     if (cJSON_IsNumber(id) == 0 || text == nullptr) {
-      faults.push_back({position, std::nullopt, "key id #undefined parse skipped: no key configuration"});
+      faults.push_back(
+          {position, std::nullopt, "key id #undefined parse skipped: no key configuration"});
     } else if (!storage->try_emplace(id->valueint, text).second) {
       const std::string number = std::to_string(id->valueint);
-      faults.push_back({position, id->valueint, "key id #" + number + " parse skipped: duplicate key"});
+      faults.push_back(
+          {position, id->valueint, "key id #" + number + " parse skipped: duplicate key"});
     }
     ++position;
   }
@@ -44,7 +48,8 @@ int ParseKeychainConfig(const std::string& filename, KeychainStorage* storage) {
     LogKeychainFileFault(file);
     return -1;
   }
-  for (const KeyFault& fault : ReadKeys(file.array, storage)) LOG_DEBUG(0, "%s", fault.reason.c_str());
+  for (const KeyFault& fault : ReadKeys(file.array, storage))
+    LOG_DEBUG(0, "%s", fault.reason.c_str());
   return 0;
 }
 
@@ -79,7 +84,8 @@ std::shared_ptr<const KeychainStorage> KeyStore::Snapshot() const {
 void KeyStore::Replace(KeychainStorage storage) {
   auto fresh = std::make_shared<const KeychainStorage>(std::move(storage));
   const std::lock_guard lock(mutex_);
-  storage_.swap(fresh);  // the old keys are freed by `fresh`, after the lock when it was the last owner
+  storage_.swap(
+      fresh);  // the old keys are freed by `fresh`, after the lock when it was the last owner
 }
 
 }  // namespace ipsla

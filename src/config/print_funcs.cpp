@@ -5,8 +5,8 @@
 
 #include "log/log.h"
 
-// A line that both logs get alike is one LOG_DEBUG. Where the file's copy is left out, or carries another number than
-// the system log's, both halves are written out.
+// A line that both logs get alike is one LOG_DEBUG. Where the file's copy is left out, or carries
+// another number than the system log's, both halves are written out.
 
 namespace ipsla {
 namespace {
@@ -32,13 +32,15 @@ void PrintVrf(const std::string& vrf) {
 }
 
 void PrintKey(const SlaAuthConfig& auth, const KeychainStorage& keychain) {
-  LOG_DEBUG(0, "   .  .  |- Algorithm    : %s (#%u)\n   .  .  |- Key", AuthAlgorithmToString(auth.algorithm).c_str(),
-            NumberOf(auth.algorithm));
-  if (auth.mode == SlaAuthMode::kKeychain) LOG_DEBUG_FILE(0, "   .  .  .  |- ID        : #%u", unsigned{auth.key_id});
+  LOG_DEBUG(0, "   .  .  |- Algorithm    : %s (#%u)\n   .  .  |- Key",
+            AuthAlgorithmToString(auth.algorithm).c_str(), NumberOf(auth.algorithm));
+  if (auth.mode == SlaAuthMode::kKeychain)
+    LOG_DEBUG_FILE(0, "   .  .  .  |- ID        : #%u", unsigned{auth.key_id});
   LOG_DEBUG_SYSTEM("   .  .  .  |- ID        : #%u", unsigned{auth.key_id});
   std::string key;
   GetTaskKey(&key, auth, keychain);  // without a key its word for that is shown
-  LOG_DEBUG(0, "   .  .  .  |- Value     : \"%s\"\n   .  .  .  -\n   .  .  -\n   .  -", key.c_str());
+  LOG_DEBUG(0, "   .  .  .  |- Value     : \"%s\"\n   .  .  .  -\n   .  .  -\n   .  -",
+            key.c_str());
 }
 
 void PrintControlPhase(const SlaTaskConfig& task, const KeychainStorage& keychain) {
@@ -47,11 +49,13 @@ void PrintControlPhase(const SlaTaskConfig& task, const KeychainStorage& keychai
   LOG_DEBUG(0, "   |- Control phase config");
   LOG_DEBUG(0, "   .  |- Source address  : %s", Ipv4ToString(phase.src.sin_addr).c_str());
   LOG_DEBUG(0,
-            "   .  |- Source port     : %s\n   .  |- Dest address    : %s\n   .  |- Dest port       : %d\n"
+            "   .  |- Source port     : %s\n   .  |- Dest address    : %s\n   .  |- Dest port      "
+            " : %d\n"
             "   .  |- Timeout         : %u (milliseconds)\n   .  |- Authentication\n"
             "   .  .  |- Mode         : %s (#%u)\n",
-            SourcePortToString(phase).c_str(), Ipv4ToString(phase.dst.sin_addr).c_str(), ntohs(phase.dst.sin_port),
-            static_cast<unsigned>(task.control_timeout), AuthModeToString(mode).c_str(), NumberOf(mode));
+            SourcePortToString(phase).c_str(), Ipv4ToString(phase.dst.sin_addr).c_str(),
+            ntohs(phase.dst.sin_port), static_cast<unsigned>(task.control_timeout),
+            AuthModeToString(mode).c_str(), NumberOf(mode));
   if (mode == SlaAuthMode::kPassword || mode == SlaAuthMode::kKeychain) {
     PrintKey(task.auth, keychain);
   } else {
@@ -65,13 +69,16 @@ void PrintOperation(const SlaTaskConfig& task) {
             TestTypeToString(task.sla_type).c_str(), NumberOf(task.sla_type));
   LOG_DEBUG(0, "   .  |- Source address  : %s", Ipv4ToString(phase.src.sin_addr).c_str());
   LOG_DEBUG(0,
-            "   .  |- Source port     : %s\n   .  |- Dest address    : %s\n   .  |- Dest port       : %d\n"
+            "   .  |- Source port     : %s\n   .  |- Dest address    : %s\n   .  |- Dest port      "
+            " : %d\n"
             "   .  |- Count           : %u\n   .  |- Size            : %-4u\t(bytes)\n"
-            "   .  |- Interval        : %-4u\t(milliseconds)\n   .  |- Timeout         : %-4u\t(milliseconds)\n"
+            "   .  |- Interval        : %-4u\t(milliseconds)\n   .  |- Timeout         : "
+            "%-4u\t(milliseconds)\n"
             "   .  |- TTL             : %-4u\n   .  |- DSCP            : %u\t(PHB: %s)\n   .  -\n"
             "   |- Number of reports  : %u\n   -",
-            SourcePortToString(phase).c_str(), Ipv4ToString(phase.dst.sin_addr).c_str(), ntohs(phase.dst.sin_port),
-            static_cast<unsigned>(task.num_packets), unsigned{task.packet_size}, static_cast<unsigned>(task.interval),
+            SourcePortToString(phase).c_str(), Ipv4ToString(phase.dst.sin_addr).c_str(),
+            ntohs(phase.dst.sin_port), static_cast<unsigned>(task.num_packets),
+            unsigned{task.packet_size}, static_cast<unsigned>(task.interval),
             static_cast<unsigned>(task.timeout), unsigned{task.ttl}, unsigned{task.dscp},
             DscpToPhbName(task.dscp).c_str(), unsigned{task.num_rep_hist});
 }
@@ -83,10 +90,10 @@ void PrintTaskConfigs(const SlaTaskMap& tasks, const KeychainStorage& keychain) 
   std::uint16_t ordinal = 1;  // two per task: one for the log file, the next for the system log
   for (const auto& [id, task] : tasks) {
     const std::string schedule = BoolToString(task.schedule);
-    LOG_DEBUG_FILE(0, " [Task #%u]\n   |- ID                 : #%u\n   |- Schedule           : %s", unsigned{ordinal++},
-                   unsigned{task.sla_id}, schedule.c_str());
-    LOG_DEBUG_SYSTEM(" [Task #%u]\n   |- ID                 : #%u\n   |- Schedule           : %s", unsigned{ordinal++},
-                     unsigned{task.sla_id}, schedule.c_str());
+    LOG_DEBUG_FILE(0, " [Task #%u]\n   |- ID                 : #%u\n   |- Schedule           : %s",
+                   unsigned{ordinal++}, unsigned{task.sla_id}, schedule.c_str());
+    LOG_DEBUG_SYSTEM(" [Task #%u]\n   |- ID                 : #%u\n   |- Schedule           : %s",
+                     unsigned{ordinal++}, unsigned{task.sla_id}, schedule.c_str());
     PrintSchedule(task);
     PrintVrf(task.control_phase.vrf);
     PrintControlPhase(task, keychain);
@@ -98,8 +105,10 @@ void PrintKeychain(const KeychainStorage& keychain) {
   LOG_DEBUG(0, "List of keys in the storage: %zd keys", static_cast<ssize_t>(keychain.size()));
   unsigned ordinal = 1;  // two per key, as for the tasks
   for (const auto& [id, key] : keychain) {
-    LOG_DEBUG_FILE(0, " [Key #%u]\n   |- ID     : #%d\n   |- String : \"%s\"\n   -", ordinal++, id, key.c_str());
-    LOG_DEBUG_SYSTEM(" [Key #%u]\n   |- ID     : #%d\n   |- String : \"%s\"\n   -", ordinal++, id, key.c_str());
+    LOG_DEBUG_FILE(0, " [Key #%u]\n   |- ID     : #%d\n   |- String : \"%s\"\n   -", ordinal++, id,
+                   key.c_str());
+    LOG_DEBUG_SYSTEM(" [Key #%u]\n   |- ID     : #%d\n   |- String : \"%s\"\n   -", ordinal++, id,
+                     key.c_str());
   }
 }
 

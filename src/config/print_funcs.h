@@ -8,8 +8,9 @@
 
 namespace ipsla {
 
-/// Logs all tasks in ascending id. Entries are numbered 1, 3, 5, ... in the log file and 2, 4, 6, ... in the system
-/// log, and some lines reach the file only when they mean something for the task; both are deliberate.
+/// Logs all tasks in ascending id. Entries are numbered 1, 3, 5, ... in the log file and 2, 4, 6,
+/// ... in the system log, and some lines reach the file only when they mean something for the task;
+/// both are deliberate.
 void PrintTaskConfigs(const SlaTaskMap& tasks, const KeychainStorage& keychain);
 
 /// Logs all keys in ascending id, numbered likewise.

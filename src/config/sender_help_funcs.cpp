@@ -1,8 +1,8 @@
 #include "config/sender_help_funcs.h"
 
-#include <cjson/cJSON.h>
-
 #include <utility>
+
+#include <cjson/cJSON.h>
 
 #include "config/config_file.h"
 #include "config/task_parser.h"
@@ -15,24 +15,28 @@ namespace {
 // Logs what is wrong with the file as a whole.
 void LogTasksFileFault(const ConfigFile& file) {
   LogFileFault(file, "SLA tasks");
-  if (file.fault == ConfigFileFault::kNoArray) LOG_DEBUG(0, "ivalid configuration");  // spelled so on purpose
+  if (file.fault == ConfigFileFault::kNoArray)
+    LOG_DEBUG(0, "ivalid configuration");  // spelled so on purpose
 }
 
-// Appends the numbers of "cpus", cut to 8 bits. A missing list, or one that is no array, adds nothing.
+// Appends the numbers of "cpus", cut to 8 bits. A missing list, or one that is no array, adds
+// nothing.
 void AppendCpus(const cJSON* root, std::vector<std::uint8_t>* cpus) {
   const cJSON* list = cJSON_GetObjectItem(root, "cpus");
   if (cJSON_IsArray(list) == 0) return;
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, list) {
-    // What is no number counts as CPU 0, deliberately; the library keeps integers for other types too, true being 1.
-    cpus->push_back(cJSON_IsNumber(element) != 0 ? static_cast<std::uint8_t>(element->valueint) : std::uint8_t{0});
+    // What is no number counts as CPU 0, deliberately; the library keeps integers for other types
+    // too, true being 1.
+    cpus->push_back(cJSON_IsNumber(element) != 0 ? static_cast<std::uint8_t>(element->valueint)
+                                                 : std::uint8_t{0});
   }
 }
 
 }  // namespace
 
-int ParseTaskConfigs(const std::string& filename, SlaTaskMap* tasks, const KeychainStorage& keychain,
-                     std::vector<std::uint8_t>* cpus) {
+int ParseTaskConfigs(const std::string& filename, SlaTaskMap* tasks,
+                     const KeychainStorage& keychain, std::vector<std::uint8_t>* cpus) {
   tasks->clear();
   const ConfigFile file = ReadConfigFile(filename, kTasksKey);
   if (file.fault != ConfigFileFault::kNone) {
@@ -44,7 +48,8 @@ int ParseTaskConfigs(const std::string& filename, SlaTaskMap* tasks, const Keych
     TaskParse task = ParseTask(element, *tasks, keychain, GetIfaceData);
     if (task.abandoned) return -1;
     if (task.fault) {
-      LOG_DEBUG(0, "SLA task ID #%u parse skipped: %s", unsigned{task.config.sla_id}, task.fault->c_str());
+      LOG_DEBUG(0, "SLA task ID #%u parse skipped: %s", unsigned{task.config.sla_id},
+                task.fault->c_str());
       continue;
     }
     const std::int32_t id = task.config.sla_id;

@@ -23,7 +23,8 @@ std::string WordOf(Enumeration value, Words words, std::int64_t first) {
   return words[static_cast<std::size_t>(index)];
 }
 
-// The position of `word` in `words` plus 1, or 0: the numbering of the enumerations that the files name by words.
+// The position of `word` in `words` plus 1, or 0: the numbering of the enumerations that the files
+// name by words.
 std::uint8_t NumberOf(const std::string& word, Words words) {
   for (std::size_t i = 0; i < words.size(); ++i) {
     if (word == words[i]) return static_cast<std::uint8_t>(i + 1);
@@ -31,7 +32,8 @@ std::uint8_t NumberOf(const std::string& word, Words words) {
   return 0;
 }
 
-constexpr std::array kTestTypes = {"udp-echo", "udp-jitter", "udp-jitter-ntp", "icmp-echo", "icmp-jitter"};
+constexpr std::array kTestTypes = {"udp-echo", "udp-jitter", "udp-jitter-ntp", "icmp-echo",
+                                   "icmp-jitter"};
 constexpr std::array kAuthModes = {"no authentication", "password", "keychain"};
 constexpr std::array kAuthAlgorithms = {"SHA-256", "HMAC-SHA-256"};
 constexpr std::array kControlStatuses = {
@@ -63,7 +65,8 @@ constexpr std::array kAuthModeWords = {"no", "password", "keychain"};
 constexpr std::array kAuthAlgorithmWords = {"sha256", "hmac-sha256"};
 
 bool SameAddress(const sockaddr_in& a, const sockaddr_in& b) {
-  return a.sin_family == b.sin_family && a.sin_port == b.sin_port && a.sin_addr.s_addr == b.sin_addr.s_addr;
+  return a.sin_family == b.sin_family && a.sin_port == b.sin_port &&
+         a.sin_addr.s_addr == b.sin_addr.s_addr;
 }
 
 }  // namespace
@@ -109,7 +112,8 @@ std::string CosToPriorityName(std::uint8_t cos) {
 }
 
 std::string DscpToPhbName(std::uint8_t dscp) {
-  if (dscp <= 4) return "Default Forwarding";  // 1 to 4 have no name of their own and count as 0; deliberate
+  if (dscp <= 4)
+    return "Default Forwarding";  // 1 to 4 have no name of their own and count as 0; deliberate
   switch (dscp) {
     case 8:
       return "Class Selector 1";
@@ -168,7 +172,8 @@ std::string SourcePortToString(const SlaEndpointConfig& endpoint) {
 
 std::string Ipv4ToString(in_addr address) {
   std::array<char, INET_ADDRSTRLEN> text{};
-  inet_ntop(AF_INET, &address, text.data(), text.size());  // cannot fail: the family is known and the text fits
+  inet_ntop(AF_INET, &address, text.data(),
+            text.size());  // cannot fail: the family is known and the text fits
   return text.data();
 }
 
@@ -215,7 +220,8 @@ std::int32_t PacketHeaderSize(SlaTestType type) {
 }
 
 bool IsJitterType(SlaTestType type) {
-  return type == SlaTestType::kUdpJitter || type == SlaTestType::kUdpJitterNtp || type == SlaTestType::kIcmpJitter;
+  return type == SlaTestType::kUdpJitter || type == SlaTestType::kUdpJitterNtp ||
+         type == SlaTestType::kIcmpJitter;
 }
 
 std::string HexKeyToBytes(const std::string& text) {

@@ -1,6 +1,8 @@
-// One measurement task as configured, and the tables that turn its numeric codes into words and back.
+// One measurement task as configured, and the tables that turn its numeric codes into words and
+// back.
 //
-// Everything here is plain data with value semantics and pure functions: no I/O, no globals, any thread.
+// Everything here is plain data with value semantics and pure functions: no I/O, no globals, any
+// thread.
 
 #ifndef IPSLA_CONFIG_TASK_CONFIG_H_
 #define IPSLA_CONFIG_TASK_CONFIG_H_
@@ -83,7 +85,7 @@ struct SlaEndpointConfig {
   sockaddr_in src{};           ///< local source; port and address in network byte order
   sockaddr_in dst{};           ///< remote responder, same form
   bool src_port_any = false;   ///< source port was configured as "any"; the port in src is then 0
-  std::string vrf;             ///< network namespace of this phase's sockets; empty: the daemon's own
+  std::string vrf;  ///< network namespace of this phase's sockets; empty: the daemon's own
 
   /// Compares every configured field (addresses by family, port and address).
   bool operator==(const SlaEndpointConfig& other) const;
@@ -92,9 +94,10 @@ struct SlaEndpointConfig {
 /// Authentication of the control phase.
 struct SlaAuthConfig {
   SlaAuthMode mode = SlaAuthMode::kUndefined;
-  SlaAuthAlgorithm algorithm = SlaAuthAlgorithm::kUndefined;  ///< undefined when the mode needs none
-  std::uint8_t key_id = 0;                                    ///< key in the key store, mode keychain only
-  std::string key_string;                                     ///< key bytes, mode password only
+  SlaAuthAlgorithm algorithm =
+      SlaAuthAlgorithm::kUndefined;  ///< undefined when the mode needs none
+  std::uint8_t key_id = 0;           ///< key in the key store, mode keychain only
+  std::string key_string;            ///< key bytes, mode password only
 
   bool operator==(const SlaAuthConfig&) const = default;
 };
@@ -126,7 +129,8 @@ struct SlaTaskConfig {
 /// All tasks, by id (16 bits, widened). Iterated in ascending id.
 using SlaTaskMap = std::map<std::int32_t, SlaTaskConfig>;
 
-// Names. An unlisted value gives "undefined" ("Undefined" for priorities, "Undefined PHB" for DSCPs).
+// Names. An unlisted value gives "undefined" ("Undefined" for priorities, "Undefined PHB" for
+// DSCPs).
 
 [[nodiscard]] std::string TestTypeToString(SlaTestType type);
 [[nodiscard]] std::string AuthModeToString(SlaAuthMode mode);
@@ -162,16 +166,16 @@ using SlaTaskMap = std::map<std::int32_t, SlaTaskConfig>;
 /// Smallest accepted "packet-size", headers included.
 [[nodiscard]] std::int32_t MinPacketSize(SlaTestType type);
 
-/// Bytes of "packet-size" that are not payload: 42 for types 1 to 4, 34 for every other. icmp-jitter is deliberately
-/// counted differently from icmp-echo.
+/// Bytes of "packet-size" that are not payload: 42 for types 1 to 4, 34 for every other.
+/// icmp-jitter is deliberately counted differently from icmp-echo.
 [[nodiscard]] std::int32_t PacketHeaderSize(SlaTestType type);
 
 /// True for the three types whose one-way latency and jitter are computed.
 [[nodiscard]] bool IsJitterType(SlaTestType type);
 
-/// Turns a password "key-string" into the key's bytes: hexadecimal text, with or without a leading "0x", is converted
-/// in two-character pieces from position 0 (pieces equal to "0x" are skipped, the last may be one character); any other
-/// text is the key itself.
+/// Turns a password "key-string" into the key's bytes: hexadecimal text, with or without a leading
+/// "0x", is converted in two-character pieces from position 0 (pieces equal to "0x" are skipped,
+/// the last may be one character); any other text is the key itself.
 [[nodiscard]] std::string HexKeyToBytes(const std::string& text);
 
 }  // namespace ipsla

@@ -1,13 +1,14 @@
 #include "config/task_parser.h"
 
 #include <arpa/inet.h>
-#include <cjson/cJSON.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
 #include <utility>
+
+#include <cjson/cJSON.h>
 
 #include "config/json_text.h"
 #include "log/log.h"
@@ -21,9 +22,12 @@ struct Member {
   const cJSON* item = nullptr;
 
   [[nodiscard]] bool IsNumber() const { return cJSON_IsNumber(item) != 0; }
-  // The integer that the JSON library keeps of a number: cut toward zero and limited to signed 32 bits.
+  // The integer that the JSON library keeps of a number: cut toward zero and limited to signed 32
+  // bits.
   [[nodiscard]] std::int32_t Int() const { return item->valueint; }
-  [[nodiscard]] const char* Text() const { return cJSON_GetStringValue(item); }  // null when it is no text
+  [[nodiscard]] const char* Text() const {
+    return cJSON_GetStringValue(item);
+  }  // null when it is no text
   [[nodiscard]] bool HasText() const { return Text() != nullptr; }
   [[nodiscard]] bool HasNonEmptyText() const { return HasText() && *Text() != '\0'; }
 };
@@ -33,11 +37,14 @@ struct Object {
   const cJSON* json = nullptr;  // null: not there, nothing in it is looked at
   std::string prefix;           // of its members' keys
 
-  [[nodiscard]] Member Find(const char* name) const { return {prefix + name, cJSON_GetObjectItem(json, name)}; }
+  [[nodiscard]] Member Find(const char* name) const {
+    return {prefix + name, cJSON_GetObjectItem(json, name)};
+  }
 };
 
-// Both phases are read alike, but the reasons do not always name the phase they are about: some say "control" of the
-// measurement phase, and the control phase's destination port is reported with words of its own. Deliberately kept.
+// Both phases are read alike, but the reasons do not always name the phase they are about: some say
+// "control" of the measurement phase, and the control phase's destination port is reported with
+// words of its own. Deliberately kept.
 constexpr const char* kNoSource = "no control phase source address/interface configuration";
 constexpr const char* kNoSourcePort = "no control phase source port configuration";
 constexpr const char* kInvalidSourcePort = "invalid control phase source port configuration";
@@ -73,8 +80,8 @@ in_port_t NetworkPort(std::int32_t port) {
   return htons(static_cast<std::uint16_t>(port));
 }
 
-// Converts dotted text. Text that is no IPv4 address deliberately counts as 0.0.0.0; false is only the (logged) failure
-// of the conversion itself.
+// Converts dotted text. Text that is no IPv4 address deliberately counts as 0.0.0.0; false is only
+// the (logged) failure of the conversion itself.
 bool ReadAddress(const char* text, in_addr* address) {
   in_addr converted{};
   const int status = inet_pton(AF_INET, text, &converted);
@@ -86,15 +93,19 @@ bool ReadAddress(const char* text, in_addr* address) {
   return true;
 }
 
-// Reads one task, one group of checks after the other. Within a group nothing has an effect outside this object, so
-// that what follows the first fault there does no harm when only that fault counts.
+// Reads one task, one group of checks after the other. Within a group nothing has an effect outside
+// this object, so that what follows the first fault there does no harm when only that fault counts.
 class TaskReader {
  public:
   enum class Until : std::uint8_t { kFirstFault, kEnd };
 
   TaskReader(const cJSON* element, const SlaTaskMap& accepted, const KeychainStorage* keychain,
              const InterfaceLookup& lookup, Until until)
-      : task_{element, ""}, accepted_(accepted), keychain_(keychain), lookup_(lookup), until_(until) {}
+      : task_{element, ""},
+        accepted_(accepted),
+        keychain_(keychain),
+        lookup_(lookup),
+        until_(until) {}
 
   TaskCheck Read() {
     using Group = void (TaskReader::*)();
@@ -116,7 +127,8 @@ class TaskReader {
   }
 
   bool Require(bool holds, const Member& member, const char* reason) {
-    if (!holds && !Finished()) result_.faults.push_back({member.key, ShortJsonText(member.item), reason});
+    if (!holds && !Finished())
+      result_.faults.push_back({member.key, ShortJsonText(member.item), reason});
     return holds;
   }
 
@@ -135,7 +147,8 @@ class TaskReader {
   void ReadEndpoint(const Object& phase, const PhaseReasons& reasons, SlaEndpointConfig* endpoint);
   void ReadSource(const Object& phase, const PhaseReasons& reasons, SlaEndpointConfig* endpoint);
   void ReadSourcePort(const Object& phase, SlaEndpointConfig* endpoint);
-  void ReadDestination(const Object& phase, const PhaseReasons& reasons, SlaEndpointConfig* endpoint);
+  void ReadDestination(const Object& phase, const PhaseReasons& reasons,
+                       SlaEndpointConfig* endpoint);
   void ReadAuthentication();
   void ReadKey(const Object& authentication, SlaAuthConfig* auth);
   void ReadType();
@@ -163,7 +176,8 @@ void TaskReader::ReadMain() {
   const bool has_id = Require(id.IsNumber(), id, kInvalidMain);
   const bool has_history = Require(history.IsNumber(), history, kInvalidMain);
   Require(cJSON_IsBool(schedule.item) != 0, schedule, kInvalidMain);
-  // The id is compared before it is cut to 16 bits, so 65541 is no duplicate of 5 (but replaces it); deliberate.
+  // The id is compared before it is cut to 16 bits, so 65541 is no duplicate of 5 (but replaces
+  // it); deliberate.
   if (has_id) Require(!accepted_.contains(id.Int()), id, "duplicate task");
   if (has_history) Require(history.Int() >= 1, history, "invalid history count value");
   if (Finished()) return;  // faults up to here are reported with id 0
@@ -184,11 +198,14 @@ void TaskReader::ReadScheduler() {
   const Member time = scheduler.Find("time");
   const Member start = scheduler.Find("Start-time");
   const Member life = scheduler.Find("life-time");
-  has_period_ = Require(time.HasText() || (time.IsNumber() && time.Int() >= 0), time, kNoSchedulerTime);
+  has_period_ =
+      Require(time.HasText() || (time.IsNumber() && time.Int() >= 0), time, kNoSchedulerTime);
   Require(start.HasText(), start, kNoSchedulerTime);
-  Require(life.HasText() || (life.IsNumber() && life.Int() >= 0), life, "invalid scheduler time configuration");
+  Require(life.HasText() || (life.IsNumber() && life.Int() >= 0), life,
+          "invalid scheduler time configuration");
 
-  config.time = time.IsNumber() ? time.Int() : 0;  // a period given as text is deliberately no period
+  config.time =
+      time.IsNumber() ? time.Int() : 0;  // a period given as text is deliberately no period
   if (start.HasText()) config.start_time = start.Text();
   if (life.HasText()) config.life_time = life.Text();
   if (life.IsNumber()) config.life_time = std::to_string(life.Int());
@@ -221,13 +238,15 @@ void TaskReader::ReadControlTimes() {
   }
 }
 
-void TaskReader::ReadEndpoint(const Object& phase, const PhaseReasons& reasons, SlaEndpointConfig* endpoint) {
+void TaskReader::ReadEndpoint(const Object& phase, const PhaseReasons& reasons,
+                              SlaEndpointConfig* endpoint) {
   ReadSource(phase, reasons, endpoint);
   if (!Finished()) ReadSourcePort(phase, endpoint);
   if (!Finished()) ReadDestination(phase, reasons, endpoint);
 }
 
-void TaskReader::ReadSource(const Object& phase, const PhaseReasons& reasons, SlaEndpointConfig* endpoint) {
+void TaskReader::ReadSource(const Object& phase, const PhaseReasons& reasons,
+                            SlaEndpointConfig* endpoint) {
   const Member address = phase.Find("src-address");
   if (address.HasNonEmptyText()) {
     Require(ReadAddress(address.Text(), &endpoint->src.sin_addr), address, reasons.source_address);
@@ -256,11 +275,13 @@ void TaskReader::ReadSourcePort(const Object& phase, SlaEndpointConfig* endpoint
     return;
   }
   // Only the beginning of the text counts, so "anything" is "any"; deliberate.
-  endpoint->src_port_any = Require(std::string_view(port.Text()).starts_with(kAny), port, kInvalidSourcePort);
+  endpoint->src_port_any =
+      Require(std::string_view(port.Text()).starts_with(kAny), port, kInvalidSourcePort);
   endpoint->src.sin_port = 0;
 }
 
-void TaskReader::ReadDestination(const Object& phase, const PhaseReasons& reasons, SlaEndpointConfig* endpoint) {
+void TaskReader::ReadDestination(const Object& phase, const PhaseReasons& reasons,
+                                 SlaEndpointConfig* endpoint) {
   const Member address = phase.Find("dst-address");
   const Member port = phase.Find("dst-port");
   Require(address.HasText(), address, reasons.no_destination);
@@ -270,7 +291,8 @@ void TaskReader::ReadDestination(const Object& phase, const PhaseReasons& reason
   endpoint->dst.sin_family = AF_INET;
   if (has_port) endpoint->dst.sin_port = NetworkPort(port.Int());
   if (!address.HasText()) return;
-  Require(ReadAddress(address.Text(), &endpoint->dst.sin_addr), address, reasons.destination_address);
+  Require(ReadAddress(address.Text(), &endpoint->dst.sin_addr), address,
+          reasons.destination_address);
 }
 
 void TaskReader::ReadAuthentication() {
@@ -287,7 +309,8 @@ void TaskReader::ReadAuthentication() {
   if (auth.mode != SlaAuthMode::kPassword && auth.mode != SlaAuthMode::kKeychain) return;
 
   const Member algorithm = authentication.Find("algorithm");
-  if (Require(algorithm.HasText(), algorithm, "no control phase authentication algorithm configuration")) {
+  if (Require(algorithm.HasText(), algorithm,
+              "no control phase authentication algorithm configuration")) {
     auth.algorithm = AuthAlgorithmFromString(algorithm.Text());
     Require(auth.algorithm != SlaAuthAlgorithm::kUndefined, algorithm,
             "invalid authentication algorithm configuration");
@@ -298,7 +321,8 @@ void TaskReader::ReadAuthentication() {
 void TaskReader::ReadKey(const Object& authentication, SlaAuthConfig* auth) {
   if (auth->mode == SlaAuthMode::kPassword) {
     const Member text = authentication.Find("key-string");
-    if (Require(text.HasNonEmptyText(), text, "no control phase authentication key string configuration")) {
+    if (Require(text.HasNonEmptyText(), text,
+                "no control phase authentication key string configuration")) {
       auth->key_string = HexKeyToBytes(text.Text());
     }
     return;
@@ -315,7 +339,8 @@ void TaskReader::ReadType() {
   const Member type = task_.Find("sla-type");
   if (!Require(type.HasText(), type, "no measurement phase configuration")) return;
   result_.config.sla_type = TestTypeFromString(type.Text());
-  if (!Require(result_.config.sla_type != SlaTestType::kNone, type, "invalid SLA task type value")) return;
+  if (!Require(result_.config.sla_type != SlaTestType::kNone, type, "invalid SLA task type value"))
+    return;
   measurement_ = RequireObject(task_, type.Text(), "no measurement phase type configuration");
 }
 
@@ -358,8 +383,8 @@ void TaskReader::ReadParameters() {
 
   // The ranges were checked on the whole integers; what does not fit its field is deliberately cut.
   const auto number = [](const Member& member) { return member.IsNumber() ? member.Int() : 0; };
-  const auto payload =
-      static_cast<std::uint32_t>(number(size)) - static_cast<std::uint32_t>(PacketHeaderSize(config.sla_type));
+  const auto payload = static_cast<std::uint32_t>(number(size)) -
+                       static_cast<std::uint32_t>(PacketHeaderSize(config.sla_type));
   config.num_packets = number(packets);
   config.packet_size = static_cast<std::uint16_t>(payload);
   config.interval = number(interval);
@@ -369,31 +394,36 @@ void TaskReader::ReadParameters() {
   config.cos = static_cast<std::uint8_t>(number(cos));
 }
 
-// One run must be shorter than the period. Deliberately checked for every task: one without a schedule, or with a
-// period given as text, has period 0 and never passes. The arithmetic wraps at 32 bits, deliberately too.
+// One run must be shorter than the period. Deliberately checked for every task: one without a
+// schedule, or with a period given as text, has period 0 and never passes. The arithmetic wraps at
+// 32 bits, deliberately too.
 void TaskReader::CheckBudget() {
   if (!has_period_ || !has_duration_) return;
   const SlaTaskConfig& config = result_.config;
-  const auto run_ms = static_cast<std::uint32_t>(config.timeout) +
-                      static_cast<std::uint32_t>(config.interval) * static_cast<std::uint32_t>(config.num_packets);
+  const auto run_ms =
+      static_cast<std::uint32_t>(config.timeout) +
+      static_cast<std::uint32_t>(config.interval) * static_cast<std::uint32_t>(config.num_packets);
   const std::uint32_t period_ms = static_cast<std::uint32_t>(config.scheduler.time) * 1000U;
   Member place = task_.Find("schedule");
-  if (config.schedule) place = {"scheduler.time", cJSON_GetObjectItem(task_.Find("scheduler").item, "time")};
+  if (config.schedule)
+    place = {"scheduler.time", cJSON_GetObjectItem(task_.Find("scheduler").item, "time")};
   Require(run_ms < period_ms, place, "invalid scheduled time");
 }
 
 }  // namespace
 
-InterfaceAddress ConfiguredInterface(const std::string& /*vrf*/, const cJSON* phase, std::int32_t* status) {
+InterfaceAddress ConfiguredInterface(const std::string& /*vrf*/, const cJSON* phase,
+                                     std::int32_t* status) {
   const char* name = cJSON_GetStringValue(cJSON_GetObjectItem(phase, "src-interface"));
   const bool usable = name != nullptr && *name != '\0';
   *status = usable ? kInterfaceFound : kInterfaceNotConfigured;
   return {.name = usable ? name : ""};
 }
 
-TaskParse ParseTask(const cJSON* element, const SlaTaskMap& accepted, const KeychainStorage& keychain,
-                    const InterfaceLookup& lookup) {
-  TaskCheck check = TaskReader(element, accepted, &keychain, lookup, TaskReader::Until::kFirstFault).Read();
+TaskParse ParseTask(const cJSON* element, const SlaTaskMap& accepted,
+                    const KeychainStorage& keychain, const InterfaceLookup& lookup) {
+  TaskCheck check =
+      TaskReader(element, accepted, &keychain, lookup, TaskReader::Until::kFirstFault).Read();
   TaskParse parse;
   parse.config = std::move(check.config);
   if (!check.faults.empty()) parse.fault = std::move(check.faults.front().reason);
@@ -401,8 +431,8 @@ TaskParse ParseTask(const cJSON* element, const SlaTaskMap& accepted, const Keyc
   return parse;
 }
 
-TaskCheck CheckTask(const cJSON* element, const SlaTaskMap& accepted, const KeychainStorage* keychain,
-                    const InterfaceLookup& lookup) {
+TaskCheck CheckTask(const cJSON* element, const SlaTaskMap& accepted,
+                    const KeychainStorage* keychain, const InterfaceLookup& lookup) {
   return TaskReader(element, accepted, keychain, lookup, TaskReader::Until::kEnd).Read();
 }
 

@@ -1,2 +1,3 @@
-// The functions of Asio that are no templates, for the whole program (BOOST_ASIO_SEPARATE_COMPILATION).
+// The functions of Asio that are no templates, for the whole program
+// (BOOST_ASIO_SEPARATE_COMPILATION).
 #include <boost/asio/impl/src.hpp>

@@ -1,4 +1,3 @@
-#include <cjson/cJSON.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -8,13 +7,16 @@
 #include <exception>
 #include <optional>
 
+#include <cjson/cJSON.h>
+
 #include "env/environment.h"
 #include "log/log.h"
 
 namespace ipsla {
 namespace {
 
-// Asks the kernel in the namespace of the calling thread. False when there is no socket to ask through.
+// Asks the kernel in the namespace of the calling thread. False when there is no socket to ask
+// through.
 bool LookUp(InterfaceAddress* interface) {
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
@@ -36,9 +38,10 @@ void LogException(const std::exception& error) {
   LOG_DEBUG(0, "Catch exception %s", error.what());
 }
 
-// Enters `vrf`. When that fails the lookup goes on outside, deliberately: the status tells the caller that its result
-// is worth nothing.
-void Enter(const std::string& vrf, std::optional<NetworkNamespaceScope>* scope, std::int32_t* status) {
+// Enters `vrf`. When that fails the lookup goes on outside, deliberately: the status tells the
+// caller that its result is worth nothing.
+void Enter(const std::string& vrf, std::optional<NetworkNamespaceScope>* scope,
+           std::int32_t* status) {
   try {
     scope->emplace(vrf);
   } catch (const std::exception& error) {
@@ -52,7 +55,8 @@ void Leave(std::optional<NetworkNamespaceScope>* scope, std::int32_t* status) {
     if (*scope) {
       (*scope)->Leave();
     } else {
-      SetNetworkNamespace(kDefaultVrf);  // never entered: confirms that the daemon's own namespace is registered
+      SetNetworkNamespace(
+          kDefaultVrf);  // never entered: confirms that the daemon's own namespace is registered
     }
   } catch (const std::exception& error) {
     LogException(error);

@@ -23,7 +23,8 @@ void KeepAliveTimer::Wait() {
   timer_.async_wait([this](const boost::system::error_code& error) {
     if (error) return;
     send_and_shift_timeout(&watchdog_, &signal_, 2);
-    // Cancels a wait that a new start armed after this one had expired but before it was handled: one chain stays.
+    // Cancels a wait that a new start armed after this one had expired but before it was handled:
+    // one chain stays.
     timer_.expires_after(periods_.next);
     Wait();
   });

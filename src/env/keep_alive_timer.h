@@ -4,10 +4,11 @@
 #define IPSLA_ENV_KEEP_ALIVE_TIMER_H_
 
 #include <array>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstddef>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 #include "platform/keepalive.h"
 
@@ -36,7 +37,8 @@ class KeepAliveTimer {
   void Wait();
 
   const KeepAlivePeriods periods_;
-  boost::asio::steady_timer timer_;  // steady: a clock that is set must not delay the watchdog's signal
+  boost::asio::steady_timer
+      timer_;  // steady: a clock that is set must not delay the watchdog's signal
   bool is_announced_ = false;
   Record watchdog_;
   Record signal_;

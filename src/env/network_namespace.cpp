@@ -14,10 +14,12 @@
 namespace ipsla {
 namespace {
 
-// Of the calling thread, not of the process: a worker may be inside a VRF while the main thread is not.
+// Of the calling thread, not of the process: a worker may be inside a VRF while the main thread is
+// not.
 constexpr const char* kOwnNamespace = "/proc/thread-self/ns/net";
 
-// The pieces are joined without separators and "%m" stays as it is, deliberately: the text is part of the interface.
+// The pieces are joined without separators and "%m" stays as it is, deliberately: the text is part
+// of the interface.
 [[noreturn]] void Fail(const std::string& name, const char* what) {
   throw std::runtime_error("SetNetworkNamespace" + name + "failed: " + what);
 }
@@ -56,7 +58,8 @@ NetworkNamespaceScope::~NetworkNamespaceScope() {
   try {
     Leave();
   } catch (const std::exception&) {
-    // The thread is back all the same, and whatever ended the scope early is already under way to be reported.
+    // The thread is back all the same, and whatever ended the scope early is already under way to
+    // be reported.
   }
 }
 

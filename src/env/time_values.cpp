@@ -1,7 +1,8 @@
 #include "env/time_values.h"
 
-#include <boost/endian/conversion.hpp>
 #include <cerrno>
+
+#include <boost/endian/conversion.hpp>
 
 namespace ipsla {
 namespace {
@@ -19,7 +20,8 @@ std::uint64_t Fraction(NtpStamp stamp) {
   return stamp & 0xFFFFFFFFU;
 }
 
-// Wraps for seconds before 1970, deliberately: the difference of two such values is right all the same.
+// Wraps for seconds before 1970, deliberately: the difference of two such values is right all the
+// same.
 std::uint64_t UnixSeconds(NtpStamp stamp) {
   return (stamp >> 32U) - kNtpUnixOffset;
 }
@@ -53,11 +55,13 @@ std::int64_t ToNanoseconds(const timespec& time) {
 
 double MillisecondsOfDay(const timespec& time) {
   const std::int64_t microseconds = time.tv_nsec / 1000;
-  return static_cast<double>(SecondsOfDay(time)) * 1000.0 + static_cast<double>(microseconds) / 1000.0;
+  return static_cast<double>(SecondsOfDay(time)) * 1000.0 +
+         static_cast<double>(microseconds) / 1000.0;
 }
 
 std::uint64_t TenNanosecondsOfDay(const timespec& time) {
-  return static_cast<std::uint64_t>(SecondsOfDay(time)) * 100000000U + static_cast<std::uint64_t>(time.tv_nsec) / 10U;
+  return static_cast<std::uint64_t>(SecondsOfDay(time)) * 100000000U +
+         static_cast<std::uint64_t>(time.tv_nsec) / 10U;
 }
 
 std::uint32_t WholeMillisecondsOfDay(const timespec& time) {
@@ -67,7 +71,8 @@ std::uint32_t WholeMillisecondsOfDay(const timespec& time) {
 NtpStamp NtpFromTime(const timespec& time) {
   const std::uint64_t seconds = static_cast<std::uint64_t>(time.tv_sec) + kNtpUnixOffset;
   const std::uint64_t microseconds = static_cast<std::uint64_t>(time.tv_nsec) / 1000U;
-  // From 2036 on the seconds leave their 32 bits: the next NTP era begins at 0, as the protocol has it.
+  // From 2036 on the seconds leave their 32 bits: the next NTP era begins at 0, as the protocol has
+  // it.
   return seconds << 32U | (microseconds << 32U) / kMicrosecondsPerSecond;
 }
 
@@ -78,13 +83,15 @@ NtpStamp NtpFromMicroseconds(std::uint64_t unix_microseconds) {
 }
 
 std::uint64_t NtpToMicroseconds(NtpStamp stamp) {
-  return UnixSeconds(stamp) * kMicrosecondsPerSecond + (Fraction(stamp) * kMicrosecondsPerSecond >> 32U);
+  return UnixSeconds(stamp) * kMicrosecondsPerSecond +
+         (Fraction(stamp) * kMicrosecondsPerSecond >> 32U);
 }
 
 timespec NtpToTime(NtpStamp stamp) {
   timespec time{};
   time.tv_sec = static_cast<std::time_t>(UnixSeconds(stamp));
-  time.tv_nsec = static_cast<long>(Fraction(stamp) * static_cast<std::uint64_t>(kNanosecondsPerSecond) >> 32U);
+  time.tv_nsec =
+      static_cast<long>(Fraction(stamp) * static_cast<std::uint64_t>(kNanosecondsPerSecond) >> 32U);
   return time;
 }
 

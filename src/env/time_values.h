@@ -1,16 +1,16 @@
-// The clocks of the daemon and the units in which its measurements keep time. No other file reads a clock
-// (but the log, a floor below, which dates its lines).
+// The clocks of the daemon and the units in which its measurements keep time. No other file reads a
+// clock (but the log, a floor below, which dates its lines).
 //
-// Two clocks, two purposes: the real-time clock gives send and receive stamps and the times shown to people; it may be
-// set at any moment, so a difference of two of its values can be wrong or negative. The steady clock paces probes and
-// never jumps. Stamps count from midnight UTC, and a run that spans midnight is not corrected.
+// Two clocks, two purposes: the real-time clock gives send and receive stamps and the times shown
+// to people; it may be set at any moment, so a difference of two of its values can be wrong or
+// negative. The steady clock paces probes and never jumps. Stamps count from midnight UTC, and a
+// run that spans midnight is not corrected.
 
 #ifndef IPSLA_ENV_TIME_VALUES_H_
 #define IPSLA_ENV_TIME_VALUES_H_
 
-#include <ctime>
-
 #include <cstdint>
+#include <ctime>
 
 namespace ipsla {
 
@@ -22,13 +22,15 @@ inline constexpr std::int64_t kNanosecondsPerSecond = 1000000000;
 /// The steady clock (CLOCK_MONOTONIC) in nanoseconds since an arbitrary start. Any thread.
 [[nodiscard]] std::int64_t SteadyNanoseconds();
 
-/// Sleeps until the steady clock reads `deadline` (SteadyNanoseconds), going on after signals. Any thread.
+/// Sleeps until the steady clock reads `deadline` (SteadyNanoseconds), going on after signals. Any
+/// thread.
 void SleepUntil(std::int64_t deadline);
 
 /// Nanoseconds since the Unix epoch.
 [[nodiscard]] std::int64_t ToNanoseconds(const timespec& time);
 
-/// Time of day in milliseconds, to the microsecond: (seconds mod 86400) x 1000 + microseconds / 1000.
+/// Time of day in milliseconds, to the microsecond: (seconds mod 86400) x 1000 + microseconds /
+/// 1000.
 [[nodiscard]] double MillisecondsOfDay(const timespec& time);
 
 /// Time of day in units of 10 nanoseconds: (seconds mod 86400) x 100000000 + nanoseconds / 10.
@@ -40,8 +42,9 @@ void SleepUntil(std::int64_t deadline);
 /// Seconds from the NTP era (1900) to the Unix epoch (RFC 5905).
 inline constexpr std::uint64_t kNtpUnixOffset = 2208988800U;
 
-/// An NTP time stamp (RFC 5905) in host order: seconds since 1900 in the upper 32 bits, the binary fraction below.
-/// On the wire and in probe records it stands in network order; NtpToWire and NtpFromWire convert.
+/// An NTP time stamp (RFC 5905) in host order: seconds since 1900 in the upper 32 bits, the binary
+/// fraction below. On the wire and in probe records it stands in network order; NtpToWire and
+/// NtpFromWire convert.
 using NtpStamp = std::uint64_t;
 
 /// seconds + 2208988800; fraction = ((nanoseconds / 1000) x 2^32) / 1000000.
@@ -53,8 +56,8 @@ using NtpStamp = std::uint64_t;
 /// Microseconds since the Unix epoch; the fraction is scaled by 10^6 / 2^32, rounded down.
 [[nodiscard]] std::uint64_t NtpToMicroseconds(NtpStamp stamp);
 
-/// Time since the Unix epoch; the fraction is scaled by 10^9 / 2^32, rounded down. Seconds before 1970 wrap as the
-/// subtraction in unsigned 64 bits does.
+/// Time since the Unix epoch; the fraction is scaled by 10^9 / 2^32, rounded down. Seconds before
+/// 1970 wrap as the subtraction in unsigned 64 bits does.
 [[nodiscard]] timespec NtpToTime(NtpStamp stamp);
 
 /// Whole milliseconds since the Unix epoch: seconds x 1000 + nanoseconds / 1000000.

@@ -12,7 +12,8 @@ namespace ipsla {
 [[nodiscard]] __attribute__((format(printf, 1, 2))) std::string Format(const char* format, ...);
 
 /// The same with `arguments`, which stay usable: a copy is read.
-[[nodiscard]] __attribute__((format(printf, 1, 0))) std::string FormatV(const char* format, va_list arguments);
+[[nodiscard]] __attribute__((format(printf, 1, 0))) std::string FormatV(const char* format,
+                                                                        va_list arguments);
 
 }  // namespace ipsla
 

@@ -1,8 +1,9 @@
 #include "log/log.h"
 
-#include <boost/thread/exceptions.hpp>
 #include <cstdarg>
 #include <cstdlib>
+
+#include <boost/thread/exceptions.hpp>
 
 namespace ipsla {
 namespace {
@@ -11,18 +12,21 @@ void ShutdownAtExit() {
   try {
     ShutdownLog();
   } catch (const boost::thread_exception&) {
-    // The writer thread itself exits: it cannot wait for itself, and what is still queued is lost with it.
+    // The writer thread itself exits: it cannot wait for itself, and what is still queued is lost
+    // with it.
   }
 }
 
 Logger& CreateProcessLogger() {
-  // Never destroyed: other threads go on while one of them exits, and what they log must meet a living object.
+  // Never destroyed: other threads go on while one of them exits, and what they log must meet a
+  // living object.
   auto& logger = *new Logger("/var/log/ip-sla/");
   std::atexit(ShutdownAtExit);
   return logger;
 }
 
-// Makes the logger, and with it the writer thread, before main runs and raises the process to real-time priority.
+// Makes the logger, and with it the writer thread, before main runs and raises the process to
+// real-time priority.
 [[maybe_unused]] const Logger& created_before_main = ProcessLogger();
 
 }  // namespace

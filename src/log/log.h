@@ -1,14 +1,16 @@
 // The daemon's log: every message goes to the device's system-log service and to a text file.
 //
-// Message sites use the macros. LOG_DEBUG and LOG_ERROR write both copies of one message; the few messages whose two
-// copies differ use the halves LOG_DEBUG_FILE and LOG_DEBUG_SYSTEM. Formats are literals, checked by the compiler.
-// `id` selects the file: 0 is the daemon's own "sender.log", any other id the file of that test.
+// Message sites use the macros. LOG_DEBUG and LOG_ERROR write both copies of one message; the few
+// messages whose two copies differ use the halves LOG_DEBUG_FILE and LOG_DEBUG_SYSTEM. Formats are
+// literals, checked by the compiler. `id` selects the file: 0 is the daemon's own "sender.log", any
+// other id the file of that test.
 //
 //   LOG_DEBUG(0, "Recive commad %s", name);
 //   LOG_ERROR(id, "(test %d) %s", id, what);     // an ERROR text begins with "(test %d) "
 //
-// Threads: everything here may be called from any thread, at any time, also while the process exits. No call throws
-// (OpenLogFile excepted), none waits for the disk, and all of them leave errno as they found it.
+// Threads: everything here may be called from any thread, at any time, also while the process
+// exits. No call throws (OpenLogFile excepted), none waits for the disk, and all of them leave
+// errno as they found it.
 
 #ifndef IPSLA_LOG_LOG_H_
 #define IPSLA_LOG_LOG_H_
@@ -21,30 +23,33 @@
 
 namespace ipsla {
 
-/// The process-wide logger, writing below "/var/log/ip-sla/". Created before main runs and never destroyed: at exit it
-/// is shut down, and whatever a thread still logs after that reaches only the system log.
+/// The process-wide logger, writing below "/var/log/ip-sla/". Created before main runs and never
+/// destroyed: at exit it is shut down, and whatever a thread still logs after that reaches only the
+/// system log.
 Logger& ProcessLogger();
 
-/// The file half of one message on the process-wide logger (Logger::Log). `flag` is always 1 and has no effect.
+/// The file half of one message on the process-wide logger (Logger::Log). `flag` is always 1 and
+/// has no effect.
 void Log(std::uint16_t id, int flag, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
-/// Opens the file of `id` unless it is open (Logger::OpenLogFile). Throws std::runtime_error when the directory is
-/// missing and cannot be created.
+/// Opens the file of `id` unless it is open (Logger::OpenLogFile). Throws std::runtime_error when
+/// the directory is missing and cannot be created.
 void OpenLogFile(std::uint16_t id);
 
 /// Closes the file of `id` (Logger::CloseLogFile).
 void CloseLogFile(std::uint16_t id);
 
-/// Waits until every file line logged before this call is written. Not to be called on the writer thread.
+/// Waits until every file line logged before this call is written. Not to be called on the writer
+/// thread.
 void FlushLog();
 
-/// Writes out what is queued, joins the writer thread and closes every file. Later messages reach only the system log.
-/// Runs by itself at exit; calling it earlier, or twice, is harmless.
+/// Writes out what is queued, joins the writer thread and closes every file. Later messages reach
+/// only the system log. Runs by itself at exit; calling it earlier, or twice, is harmless.
 void ShutdownLog();
 
-// The limiter of "ERROR" messages: one message of each kind per test gets through per 60 seconds, the period starting
-// with the first message after a quiet one. Kinds: 0 a run failed to start, 2 a probe could not be sent, 3 the control
-// request, 4 the control response, 5 the control time-out.
+// The limiter of "ERROR" messages: one message of each kind per test gets through per 60 seconds,
+// the period starting with the first message after a quiet one. Kinds: 0 a run failed to start, 2 a
+// probe could not be sent, 3 the control request, 4 the control response, 5 the control time-out.
 
 inline constexpr int kErrorKinds = 13;
 
@@ -54,13 +59,15 @@ void AddErrorLimits(std::uint16_t id);
 /// Drops the slots of test `id`.
 void RemoveErrorLimits(std::uint16_t id);
 
-/// Counts one message of `kind` (0..12) for test `id` and tells whether it may be logged. An id without slots gets
-/// them now. Ask once per reported failure: the answer holds for every line of that report.
+/// Counts one message of `kind` (0..12) for test `id` and tells whether it may be logged. An id
+/// without slots gets them now. Ask once per reported failure: the answer holds for every line of
+/// that report.
 [[nodiscard]] bool IsErrorLogAllowed(std::uint16_t id, int kind);
 
 namespace log_internal {
 
-// Restores errno at the end of a log statement, so that a caller may log first and look at errno afterwards.
+// Restores errno at the end of a log statement, so that a caller may log first and look at errno
+// afterwards.
 class ErrnoKeeper {
  public:
   ErrnoKeeper() : saved_(errno) {}
@@ -77,7 +84,8 @@ inline constexpr int kModule = 59;
 }  // namespace log_internal
 }  // namespace ipsla
 
-// NOLINTBEGIN(cppcoreguidelines-macro-usage): only a macro can join the prefix to a literal format and name the caller.
+// NOLINTBEGIN(cppcoreguidelines-macro-usage): only a macro can join the prefix to a literal format
+// and name the caller.
 
 /// The file half of a DEBUG message.
 #define LOG_DEBUG_FILE(id, ...)                                   \
@@ -87,11 +95,12 @@ inline constexpr int kModule = 59;
   } while (false)
 
 /// The system-log half of a DEBUG message, with the source position in its prefix.
-#define LOG_DEBUG_SYSTEM(format, ...)                                                                               \
-  do {                                                                                                              \
-    const ::ipsla::log_internal::ErrnoKeeper keep_errno_;                                                           \
-    SYSLOG_message(::ipsla::log_internal::kModule, 1, 7, "%%%s-%s-%s: %s:%d:%s(): " format, "IP_SLA", "D", "DEBUG", \
-                   __FILE_NAME__, __LINE__, __func__ __VA_OPT__(, ) __VA_ARGS__);                                   \
+#define LOG_DEBUG_SYSTEM(format, ...)                                                       \
+  do {                                                                                      \
+    const ::ipsla::log_internal::ErrnoKeeper keep_errno_;                                   \
+    SYSLOG_message(::ipsla::log_internal::kModule, 1, 7, "%%%s-%s-%s: %s:%d:%s(): " format, \
+                   "IP_SLA", "D", "DEBUG", __FILE_NAME__, __LINE__,                         \
+                   __func__ __VA_OPT__(, ) __VA_ARGS__);                                    \
   } while (false)
 
 /// Both copies of a DEBUG message: LOG_DEBUG(id, "format", arguments...).

@@ -13,13 +13,14 @@
 namespace ipsla {
 namespace {
 
-// Keeps the newer half of the lines; of an odd number the middle one too. The file is written anew in place: the
-// append-mode stream stays open on it and goes on at its new end.
+// Keeps the newer half of the lines; of an odd number the middle one too. The file is written anew
+// in place: the append-mode stream stays open on it and goes on at its new end.
 void KeepNewerHalf(const std::string& path) {
   std::vector<std::string> lines;
   {
     std::ifstream in(path);
-    // The name of a file that was removed or moved away cannot be opened, and must not be created either.
+    // The name of a file that was removed or moved away cannot be opened, and must not be created
+    // either.
     if (!in) return;
     for (std::string line; std::getline(in, line);) lines.push_back(std::move(line));
   }

@@ -28,11 +28,13 @@ class LogFile {
   /// Opens `path` for appending. Null when that fails.
   [[nodiscard]] static std::shared_ptr<LogFile> Open(const std::string& path);
 
-  /// Cuts the file to the newer half of its lines when it is longer than Logger::kMaxFileBytes. Returns the text of
-  /// the failure when its length or its name cannot be found out, else an empty text. Does nothing after Close().
+  /// Cuts the file to the newer half of its lines when it is longer than Logger::kMaxFileBytes.
+  /// Returns the text of the failure when its length or its name cannot be found out, else an empty
+  /// text. Does nothing after Close().
   [[nodiscard]] std::string CheckLogFileSize(const LogFileCalls& calls);
 
-  /// Appends `line`, which ends with its newline, and flushes it to the kernel. Does nothing after Close().
+  /// Appends `line`, which ends with its newline, and flushes it to the kernel. Does nothing after
+  /// Close().
   void Append(const std::string& line);
 
   /// Waits for a line being written and closes the file. May be called again.

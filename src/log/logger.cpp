@@ -5,12 +5,6 @@
 #include <sys/stat.h>
 
 #include <array>
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
-#include <boost/system/error_code.hpp>
-#include <boost/thread/exceptions.hpp>
-#include <boost/thread/thread.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
@@ -19,6 +13,13 @@
 #include <mutex>
 #include <stdexcept>
 #include <utility>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/system/error_code.hpp>
+#include <boost/thread/exceptions.hpp>
+#include <boost/thread/thread.hpp>
 
 #include "log/format.h"
 #include "log/log.h"
@@ -56,7 +57,8 @@ std::string LocalTime() {
   return {text.data(), length};
 }
 
-// A small stack, and normal priority whatever the thread has that creates the logger: the disk can wait, tests cannot.
+// A small stack, and normal priority whatever the thread has that creates the logger: the disk can
+// wait, tests cannot.
 boost::thread::attributes WriterAttributes() {
   boost::thread::attributes attributes;
   attributes.set_stack_size(log_internal::RoundedStackBytes());
@@ -87,9 +89,10 @@ struct Logger::Impl {
     return found == files.end() ? nullptr : found->second;
   }
 
-  // On the writer thread. The file is looked up again: it may have been closed, or closed and opened, meanwhile.
-  // `is_report`: the line itself reports a failed size check. If that fails for its file too, nothing more is said:
-  // otherwise a "sender.log" without a position would report for ever about its own reports.
+  // On the writer thread. The file is looked up again: it may have been closed, or closed and
+  // opened, meanwhile. `is_report`: the line itself reports a failed size check. If that fails for
+  // its file too, nothing more is said: otherwise a "sender.log" without a position would report
+  // for ever about its own reports.
   void Write(std::uint16_t id, const std::string& text, bool is_report) {
     const std::shared_ptr<LogFile> file = Find(id);
     if (!file) return;
@@ -97,12 +100,14 @@ struct Logger::Impl {
     const std::string failure = file->CheckLogFileSize(calls);
     if (!failure.empty() && !is_report) {
       LOG_DEBUG_SYSTEM("%s", failure.c_str());
-      Write(0, failure, true);  // no lock is held here; the report comes before the line that it is about
+      Write(0, failure,
+            true);  // no lock is held here; the report comes before the line that it is about
     }
     file->Append(line);
   }
 
-  // Queues work for the writer thread unless it is ending. What is queued runs before the thread is joined.
+  // Queues work for the writer thread unless it is ending. What is queued runs before the thread is
+  // joined.
   template <typename Job>
   bool Post(Job job) {
     const std::lock_guard lock(mutex);
@@ -113,12 +118,14 @@ struct Logger::Impl {
 
   const std::string directory;
   const LogFileCalls calls;
-  std::mutex mutex;                                         // never held while the disk is waited for
-  std::map<std::uint16_t, std::shared_ptr<LogFile>> files;  // guarded by mutex; null: could not be opened
-  bool is_accepting = true;                                 // guarded by mutex
-  std::mutex shutdown_mutex;                                // one Shutdown() at a time
+  std::mutex mutex;  // never held while the disk is waited for
+  std::map<std::uint16_t, std::shared_ptr<LogFile>>
+      files;                  // guarded by mutex; null: could not be opened
+  bool is_accepting = true;   // guarded by mutex
+  std::mutex shutdown_mutex;  // one Shutdown() at a time
   boost::asio::io_context service;
-  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work{service.get_executor()};
+  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work{
+      service.get_executor()};
   boost::thread writer;  // last: uses all of the above
 };
 
@@ -127,8 +134,8 @@ Logger::Logger(std::string directory) : Logger(std::move(directory), SystemLogFi
 Logger::Logger(std::string directory, const LogFileCalls& calls)
     : impl_(std::make_unique<Impl>(std::move(directory), calls)) {}
 
-// On its own writer thread, which would go on with the freed logger, the exception deliberately ends the process.
-// NOLINTNEXTLINE(bugprone-exception-escape)
+// On its own writer thread, which would go on with the freed logger, the exception deliberately
+// ends the process. NOLINTNEXTLINE(bugprone-exception-escape)
 Logger::~Logger() {
   Shutdown();
 }
@@ -136,8 +143,9 @@ Logger::~Logger() {
 void Logger::OpenLogFile(std::uint16_t id) {
   if (impl_->Find(id)) return;
   CreateDirectory(impl_->directory);
-  // Deliberately silent when it cannot be opened: a run-time error "Can't create log file: <path>" would have nobody to
-  // act on it. The null entry makes the test's file messages drop; the system log still has them.
+  // Deliberately silent when it cannot be opened: a run-time error "Can't create log file: <path>"
+  // would have nobody to act on it. The null entry makes the test's file messages drop; the system
+  // log still has them.
   std::shared_ptr<LogFile> opened = LogFile::Open(impl_->directory + FileName(id));
   const std::lock_guard lock(impl_->mutex);
   if (!impl_->is_accepting) return;
@@ -185,10 +193,12 @@ void Logger::Shutdown() {
     const std::lock_guard lock(impl_->mutex);
     impl_->is_accepting = false;
   }
-  // Said here and not by join(): another thread may be waiting for this one already, with the lock below.
+  // Said here and not by join(): another thread may be waiting for this one already, with the lock
+  // below.
   if (writer_of == impl_.get()) {
-    throw boost::thread_resource_error(static_cast<int>(boost::system::errc::resource_deadlock_would_occur),
-                                       "boost thread: trying joining itself");
+    throw boost::thread_resource_error(
+        static_cast<int>(boost::system::errc::resource_deadlock_would_occur),
+        "boost thread: trying joining itself");
   }
   const std::lock_guard one_at_a_time(impl_->shutdown_mutex);
   impl_->work.reset();

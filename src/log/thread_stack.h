@@ -1,5 +1,5 @@
-// The size of every thread's stack. It stands here and not with its users' threads because the lowest of them is the
-// log's writer.
+// The size of every thread's stack. It stands here and not with its users' threads because the
+// lowest of them is the log's writer.
 
 #ifndef IPSLA_LOG_THREAD_STACK_H_
 #define IPSLA_LOG_THREAD_STACK_H_
@@ -8,11 +8,13 @@
 
 #include <cstddef>
 
-// Instrumented frames are several times as large, and the sanitizers' thread-local storage lies on the stack as well.
+// Instrumented frames are several times as large, and the sanitizers' thread-local storage lies on
+// the stack as well.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define IPSLA_SANITIZED 1
 #elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
+    __has_feature(memory_sanitizer)
 #define IPSLA_SANITIZED 1
 #endif
 #endif

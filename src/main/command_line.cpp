@@ -32,7 +32,8 @@ CommandLine ParseCommandLine(int argc, char* const argv[]) {
 }
 
 std::string VersionBanner() {
-  return std::string("IP SLA module version ") + kVersion + " (compiled " + __DATE__ + " @ " + __TIME__ + ")\n";
+  return std::string("IP SLA module version ") + kVersion + " (compiled " + __DATE__ + " @ " +
+         __TIME__ + ")\n";
 }
 
 std::string UsageText(const std::string& program) {

@@ -19,7 +19,8 @@ struct CommandLine {
   std::string keychain_file;  ///< "-k"; likewise
 };
 
-/// Reads the options up to the first that decides ("-v", or one that is unknown or lacks its argument). A later "-f" or
+/// Reads the options up to the first that decides ("-v", or one that is unknown or lacks its
+/// argument). A later "-f" or
 /// "-k" replaces an earlier one. getopt(3) names a bad option on standard error.
 /// Threads: main only (getopt(3) keeps its state in globals).
 [[nodiscard]] CommandLine ParseCommandLine(int argc, char* const argv[]);

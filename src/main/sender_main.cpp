@@ -8,10 +8,10 @@
 #include <ctime>
 #include <exception>
 
-#include <openssl/crypto.h>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/thread/thread.hpp>
+#include <openssl/crypto.h>
 
 #include "api/api_sender.h"
 #include "env/environment.h"
@@ -75,13 +75,14 @@ void RunMainLoop(boost::asio::io_context& service, ipsla::ApiSender& sender) {
 
 }  // namespace
 
-// What throws from here on (a test that cannot be created, for example) is deliberately not caught: it ends the process
-// abnormally, and the crash-trace handlers report it.
+// What throws from here on (a test that cannot be created, for example) is deliberately not caught:
+// it ends the process abnormally, and the crash-trace handlers report it.
 int main(int argc, char* argv[]) {  // NOLINT(bugprone-exception-escape): deliberate, see above
   // The library would otherwise take itself apart at exit, under threads that still use it.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
-  // Neither the service context nor the central object is ever destroyed: the process ends through exit(3).
+  // Neither the service context nor the central object is ever destroyed: the process ends through
+  // exit(3).
   static auto& service = *new boost::asio::io_context();
 
   backtrace_set_program_name(argv[0]);

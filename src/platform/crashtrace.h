@@ -1,5 +1,5 @@
-// libcrashtrace.so: the device's crash-trace library. The device has its own library of this name; on any other Linux
-// the stand-in of this project takes its place (platform/linux/crashtrace.cpp).
+// libcrashtrace.so: the device's crash-trace library. The device has its own library of this name;
+// on any other Linux the stand-in of this project takes its place (platform/linux/crashtrace.cpp).
 
 #ifndef IPSLA_PLATFORM_CRASHTRACE_H_
 #define IPSLA_PLATFORM_CRASHTRACE_H_
@@ -14,8 +14,8 @@ void backtrace_set_program_name(const char* name);
 /// Opens the console to which back-traces are written.
 void backtrace_open_console(void);
 
-/// Installs handlers for the fatal signals that write a back-trace to the console and then raise the signal again with
-/// its default action.
+/// Installs handlers for the fatal signals that write a back-trace to the console and then raise
+/// the signal again with its default action.
 void backtrace_install_signal_handlers(void);
 
 #ifdef __cplusplus

@@ -1,8 +1,8 @@
-// libkeepalive.so: the device's watchdog client. The device has its own library of this name; on any other Linux the
-// stand-in of this project takes its place (platform/linux/keepalive.cpp).
+// libkeepalive.so: the device's watchdog client. The device has its own library of this name; on
+// any other Linux the stand-in of this project takes its place (platform/linux/keepalive.cpp).
 //
-// The records behind the pointers belong to the library: the daemon only provides zeroed storage for them, which lives
-// as long as the process, and never looks inside.
+// The records behind the pointers belong to the library: the daemon only provides zeroed storage
+// for them, which lives as long as the process, and never looks inside.
 
 #ifndef IPSLA_PLATFORM_KEEPALIVE_H_
 #define IPSLA_PLATFORM_KEEPALIVE_H_

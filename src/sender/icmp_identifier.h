@@ -7,9 +7,9 @@
 
 namespace ipsla {
 
-/// A random identifier (rand(3)) that no other living test of this process has: every raw socket sees every reply of
-/// its namespace, and two tests with one identifier and one destination would count each other's replies. With more
-/// than 65536 tests alive identifiers repeat. Threads: any.
+/// A random identifier (rand(3)) that no other living test of this process has: every raw socket
+/// sees every reply of its namespace, and two tests with one identifier and one destination would
+/// count each other's replies. With more than 65536 tests alive identifiers repeat. Threads: any.
 class IcmpIdentifier {
  public:
   IcmpIdentifier();

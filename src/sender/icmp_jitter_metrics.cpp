@@ -14,8 +14,8 @@ double Distance(std::uint64_t a, std::uint64_t b) {
   return static_cast<double>(a > b ? a - b : b - a);
 }
 
-// A remote stamp outside the time the probe was on its way shows that the clocks disagree (or that the peer does not
-// count milliseconds since midnight); then the round trip is split evenly.
+// A remote stamp outside the time the probe was on its way shows that the clocks disagree (or that
+// the peer does not count milliseconds since midnight); then the round trip is split evenly.
 JitterSample SampleFromMilliseconds(const SlaPacketRecord& record) {
   JitterSample sample;
   sample.rtt = record.receive_ms - record.send_ms;
@@ -71,7 +71,8 @@ void WalkByArrival(std::uint16_t id, std::span<SlaPacketRecord> records, JitterS
 }
 
 // The probes in the order the peer answered them.
-void WalkByTransmitStamp(std::uint16_t id, std::span<SlaPacketRecord> records, SlaTaskMetrics* metrics) {
+void WalkByTransmitStamp(std::uint16_t id, std::span<SlaPacketRecord> records,
+                         SlaTaskMetrics* metrics) {
   LOG_DEBUG(id, "  ID  |  SS  |    RT    |  STATE  ");
   std::ranges::stable_sort(records, {}, &SlaPacketRecord::remote_transmit_stamp);
   std::uint32_t last = 0;
@@ -90,12 +91,14 @@ void CalcIcmpMetric(std::uint16_t id, std::span<SlaPacketRecord> records, SlaTas
   WalkByArrival(id, records, &samples, metrics);
   WalkByTransmitStamp(id, records, metrics);
 
-  // ICMP peers count nothing, so the direction of a loss is unknown: all of it is booked to the way out.
+  // ICMP peers count nothing, so the direction of a loss is unknown: all of it is booked to the way
+  // out.
   metrics->sd_loss = metrics->sd_smp_count - metrics->ds_smp_count;
   metrics->sd_loss_pct = Percentage(metrics->sd_loss, metrics->sd_smp_count);
   metrics->ds_loss_pct = Percentage(metrics->ds_loss, metrics->ds_smp_count);
 
-  CorrectForLateArrivals(WrappingAdd(metrics->sd_loss, static_cast<std::uint32_t>(metrics->ds_loss)), metrics);
+  CorrectForLateArrivals(
+      WrappingAdd(metrics->sd_loss, static_cast<std::uint32_t>(metrics->ds_loss)), metrics);
   FinishSamples(samples, metrics);
 }
 

@@ -1,4 +1,5 @@
-// ICMP echo and time-stamp messages (RFC 792) as the ICMP tests send and read them. Integers in network order.
+// ICMP echo and time-stamp messages (RFC 792) as the ICMP tests send and read them. Integers in
+// network order.
 //
 // Request                                    Reply, behind an IPv4 header of 20 bytes
 //  0  1  type (8 echo, 13 time stamp)        20  1  type (0 echo, 14 time stamp)
@@ -31,15 +32,16 @@ inline constexpr std::size_t kIcmpTimestampHeaderSize = 20;
 /// The Internet checksum (RFC 1071) of `bytes`, in host order, to be stored big-endian.
 [[nodiscard]] std::uint16_t InternetChecksum(std::span<const std::uint8_t> bytes);
 
-/// Writes type, code 0, identifier and sequence number, checksum 0. `buffer` holds at least 8 bytes.
+/// Writes type, code 0, identifier and sequence number, checksum 0. `buffer` holds at least 8
+/// bytes.
 void EncodeIcmpHeader(std::uint8_t type, std::uint16_t identifier, std::uint16_t sequence,
                       std::span<std::uint8_t> buffer);
 
 /// Writes the originate time stamp of a time-stamp request. `buffer` holds at least 12 bytes.
 void EncodeOriginateTimestamp(std::uint32_t milliseconds_of_day, std::span<std::uint8_t> buffer);
 
-/// Computes the checksum over the first `covered` bytes of the request and stores it. `buffer` holds at least 4 bytes
-/// and `covered` is at most its size.
+/// Computes the checksum over the first `covered` bytes of the request and stores it. `buffer`
+/// holds at least 4 bytes and `covered` is at most its size.
 void SealIcmpMessage(std::size_t covered, std::span<std::uint8_t> buffer);
 
 struct IcmpReply {
@@ -51,7 +53,8 @@ struct IcmpReply {
   std::uint32_t transmit_timestamp = 0;  ///< as it stands, host order
 };
 
-/// Reads a packet as a raw socket delivers it, IPv4 header first. Fields beyond `received` read as zero.
+/// Reads a packet as a raw socket delivers it, IPv4 header first. Fields beyond `received` read as
+/// zero.
 [[nodiscard]] IcmpReply DecodeIcmpReply(std::span<const std::uint8_t> received);
 
 }  // namespace ipsla

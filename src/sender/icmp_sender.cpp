@@ -25,9 +25,10 @@ using boost::asio::ip::icmp;
 
 constexpr std::int64_t kMillisecond = 1'000'000;
 
-// Every raw socket of a namespace is handed every ICMP packet that arrives there. Without a filter in the kernel the
-// replies of a hundred other tests would fill this one's receive buffer while its thread is busy, and its own replies
-// would be lost and counted as lost. The filter looks where DecodeIcmpReply looks. Best effort: TakeReply checks again.
+// Every raw socket of a namespace is handed every ICMP packet that arrives there. Without a filter
+// in the kernel the replies of a hundred other tests would fill this one's receive buffer while its
+// thread is busy, and its own replies would be lost and counted as lost. The filter looks where
+// DecodeIcmpReply looks. Best effort: TakeReply checks again.
 void AttachReplyFilter(int fd, std::uint8_t type, std::uint16_t identifier) {
   constexpr std::uint32_t kAccept = 0xFFFF;
   std::array<sock_filter, 8> program{{
@@ -46,17 +47,20 @@ void AttachReplyFilter(int fd, std::uint8_t type, std::uint16_t identifier) {
 
 }  // namespace
 
-const Sender::TimerHandler IcmpSender::kTestStop{"TestStop",
-                                                 [](Sender& test) { static_cast<IcmpSender&>(test).TestStop(); }};
+const Sender::TimerHandler IcmpSender::kTestStop{
+    "TestStop", [](Sender& test) { static_cast<IcmpSender&>(test).TestStop(); }};
 
-IcmpSender::IcmpSender(boost::asio::io_context& worker, const SlaTaskConfig& task, const SenderContext& context)
+IcmpSender::IcmpSender(boost::asio::io_context& worker, const SlaTaskConfig& task,
+                       const SenderContext& context)
     : Sender(worker, task, context),
       jitter_(task.sla_type == SlaTestType::kIcmpJitter),
       sent_bytes_(task.packet_size > kIpv4HeaderSize ? task.packet_size - kIpv4HeaderSize : 0),
       socket_(worker) {
-  EncodeIcmpHeader(jitter_ ? kIcmpTimestampRequest : kIcmpEchoRequest, identifier_.Value(), 0, send_buffer_);
+  EncodeIcmpHeader(jitter_ ? kIcmpTimestampRequest : kIcmpEchoRequest, identifier_.Value(), 0,
+                   send_buffer_);
   const std::size_t header = jitter_ ? kIcmpTimestampHeaderSize : kIcmpHeaderSize;
-  for (std::size_t i = header; i < sent_bytes_; ++i) send_buffer_[i] = static_cast<std::uint8_t>(std::rand());
+  for (std::size_t i = header; i < sent_bytes_; ++i)
+    send_buffer_[i] = static_cast<std::uint8_t>(std::rand());
 }
 
 void IcmpSender::StartTest() {
@@ -65,9 +69,9 @@ void IcmpSender::StartTest() {
     OpenSocket();
     ArmReceive();
     ArmSend();
-    StartFuncTimeout(
-        kTestStop, static_cast<std::uint32_t>(config_.timeout) +
-                       static_cast<std::uint32_t>(config_.num_packets) * static_cast<std::uint32_t>(config_.interval));
+    StartFuncTimeout(kTestStop, static_cast<std::uint32_t>(config_.timeout) +
+                                    static_cast<std::uint32_t>(config_.num_packets) *
+                                        static_cast<std::uint32_t>(config_.interval));
   } catch (const std::exception& error) {
     FailStart(error.what());
   }
@@ -85,18 +89,22 @@ void IcmpSender::OpenSocket() {
   const int mtu_discovery = IP_PMTUDISC_DONT;
   SetSockOpt(fd, IPPROTO_IP, IP_TTL, &ttl, sizeof ttl, "IP_TTL");
   SetSockOpt(fd, IPPROTO_IP, IP_TOS, &tos, sizeof tos, "IP_TOS");
-  SetSockOpt(fd, IPPROTO_IP, IP_MTU_DISCOVER, &mtu_discovery, sizeof mtu_discovery, "IP_MTU_DISCOVER");
+  SetSockOpt(fd, IPPROTO_IP, IP_MTU_DISCOVER, &mtu_discovery, sizeof mtu_discovery,
+             "IP_MTU_DISCOVER");
   if (!measurement.if_name.empty() && !measurement.if_name.starts_with("lo")) {
-    // Deliberate: the measurement phase's interface decides whether to bind, the control phase's is bound to.
+    // Deliberate: the measurement phase's interface decides whether to bind, the control phase's is
+    // bound to.
     const std::string& name = config_.control_phase.if_name;
-    SetSockOpt(fd, SOL_SOCKET, SO_BINDTODEVICE, name.c_str(), static_cast<socklen_t>(name.size() + 1),
-               "SO_BINDTODEVICE");
+    SetSockOpt(fd, SOL_SOCKET, SO_BINDTODEVICE, name.c_str(),
+               static_cast<socklen_t>(name.size() + 1), "SO_BINDTODEVICE");
   }
   AttachReplyFilter(fd, jitter_ ? kIcmpTimestampReply : kIcmpEchoReply, identifier_.Value());
   EnableReceiveStamps(fd);
   ReserveReceiveBuffer(fd, packets_.size(), config_.packet_size);
-  socket_.bind(icmp::endpoint(boost::asio::ip::address_v4(ntohl(measurement.src.sin_addr.s_addr)), 0));
-  socket_.connect(icmp::endpoint(boost::asio::ip::address_v4(ntohl(measurement.dst.sin_addr.s_addr)), 0));
+  socket_.bind(
+      icmp::endpoint(boost::asio::ip::address_v4(ntohl(measurement.src.sin_addr.s_addr)), 0));
+  socket_.connect(
+      icmp::endpoint(boost::asio::ip::address_v4(ntohl(measurement.dst.sin_addr.s_addr)), 0));
 }
 
 void IcmpSender::CalcTestMetric() {
@@ -108,7 +116,8 @@ void IcmpSender::CalcTestMetric() {
 }
 
 SlaTaskMetrics IcmpSender::GetMetrics(const std::list<SlaTaskMetrics>& history) const {
-  return !jitter_ || metrics_.status != RunResult::kSuccessful ? metrics_ : AggregateHistory(history);
+  return !jitter_ || metrics_.status != RunResult::kSuccessful ? metrics_
+                                                               : AggregateHistory(history);
 }
 
 void IcmpSender::CloseSockets() {
@@ -117,16 +126,15 @@ void IcmpSender::CloseSockets() {
 
 void IcmpSender::ArmSend() {
   socket_.async_wait(icmp::socket::wait_write,
-                     [self = SharedFrom(this), run = run_.load()](const boost::system::error_code& error) {
-                       self->SendPacket(error, run);
-                     });
+                     [self = SharedFrom(this), run = run_.load()](
+                         const boost::system::error_code& error) { self->SendPacket(error, run); });
 }
 
 void IcmpSender::ArmReceive() {
-  socket_.async_wait(icmp::socket::wait_read,
-                     [self = SharedFrom(this), run = run_.load()](const boost::system::error_code& error) {
-                       self->ReceivePacket(error, run);
-                     });
+  socket_.async_wait(icmp::socket::wait_read, [self = SharedFrom(this), run = run_.load()](
+                                                  const boost::system::error_code& error) {
+    self->ReceivePacket(error, run);
+  });
 }
 
 void IcmpSender::SendPacket(const boost::system::error_code& error, RunNumber run) {
@@ -149,7 +157,8 @@ void IcmpSender::SendProbe() {
   SealIcmpMessage(std::min<std::size_t>(config_.packet_size, send_buffer_.size()), send_buffer_);
   SlaPacketRecord& record = OpenRecord(packets_sent_, RealTimeNow());
   if (jitter_) record.send_stamp = originate;
-  // A probe that could not be sent deliberately stays in state "sent": it counts as one that was lost.
+  // A probe that could not be sent deliberately stays in state "sent": it counts as one that was
+  // lost.
   ++metrics_.sd_pkt_count;
   if (send(socket_.native_handle(), send_buffer_.data(), sent_bytes_, MSG_NOSIGNAL) < 0) {
     LOG_DEBUG(config_.sla_id, "sendto() failed: %s", std::strerror(errno));
@@ -160,7 +169,8 @@ void IcmpSender::ReceivePacket(const boost::system::error_code& error, RunNumber
   const std::lock_guard lock(mutex_);
   if (run != run_ || error == boost::asio::error::operation_aborted) return;
   if (error) {
-    LOG_DEBUG(config_.sla_id, "ReceivePacket failed on test %d: %s", config_.sla_id, error.message().c_str());
+    LOG_DEBUG(config_.sla_id, "ReceivePacket failed on test %d: %s", config_.sla_id,
+              error.message().c_str());
     return;
   }
   if (TakeReplies()) ArmReceive();

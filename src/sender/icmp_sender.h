@@ -1,5 +1,5 @@
-// ICMP tests: "icmp-echo" (echo requests) and "icmp-jitter" (time-stamp requests) over a raw socket. They need no
-// responder program.
+// ICMP tests: "icmp-echo" (echo requests) and "icmp-jitter" (time-stamp requests) over a raw
+// socket. They need no responder program.
 
 #ifndef IPSLA_SENDER_ICMP_SENDER_H_
 #define IPSLA_SENDER_ICMP_SENDER_H_
@@ -20,8 +20,10 @@ namespace ipsla {
 /// One ICMP test. Threads, locks and lifetime: see Sender.
 class IcmpSender final : public Sender {
  public:
-  /// Draws the identifier and prepares the request. Throws what Sender's constructor throws. Use CreateSender.
-  IcmpSender(boost::asio::io_context& worker, const SlaTaskConfig& task, const SenderContext& context);
+  /// Draws the identifier and prepares the request. Throws what Sender's constructor throws. Use
+  /// CreateSender.
+  IcmpSender(boost::asio::io_context& worker, const SlaTaskConfig& task,
+             const SenderContext& context);
 
  private:
   static const TimerHandler kTestStop;

@@ -10,7 +10,8 @@ std::optional<InterfaceRecord> InterfaceTable::Find(const boost::asio::ip::addre
   return found->second;
 }
 
-void InterfaceTable::Set(const boost::asio::ip::address& address, const std::string& vrf_key, InterfaceRecord record) {
+void InterfaceTable::Set(const boost::asio::ip::address& address, const std::string& vrf_key,
+                         InterfaceRecord record) {
   const std::lock_guard lock(mutex_);
   records_.insert_or_assign({address, vrf_key}, std::move(record));
 }
@@ -29,11 +30,13 @@ void InterfaceTable::SetFlags(const std::string& vrf_key, std::int32_t index, st
 
 void InterfaceTable::EraseInterface(const std::string& vrf_key, std::int32_t index) {
   const std::lock_guard lock(mutex_);
-  std::erase_if(records_,
-                [&](const auto& entry) { return entry.first.second == vrf_key && entry.second.index == index; });
+  std::erase_if(records_, [&](const auto& entry) {
+    return entry.first.second == vrf_key && entry.second.index == index;
+  });
 }
 
-std::map<boost::asio::ip::address, InterfaceRecord> InterfaceTable::OfVrf(const std::string& vrf_key) const {
+std::map<boost::asio::ip::address, InterfaceRecord> InterfaceTable::OfVrf(
+    const std::string& vrf_key) const {
   const std::lock_guard lock(mutex_);
   std::map<boost::asio::ip::address, InterfaceRecord> result;
   for (const auto& [key, record] : records_) {

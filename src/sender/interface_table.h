@@ -25,8 +25,8 @@ struct InterfaceRecord {
   bool operator==(const InterfaceRecord&) const = default;
 };
 
-/// (IP address, VRF key) to interface. The VRF key is the VRF's name, "1" for the default one (VrfKey).
-/// Threads: any; it has its own lock, which is never held over a call out of this class.
+/// (IP address, VRF key) to interface. The VRF key is the VRF's name, "1" for the default one
+/// (VrfKey). Threads: any; it has its own lock, which is never held over a call out of this class.
 class InterfaceTable {
  public:
   using Key = std::pair<boost::asio::ip::address, std::string>;
@@ -35,7 +35,8 @@ class InterfaceTable {
                                                     const std::string& vrf_key) const;
 
   /// Inserts or replaces.
-  void Set(const boost::asio::ip::address& address, const std::string& vrf_key, InterfaceRecord record);
+  void Set(const boost::asio::ip::address& address, const std::string& vrf_key,
+           InterfaceRecord record);
 
   /// Removes one address; an unknown one is no error.
   void Erase(const boost::asio::ip::address& address, const std::string& vrf_key);
@@ -47,7 +48,8 @@ class InterfaceTable {
   void EraseInterface(const std::string& vrf_key, std::int32_t index);
 
   /// All records of one VRF, by address.
-  [[nodiscard]] std::map<boost::asio::ip::address, InterfaceRecord> OfVrf(const std::string& vrf_key) const;
+  [[nodiscard]] std::map<boost::asio::ip::address, InterfaceRecord> OfVrf(
+      const std::string& vrf_key) const;
 
   /// Number of records of all VRFs.
   [[nodiscard]] std::size_t Size() const;

@@ -9,12 +9,14 @@ namespace ipsla {
 
 namespace {
 
-// Adds the squared distances of the first `count` samples from `average` to `start` and returns the root of their mean.
-// Only the first `count` positions are visited, wherever the usable samples stand, and entries of exactly 0 are left
-// out; both are deliberate.
-double Deviation(double start, const std::vector<double>& values, std::int32_t count, double average) {
+// Adds the squared distances of the first `count` samples from `average` to `start` and returns the
+// root of their mean. Only the first `count` positions are visited, wherever the usable samples
+// stand, and entries of exactly 0 are left out; both are deliberate.
+double Deviation(double start, const std::vector<double>& values, std::int32_t count,
+                 double average) {
   double sum = start;
-  const std::size_t visited = count > 0 ? std::min(static_cast<std::size_t>(count), values.size()) : 0;
+  const std::size_t visited =
+      count > 0 ? std::min(static_cast<std::size_t>(count), values.size()) : 0;
   for (std::size_t k = 0; k < visited; ++k) {
     if (values[k] != 0) sum += (values[k] - average) * (values[k] - average);
   }
@@ -35,7 +37,8 @@ double Percentage(std::int32_t part, std::int32_t whole) {
   return whole > 0 ? static_cast<double>(part) / whole * 100 : 0;
 }
 
-void AddSample(const JitterSample& sample, std::size_t position, JitterSamples* samples, SlaTaskMetrics* metrics) {
+void AddSample(const JitterSample& sample, std::size_t position, JitterSamples* samples,
+               SlaTaskMetrics* metrics) {
   samples->sd[position] = sample.sd;
   samples->ds[position] = sample.ds;
   samples->sum.rtt += sample.rtt;
@@ -49,13 +52,15 @@ void AddSample(const JitterSample& sample, std::size_t position, JitterSamples* 
   metrics->latency_ds_max = std::max(metrics->latency_ds_max, sample.ds);
 }
 
-void LogSample(std::uint16_t id, std::uint32_t number, const SlaPacketRecord& record, const JitterSample& sample) {
-  LOG_DEBUG(id,
-            "Packet #%u\n\t<-------------------------------[%-8.3f]------------------------------->\n"
-            "\t[    S   ] ---- (   SD   ) ---- [    D   ] ---- (   DS   ) ---- [    S   ]\n"
-            "\t[%-8lu] ---- (%-8.3f) ---- [%-8lu] ---- (%-8.3f) ---- [%-8lu]",
-            number, sample.rtt, record.send_stamp, sample.sd, record.remote_transmit_stamp, sample.ds,
-            record.receive_stamp);
+void LogSample(std::uint16_t id, std::uint32_t number, const SlaPacketRecord& record,
+               const JitterSample& sample) {
+  LOG_DEBUG(
+      id,
+      "Packet #%u\n\t<-------------------------------[%-8.3f]------------------------------->\n"
+      "\t[    S   ] ---- (   SD   ) ---- [    D   ] ---- (   DS   ) ---- [    S   ]\n"
+      "\t[%-8lu] ---- (%-8.3f) ---- [%-8lu] ---- (%-8.3f) ---- [%-8lu]",
+      number, sample.rtt, record.send_stamp, sample.sd, record.remote_transmit_stamp, sample.ds,
+      record.receive_stamp);
 }
 
 void FollowSequence(std::uint32_t sequence, std::uint32_t* last, SlaTaskMetrics* metrics) {
@@ -73,8 +78,10 @@ void CorrectForLateArrivals(std::int32_t lost, SlaTaskMetrics* metrics) {
   const std::int32_t ds_late = late(metrics->ds_out_of_sequence);
   metrics->sd_out_of_sequence = sd_late;
   metrics->ds_out_of_sequence = ds_late;
-  metrics->sd_smp_count = WrappingSubtract(metrics->sd_smp_count, static_cast<std::uint32_t>(sd_late));
-  metrics->ds_smp_count = WrappingSubtract(metrics->ds_smp_count, static_cast<std::uint32_t>(ds_late));
+  metrics->sd_smp_count =
+      WrappingSubtract(metrics->sd_smp_count, static_cast<std::uint32_t>(sd_late));
+  metrics->ds_smp_count =
+      WrappingSubtract(metrics->ds_smp_count, static_cast<std::uint32_t>(ds_late));
   metrics->late_arrival = WrappingAdd(sd_late, static_cast<std::uint32_t>(ds_late));
   metrics->rtt_smp_count = std::min(metrics->sd_smp_count, metrics->ds_smp_count);
 }
@@ -84,8 +91,10 @@ void FinishSamples(const JitterSamples& samples, SlaTaskMetrics* metrics) {
   metrics->rtt_avg = samples.sum.rtt / count;
   metrics->latency_sd_avg = samples.sum.sd / count;
   metrics->latency_ds_avg = samples.sum.ds / count;
-  metrics->jitter_sd_sd = Deviation(metrics->jitter_sd_sd, samples.sd, count, metrics->latency_sd_avg);
-  metrics->jitter_ds_sd = Deviation(metrics->jitter_ds_sd, samples.ds, count, metrics->latency_ds_avg);
+  metrics->jitter_sd_sd =
+      Deviation(metrics->jitter_sd_sd, samples.sd, count, metrics->latency_sd_avg);
+  metrics->jitter_ds_sd =
+      Deviation(metrics->jitter_ds_sd, samples.ds, count, metrics->latency_ds_avg);
 }
 
 }  // namespace ipsla

@@ -22,14 +22,17 @@ std::string LocalTimeText(std::int64_t seconds) {
 }
 
 void PrintHeader(const SlaTaskConfig& config, const SlaTaskMetrics& metrics) {
-  const std::string error =
-      metrics.status == RunResult::kSuccessful ? std::string() : "Error: " + metrics.error_description;
+  const std::string error = metrics.status == RunResult::kSuccessful
+                                ? std::string()
+                                : "Error: " + metrics.error_description;
   LOG_DEBUG(config.sla_id,
-            "SLA task:\n\tID: #%u\tType: %s (#%u)\t\n\tStatus: %s\t%s\n\tStart time: %s\tFinish time: %s\n"
+            "SLA task:\n\tID: #%u\tType: %s (#%u)\t\n\tStatus: %s\t%s\n\tStart time: %s\tFinish "
+            "time: %s\n"
             "\tOperation time: %s",
             static_cast<unsigned>(config.sla_id), TestTypeToString(config.sla_type).c_str(),
-            static_cast<unsigned>(config.sla_type), ResultToString(metrics.status).c_str(), error.c_str(),
-            LocalTimeText(metrics.start_time).c_str(), LocalTimeText(metrics.finish_time).c_str(),
+            static_cast<unsigned>(config.sla_type), ResultToString(metrics.status).c_str(),
+            error.c_str(), LocalTimeText(metrics.start_time).c_str(),
+            LocalTimeText(metrics.finish_time).c_str(),
             OperationTimeText(std::difftime(metrics.finish_time, metrics.start_time)).c_str());
 }
 
@@ -41,14 +44,16 @@ std::string OneWayText(const SlaTaskMetrics& m) {
       "Jitter time:\n\tNumber of SD Jitter Samples: %d\n\tNumber of DS Jitter Samples: %d\n"
       "\tSource to Destination Jitter Min/Avg/SD/Max: %.6f/%.6f/%.6f/%.6f %sseconds\n"
       "\tDestination to Source Jitter Min/Avg/SD/Max: %.6f/%.6f/%.6f/%.6f %sseconds",
-      m.rtt_smp_count, m.latency_sd_min, m.latency_sd_avg, m.latency_sd_max, kUnit, m.latency_ds_min, m.latency_ds_avg,
-      m.latency_ds_max, kUnit, m.sd_smp_count, m.ds_smp_count, m.jitter_sd_min, m.jitter_sd_avg, m.jitter_sd_sd,
-      m.jitter_sd_max, kUnit, m.jitter_ds_min, m.jitter_ds_avg, m.jitter_ds_sd, m.jitter_ds_max, kUnit);
+      m.rtt_smp_count, m.latency_sd_min, m.latency_sd_avg, m.latency_sd_max, kUnit,
+      m.latency_ds_min, m.latency_ds_avg, m.latency_ds_max, kUnit, m.sd_smp_count, m.ds_smp_count,
+      m.jitter_sd_min, m.jitter_sd_avg, m.jitter_sd_sd, m.jitter_sd_max, kUnit, m.jitter_ds_min,
+      m.jitter_ds_avg, m.jitter_ds_sd, m.jitter_ds_max, kUnit);
 }
 
 std::string LossText(const SlaTaskMetrics& m) {
   return Format(
-      "Packet Loss Values:\n\tLoss Source to Destination: %d (%.2f%%)\tLoss Destination to Source: %d (%.2f%%)\n"
+      "Packet Loss Values:\n\tLoss Source to Destination: %d (%.2f%%)\tLoss Destination to Source: "
+      "%d (%.2f%%)\n"
       "\tPacket Late Arrival: %d\tPacket Skipped: %d\tDuplicate packets: %d",
       m.sd_loss, m.sd_loss_pct, m.ds_loss, m.ds_loss_pct, m.late_arrival, m.skipped, m.duplicate);
 }
@@ -69,9 +74,11 @@ std::string OperationTimeText(double seconds) {
 void PrintMetric(const SlaTaskConfig& config, const SlaTaskMetrics& metrics) {
   PrintHeader(config, metrics);
   if (metrics.status != RunResult::kSuccessful) return;
-  LOG_DEBUG(config.sla_id, "Packets Values:\n\tNumber of SD Packets: %d\n\tNumber of DS Packets: %d",
+  LOG_DEBUG(config.sla_id,
+            "Packets Values:\n\tNumber of SD Packets: %d\n\tNumber of DS Packets: %d",
             metrics.sd_pkt_count, metrics.ds_pkt_count);
-  LOG_DEBUG(config.sla_id, "RTT Values:\n\tNumber Of RTT: %d\tRTT Min/Avg/Max: %.6f/%.6f/%.6f %sseconds",
+  LOG_DEBUG(config.sla_id,
+            "RTT Values:\n\tNumber Of RTT: %d\tRTT Min/Avg/Max: %.6f/%.6f/%.6f %sseconds",
             metrics.rtt_smp_count, metrics.rtt_min, metrics.rtt_avg, metrics.rtt_max, kUnit);
   const bool in_file = IsJitterType(config.sla_type);
   for (const std::string& section : {OneWayText(metrics), LossText(metrics), OrderText(metrics)}) {

@@ -45,16 +45,18 @@ std::int64_t ParseLife(const std::string& text) {
 std::int64_t EndOfLife(std::int64_t start, std::int64_t life_seconds) {
   std::int64_t life = 0;
   std::int64_t end = 0;
-  const bool overflow =
-      __builtin_mul_overflow(life_seconds, kNanosecondsPerSecond, &life) || __builtin_add_overflow(start, life, &end);
+  const bool overflow = __builtin_mul_overflow(life_seconds, kNanosecondsPerSecond, &life) ||
+                        __builtin_add_overflow(start, life, &end);
   return overflow ? kForever : end;
 }
 
 }  // namespace
 
-std::optional<FirstStart> ComputeFirstStart(const SlaSchedulerConfig& scheduler, const timespec& now) {
+std::optional<FirstStart> ComputeFirstStart(const SlaSchedulerConfig& scheduler,
+                                            const timespec& now) {
   const std::int64_t now_nanoseconds = ToNanoseconds(now);
-  const std::int64_t start = scheduler.start_time == "now" ? now_nanoseconds : ParseStart(scheduler.start_time, now);
+  const std::int64_t start =
+      scheduler.start_time == "now" ? now_nanoseconds : ParseStart(scheduler.start_time, now);
 
   FirstStart first;
   if (scheduler.life_time == "forever") {
@@ -65,8 +67,8 @@ std::optional<FirstStart> ComputeFirstStart(const SlaSchedulerConfig& scheduler,
     first.end_of_life = EndOfLife(start, life);
   }
 
-  // Whole seconds, cut toward zero. A start already past gives a negative number, which wraps to a wait of up to 2^32
-  // milliseconds instead of an immediate start; that is deliberate.
+  // Whole seconds, cut toward zero. A start already past gives a negative number, which wraps to a
+  // wait of up to 2^32 milliseconds instead of an immediate start; that is deliberate.
   const auto seconds = static_cast<std::int32_t>((start - now_nanoseconds) / kNanosecondsPerSecond);
   first.delay_ms = static_cast<std::uint32_t>(seconds) * 1000U;
   return first;

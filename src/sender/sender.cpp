@@ -26,7 +26,8 @@ namespace {
 // Interface index of an endpoint that was given an address of an interface not known yet.
 constexpr std::uint32_t kUnknownInterface = 0xFFFFFFFFU;
 
-// A sleeping sender looks this often whether its run is over, so that a stopped test soon frees its thread.
+// A sleeping sender looks this often whether its run is over, so that a stopped test soon frees its
+// thread.
 constexpr std::int64_t kMaxSleepNanoseconds = 100'000'000;
 
 constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
@@ -42,7 +43,8 @@ std::int64_t NowSeconds() {
   return RealTimeNow().tv_sec;
 }
 
-// Seconds as the timer takes them; a value too large for 32 bits of milliseconds wraps, deliberately.
+// Seconds as the timer takes them; a value too large for 32 bits of milliseconds wraps,
+// deliberately.
 std::uint32_t ToMilliseconds(std::uint32_t seconds) {
   return seconds * 1000U;
 }
@@ -66,7 +68,8 @@ Sender::Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, Sende
 
 void Sender::CompleteSourceInterface(SlaEndpointConfig* endpoint) const {
   if (endpoint->if_index != 0) return;
-  const auto found = context_.interfaces->Find(ToAddress(endpoint->src.sin_addr), VrfKey(endpoint->vrf));
+  const auto found =
+      context_.interfaces->Find(ToAddress(endpoint->src.sin_addr), VrfKey(endpoint->vrf));
   if (!found || found->index == 0) return;
   endpoint->if_index = static_cast<std::uint32_t>(found->index);
   endpoint->if_name = found->name;
@@ -82,24 +85,29 @@ void Sender::Schedule() {
 }
 
 void Sender::StartFuncTimeout(const TimerHandler& handler, std::uint32_t milliseconds) {
-  LOG_DEBUG(config_.sla_id, "func '%s' timeout %d ms", handler.name, static_cast<std::int32_t>(milliseconds));
+  LOG_DEBUG(config_.sla_id, "func '%s' timeout %d ms", handler.name,
+            static_cast<std::int32_t>(milliseconds));
   const auto self = shared_from_this();
   timer_.expires_after(std::chrono::milliseconds(milliseconds));
   const std::uint64_t ticket = ++timer_ticket_;
-  timer_.async_wait(
-      [self, ticket, handler](const boost::system::error_code& error) { self->OnTimer(error, ticket, handler); });
+  timer_.async_wait([self, ticket, handler](const boost::system::error_code& error) {
+    self->OnTimer(error, ticket, handler);
+  });
 }
 
-void Sender::OnTimer(const boost::system::error_code& error, std::uint64_t ticket, const TimerHandler& handler) {
+void Sender::OnTimer(const boost::system::error_code& error, std::uint64_t ticket,
+                     const TimerHandler& handler) {
   if (error) return;
   const std::lock_guard lock(mutex_);
-  // A wait that was replaced or cancelled may already have expired and stand in the queue: it must do nothing.
+  // A wait that was replaced or cancelled may already have expired and stand in the queue: it must
+  // do nothing.
   if (ticket != timer_ticket_) return;
   handler.run(*this);
 }
 
 void Sender::NewStart() {
-  // Stopped for good; or a negative life time: never started, also not by a clock or address change.
+  // Stopped for good; or a negative life time: never started, also not by a clock or address
+  // change.
   if (stopped_ || !scheduled_) return;
   if (!CheckSourceAddress()) {
     CalcMetric(NextRun::kAfterTime);
@@ -110,7 +118,8 @@ void Sender::NewStart() {
 
 bool Sender::CheckSourceAddress() {
   const SlaEndpointConfig& measurement = config_.measurement;
-  const auto found = context_.interfaces->Find(ToAddress(measurement.src.sin_addr), VrfKey(measurement.vrf));
+  const auto found =
+      context_.interfaces->Find(ToAddress(measurement.src.sin_addr), VrfKey(measurement.vrf));
   if (found && (found->flags & IFF_RUNNING) != 0) return true;
   BeginRun();
   metrics_.error_description = "source address or interface not exist";
@@ -194,7 +203,8 @@ void Sender::Stop(bool final) {
 
 void Sender::StopLocked(bool final) {
   if (final) stopped_ = true;
-  // First the numbers, so that the run is over for every late handler even if closing a socket fails.
+  // First the numbers, so that the run is over for every late handler even if closing a socket
+  // fails.
   ++run_;
   CancelTimer();
   CloseSockets();
@@ -215,12 +225,14 @@ void Sender::Restart() {
   }
 }
 
-void Sender::UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address, std::uint32_t old_address) {
+void Sender::UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address,
+                                std::uint32_t old_address) {
   const std::lock_guard lock(mutex_);
   SlaEndpointConfig& control = config_.control_phase;
   SlaEndpointConfig& measurement = config_.measurement;
   if (control.if_index == kUnknownInterface && measurement.if_index == kUnknownInterface &&
-      new_address == control.src.sin_addr.s_addr && new_address == measurement.src.sin_addr.s_addr) {
+      new_address == control.src.sin_addr.s_addr &&
+      new_address == measurement.src.sin_addr.s_addr) {
     control.if_index = if_index;
     measurement.if_index = if_index;
     return;
@@ -228,7 +240,8 @@ void Sender::UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_addres
   const bool control_concerned = control.if_index == if_index;
   const bool measurement_concerned = measurement.if_index == if_index;
   if (!control_concerned && !measurement_concerned) return;
-  if (control_concerned && control.src.sin_addr.s_addr == old_address) control.src.sin_addr.s_addr = new_address;
+  if (control_concerned && control.src.sin_addr.s_addr == old_address)
+    control.src.sin_addr.s_addr = new_address;
   if (measurement_concerned && measurement.src.sin_addr.s_addr == old_address) {
     measurement.src.sin_addr.s_addr = new_address;
   }
@@ -288,14 +301,15 @@ void Sender::FailStart(const std::string& reason) {
   FailRun("Start test failed");
 }
 
-void Sender::PacedSend(const boost::system::error_code& error, RunNumber run, std::int64_t granularity_ns,
-                       const std::function<void()>& send_probe) {
+void Sender::PacedSend(const boost::system::error_code& error, RunNumber run,
+                       std::int64_t granularity_ns, const std::function<void()>& send_probe) {
   std::int64_t pause = 0;
   {
     const std::lock_guard lock(mutex_);
     if (run != run_ || error == boost::asio::error::operation_aborted) return;
     if (error) {
-      LOG_DEBUG(config_.sla_id, "SendPacket failed on test %d: %s", config_.sla_id, error.message().c_str());
+      LOG_DEBUG(config_.sla_id, "SendPacket failed on test %d: %s", config_.sla_id,
+                error.message().c_str());
       return;
     }
     pause = PauseNanoseconds() / granularity_ns * granularity_ns;
@@ -305,15 +319,18 @@ void Sender::PacedSend(const boost::system::error_code& error, RunNumber run, st
   if (run == run_) send_probe();
 }
 
-bool Sender::DrainReplies(int fd, std::size_t size, const std::function<bool(const StampedDatagram&)>& take,
+bool Sender::DrainReplies(int fd, std::size_t size,
+                          const std::function<bool(const StampedDatagram&)>& take,
                           std::size_t most) {
   const RunNumber run = run_;
   for (std::size_t taken = 0; receiving_ && taken < most; ++taken) {
     int error = 0;
-    const auto datagram = ReceiveStamped(fd, receive_buffer_.data(), std::min(size, receive_buffer_.size()), &error);
+    const auto datagram =
+        ReceiveStamped(fd, receive_buffer_.data(), std::min(size, receive_buffer_.size()), &error);
     if (!datagram) {
       if (error == EAGAIN || error == EWOULDBLOCK) return true;
-      LOG_DEBUG(config_.sla_id, "ReceivePacket failed on test %d: %s", config_.sla_id, std::strerror(error));
+      LOG_DEBUG(config_.sla_id, "ReceivePacket failed on test %d: %s", config_.sla_id,
+                std::strerror(error));
       receiving_ = false;
       return false;
     }
@@ -326,12 +343,14 @@ bool Sender::DrainReplies(int fd, std::size_t size, const std::function<bool(con
 std::int64_t Sender::PauseNanoseconds() const {
   if (packets_sent_ == 0) return 0;
   const std::int64_t interval = config_.interval * kNanosecondsPerMillisecond;
-  return std::clamp<std::int64_t>(interval - (SteadyNanoseconds() - last_send_steady_), 0, interval);
+  return std::clamp<std::int64_t>(interval - (SteadyNanoseconds() - last_send_steady_), 0,
+                                  interval);
 }
 
 bool Sender::Pace(RunNumber run, std::int64_t pause_nanoseconds) const {
   const std::int64_t deadline = SteadyNanoseconds() + pause_nanoseconds;
-  for (std::int64_t now = SteadyNanoseconds(); now < deadline && run == run_; now = SteadyNanoseconds()) {
+  for (std::int64_t now = SteadyNanoseconds(); now < deadline && run == run_;
+       now = SteadyNanoseconds()) {
     SleepUntil(std::min(deadline, now + kMaxSleepNanoseconds));
   }
   return run == run_;

@@ -14,19 +14,21 @@
 
 namespace ipsla {
 
-/// One probe. A test keeps "num-packets" of them as a ring indexed by sequence number modulo "num-packets".
+/// One probe. A test keeps "num-packets" of them as a ring indexed by sequence number modulo
+/// "num-packets".
 struct SlaPacketRecord {
   std::uint32_t id = 0;  ///< arrival order of the accepted reply, from 0
   SlaPacketState state = SlaPacketState::kSent;
-  std::uint32_t ss = 0;                     ///< sequence number written into the probe, from 1; 0: not sent in this run
-  std::uint32_t rs = 0;                     ///< UDP jitter types: responder's counter from the reply
-  std::uint64_t send_stamp = 0;             ///< UDP: 10 ns of the day; icmp-jitter: ms of the day
-  std::uint64_t remote_receive_stamp = 0;   ///< as send_stamp, at the responder
+  std::uint32_t ss =
+      0;  ///< sequence number written into the probe, from 1; 0: not sent in this run
+  std::uint32_t rs = 0;                    ///< UDP jitter types: responder's counter from the reply
+  std::uint64_t send_stamp = 0;            ///< UDP: 10 ns of the day; icmp-jitter: ms of the day
+  std::uint64_t remote_receive_stamp = 0;  ///< as send_stamp, at the responder
   std::uint64_t remote_transmit_stamp = 0;  ///< as send_stamp, at the responder
   std::uint64_t receive_stamp = 0;          ///< as send_stamp; stays 0 for udp-jitter-ntp
   double send_ms = 0;                       ///< ms of the day
   double receive_ms = 0;                    ///< ms of the day
-  std::uint64_t ntp_t1 = 0;                 ///< network order, as all four; no path fills it, deliberately
+  std::uint64_t ntp_t1 = 0;  ///< network order, as all four; no path fills it, deliberately
   std::uint64_t ntp_t2 = 0;
   std::uint64_t ntp_t3 = 0;
   std::uint64_t ntp_t4 = 0;
@@ -81,7 +83,8 @@ struct SlaTaskStatistics {
   std::list<SlaTaskMetrics> history;   ///< oldest first, at most "num-rep-hist" entries
 };
 
-/// The statistics of all tasks, shared by the tests (which store into it) and the Sender API (which reads and erases).
+/// The statistics of all tasks, shared by the tests (which store into it) and the Sender API (which
+/// reads and erases).
 struct StatisticsStore {
   boost::mutex mutex;
   std::map<std::uint16_t, SlaTaskStatistics> tasks;  // guarded by mutex

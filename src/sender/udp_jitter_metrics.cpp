@@ -18,13 +18,14 @@ double StampToMilliseconds(std::uint64_t stamp) {
   return static_cast<double>(stamp) / kStampsPerMillisecond;
 }
 
-// One way is only as good as the agreement of two clocks: a responder's stamp outside the time the probe was on its
-// way shows that they disagree, and then the round trip is split evenly.
+// One way is only as good as the agreement of two clocks: a responder's stamp outside the time the
+// probe was on its way shows that they disagree, and then the round trip is split evenly.
 JitterSample SampleFromStamps(const SlaPacketRecord& record) {
   JitterSample sample;
   sample.rtt = StampToMilliseconds(record.receive_stamp - record.send_stamp);
   const std::uint64_t remote = record.remote_transmit_stamp / kStampsPerMillisecond;
-  if (record.send_stamp / kStampsPerMillisecond <= remote && remote <= record.receive_stamp / kStampsPerMillisecond) {
+  if (record.send_stamp / kStampsPerMillisecond <= remote &&
+      remote <= record.receive_stamp / kStampsPerMillisecond) {
     const double at_responder = StampToMilliseconds(record.remote_transmit_stamp);
     sample.sd = std::fabs(at_responder - StampToMilliseconds(record.send_stamp));
     sample.ds = std::fabs(StampToMilliseconds(record.receive_stamp) - at_responder);
@@ -48,7 +49,8 @@ JitterSample SampleFromNtp(const SlaPacketRecord& record) {
 // Tells whether the accepted reply counts. One that does not is turned to "skipped".
 bool CheckReply(std::uint16_t id, SlaPacketRecord* record, std::uint32_t budget_ms) {
   if (record->receive_stamp < record->send_stamp) {
-    LOG_DEBUG(id, "Received the package before sending it ... Change state %s -> SLA_PACKET_SKIP_STATE",
+    LOG_DEBUG(id,
+              "Received the package before sending it ... Change state %s -> SLA_PACKET_SKIP_STATE",
               PacketStateToString(record->state).c_str());
   } else if (record->receive_stamp - record->send_stamp > budget_ms * kStampsPerMillisecond) {
     LOG_DEBUG(id, "Received the package after timeout ... Change state %s -> SLA_PACKET_SKIP_STATE",
@@ -61,8 +63,8 @@ bool CheckReply(std::uint16_t id, SlaPacketRecord* record, std::uint32_t budget_
 }
 
 // Counts one record by the state it came in. `last` is the highest responder counter so far.
-void CountRecord(std::uint16_t id, std::uint32_t budget_ms, SlaPacketRecord* record, std::uint32_t* last,
-                 SlaTaskMetrics* metrics) {
+void CountRecord(std::uint16_t id, std::uint32_t budget_ms, SlaPacketRecord* record,
+                 std::uint32_t* last, SlaTaskMetrics* metrics) {
   switch (record->state) {
     case SlaPacketState::kReceived: {
       if (!CheckReply(id, record, budget_ms)) {
@@ -73,7 +75,8 @@ void CountRecord(std::uint16_t id, std::uint32_t budget_ms, SlaPacketRecord* rec
       ++metrics->ds_smp_count;
       const std::uint32_t expected = *last + 1;  // wraps to 0 behind the largest counter
       if (record->rs >= expected) {
-        metrics->ds_out_of_sequence = WrappingAdd(metrics->ds_out_of_sequence, record->rs - expected);
+        metrics->ds_out_of_sequence =
+            WrappingAdd(metrics->ds_out_of_sequence, record->rs - expected);
         *last = record->rs;
       }
       break;
@@ -91,8 +94,8 @@ void CountRecord(std::uint16_t id, std::uint32_t budget_ms, SlaPacketRecord* rec
 }
 
 // The replies in the order they came back.
-void WalkByArrival(std::uint16_t id, std::span<SlaPacketRecord> records, std::uint32_t budget_ms, bool ntp,
-                   JitterSamples* samples, SlaTaskMetrics* metrics) {
+void WalkByArrival(std::uint16_t id, std::span<SlaPacketRecord> records, std::uint32_t budget_ms,
+                   bool ntp, JitterSamples* samples, SlaTaskMetrics* metrics) {
   LOG_DEBUG(id, "  ID  |  SS  |  RS  |  STATE  ");
   std::ranges::stable_sort(records, {}, &SlaPacketRecord::id);
   std::uint32_t last = 0;
@@ -108,7 +111,8 @@ void WalkByArrival(std::uint16_t id, std::span<SlaPacketRecord> records, std::ui
 }
 
 // The probes in the order the responder saw them.
-void WalkByResponder(std::uint16_t id, std::span<SlaPacketRecord> records, SlaTaskMetrics* metrics) {
+void WalkByResponder(std::uint16_t id, std::span<SlaPacketRecord> records,
+                     SlaTaskMetrics* metrics) {
   LOG_DEBUG(id, "\n  ID  |  SS  |  RS  |  STATE  ");
   std::ranges::stable_sort(records, {}, &SlaPacketRecord::rs);
   std::uint32_t last = 0;
@@ -122,19 +126,22 @@ void WalkByResponder(std::uint16_t id, std::span<SlaPacketRecord> records, SlaTa
 
 }  // namespace
 
-void CalcJitterMetrics(std::uint16_t id, std::span<SlaPacketRecord> records, SlaTaskMetrics* metrics,
-                       std::uint32_t responder_count, std::uint32_t budget_ms, bool ntp) {
+void CalcJitterMetrics(std::uint16_t id, std::span<SlaPacketRecord> records,
+                       SlaTaskMetrics* metrics, std::uint32_t responder_count,
+                       std::uint32_t budget_ms, bool ntp) {
   JitterSamples samples(records.size());
   WalkByArrival(id, records, budget_ms, ntp, &samples, metrics);
   WalkByResponder(id, records, metrics);
 
-  // What the responder did not count was lost on the way out, the rest of what is missing on the way back.
+  // What the responder did not count was lost on the way out, the rest of what is missing on the
+  // way back.
   const std::int32_t unanswered = metrics->sd_smp_count - metrics->ds_smp_count;
   metrics->sd_loss = WrappingSubtract(metrics->sd_smp_count, responder_count);
   metrics->ds_loss = WrappingSubtract(unanswered, static_cast<std::uint32_t>(metrics->sd_loss));
   metrics->sd_loss_pct = Percentage(metrics->sd_loss, metrics->sd_smp_count);
   metrics->ds_loss_pct = Percentage(
-      metrics->ds_loss, WrappingSubtract(metrics->sd_smp_count, static_cast<std::uint32_t>(metrics->sd_loss)));
+      metrics->ds_loss,
+      WrappingSubtract(metrics->sd_smp_count, static_cast<std::uint32_t>(metrics->sd_loss)));
 
   CorrectForLateArrivals(unanswered, metrics);
   FinishSamples(samples, metrics);

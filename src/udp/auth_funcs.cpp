@@ -1,13 +1,13 @@
 #include "udp/auth_funcs.h"
 
-#include <openssl/err.h>
-#include <openssl/rand.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <vector>
+
+#include <openssl/err.h>
+#include <openssl/rand.h>
 
 #include "log/log.h"
 
@@ -18,8 +18,9 @@ namespace {
 struct ContextDeleter {
   void operator()(EVP_MD_CTX* context) const {
     EVP_MD_CTX_destroy(context);
-    // After every digest, deliberately: it drops the tables of a library that is set up anew by its next user. With
-    // OpenSSL 1.1 and later it is an empty macro, because the library cleans up by itself.
+    // After every digest, deliberately: it drops the tables of a library that is set up anew by its
+    // next user. With OpenSSL 1.1 and later it is an empty macro, because the library cleans up by
+    // itself.
     EVP_cleanup();
   }
 };
@@ -36,26 +37,30 @@ struct DigestBuffer {
   unsigned int length = 0;
 };
 
-bool HashWithKey(std::uint16_t id, const ControlMessageBytes& message, std::string_view key, DigestBuffer* digest) {
+bool HashWithKey(std::uint16_t id, const ControlMessageBytes& message, std::string_view key,
+                 DigestBuffer* digest) {
   std::vector<std::uint8_t> data(message.begin(), message.end());
   data.insert(data.end(), key.begin(), key.end());
-  return GetHash(id, EVP_sha256(), data.data(), data.size(), digest->bytes.data(), &digest->length) == 0;
+  return GetHash(id, EVP_sha256(), data.data(), data.size(), digest->bytes.data(),
+                 &digest->length) == 0;
 }
 
 MacKey MakeMacKey(std::string_view key) {
   const char* bytes = key.empty() ? "" : key.data();
-  return MacKey(EVP_PKEY_new_mac_key(EVP_PKEY_HMAC, nullptr, reinterpret_cast<const unsigned char*>(bytes),
+  return MacKey(EVP_PKEY_new_mac_key(EVP_PKEY_HMAC, nullptr,
+                                     reinterpret_cast<const unsigned char*>(bytes),
                                      static_cast<int>(key.size())));
 }
 
 }  // namespace
 
-// In both digest functions the two copies of a failure take the library's error code separately, deliberately: the
-// system-log copy shows the next queued error, usually 0.
+// In both digest functions the two copies of a failure take the library's error code separately,
+// deliberately: the system-log copy shows the next queued error, usually 0.
 
-int GetHash(std::uint16_t id, const EVP_MD* method, const std::uint8_t* data, std::size_t length, std::uint8_t* out,
-            unsigned int* out_length) {
-  if (method == nullptr || data == nullptr || length == 0 || out == nullptr || out_length == nullptr) {
+int GetHash(std::uint16_t id, const EVP_MD* method, const std::uint8_t* data, std::size_t length,
+            std::uint8_t* out, unsigned int* out_length) {
+  if (method == nullptr || data == nullptr || length == 0 || out == nullptr ||
+      out_length == nullptr) {
     LOG_DEBUG(id, "no args");
     return -1;
   }
@@ -79,10 +84,10 @@ int GetHash(std::uint16_t id, const EVP_MD* method, const std::uint8_t* data, st
   return -1;
 }
 
-int GetHmac(std::uint16_t id, const EVP_MD* method, const std::uint8_t* data, std::size_t length, std::uint8_t* out,
-            unsigned int* out_length, EVP_PKEY* key) {
-  if (method == nullptr || data == nullptr || length == 0 || out == nullptr || out_length == nullptr ||
-      key == nullptr) {
+int GetHmac(std::uint16_t id, const EVP_MD* method, const std::uint8_t* data, std::size_t length,
+            std::uint8_t* out, unsigned int* out_length, EVP_PKEY* key) {
+  if (method == nullptr || data == nullptr || length == 0 || out == nullptr ||
+      out_length == nullptr || key == nullptr) {
     LOG_DEBUG(id, "no args");
     return -1;
   }
@@ -133,8 +138,8 @@ bool SignControlRequest(std::uint16_t id, SlaAuthAlgorithm algorithm, std::strin
         LOG_DEBUG(id, "EVP_PKEY_new_mac_key() failed for %d", id);
         return false;
       }
-      if (GetHmac(id, EVP_sha256(), message.data(), message.size(), digest.bytes.data(), &digest.length,
-                  mac_key.get()) != 0) {
+      if (GetHmac(id, EVP_sha256(), message.data(), message.size(), digest.bytes.data(),
+                  &digest.length, mac_key.get()) != 0) {
         LOG_DEBUG(id, "GetHmac() failed for %d: %s", id, std::strerror(errno));
         return false;
       }
@@ -144,7 +149,8 @@ bool SignControlRequest(std::uint16_t id, SlaAuthAlgorithm algorithm, std::strin
       LOG_DEBUG(id, "Unknown authentication algorithm on test %d", id);
       return false;
   }
-  std::copy_n(digest.bytes.begin(), std::min<std::size_t>(digest.length, kDigestSize), request->digest.begin());
+  std::copy_n(digest.bytes.begin(), std::min<std::size_t>(digest.length, kDigestSize),
+              request->digest.begin());
   return true;
 }
 

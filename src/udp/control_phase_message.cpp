@@ -71,8 +71,10 @@ void EncodeMeasurementCsld(const ControlPhaseMessage& message, std::span<std::ui
 }
 
 void DecodeMeasurementCsld(std::span<const std::uint8_t> in, ControlPhaseMessage* message) {
-  message->measurement_command = static_cast<CsldType>(wire::LoadU16(in, kMeasurementCommandOffset));
-  message->measurement_status = static_cast<SlaControlStatus>(wire::LoadU16(in, kMeasurementStatusOffset));
+  message->measurement_command =
+      static_cast<CsldType>(wire::LoadU16(in, kMeasurementCommandOffset));
+  message->measurement_status =
+      static_cast<SlaControlStatus>(wire::LoadU16(in, kMeasurementStatusOffset));
   message->measurement_length = wire::LoadU32(in, kMeasurementLengthOffset);
   message->address_type = static_cast<AddressType>(wire::LoadU8(in, kAddressTypeOffset));
   message->role = static_cast<Role>(wire::LoadU8(in, kRoleOffset));
@@ -125,7 +127,8 @@ ControlPhaseMessage DecodeControlMessage(std::span<const std::uint8_t> received)
   message.auth_status = static_cast<SlaControlStatus>(wire::LoadU16(received, kAuthStatusOffset));
   message.auth_length = wire::LoadU32(received, kAuthLengthOffset);
   message.auth_mode = static_cast<SlaAuthMode>(wire::LoadU8(received, kAuthModeOffset));
-  message.auth_algorithm = static_cast<SlaAuthAlgorithm>(wire::LoadU8(received, kAuthAlgorithmOffset));
+  message.auth_algorithm =
+      static_cast<SlaAuthAlgorithm>(wire::LoadU8(received, kAuthAlgorithmOffset));
   message.key_id = wire::LoadU8(received, kKeyIdOffset);
   message.nonce = wire::LoadBytes<kNonceSize>(received, kNonceOffset);
   message.digest = wire::LoadBytes<kDigestSize>(received, kDigestOffset);
@@ -145,7 +148,8 @@ ControlPhaseMessage BuildControlRequest(const SlaTaskConfig& task) {
   request.measurement_sender_address = task.measurement.src.sin_addr;
   request.measurement_responder_address = task.measurement.dst.sin_addr;
   request.control_sender_port = ntohs(task.control_phase.src.sin_port);
-  // The control responder port stays zero, deliberately: the request does not repeat its own destination port.
+  // The control responder port stays zero, deliberately: the request does not repeat its own
+  // destination port.
   request.measurement_sender_port = ntohs(task.measurement.src.sin_port);
   request.measurement_responder_port = ntohs(task.measurement.dst.sin_port);
   request.duration_ms = SessionDuration(task);

@@ -1,7 +1,9 @@
-// The control-phase message: the one datagram with which a sender asks a responder to open a measurement session, and
-// the responder's answer of the same layout. Pure encoding and decoding, shared by both ends.
+// The control-phase message: the one datagram with which a sender asks a responder to open a
+// measurement session, and the responder's answer of the same layout. Pure encoding and decoding,
+// shared by both ends.
 //
-// Offset  Size  Field                          (multi-byte integers big-endian; bytes without a field are zero)
+// Offset  Size  Field                          (multi-byte integers big-endian; bytes without a
+// field are zero)
 //      0     1  version (2)
 //      2     2  status
 //      4     4  sequence number
@@ -60,8 +62,8 @@ inline constexpr std::uint32_t kIntervalSlackMs = 7;
 
 using ControlMessageBytes = std::array<std::uint8_t, kControlMessageSize>;
 
-/// Every field of the message. Integers in host order, addresses (in_addr) in network order as usual.
-/// Defaults are the constant values of a request.
+/// Every field of the message. Integers in host order, addresses (in_addr) in network order as
+/// usual. Defaults are the constant values of a request.
 struct ControlPhaseMessage {
   std::uint8_t version = kControlProtocolVersion;
   SlaControlStatus status = SlaControlStatus::kSuccessful;
@@ -99,14 +101,17 @@ struct ControlPhaseMessage {
 /// The message as it goes on the wire.
 [[nodiscard]] ControlMessageBytes EncodeControlMessage(const ControlPhaseMessage& message);
 
-/// Reads a message from what was received; fields beyond those bytes read as zero. Nothing is checked.
+/// Reads a message from what was received; fields beyond those bytes read as zero. Nothing is
+/// checked.
 [[nodiscard]] ControlPhaseMessage DecodeControlMessage(std::span<const std::uint8_t> received);
 
-/// The request of a task: every field but nonce and digest, with the addresses and ports as the task holds them now.
+/// The request of a task: every field but nonce and digest, with the addresses and ports as the
+/// task holds them now.
 [[nodiscard]] ControlPhaseMessage BuildControlRequest(const SlaTaskConfig& task);
 
-/// Length of a measurement session, milliseconds: ("interval" + 7) x "num-packets" + "timeout", wrapping in unsigned
-/// 32 bits. It is the request's duration and the length of the sender's measurement timer.
+/// Length of a measurement session, milliseconds: ("interval" + 7) x "num-packets" + "timeout",
+/// wrapping in unsigned 32 bits. It is the request's duration and the length of the sender's
+/// measurement timer.
 [[nodiscard]] std::uint32_t SessionDuration(const SlaTaskConfig& task);
 
 }  // namespace ipsla

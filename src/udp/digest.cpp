@@ -1,10 +1,10 @@
 #include "udp/digest.h"
 
-#include <openssl/evp.h>
-#include <openssl/hmac.h>
-
 #include <algorithm>
 #include <vector>
+
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
 
 namespace ipsla {
 
@@ -13,7 +13,8 @@ namespace {
 std::optional<Digest> Sha256(std::span<const std::uint8_t> data) {
   Digest digest{};
   unsigned int length = 0;
-  const int ok = EVP_Digest(data.data(), data.size(), digest.data(), &length, EVP_sha256(), nullptr);
+  const int ok =
+      EVP_Digest(data.data(), data.size(), digest.data(), &length, EVP_sha256(), nullptr);
   if (ok != 1 || length != digest.size()) return std::nullopt;
   return digest;
 }
@@ -21,9 +22,10 @@ std::optional<Digest> Sha256(std::span<const std::uint8_t> data) {
 std::optional<Digest> HmacSha256(std::string_view key, std::span<const std::uint8_t> data) {
   Digest digest{};
   unsigned int length = 0;
-  const char* key_bytes = key.empty() ? "" : key.data();  // a null key would mean "the key of last time"
-  const auto* result =
-      HMAC(EVP_sha256(), key_bytes, static_cast<int>(key.size()), data.data(), data.size(), digest.data(), &length);
+  const char* key_bytes =
+      key.empty() ? "" : key.data();  // a null key would mean "the key of last time"
+  const auto* result = HMAC(EVP_sha256(), key_bytes, static_cast<int>(key.size()), data.data(),
+                            data.size(), digest.data(), &length);
   if (result == nullptr || length != digest.size()) return std::nullopt;
   return digest;
 }
@@ -31,7 +33,8 @@ std::optional<Digest> HmacSha256(std::string_view key, std::span<const std::uint
 }  // namespace
 
 std::optional<Digest> MessageDigest(SlaAuthAlgorithm algorithm,
-                                    std::span<const std::uint8_t, kControlMessageSize> message, std::string_view key) {
+                                    std::span<const std::uint8_t, kControlMessageSize> message,
+                                    std::string_view key) {
   std::vector<std::uint8_t> data(message.begin(), message.end());
   std::fill_n(data.begin() + kDigestOffset, kDigestSize, std::uint8_t{0});
   switch (algorithm) {

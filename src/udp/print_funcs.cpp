@@ -31,10 +31,12 @@ std::string HeaderBlock(const ControlPhaseMessage& message, bool is_response) {
       "   .  |- CSLD length               : %u bytes\n"
       "   .  |- Mode                      : %s (#%u)",
       is_response ? "response" : "request", static_cast<unsigned>(message.version),
-      ControlStatusToString(message.status).c_str(), NumberOf(message.status), message.sequence_number,
-      message.total_length, message.sender_timestamp, CsldTypeToString(message.auth_command).c_str(),
-      NumberOf(message.auth_command), ControlStatusToString(message.auth_status).c_str(), NumberOf(message.auth_status),
-      message.auth_length, AuthModeToString(message.auth_mode).c_str(), NumberOf(message.auth_mode));
+      ControlStatusToString(message.status).c_str(), NumberOf(message.status),
+      message.sequence_number, message.total_length, message.sender_timestamp,
+      CsldTypeToString(message.auth_command).c_str(), NumberOf(message.auth_command),
+      ControlStatusToString(message.auth_status).c_str(), NumberOf(message.auth_status),
+      message.auth_length, AuthModeToString(message.auth_mode).c_str(),
+      NumberOf(message.auth_mode));
 }
 
 std::string MeasurementBlock(const ControlPhaseMessage& message) {
@@ -60,20 +62,22 @@ std::string MeasurementBlock(const ControlPhaseMessage& message) {
       "   -",
       HexEncode(message.nonce).c_str(), HexEncode(message.digest).c_str(),
       CsldTypeToString(message.measurement_command).c_str(), NumberOf(message.measurement_command),
-      ControlStatusToString(message.measurement_status).c_str(), NumberOf(message.measurement_status),
-      message.measurement_length, AddressTypeToString(message.address_type).c_str(), NumberOf(message.address_type),
-      RoleToString(message.role).c_str(), NumberOf(message.role), TestTypeToString(operation).c_str(),
-      message.operation_type, message.session_id, Ipv4ToString(message.control_sender_address).c_str(),
-      message.control_sender_port, Ipv4ToString(message.control_responder_address).c_str(),
+      ControlStatusToString(message.measurement_status).c_str(),
+      NumberOf(message.measurement_status), message.measurement_length,
+      AddressTypeToString(message.address_type).c_str(), NumberOf(message.address_type),
+      RoleToString(message.role).c_str(), NumberOf(message.role),
+      TestTypeToString(operation).c_str(), message.operation_type, message.session_id,
+      Ipv4ToString(message.control_sender_address).c_str(), message.control_sender_port,
+      Ipv4ToString(message.control_responder_address).c_str(),
       Ipv4ToString(message.measurement_sender_address).c_str(), message.measurement_sender_port,
-      Ipv4ToString(message.measurement_responder_address).c_str(), message.measurement_responder_port,
-      message.duration_ms);
+      Ipv4ToString(message.measurement_responder_address).c_str(),
+      message.measurement_responder_port, message.duration_ms);
 }
 
 }  // namespace
 
-void PrintCtlPhPkt(std::uint16_t id, const std::uint8_t* buffer, std::uint16_t size, bool is_response,
-                   const SlaAuthConfig& auth, const KeychainStorage& keychain) {
+void PrintCtlPhPkt(std::uint16_t id, const std::uint8_t* buffer, std::uint16_t size,
+                   bool is_response, const SlaAuthConfig& auth, const KeychainStorage& keychain) {
   if (buffer == nullptr) {
     LOG_DEBUG(id, "no args");
     return;
@@ -90,10 +94,12 @@ void PrintCtlPhPkt(std::uint16_t id, const std::uint8_t* buffer, std::uint16_t s
     std::string key;
     GetTaskKey(&key, auth, keychain);
     LOG_DEBUG(id, "   .  |- Algorithm                 : %s (#%u)\n   .  |- Key",
-              AuthAlgorithmToString(message.auth_algorithm).c_str(), NumberOf(message.auth_algorithm));
+              AuthAlgorithmToString(message.auth_algorithm).c_str(),
+              NumberOf(message.auth_algorithm));
     // In password mode only the system log names a key id, deliberately.
     const unsigned key_id = message.key_id;
-    if (auth.mode == SlaAuthMode::kKeychain) LOG_DEBUG_FILE(id, "   .  .  |- ID                     : #%u", key_id);
+    if (auth.mode == SlaAuthMode::kKeychain)
+      LOG_DEBUG_FILE(id, "   .  .  |- ID                     : #%u", key_id);
     LOG_DEBUG_SYSTEM("   .  .  |- ID                     : #%u", key_id);
     LOG_DEBUG(id, "   .  .  |- Value                  : \"%s\"\n   .  .  -\n   .  -", key.c_str());
   } else {

@@ -10,10 +10,11 @@
 
 namespace ipsla {
 
-/// Logs one control-phase message field by field to the log of test `id`, the key in clear (deliberately). A size of 23
-/// or less logs only "invalid buffer size", a null buffer "no args"; with 24 to 171 bytes the rest reads as zeros.
-void PrintCtlPhPkt(std::uint16_t id, const std::uint8_t* buffer, std::uint16_t size, bool is_response,
-                   const SlaAuthConfig& auth, const KeychainStorage& keychain);
+/// Logs one control-phase message field by field to the log of test `id`, the key in clear
+/// (deliberately). A size of 23 or less logs only "invalid buffer size", a null buffer "no args";
+/// with 24 to 171 bytes the rest reads as zeros.
+void PrintCtlPhPkt(std::uint16_t id, const std::uint8_t* buffer, std::uint16_t size,
+                   bool is_response, const SlaAuthConfig& auth, const KeychainStorage& keychain);
 
 }  // namespace ipsla
 

@@ -40,7 +40,8 @@ std::size_t ProbeHeaderSize(SlaTestType type) {
 void EncodeProbe(SlaTestType type, std::uint32_t sequence, std::span<std::uint8_t> probe) {
   wire::StoreU16(probe, kTypeOffset, static_cast<std::uint16_t>(type));
   if (type == SlaTestType::kUdpEcho) {
-    wire::StoreU16(probe, kEchoSequenceOffset, static_cast<std::uint16_t>(sequence));  // the low 16 bits
+    wire::StoreU16(probe, kEchoSequenceOffset,
+                   static_cast<std::uint16_t>(sequence));  // the low 16 bits
   } else {
     wire::StoreU32(probe, kSequenceOffset, sequence);
   }
@@ -70,7 +71,8 @@ void EncodeReply(SlaTestType type, const ReplyFields& fields, std::span<std::uin
   if (type == SlaTestType::kUdpJitter) wire::StoreU64(probe, kStampOffset, fields.receive_stamp);
   if (type == SlaTestType::kUdpJitterNtp) {
     wire::StoreU64(probe, kStampOffset, fields.ntp_receive);
-    wire::StoreU16(probe, kNtpValueOffset, static_cast<std::uint16_t>(fields.counter));  // its low 16 bits
+    wire::StoreU16(probe, kNtpValueOffset,
+                   static_cast<std::uint16_t>(fields.counter));  // its low 16 bits
   }
 }
 

@@ -25,7 +25,8 @@ constexpr int kAbortError = 5;
 
 constexpr const char* kInternalError = "control phase failed: internal error";
 
-// With IP_RECVERR each ICMP error also stands in the error queue, which keeps the socket readable until it is read.
+// With IP_RECVERR each ICMP error also stands in the error queue, which keeps the socket readable
+// until it is read.
 void DrainErrorQueue(int fd) {
   std::array<char, 512> control{};
   msghdr message{};
@@ -51,9 +52,10 @@ std::string UdpSender::CurrentKey() const {
 }
 
 void UdpSender::ControlPhase() {
-  // Dumped before this phase's nonce and digest are written: it shows those of the previous one, deliberately.
-  PrintCtlPhPkt(config_.sla_id, EncodeControlMessage(request_).data(), kControlMessageSize, false, config_.auth,
-                *context_.keys->Snapshot());
+  // Dumped before this phase's nonce and digest are written: it shows those of the previous one,
+  // deliberately.
+  PrintCtlPhPkt(config_.sla_id, EncodeControlMessage(request_).data(), kControlMessageSize, false,
+                config_.auth, *context_.keys->Snapshot());
   if (config_.auth.mode != SlaAuthMode::kNone) {
     std::string key;
     try {
@@ -69,7 +71,8 @@ void UdpSender::ControlPhase() {
   }
   try {
     ArmControlReceive();
-    control_socket_.send_to(boost::asio::buffer(EncodeControlMessage(request_)), control_destination_);
+    control_socket_.send_to(boost::asio::buffer(EncodeControlMessage(request_)),
+                            control_destination_);
     StartFuncTimeout(kControlPhaseTimer, static_cast<std::uint32_t>(config_.control_timeout));
   } catch (const std::exception& error) {
     FailControlPhase(kRequestError, error.what());
@@ -84,10 +87,10 @@ void UdpSender::FailControlPhase(int kind, const std::string& reason) {
 }
 
 void UdpSender::ArmControlReceive() {
-  control_socket_.async_wait(Socket::wait_read,
-                             [self = SharedFrom(this), run = run_.load()](const boost::system::error_code& error) {
-                               self->ControlResponse(error, run);
-                             });
+  control_socket_.async_wait(Socket::wait_read, [self = SharedFrom(this), run = run_.load()](
+                                                    const boost::system::error_code& error) {
+    self->ControlResponse(error, run);
+  });
 }
 
 void UdpSender::ControlResponse(const boost::system::error_code& error, RunNumber run) {
@@ -116,11 +119,13 @@ bool UdpSender::TakeControlResponse() {
 
 void UdpSender::HandleResponse() {
   CancelTimer();
-  PrintCtlPhPkt(config_.sla_id, response_.data(), kControlMessageSize, true, config_.auth, *context_.keys->Snapshot());
+  PrintCtlPhPkt(config_.sla_id, response_.data(), kControlMessageSize, true, config_.auth,
+                *context_.keys->Snapshot());
   const ControlPhaseMessage response = DecodeControlMessage(response_);
   if (response.version != kControlProtocolVersion) {
     if (IsErrorLogAllowed(config_.sla_id, kResponseError)) {
-      LOG_ERROR(config_.sla_id, "(test %d) Control phase failed: invalid response control phase protocol version",
+      LOG_ERROR(config_.sla_id,
+                "(test %d) Control phase failed: invalid response control phase protocol version",
                 config_.sla_id);
     }
     FailRun("control phase failed: invalid response control phase protocol version");
@@ -133,8 +138,9 @@ void UdpSender::HandleResponse() {
 
 void UdpSender::StartMeasurement(const ControlPhaseMessage& response) {
   try {
-    measurement_destination_ = Endpoint(boost::asio::ip::address_v4(ntohl(config_.measurement.dst.sin_addr.s_addr)),
-                                        response.measurement_responder_port);
+    measurement_destination_ =
+        Endpoint(boost::asio::ip::address_v4(ntohl(config_.measurement.dst.sin_addr.s_addr)),
+                 response.measurement_responder_port);
     ArmReceive();
     ArmSend();
     StartFuncTimeout(kTestStop, SessionDuration(config_));
@@ -146,26 +152,29 @@ void UdpSender::StartMeasurement(const ControlPhaseMessage& response) {
 void UdpSender::RejectResponse(const ControlPhaseMessage& response) {
   const bool log = IsErrorLogAllowed(config_.sla_id, kResponseError);
   std::string description = metrics_.error_description;
-  // Each later finding overwrites the text of an earlier one; header status "fail" only points to the other two.
+  // Each later finding overwrites the text of an earlier one; header status "fail" only points to
+  // the other two.
   if (response.status != SlaControlStatus::kFail) {
     const std::string name = ControlStatusToString(response.status);
     if (log) {
-      LOG_ERROR(config_.sla_id, "(test %d) Control phase failed: command header status: %s", config_.sla_id,
-                name.c_str());
+      LOG_ERROR(config_.sla_id, "(test %d) Control phase failed: command header status: %s",
+                config_.sla_id, name.c_str());
     }
     description = "control phase failed: command header status: " + name;
   }
   if (response.auth_status != SlaControlStatus::kSuccessful) {
     const std::string name = ControlStatusToString(response.auth_status);
     if (log) {
-      LOG_ERROR(config_.sla_id, "(test %d) Control phase authentication failed: %s", config_.sla_id, name.c_str());
+      LOG_ERROR(config_.sla_id, "(test %d) Control phase authentication failed: %s", config_.sla_id,
+                name.c_str());
     }
     description = "control phase authentication failed: " + name;
   }
   if (response.measurement_status != SlaControlStatus::kSuccessful) {
     const std::string name = ControlStatusToString(response.measurement_status);
     if (log) {
-      LOG_ERROR(config_.sla_id, "(test %d) Control phase measurement failed: %s", config_.sla_id, name.c_str());
+      LOG_ERROR(config_.sla_id, "(test %d) Control phase measurement failed: %s", config_.sla_id,
+                name.c_str());
     }
     description = "control phase measurement failed: " + name;
   }
@@ -177,17 +186,21 @@ void UdpSender::ControlReceiveFailed(const boost::system::error_code& error) {
   std::string description = metrics_.error_description;
   if (error == boost::asio::error::operation_aborted) {
     if (IsErrorLogAllowed(config_.sla_id, kResponseError)) {
-      LOG_ERROR(config_.sla_id, "(test %d) Control phase failed: destination host is not responding", config_.sla_id);
+      LOG_ERROR(config_.sla_id,
+                "(test %d) Control phase failed: destination host is not responding",
+                config_.sla_id);
     }
     description = "control phase failed: destination host is not responding";
   } else if (error == boost::asio::error::connection_refused) {
     if (IsErrorLogAllowed(config_.sla_id, kResponseError)) {
       LOG_ERROR(config_.sla_id,
-                "(test %d) Control phase failed: connection refused. The responder may not be running or is using a "
+                "(test %d) Control phase failed: connection refused. The responder may not be "
+                "running or is using a "
                 "different port",
                 config_.sla_id);
     }
-    description = "control phase failed: connection refused";  // deliberately shorter than the log line
+    description =
+        "control phase failed: connection refused";  // deliberately shorter than the log line
   }
   FailRun(description);
 }
@@ -202,7 +215,8 @@ void UdpSender::AbortControlPhase() {
     FailControlPhase(kAbortError, error.what());
     return;
   }
-  // Reported here and not from the cancelled wait, which may just have completed otherwise and stand in the queue.
+  // Reported here and not from the cancelled wait, which may just have completed otherwise and
+  // stand in the queue.
   ControlReceiveFailed(boost::asio::error::operation_aborted);
 }
 

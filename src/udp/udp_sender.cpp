@@ -34,10 +34,11 @@ udp::endpoint ToEndpoint(const sockaddr_in& address) {
 
 }  // namespace
 
-const Sender::TimerHandler UdpSender::kTestStop{"TestStop",
-                                                [](Sender& test) { static_cast<UdpSender&>(test).TestStop(); }};
+const Sender::TimerHandler UdpSender::kTestStop{
+    "TestStop", [](Sender& test) { static_cast<UdpSender&>(test).TestStop(); }};
 
-UdpSender::UdpSender(boost::asio::io_context& worker, const SlaTaskConfig& task, const SenderContext& context)
+UdpSender::UdpSender(boost::asio::io_context& worker, const SlaTaskConfig& task,
+                     const SenderContext& context)
     : Sender(worker, task, context),
       control_destination_(ToEndpoint(task.control_phase.dst)),
       measurement_socket_(worker),
@@ -47,7 +48,8 @@ UdpSender::UdpSender(boost::asio::io_context& worker, const SlaTaskConfig& task,
   if (header == 0) throw std::runtime_error("Unknown UDP sla sender type");
   // A test whose key is missing is not created. Every control phase then asks the store again.
   static_cast<void>(CurrentKey());
-  for (std::size_t i = header; i < task.packet_size; ++i) send_buffer_[i] = static_cast<std::uint8_t>(std::rand());
+  for (std::size_t i = header; i < task.packet_size; ++i)
+    send_buffer_[i] = static_cast<std::uint8_t>(std::rand());
 }
 
 void UdpSender::StartTest() {
@@ -86,15 +88,17 @@ void UdpSender::BindSockets() {
   const int mtu_discovery = IP_PMTUDISC_DONT;
   SetSockOpt(measurement, IPPROTO_IP, IP_TTL, &ttl, sizeof ttl, "IP_TTL");
   SetSockOpt(measurement, IPPROTO_IP, IP_TOS, &tos, sizeof tos, "IP_TOS");
-  SetSockOpt(measurement, IPPROTO_IP, IP_MTU_DISCOVER, &mtu_discovery, sizeof mtu_discovery, "IP_MTU_DISCOVER");
+  SetSockOpt(measurement, IPPROTO_IP, IP_MTU_DISCOVER, &mtu_discovery, sizeof mtu_discovery,
+             "IP_MTU_DISCOVER");
   const auto bind_to_device = [](int fd, const std::string& name) {
     if (name.empty()) return;
-    SetSockOpt(fd, SOL_SOCKET, SO_BINDTODEVICE, name.c_str(), static_cast<socklen_t>(name.size() + 1),
-               "SO_BINDTODEVICE");
+    SetSockOpt(fd, SOL_SOCKET, SO_BINDTODEVICE, name.c_str(),
+               static_cast<socklen_t>(name.size() + 1), "SO_BINDTODEVICE");
   };
   bind_to_device(control, config_.control_phase.if_name);
   bind_to_device(measurement, config_.measurement.if_name);
-  // Only with queued errors does an unconnected socket learn that the responder's port is closed (ip(7)).
+  // Only with queued errors does an unconnected socket learn that the responder's port is closed
+  // (ip(7)).
   const int on = 1;
   SetSockOpt(control, IPPROTO_IP, IP_RECVERR, &on, sizeof on, "IP_RECVERR");
   EnableReceiveStamps(measurement);
@@ -110,13 +114,14 @@ void UdpSender::CalcTestMetric() {
   if (config_.sla_type == SlaTestType::kUdpEcho) {
     CalcEchoMetric(config_.sla_id, packets_, &metrics_);
   } else {
-    CalcJitterMetrics(config_.sla_id, packets_, &metrics_, highest_counter_, SessionDuration(config_),
-                      config_.sla_type == SlaTestType::kUdpJitterNtp);
+    CalcJitterMetrics(config_.sla_id, packets_, &metrics_, highest_counter_,
+                      SessionDuration(config_), config_.sla_type == SlaTestType::kUdpJitterNtp);
   }
 }
 
 SlaTaskMetrics UdpSender::GetMetrics(const std::list<SlaTaskMetrics>& history) const {
-  const bool copy = config_.sla_type == SlaTestType::kUdpEcho || metrics_.status != RunResult::kSuccessful;
+  const bool copy =
+      config_.sla_type == SlaTestType::kUdpEcho || metrics_.status != RunResult::kSuccessful;
   return copy ? metrics_ : AggregateHistory(history);
 }
 
@@ -126,17 +131,19 @@ void UdpSender::CloseSockets() {
 }
 
 void UdpSender::ArmSend() {
-  measurement_socket_.async_wait(udp::socket::wait_write,
-                                 [self = SharedFrom(this), run = run_.load()](const boost::system::error_code& error) {
-                                   self->SendPacket(error, run);
-                                 });
+  measurement_socket_.async_wait(
+      udp::socket::wait_write,
+      [self = SharedFrom(this), run = run_.load()](const boost::system::error_code& error) {
+        self->SendPacket(error, run);
+      });
 }
 
 void UdpSender::ArmReceive() {
-  measurement_socket_.async_wait(udp::socket::wait_read,
-                                 [self = SharedFrom(this), run = run_.load()](const boost::system::error_code& error) {
-                                   self->ReceivePacket(error, run);
-                                 });
+  measurement_socket_.async_wait(
+      udp::socket::wait_read,
+      [self = SharedFrom(this), run = run_.load()](const boost::system::error_code& error) {
+        self->ReceivePacket(error, run);
+      });
 }
 
 void UdpSender::SendPacket(const boost::system::error_code& error, RunNumber run) {
@@ -151,8 +158,8 @@ bool UdpSender::SendProbe() {
   const timespec now = RealTimeNow();
   OpenRecord(packets_sent_, now).send_stamp = TenNanosecondsOfDay(now);
   boost::system::error_code error;
-  measurement_socket_.send_to(boost::asio::buffer(send_buffer_.data(), config_.packet_size), measurement_destination_,
-                              0, error);
+  measurement_socket_.send_to(boost::asio::buffer(send_buffer_.data(), config_.packet_size),
+                              measurement_destination_, 0, error);
   if (error) {
     if (IsErrorLogAllowed(config_.sla_id, kSendError)) {
       LOG_ERROR(config_.sla_id, "(test %d) %s", config_.sla_id, error.message().c_str());
@@ -167,7 +174,8 @@ void UdpSender::ReceivePacket(const boost::system::error_code& error, RunNumber 
   const std::lock_guard lock(mutex_);
   if (run != run_ || error == boost::asio::error::operation_aborted) return;
   if (error) {
-    LOG_DEBUG(config_.sla_id, "ReceivePacket failed on test %d: %s", config_.sla_id, error.message().c_str());
+    LOG_DEBUG(config_.sla_id, "ReceivePacket failed on test %d: %s", config_.sla_id,
+              error.message().c_str());
     return;
   }
   if (TakeReplies()) ArmReceive();
@@ -175,7 +183,8 @@ void UdpSender::ReceivePacket(const boost::system::error_code& error, RunNumber 
 
 bool UdpSender::TakeReplies(std::size_t most) {
   const auto take = [this](const StampedDatagram& datagram) {
-    if (datagram.bytes == 0) return false;  // an empty datagram ends the receiving of this run, deliberately
+    if (datagram.bytes == 0)
+      return false;  // an empty datagram ends the receiving of this run, deliberately
     TakeReply(datagram);
     return true;
   };
@@ -183,7 +192,8 @@ bool UdpSender::TakeReplies(std::size_t most) {
 }
 
 void UdpSender::TakeReply(const StampedDatagram& datagram) {
-  // The whole buffer, not only the bytes received: a field beyond them reads what the buffer holds, deliberately.
+  // The whole buffer, not only the bytes received: a field beyond them reads what the buffer holds,
+  // deliberately.
   const ProbeReply reply = DecodeReply(receive_buffer_);
   if (reply.type != static_cast<std::uint16_t>(config_.sla_type)) return;
   SlaPacketRecord* record = FindSent(reply.sequence);

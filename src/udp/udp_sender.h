@@ -1,5 +1,6 @@
-// UDP tests: "udp-echo", "udp-jitter" and "udp-jitter-ntp". Each run first agrees with the responder on a session in a
-// control phase, then sends its probes to the port that the responder named.
+// UDP tests: "udp-echo", "udp-jitter" and "udp-jitter-ntp". Each run first agrees with the
+// responder on a session in a control phase, then sends its probes to the port that the responder
+// named.
 
 #ifndef IPSLA_UDP_UDP_SENDER_H_
 #define IPSLA_UDP_UDP_SENDER_H_
@@ -21,14 +22,17 @@ namespace ipsla {
 
 /// One UDP test. Threads, locks and lifetime: see Sender.
 ///
-/// A run: StartTest opens both sockets and calls ControlPhase, which sends the request and waits. The response
-/// (ControlResponse) either starts the measurement or fails the run; so do a refusal and the control time-out. Probes
-/// go out from SendPacket, replies come in through ReceivePacket, and the last reply or TestStop ends the run.
+/// A run: StartTest opens both sockets and calls ControlPhase, which sends the request and waits.
+/// The response (ControlResponse) either starts the measurement or fails the run; so do a refusal
+/// and the control time-out. Probes go out from SendPacket, replies come in through ReceivePacket,
+/// and the last reply or TestStop ends the run.
 class UdpSender final : public Sender {
  public:
-  /// Builds the control request, fetches the key and prepares the probe. Throws std::runtime_error "Unknown UDP sla
-  /// sender type" or "Get auth key failed for test <id>", and what Sender's constructor throws. Use CreateSender.
-  UdpSender(boost::asio::io_context& worker, const SlaTaskConfig& task, const SenderContext& context);
+  /// Builds the control request, fetches the key and prepares the probe. Throws std::runtime_error
+  /// "Unknown UDP sla sender type" or "Get auth key failed for test <id>", and what Sender's
+  /// constructor throws. Use CreateSender.
+  UdpSender(boost::asio::io_context& worker, const SlaTaskConfig& task,
+            const SenderContext& context);
 
  private:
   using Socket = boost::asio::ip::udp::socket;
@@ -46,7 +50,8 @@ class UdpSender final : public Sender {
   void OpenSockets();
   void BindSockets();
 
-  // Control phase (udp_control_phase.cpp). All require mutex_ except ControlResponse, which takes it.
+  // Control phase (udp_control_phase.cpp). All require mutex_ except ControlResponse, which takes
+  // it.
   void ControlPhase();
   [[nodiscard]] std::string CurrentKey() const;
   void ArmControlReceive();

@@ -1,21 +1,23 @@
-// Big-endian fields of UDP payloads at fixed offsets. A field that does not lie wholly inside the bytes at hand reads
-// as zero bytes where they are missing, and is not written at all.
+// Big-endian fields of UDP payloads at fixed offsets. A field that does not lie wholly inside the
+// bytes at hand reads as zero bytes where they are missing, and is not written at all.
 
 #ifndef IPSLA_UDP_WIRE_FIELDS_H_
 #define IPSLA_UDP_WIRE_FIELDS_H_
 
 #include <algorithm>
 #include <array>
-#include <boost/endian/conversion.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <span>
+
+#include <boost/endian/conversion.hpp>
 
 namespace ipsla::wire {
 
 /// `Size` bytes from `offset` on, missing ones as zero.
 template <std::size_t Size>
-[[nodiscard]] std::array<std::uint8_t, Size> LoadBytes(std::span<const std::uint8_t> bytes, std::size_t offset) {
+[[nodiscard]] std::array<std::uint8_t, Size> LoadBytes(std::span<const std::uint8_t> bytes,
+                                                       std::size_t offset) {
   std::array<std::uint8_t, Size> field{};
   if (offset < bytes.size()) {
     const auto present = bytes.subspan(offset, std::min(Size, bytes.size() - offset));
@@ -28,21 +30,25 @@ template <std::size_t Size>
   return LoadBytes<1>(bytes, offset)[0];
 }
 
-[[nodiscard]] inline std::uint16_t LoadU16(std::span<const std::uint8_t> bytes, std::size_t offset) {
+[[nodiscard]] inline std::uint16_t LoadU16(std::span<const std::uint8_t> bytes,
+                                           std::size_t offset) {
   return boost::endian::load_big_u16(LoadBytes<2>(bytes, offset).data());
 }
 
-[[nodiscard]] inline std::uint32_t LoadU32(std::span<const std::uint8_t> bytes, std::size_t offset) {
+[[nodiscard]] inline std::uint32_t LoadU32(std::span<const std::uint8_t> bytes,
+                                           std::size_t offset) {
   return boost::endian::load_big_u32(LoadBytes<4>(bytes, offset).data());
 }
 
-[[nodiscard]] inline std::uint64_t LoadU64(std::span<const std::uint8_t> bytes, std::size_t offset) {
+[[nodiscard]] inline std::uint64_t LoadU64(std::span<const std::uint8_t> bytes,
+                                           std::size_t offset) {
   return boost::endian::load_big_u64(LoadBytes<8>(bytes, offset).data());
 }
 
 /// Puts `field` at `offset` if all of it fits.
 template <std::size_t Size>
-void StoreBytes(std::span<std::uint8_t> bytes, std::size_t offset, const std::array<std::uint8_t, Size>& field) {
+void StoreBytes(std::span<std::uint8_t> bytes, std::size_t offset,
+                const std::array<std::uint8_t, Size>& field) {
   if (offset > bytes.size() || bytes.size() - offset < Size) return;
   std::copy(field.begin(), field.end(), bytes.subspan(offset, Size).begin());
 }

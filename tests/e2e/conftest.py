@@ -17,7 +17,9 @@ def _build_directory():
 def pytest_configure(config):
     cache = _build_directory() / "CMakeCache.txt"
     if not cache.exists():
-        raise pytest.UsageError(f"{cache.parent} is not built: run script/build, or set IPSLA_BUILD_DIR")
+        raise pytest.UsageError(
+            f"{cache.parent} is not built: run script/build, or set IPSLA_BUILD_DIR"
+        )
     if os.geteuid() != 0:
         raise pytest.UsageError("the end-to-end tests make namespaces of their own and need root")
     if "IPSLA_SANITIZE:STRING=\n" not in cache.read_text():
@@ -69,7 +71,9 @@ def pytest_runtest_makereport(item, call):
 def _show(laboratory):
     """Prints what a failed test's daemon had to say."""
     for daemon in laboratory.daemons:
-        print(f"--- daemon {daemon.pid}, status {daemon.process.poll()}, stderr:\n{daemon.stderr[-4000:]}")
+        print(
+            f"--- daemon {daemon.pid}, status {daemon.process.poll()}, stderr:\n{daemon.stderr[-4000:]}"
+        )
     directory = laboratory.path("/var/log/ip-sla")
     if directory.is_dir():
         for path in sorted(directory.iterdir()):

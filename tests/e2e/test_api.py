@@ -1,5 +1,5 @@
-"""The Sender API as raw datagrams: what is echoed, what fails, what each command answers and logs, and that nothing that
-can be sent to the socket keeps the daemon from answering."""
+"""The Sender API as raw datagrams: what is echoed, what fails, what each command answers and logs,
+and that nothing that can be sent to the socket keeps the daemon from answering."""
 
 import json
 import random
@@ -24,7 +24,13 @@ from support.tasks import icmp_echo, icmp_jitter, udp_echo, udp_jitter, udp_jitt
 from support.waiting import wait_for
 
 # A header in which every field that must be echoed is told apart from a default.
-ODD = Header(prefix=b"\xa0\xa1\xa2\xa3\xa4\xa5\xa6\xa7", flags=0xF6, reserved=b"\xb0\xb1", fragment=0x11223344, length=77)
+ODD = Header(
+    prefix=b"\xa0\xa1\xa2\xa3\xa4\xa5\xa6\xa7",
+    flags=0xF6,
+    reserved=b"\xb0\xb1",
+    fragment=0x11223344,
+    length=77,
+)
 UNREACHABLE = "192.0.2.10"  # on no interface
 
 
@@ -34,7 +40,13 @@ def _odd(command, **changes):
 
 def _header_reply(request, result):
     """The 28 bytes that answer a request without JSON."""
-    fields = {**request.__dict__, "flags": request.flags & 0xFE, "length": 28, "block": 8, "result": result}
+    fields = {
+        **request.__dict__,
+        "flags": request.flags & 0xFE,
+        "length": 28,
+        "block": 8,
+        "result": result,
+    }
     return Header(**fields).pack()
 
 
@@ -45,7 +57,12 @@ def _json_replies(request, text):
         last = len(payload) < 8164
         part, payload = payload[:8164], payload[8164:]
         flags = request.flags & 0xFE if last else request.flags | 1
-        fields = {"flags": flags, "fragment": len(datagrams) + 1, "length": len(part) + 28, "block": len(part) + 8}
+        fields = {
+            "flags": flags,
+            "fragment": len(datagrams) + 1,
+            "length": len(part) + 28,
+            "block": len(part) + 8,
+        }
         datagrams.append(Header(**{**request.__dict__, **fields}).pack() + part)
     return datagrams
 
@@ -94,7 +111,12 @@ def test_refused_requests_reach_no_command(daemon, client):
 
 
 def test_missing_header_bytes_read_as_zero(client):
-    whole = Header(prefix=b"\xa0\xa1\xa2\xa3\xa4\xa5\xa6\xa7", flags=0xFF, reserved=b"\xb0\xb1", command=STATISTICS)
+    whole = Header(
+        prefix=b"\xa0\xa1\xa2\xa3\xa4\xa5\xa6\xa7",
+        flags=0xFF,
+        reserved=b"\xb0\xb1",
+        command=STATISTICS,
+    )
     for size in range(1, HEADER_SIZE):
         cut = whole.pack()[:size].ljust(HEADER_SIZE, b"\0")
         client.send(whole.pack()[:size])
@@ -131,7 +153,12 @@ def test_text_that_is_no_json_is_refused(daemon, client, command):
 
 def test_text_ends_at_its_nul_or_at_the_end_of_the_datagram(client):
     expected = _json_replies(_odd(STATUS), '{"tasks":[{"sla-id":1,"status":true}]}')
-    for text in (b'{"tasks":[1]}', b'{"tasks":[1]}\0', b'{"tasks":[1]}\0{"tasks":[10]}', b' \n{"tasks" : [1] }\n\0\xff'):
+    for text in (
+        b'{"tasks":[1]}',
+        b'{"tasks":[1]}\0',
+        b'{"tasks":[1]}\0{"tasks":[10]}',
+        b' \n{"tasks" : [1] }\n\0\xff',
+    ):
         client.send(_odd(STATUS).pack() + text)
         assert [client.receive()] == expected, text
 
@@ -152,7 +179,9 @@ def test_longest_request_is_read_whole_and_a_longer_one_is_not(client):
 
 def test_status_of_known_ids_only_in_the_order_asked_for(client):
     client.send(_odd(STATUS).pack() + b'{"tasks":[1,999]}\0')
-    assert [client.receive()] == _json_replies(_odd(STATUS), '{"tasks":[{"sla-id":1,"status":true}]}')
+    assert [client.receive()] == _json_replies(
+        _odd(STATUS), '{"tasks":[{"sla-id":1,"status":true}]}'
+    )
     text = client.request(STATUS, {"tasks": [10, 65537, 1, -1, "1", 1.9]}).text
     entry = '{"sla-id":%d,"status":true}'
     assert text == '{"tasks":[' + ",".join(entry % number for number in (10, 1, 1)) + "]}"
@@ -264,7 +293,9 @@ def test_groups_come_sorted_and_once_and_unknown_names_are_dropped(daemon, clien
 
 def test_no_valid_group_leaves_the_fixed_keys(daemon, client):
     _with_results(daemon, 1)
-    text = client.request(STATISTICS, {"tasks": [{"sla-id": 1, "metrics": ["no-such-values"]}]}).text
+    text = client.request(
+        STATISTICS, {"tasks": [{"sla-id": 1, "metrics": ["no-such-values"]}]}
+    ).text
     assert _keys(text) == FIXED_KEYS
 
 
@@ -307,7 +338,11 @@ def test_wide_id_shows_the_statistics_of_its_low_16_bits_without_the_configurati
 def test_any_integer_is_taken_for_an_id(daemon, client):
     """Deliberately lenient: what is no number has the integer value 0."""
     _with_results(daemon, 1)
-    tasks = [{"sla-id": "1", "metrics": []}, {"sla-id": None, "metrics": []}, {"sla-id": 1.7, "metrics": []}]
+    tasks = [
+        {"sla-id": "1", "metrics": []},
+        {"sla-id": None, "metrics": []},
+        {"sla-id": 1.7, "metrics": []},
+    ]
     reply = client.request(STATISTICS, {"tasks": tasks})
     assert reply.result == 0
     assert [task["sla-id"] for task in reply.document["tasks"]] == [1]
@@ -324,7 +359,9 @@ def test_request_and_reply_are_logged(daemon, client):
     records = daemon.log_records()
     start = records.index("Recive commad SENDER_API_CSLD_GET_TASK_STATUS")
     assert records[start + 1] == 'SenderAPI request JSON:\n{\n\t"tasks":\t[1]\n}'
-    assert records[start + 2].startswith('SenderAPI response JSON:\n{\n\t"tasks":\t[{\n\t\t\t"sla-id":\t1,\n')
+    assert records[start + 2].startswith(
+        'SenderAPI response JSON:\n{\n\t"tasks":\t[{\n\t\t\t"sla-id":\t1,\n'
+    )
 
 
 def test_reloads_ignore_their_payload(daemon, client):
@@ -350,7 +387,9 @@ def test_replies_of_every_type_follow_the_schema(lab, start_daemon):
     for task in range(1, 7):
         daemon.wait_for_reports(task)
     reply = ApiClient(lab).request(ALL_STATISTICS, {"metrics": GROUPS})
-    schemas.check(json.loads(reply.text, parse_constant=lambda text: pytest.fail(text)), "statistics")
+    schemas.check(
+        json.loads(reply.text, parse_constant=lambda text: pytest.fail(text)), "statistics"
+    )
     by_id = {task["sla-id"]: task for task in reply.document["tasks"]}
     assert [by_id[task]["test-type"] for task in range(1, 7)] == [1, 2, 3, 4, 5, 5]
     assert by_id[4]["vrf-instance"] == "blue" and "vrf-instance" not in by_id[5]
@@ -389,7 +428,8 @@ def test_burst_of_1000_requests_is_answered_whole(client):
     assert prefixes == [struct.pack(">Q", number) for number in range(1000)]
 
 
-# -- hostile datagrams -----------------------------------------------------------------------------------------------
+# -- hostile datagrams
+# -----------------------------------------------------------------------------------------------
 
 _SEEDS = [
     b'{"tasks":[{"sla-id":1,"metrics":["rtt-values","loss-values"]},{"sla-id":10,"metrics":[]}]}\0',
@@ -411,7 +451,11 @@ def _hostile_text(rng):
     if kind == 3:
         return b'{"tasks":[' + b"1" * rng.randrange(8000) + b"]}"
     if kind == 4:
-        return b'{"tasks":["\\u' + bytes(rng.choices(b"0123456789abcdefDd8cCxX\\u", k=rng.randrange(40))) + b'"]}\0'
+        return (
+            b'{"tasks":["\\u'
+            + bytes(rng.choices(b"0123456789abcdefDd8cCxX\\u", k=rng.randrange(40)))
+            + b'"]}\0'
+        )
     seed = bytearray(rng.choice(_SEEDS))
     for _ in range(rng.randrange(4)):
         seed[rng.randrange(len(seed))] = rng.randrange(256)
@@ -420,7 +464,11 @@ def _hostile_text(rng):
 
 def _hostile_datagram(rng, number):
     """Its first 8 bytes, when it has so many, tell it from the others."""
-    header = bytearray(Header(prefix=struct.pack(">Q", number), command=rng.choice([0, 0, 1, 2, 2, 3, 4, 5, 9])).pack())
+    header = bytearray(
+        Header(
+            prefix=struct.pack(">Q", number), command=rng.choice([0, 0, 1, 2, 2, 3, 4, 5, 9])
+        ).pack()
+    )
     if rng.random() < 0.3:
         for _ in range(rng.randrange(1, 5)):
             header[rng.randrange(8, HEADER_SIZE)] = rng.randrange(256)
@@ -435,7 +483,9 @@ def _hostile_datagram(rng, number):
 def test_10000_hostile_datagrams_leave_the_daemon_answering(daemon, client):
     client.socket.setsockopt(socket.SOL_SOCKET, 33, 16 << 20)  # SO_RCVBUFFORCE
     threads = len(daemon.threads())
-    descriptors = max(len(daemon.descriptors()) for _ in range(200))  # with a run's socket or without
+    descriptors = max(
+        len(daemon.descriptors()) for _ in range(200)
+    )  # with a run's socket or without
     rng = random.Random(20101)
     for first in range(0, 10000, 200):
         sent = [_hostile_datagram(rng, first + index) for index in range(200)]
@@ -447,7 +497,9 @@ def test_10000_hostile_datagrams_leave_the_daemon_answering(daemon, client):
     last = _odd(STATUS)
     client.send(last.pack() + b'{"tasks":[1]}\0')
     wait_for(
-        lambda: client.receive() == _json_replies(last, '{"tasks":[{"sla-id":1,"status":true}]}')[0], "a correct answer"
+        lambda: client.receive()
+        == _json_replies(last, '{"tasks":[{"sla-id":1,"status":true}]}')[0],
+        "a correct answer",
     )
     assert daemon.is_running()
     assert len(daemon.threads()) == threads

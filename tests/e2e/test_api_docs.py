@@ -1,4 +1,6 @@
-"""docs/sender-api.md against a running daemon: every request on the page is sent, every reply compared."""
+"""docs/sender-api.md against a running daemon: every request on the page is sent, every reply
+compared.
+"""
 
 import json
 import pathlib
@@ -12,7 +14,9 @@ from support.tasks import icmp_echo, icmp_jitter
 PAGE = (pathlib.Path(__file__).resolve().parents[2] / "docs" / "sender-api.md").read_text()
 BLOCKS = {
     (role, name): (form, text)
-    for form, role, name, text in re.findall(r"^```(\w+) (request|reply) (\S+)\n(.*?)^```$", PAGE, re.M | re.S)
+    for form, role, name, text in re.findall(
+        r"^```(\w+) (request|reply) (\S+)\n(.*?)^```$", PAGE, re.M | re.S
+    )
 }
 NAMES = sorted({name for _, name in BLOCKS})
 JSON_COMMANDS = {"statistics": STATISTICS, "all-statistics": ALL_STATISTICS}
@@ -34,14 +38,24 @@ def _bytes(dump):
     for line in dump.splitlines():
         assert int(line[:4], 16) == len(data), line
         data += bytes.fromhex(line[6:53])
-        readable = "".join(chr(byte) if 32 <= byte < 127 else "." for byte in data[int(line[:4], 16) :])
+        readable = "".join(
+            chr(byte) if 32 <= byte < 127 else "." for byte in data[int(line[:4], 16) :]
+        )
         assert line[55:] == readable, line
     return data
 
 
 def test_page_has_an_example_of_every_command():
     assert NAMES == sorted(
-        ["all-statistics", "failure", "reload-keychain", "reload-tasks", "statistics", "status", "unknown"]
+        [
+            "all-statistics",
+            "failure",
+            "reload-keychain",
+            "reload-tasks",
+            "statistics",
+            "status",
+            "unknown",
+        ]
     )
     assert all((role, name) in BLOCKS for role in ("request", "reply") for name in NAMES)
 

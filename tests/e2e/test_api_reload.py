@@ -1,4 +1,6 @@
-"""Reloading both files through the Sender API while tests run: what is undisturbed, what starts afresh, what is gone."""
+"""Reloading both files through the Sender API while tests run: what is undisturbed, what starts
+afresh, what is gone.
+"""
 
 import struct
 
@@ -12,8 +14,16 @@ PROBES, INTERVAL, TIMEOUT = 10, 20, 1000
 
 
 def _task(number, **changes):
-    """Tells itself to the responder by its timeout, which is part of the duration in its control requests."""
-    options = {"time": 2, "packets": PROBES, "interval": INTERVAL, "timeout": TIMEOUT + number, **changes}
+    """Tells itself to the responder by its timeout, which is part of the duration in its control
+    requests.
+    """
+    options = {
+        "time": 2,
+        "packets": PROBES,
+        "interval": INTERVAL,
+        "timeout": TIMEOUT + number,
+        **changes,
+    }
     return udp_jitter(number, **options)
 
 
@@ -35,7 +45,11 @@ def test_reload_among_50_tests_disturbs_none_that_is_unchanged(lab, start_daemon
     before = {number: _task(number) for number in range(1, 51)}
     daemon = start_daemon(before.values(), cpus=[0, 1])
     client = ApiClient(lab)
-    wait_for(lambda: all(len(runs) >= 2 for runs in _runs_by_task(responder).values()), "every test's second run", 40)
+    wait_for(
+        lambda: all(len(runs) >= 2 for runs in _runs_by_task(responder).values()),
+        "every test's second run",
+        40,
+    )
     wait_for(lambda: len(client.all_statistics(groups=[])) == 50, "every test's result", 40)
 
     old = {task["sla-id"]: task for task in client.all_statistics(groups=[])}
@@ -48,9 +62,15 @@ def test_reload_among_50_tests_disturbs_none_that_is_unchanged(lab, start_daemon
     assert client.reload_tasks() == 0
 
     (changed,) = client.statistics(7, groups=[]) or [{"successful-count": 0, "failed-count": 0}]
-    assert changed["successful-count"] + changed["failed-count"] <= 1, "a changed test starts afresh"
+    assert (
+        changed["successful-count"] + changed["failed-count"] <= 1
+    ), "a changed test starts afresh"
     assert client.statistics(9) == [] and client.status(9) == []
-    wait_for(lambda: len(client.all_statistics(groups=[])) == 50, "a result of the new and of the changed test", 40)
+    wait_for(
+        lambda: len(client.all_statistics(groups=[])) == 50,
+        "a result of the new and of the changed test",
+        40,
+    )
     marks = {number: len(runs) for number, runs in _runs_by_task(responder).items()}
     wait_for(
         lambda: all(len(_runs_by_task(responder)[number]) >= marks[number] + 3 for number in after),
@@ -177,7 +197,9 @@ def test_200_reloads_leak_nothing(lab, start_daemon):
     def reload(variant):
         daemon.write_tasks(variant)
         assert client.reload_tasks() == 0
-        assert [task["sla-id"] for task in client.status(1, 2, 3, 4)] == [task["sla-id"] for task in variant]
+        assert [task["sla-id"] for task in client.status(1, 2, 3, 4)] == [
+            task["sla-id"] for task in variant
+        ]
 
     def settled():
         """Descriptors apart from those of a run under way."""

@@ -46,7 +46,9 @@ def test_bad_option_and_missing_argument_print_the_usage(build, start_daemon, ar
     ],
     ids=["no files", "no keychain", "absent", "directory"],
 )
-def test_keychain_that_cannot_be_read_ends_the_start(lab, start_daemon, tmp_path, arguments, reason):
+def test_keychain_that_cannot_be_read_ends_the_start(
+    lab, start_daemon, tmp_path, arguments, reason
+):
     tasks = tmp_path / "tasks.json"
     tasks.write_text('{"IP-SLA-tasks": []}')
     daemon = start_daemon(wait=False, arguments=[text.format(tasks=tasks) for text in arguments])
@@ -149,8 +151,11 @@ def test_clean_stop_on_sigterm(start_daemon):
 
 def test_second_daemon_goes_on_without_the_api_socket(lab, start_daemon):
     start_daemon([])
-    # It shares the first one's log files; its own outputs are told apart by the system-log recording.
+    # It shares the first one's log files; its own outputs are told apart by the system-log
+    # recording.
     second = Daemon(lab, [icmp_echo(5)])
     second.wait_for_reports(5)
     texts = [record.text for record in second.syslog()]
-    assert any(text.endswith("Sender api creation failed: bind: Address already in use") for text in texts)
+    assert any(
+        text.endswith("Sender api creation failed: bind: Address already in use") for text in texts
+    )

@@ -1,4 +1,6 @@
-"""The control-phase exchange end to end: every way to fail with its texts, and the responses that count."""
+"""The control-phase exchange end to end: every way to fail with its texts, and the responses that
+count.
+"""
 
 import socket
 import struct
@@ -24,7 +26,9 @@ def a_task(number, **changes):
 
 
 class PlannedResponder(ScriptedResponder):
-    """Answers by task and by the number of that task's request: `plan(task, number)` gives the Control."""
+    """Answers by task and by the number of that task's request: `plan(task, number)` gives the
+    Control.
+    """
 
     def __init__(self, lab, plan, **options):
         self._plan = plan
@@ -48,7 +52,11 @@ def failed(text):
 
 # What the responder answers, the texts after "(test N) " in the logs, the text in the result.
 ROWS = [
-    (Control(silent=True), [NOT_RESPONDING], "control phase failed: destination host is not responding"),
+    (
+        Control(silent=True),
+        [NOT_RESPONDING],
+        "control phase failed: destination host is not responding",
+    ),
     (None, [REFUSED], "control phase failed: connection refused"),
     (
         Control(version=3),
@@ -80,7 +88,10 @@ ROWS = [
     ),
     (
         Control(status=4, authentication_status=2),
-        [failed("requested port is busy"), "Control phase authentication failed: authentication fail"],
+        [
+            failed("requested port is busy"),
+            "Control phase authentication failed: authentication fail",
+        ],
         "control phase authentication failed: authentication fail",
     ),
     (
@@ -102,12 +113,16 @@ ROWS = [
 
 
 def errors_in_file(daemon, number):
-    return [record for record in daemon.log_records(number) if record.startswith(f"(test {number}) ")]
+    return [
+        record for record in daemon.log_records(number) if record.startswith(f"(test {number}) ")
+    ]
 
 
 def errors_in_system_log(daemon, number):
     return [
-        record for record in daemon.syslog() if record.severity == 3 and f": (test {number}) " in record.text
+        record
+        for record in daemon.syslog()
+        if record.severity == 3 and f": (test {number}) " in record.text
     ]
 
 
@@ -115,7 +130,10 @@ def test_every_failure_has_its_texts_and_is_logged_once_a_minute(lab, start_daem
     rows = dict(enumerate(ROWS, 1))
     responder = PlannedResponder(lab, lambda number, count: rows[number][0])
     daemon = start_daemon(
-        [a_task(number, control={"dst-port": CLOSED_PORT} if row[0] is None else {}) for number, row in rows.items()]
+        [
+            a_task(number, control={"dst-port": CLOSED_PORT} if row[0] is None else {})
+            for number, row in rows.items()
+        ]
     )
     for number, (_, lines, text) in rows.items():
         reports = daemon.wait_for_reports(number, count=3)
@@ -123,7 +141,9 @@ def test_every_failure_has_its_texts_and_is_logged_once_a_minute(lab, start_daem
         expected = [f"(test {number}) {line}" for line in lines]
         assert errors_in_file(daemon, number) == expected
         found = errors_in_system_log(daemon, number)
-        assert [record.text for record in found] == [f"%IP_SLA-E-ERROR: {line}" for line in expected]
+        assert [record.text for record in found] == [
+            f"%IP_SLA-E-ERROR: {line}" for line in expected
+        ]
         assert {(record.flag, record.module) for record in found} <= {(0, 59)}
     for entry in ApiClient(lab).statistics(*rows):
         assert (entry["status"], entry["error-description"]) == ("fail", rows[entry["sla-id"]][2])
@@ -131,7 +151,8 @@ def test_every_failure_has_its_texts_and_is_logged_once_a_minute(lab, start_daem
         assert entry["transm-pkt-count"] == entry["sd-smp-count"] == entry["sd-pkt-count"] == 0
     for number, (control, _, _) in rows.items():
         if control is not None:
-            # One request a run, however long the configured "retry": the next one is the next run's.
+            # One request a run, however long the configured "retry": the next one is the next
+            # run's.
             assert responder.requests_of(number) <= len(daemon.reports(number)) + 1
 
 
@@ -154,7 +175,9 @@ def test_a_nonce_that_cannot_be_had_is_an_internal_error(lab, start_daemon):
     daemon.wait_for_record("RAND_bytes() failed for test 1", task=1, count=2)
     assert errors_in_file(daemon, 1) == []
     assert daemon.wait_for_reports(2)[0].status == "successful"
-    assert all(data[28] == 1 for data, _ in responder.requests), "only the test without a key has asked"
+    assert all(
+        data[28] == 1 for data, _ in responder.requests
+    ), "only the test without a key has asked"
 
 
 def test_kinds_of_errors_are_limited_apart_and_results_are_not(lab, start_daemon):
@@ -175,7 +198,9 @@ def test_kinds_of_errors_are_limited_apart_and_results_are_not(lab, start_daemon
 
 def test_the_next_run_after_a_failed_control_phase_comes_after_retry_seconds(lab, start_daemon):
     responder = PlannedResponder(lab, lambda number, count: Control(status=2))
-    daemon = start_daemon([a_task(1, time=600, control={"retry": 1}), a_task(2, time=1, control={"retry": 600})])
+    daemon = start_daemon(
+        [a_task(1, time=600, control={"retry": 1}), a_task(2, time=1, control={"retry": 600})]
+    )
     daemon.wait_for_reports(1, count=3)
     assert len(daemon.reports(2)) == 1 and responder.requests_of(2) == 1
     assert "func 'NewStart' timeout 1000 ms" in daemon.log_records(1)
@@ -183,7 +208,9 @@ def test_the_next_run_after_a_failed_control_phase_comes_after_retry_seconds(lab
 
 
 def test_a_refused_run_does_not_spoil_the_next(lab, start_daemon):
-    """The refusal is read away, so the socket of no later run reports it, and the responder found then serves."""
+    """The refusal is read away, so the socket of no later run reports it, and the responder found
+    then serves.
+    """
     daemon = start_daemon([a_task(1)])
     daemon.wait_for_reports(1, count=2)
     ScriptedResponder(lab)
@@ -193,13 +220,21 @@ def test_a_refused_run_does_not_spoil_the_next(lab, start_daemon):
 
 
 def test_a_single_byte_of_the_right_version_is_a_response_with_port_0(lab, start_daemon):
-    responder = PlannedResponder(lab, lambda number, count: Control() if count == 0 else Control(raw=b"\x02"))
+    responder = PlannedResponder(
+        lab, lambda number, count: Control() if count == 0 else Control(raw=b"\x02")
+    )
     daemon = start_daemon([a_task(1, packets=3)])
     reports = daemon.wait_for_reports(1, count=3)
     # The first run's port is not left over in the buffer: nothing is sent to it any more.
     assert [report.status for report in reports[:3]] == ["successful", "fail", "fail"]
-    assert [report.error for report in reports[:3]] == ["", "timeout, no samples", "timeout, no samples"]
-    assert len(responder.runs[0].arrivals) == 3 and len(responder.runs) == 1 and responder._strays == 0
+    assert [report.error for report in reports[:3]] == [
+        "",
+        "timeout, no samples",
+        "timeout, no samples",
+    ]
+    assert (
+        len(responder.runs[0].arrivals) == 3 and len(responder.runs) == 1 and responder._strays == 0
+    )
     (line,) = errors_in_file(daemon, 1)
     assert line == "(test 1) Invalid argument"
 
@@ -260,17 +295,23 @@ def test_only_the_first_response_counts(lab, start_daemon):
     assert {(report.status, report.error) for report in reports} == {("successful", "")}
     assert errors_in_file(daemon, 1) == []
     assert len(daemon.log_records(1)) > 0
-    responses = [text for text in daemon.log_records(1) if text.startswith(" [Control phase response]")]
+    responses = [
+        text for text in daemon.log_records(1) if text.startswith(" [Control phase response]")
+    ]
     assert len(responses) <= len(responder.requests)
 
 
 @pytest.mark.parametrize("delay", [0.0, 0.6], ids=["at once", "shortly before the time-out"])
 def test_the_control_time_out_does_not_reach_into_the_measurement(lab, start_daemon, delay):
-    """The measurement outlasts the control phase's time: only the measurement's own timer is running then."""
+    """The measurement outlasts the control phase's time: only the measurement's own timer is
+    running then.
+    """
     control_ms = int(1000 * SCALE)
     PlannedResponder(lab, lambda number, count: Control(delay=delay * SCALE))
     changes = {"packets": 12, "interval": int(100 * SCALE), "timeout": int(1000 * SCALE)}
-    daemon = start_daemon([a_task(1, time=int(10 * SCALE), control={"timeout": control_ms}, **changes)])
+    daemon = start_daemon(
+        [a_task(1, time=int(10 * SCALE), control={"timeout": control_ms}, **changes)]
+    )
     (report, *_) = daemon.wait_for_reports(1)
     assert (report.status, report.error, report.ds_packets) == ("successful", "", 12)
     assert errors_in_file(daemon, 1) == []
@@ -280,15 +321,23 @@ def test_a_response_after_the_time_out_is_nothing(lab, start_daemon):
     PlannedResponder(lab, lambda number, count: Control(delay=0.5) if count == 0 else Control())
     daemon = start_daemon([a_task(1, time=3, control={"timeout": 200, "retry": 2})])
     reports = daemon.wait_for_reports(1, count=2)
-    assert [report.error for report in reports[:2]] == ["control phase failed: destination host is not responding", ""]
+    assert [report.error for report in reports[:2]] == [
+        "control phase failed: destination host is not responding",
+        "",
+    ]
     assert reports[1].status == "successful"
 
 
 def test_a_test_restarted_in_its_control_phase_reports_only_its_new_run(lab, start_daemon):
-    """A change on the test's interface restarts it at once; the old run leaves no result and no error line."""
+    """A change on the test's interface restarts it at once; the old run leaves no result and no
+    error line.
+    """
     lab.add_peer("peer", "10.2.0.1/24", "10.2.0.2/24")
     responder = PlannedResponder(
-        lab, lambda number, count: Control(delay=1.0) if count == 0 else Control(), address="10.2.0.2", namespace="peer"
+        lab,
+        lambda number, count: Control(delay=1.0) if count == 0 else Control(),
+        address="10.2.0.2",
+        namespace="peer",
     )
     control = {"timeout": int(20000 * SCALE)}
     daemon = start_daemon([a_task(1, src="10.2.0.1", dst="10.2.0.2", time=600, control=control)])
@@ -298,7 +347,9 @@ def test_a_test_restarted_in_its_control_phase_reports_only_its_new_run(lab, sta
     daemon.wait_for_reports(1)
     wait_for(lambda: not responder._later, "the late response to the first request to be sent")
     reports = daemon.reports(1)
-    assert [(report.status, report.error) for report in reports] == [("successful", "")] * len(reports)
+    assert [(report.status, report.error) for report in reports] == [("successful", "")] * len(
+        reports
+    )
     (entry,) = ApiClient(lab).statistics(1)
     assert (entry["successful-count"], entry["failed-count"]) == (len(reports), 0)
     assert errors_in_file(daemon, 1) == []
@@ -312,6 +363,8 @@ def test_a_task_replaced_in_its_control_phase_leaves_no_result(lab, start_daemon
     api = ApiClient(lab)
     assert api.reload_tasks() == 0
     reports = daemon.wait_for_reports(1, count=2)
-    assert {(report.status, report.error, report.sd_packets) for report in reports} == {("successful", "", 2)}
+    assert {(report.status, report.error, report.sd_packets) for report in reports} == {
+        ("successful", "", 2)
+    }
     assert errors_in_file(daemon, 1) == []
     assert api.statistics(1)[0]["failed-count"] == 0

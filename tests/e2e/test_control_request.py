@@ -1,4 +1,6 @@
-"""Control-phase requests as they leave the daemon: golden bytes, digests recomputed, keys that change, dumps."""
+"""Control-phase requests as they leave the daemon: golden bytes, digests recomputed, keys that
+change, dumps.
+"""
 
 import struct
 
@@ -14,18 +16,35 @@ KINDS = ["udp-echo", "udp-jitter", "udp-jitter-ntp"]
 KEYCHAIN = {7: "a key of the chain", 255: "0x0102"}
 AUTHENTICATIONS = {
     "open": ({"mode": "no"}, b""),
-    "password sha256": ({"mode": "password", "algorithm": "sha256", "key-string": "0x0a1B"}, b"\x0a\x1b"),
-    "password hmac": ({"mode": "password", "algorithm": "hmac-sha256", "key-string": "not hex"}, b"not hex"),
-    "long password": ({"mode": "password", "algorithm": "hmac-sha256", "key-string": "k" * 200}, b"k" * 200),
-    "odd hex password": ({"mode": "password", "algorithm": "sha256", "key-string": "abc"}, b"\xab\x0c"),
-    "keychain sha256": ({"mode": "keychain", "algorithm": "sha256", "key-id": 7}, b"a key of the chain"),
+    "password sha256": (
+        {"mode": "password", "algorithm": "sha256", "key-string": "0x0a1B"},
+        b"\x0a\x1b",
+    ),
+    "password hmac": (
+        {"mode": "password", "algorithm": "hmac-sha256", "key-string": "not hex"},
+        b"not hex",
+    ),
+    "long password": (
+        {"mode": "password", "algorithm": "hmac-sha256", "key-string": "k" * 200},
+        b"k" * 200,
+    ),
+    "odd hex password": (
+        {"mode": "password", "algorithm": "sha256", "key-string": "abc"},
+        b"\xab\x0c",
+    ),
+    "keychain sha256": (
+        {"mode": "keychain", "algorithm": "sha256", "key-id": 7},
+        b"a key of the chain",
+    ),
     "keychain hmac": ({"mode": "keychain", "algorithm": "hmac-sha256", "key-id": 255}, b"0x0102"),
 }
 CONTROL_PORT, FIRST_PORT = 2000, 3000
 
 
 def requests_of(responder, number):
-    """The requests of task `number`, told by the measurement port that they ask for, with their source ports."""
+    """The requests of task `number`, told by the measurement port that they ask for, with their
+    source ports.
+    """
     return [
         (data, source[1])
         for data, source in list(responder.requests)
@@ -36,21 +55,34 @@ def requests_of(responder, number):
 def a_task(number, kind="udp-jitter", authentication=None, **changes):
     changes.setdefault("packets", 1)
     measurement = {"dst-port": FIRST_PORT + number, **changes.pop("measurement", {})}
-    return task(number, kind, authentication=authentication or {"mode": "no"}, measurement=measurement, **changes)
+    return task(
+        number,
+        kind,
+        authentication=authentication or {"mode": "no"},
+        measurement=measurement,
+        **changes,
+    )
 
 
 def test_requests_of_every_type_and_authentication(lab, start_daemon):
     tasks, keys = [], []
     for kind in KINDS:
         for authentication, key in AUTHENTICATIONS.values():
-            tasks.append(a_task(len(tasks) + 1, kind, dict(authentication), packets=10, interval=20, timeout=700))
+            tasks.append(
+                a_task(
+                    len(tasks) + 1, kind, dict(authentication), packets=10, interval=20, timeout=700
+                )
+            )
             keys.append(key)
     responder = ScriptedResponder(lab)
     responder.control = lambda number: Control(status=1)
     start_daemon(tasks, keychain=KEYCHAIN)
     for configured, key in zip(tasks, keys):
         number = configured["sla-id"]
-        seen = wait_for(lambda: (lambda s: s if len(s) >= 3 else None)(requests_of(responder, number)), "3 requests")
+        seen = wait_for(
+            lambda: (lambda s: s if len(s) >= 3 else None)(requests_of(responder, number)),
+            "3 requests",
+        )
         authentication = configured["control-phase"]["authentication"]
         for data, source_port in seen:
             measurement_port = struct.unpack_from(">H", data, 164)[0]
@@ -59,9 +91,14 @@ def test_requests_of_every_type_and_authentication(lab, start_daemon):
             if authentication["mode"] == "no":
                 assert data[32:80] == bytes(48)
             else:
-                assert data[DIGEST] == digest(data, authentication["algorithm"], key), (configured, data.hex())
+                assert data[DIGEST] == digest(data, authentication["algorithm"], key), (
+                    configured,
+                    data.hex(),
+                )
         if authentication["mode"] != "no":
-            assert len({data[NONCE] for data, _ in seen}) == len(seen), "every control phase has a nonce of its own"
+            assert len({data[NONCE] for data, _ in seen}) == len(
+                seen
+            ), "every control phase has a nonce of its own"
             assert bytes(16) not in {data[NONCE] for data, _ in seen}
 
 
@@ -88,7 +125,9 @@ def test_duration_and_fixed_ports_in_the_request(lab, start_daemon):
 def test_reserved_bytes_are_zero(lab, start_daemon):
     responder = ScriptedResponder(lab)
     responder.control = lambda number: Control(status=1)
-    start_daemon([a_task(1, authentication=dict(AUTHENTICATIONS["keychain hmac"][0]))], keychain=KEYCHAIN)
+    start_daemon(
+        [a_task(1, authentication=dict(AUTHENTICATIONS["keychain hmac"][0]))], keychain=KEYCHAIN
+    )
     wait_for(lambda: responder.requests, "a request")
     data = responder.requests[0][0]
     for first, last in ((1, 1), (4, 7), (12, 19), (30, 30), (91, 95), (162, 163)):
@@ -121,7 +160,10 @@ def test_a_keychain_read_again_changes_the_key_of_a_running_test(lab, start_daem
     daemon.wait_for_record("(test 1) Get auth key failed for test 1", task=1)
     while_gone = len(responder.requests)
     failed = count(lambda report: report.error == "Start test failed")
-    wait_for(lambda: count(lambda report: report.error == "Start test failed") > failed, "a further run without a key")
+    wait_for(
+        lambda: count(lambda report: report.error == "Start test failed") > failed,
+        "a further run without a key",
+    )
     assert len(responder.requests) == while_gone, "no request without a key"
     daemon.write_keychain({7: "third"})
     assert api.reload_keychain() == 0
@@ -132,11 +174,15 @@ def test_a_keychain_read_again_changes_the_key_of_a_running_test(lab, start_daem
 
 def _dumps(records, title):
     """Start indexes of the dumps of one kind in a list of records."""
-    return [place for place, text in enumerate(records) if text.startswith(f" [Control phase {title}]")]
+    return [
+        place for place, text in enumerate(records) if text.startswith(f" [Control phase {title}]")
+    ]
 
 
 @pytest.mark.parametrize("name", ["open", "password hmac", "keychain sha256"])
-def test_dumps_show_the_request_before_its_nonce_and_the_response_as_received(lab, start_daemon, name):
+def test_dumps_show_the_request_before_its_nonce_and_the_response_as_received(
+    lab, start_daemon, name
+):
     authentication, key = AUTHENTICATIONS[name]
     mode = authentication["mode"]
     configured = a_task(1, authentication=dict(authentication))
@@ -146,7 +192,8 @@ def test_dumps_show_the_request_before_its_nonce_and_the_response_as_received(la
     records = daemon.log_records(1)
     requests, responses = _dumps(records, "request"), _dumps(records, "response")
     first, second = (data for data, _ in responder.requests[:2])
-    # Before the first run's nonce and digest there are none, before the second's there are the first's.
+    # Before the first run's nonce and digest there are none, before the second's there are the
+    # first's.
     shown_second = second[:32] + first[32:80] + second[80:]
     for start, message in ((requests[0], unsigned(first)), (requests[1], shown_second)):
         expected = dump_records(message, mode, key.decode())
@@ -161,8 +208,13 @@ def test_dumps_show_the_request_before_its_nonce_and_the_response_as_received(la
     assert requests[0] < timers[1] < responses[0] < timers[2]
     assert records[timers[1]] == "func 'ControlPhaseTimer' timeout 500 ms"
     assert records[timers[2]] == "func 'TestStop' timeout 317 ms"
-    ids = [record.text for record in daemon.syslog() if "   .  .  |- ID                     : #" in record.text]
-    # The system log gets the key id of a password task too; the file gets it of a keychain task only.
+    ids = [
+        record.text
+        for record in daemon.syslog()
+        if "   .  .  |- ID                     : #" in record.text
+    ]
+    # The system log gets the key id of a password task too; the file gets it of a keychain task
+    # only.
     assert (len(ids) > 0) == (mode != "no")
 
 

@@ -1,4 +1,6 @@
-"""ip-sla-ctl against a daemon: what each command prints, exactly but for measured times, and its exit status."""
+"""ip-sla-ctl against a daemon: what each command prints, exactly but for measured times, and its
+exit status.
+"""
 
 import os
 import re
@@ -21,7 +23,8 @@ def daemon(lab, start_daemon):
     return start_usual_daemon(lab, start_daemon)
 
 
-# -- show ------------------------------------------------------------------------------------------------------------
+# -- show
+# ------------------------------------------------------------------------------------------------------------
 
 
 def test_show_is_a_table_of_all_results_and_tells_a_failing_test(ctl, daemon):
@@ -55,7 +58,10 @@ def test_show_of_an_unknown_task_is_an_error(ctl, daemon):
 
 
 def test_show_metrics_has_every_value(ctl, daemon):
-    lines = [re.sub(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d", "TIME", line) for line in masked(ctl("show", "--metrics", 2, 9))]
+    lines = [
+        re.sub(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d", "TIME", line)
+        for line in masked(ctl("show", "--metrics", 2, 9))
+    ]
     assert re.fullmatch(r"run of TIME to TIME, \d+s ago; \d+ ok, 0 failed", lines.pop(1))
     assert lines == [
         "task 2 icmp-jitter 10.1.0.1 -> 10.1.0.2, VRF blue: ok",
@@ -106,7 +112,8 @@ def test_show_of_a_reply_in_many_fragments(ctl, start_daemon):
     wait_for(lambda: len(ctl("show").splitlines()) == 101, "a row for each of 100 tasks")
 
 
-# -- status ----------------------------------------------------------------------------------------------------------
+# -- status
+# ----------------------------------------------------------------------------------------------------------
 
 
 def test_status_names_every_configured_task(ctl, daemon):
@@ -132,21 +139,31 @@ def test_status_of_chosen_tasks(ctl, daemon):
     }
 
 
-# -- reload ----------------------------------------------------------------------------------------------------------
+# -- reload
+# ----------------------------------------------------------------------------------------------------------
 
 
 def test_reload_tasks_prints_what_was_applied(ctl, start_daemon):
     daemon = start_daemon([icmp_echo(number, time=60) for number in (1, 2, 3)])
     for number in (1, 2, 3):
         daemon.wait_for_reports(number)
-    daemon.write_tasks([icmp_echo(1, time=60), icmp_echo(3, time=60, packets=4), icmp_echo(4, time=60), icmp_echo(6)])
+    daemon.write_tasks(
+        [
+            icmp_echo(1, time=60),
+            icmp_echo(3, time=60, packets=4),
+            icmp_echo(4, time=60),
+            icmp_echo(6),
+        ]
+    )
     assert ctl("reload", "tasks").splitlines() == [
         "tasks reloaded: 2 added, 1 removed, 1 restarted, 1 unchanged",
         "added:     4 6",
         "removed:   2",
         "restarted: 3",
     ]
-    assert ctl("reload", "tasks") == "tasks reloaded: 0 added, 0 removed, 0 restarted, 4 unchanged\n"
+    assert (
+        ctl("reload", "tasks") == "tasks reloaded: 0 added, 0 removed, 0 restarted, 4 unchanged\n"
+    )
     assert ctl.json("reload", "tasks") == {
         "reloaded": "tasks",
         "added": [],
@@ -186,7 +203,8 @@ def test_keychain_that_cannot_be_read_tells_the_daemons_end(ctl, daemon, timeout
     assert daemon.wait_exit() == 1
 
 
-# -- probe -----------------------------------------------------------------------------------------------------------
+# -- probe
+# -----------------------------------------------------------------------------------------------------------
 
 NUMBER = r"\d+(\.\d+)?"
 
@@ -209,8 +227,12 @@ def test_probe_of_a_fine_task(ctl, daemon):
 
 def test_probe_exits_as_monitoring_plugins_do(ctl, daemon):
     assert ctl("probe", 1, "-w", "rtt=0", status=1).startswith("WARNING - task 1 icmp-echo: rtt ")
-    assert ctl("probe", 1, "-w", "rtt=0", "-c", "rtt=0", status=2).startswith("CRITICAL - task 1 icmp-echo: rtt ")
-    assert re.fullmatch(rf"CRITICAL - task 5 icmp-echo: {NO_SOURCE} \| age=\d+s;;;;\n", ctl("probe", 5, status=2))
+    assert ctl("probe", 1, "-w", "rtt=0", "-c", "rtt=0", status=2).startswith(
+        "CRITICAL - task 1 icmp-echo: rtt "
+    )
+    assert re.fullmatch(
+        rf"CRITICAL - task 5 icmp-echo: {NO_SOURCE} \| age=\d+s;;;;\n", ctl("probe", 5, status=2)
+    )
     assert ctl("probe", 9, status=3) == "UNKNOWN - task 9 has no result yet\n"
     assert ctl("probe", 7, status=3) == "UNKNOWN - no task 7 is configured\n"
     assert ctl.json("probe", 5, status=2)["state"] == "CRITICAL"
@@ -220,12 +242,21 @@ def test_probe_without_a_daemon_is_unknown(ctl, lab):
     assert ctl("probe", 1, status=3) == "UNKNOWN - no daemon answers on 127.0.0.1:10101\n"
 
 
-# -- no daemon, wrong command lines ----------------------------------------------------------------------------------
+# -- no daemon, wrong command lines
+# ----------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize(
     "arguments",
-    [["show"], ["show", "--all"], ["show", 1], ["watch"], ["status"], ["reload", "tasks"], ["reload", "keychain"]],
+    [
+        ["show"],
+        ["show", "--all"],
+        ["show", 1],
+        ["watch"],
+        ["status"],
+        ["reload", "tasks"],
+        ["reload", "keychain"],
+    ],
 )
 def test_no_daemon(ctl, arguments):
     text = "no daemon answers on 127.0.0.1:10101"
@@ -236,7 +267,10 @@ def test_no_daemon(ctl, arguments):
 def test_daemon_that_does_not_answer(ctl, daemon):
     os.kill(daemon.pid, signal.SIGSTOP)
     try:
-        assert ctl("show", "--timeout", "0.3", status=2, error="ip-sla-ctl: no reply within 300 ms\n") == ""
+        assert (
+            ctl("show", "--timeout", "0.3", status=2, error="ip-sla-ctl: no reply within 300 ms\n")
+            == ""
+        )
     finally:
         os.kill(daemon.pid, signal.SIGCONT)
 

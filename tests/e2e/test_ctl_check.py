@@ -1,4 +1,6 @@
-"""ip-sla-ctl check: every fault and warning of configuration files, without a daemon and without privileges."""
+"""ip-sla-ctl check: every fault and warning of configuration files, without a daemon and without
+privileges.
+"""
 
 import json
 
@@ -24,7 +26,11 @@ def _files(lab, tasks, keychain=None, cpus=(0,)):
 
 
 def test_check_of_good_files_needs_no_daemon(lab, ctl):
-    tasks, keys = _files(lab, [icmp_echo(1), icmp_echo(2)], '{"keychain-storage": [{"key-id": 1, "key-string": "x"}]}')
+    tasks, keys = _files(
+        lab,
+        [icmp_echo(1), icmp_echo(2)],
+        '{"keychain-storage": [{"key-id": 1, "key-string": "x"}]}',
+    )
     assert ctl("check", tasks, keys).splitlines() == [
         f"{tasks}: 2 tasks, 2 accepted, 0 faults, 0 warnings",
         f"{keys}: 1 key, 1 accepted, 0 faults, 0 warnings",
@@ -38,7 +44,16 @@ def test_check_needs_no_privileges(lab, ctl):
     libraries = lab.build.directory / "lib"
     lab.run("sh", "-c", f"cp -d {libraries}/*.so* /run/check/")
     result = lab.run(
-        *("setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", "--inh-caps=-all", "env"),
+        *(
+            "setpriv",
+            "--reuid",
+            "65534",
+            "--regid",
+            "65534",
+            "--clear-groups",
+            "--inh-caps=-all",
+            "env",
+        ),
         "LD_LIBRARY_PATH=/run/check",
         *(f"{name}={value}" for name, value in ctl.environment.items()),
         *(*lab.build.launcher(), "/run/check/ctl", "check", tasks),
@@ -50,7 +65,9 @@ def test_check_names_every_fault_and_what_cannot_work(lab, ctl):
     tasks, keys = _files(
         lab,
         [
-            icmp_echo(1, num_rep_hist=0, control={"retry": None}, measurement={"dscp": 64, "ttl": "x"}),
+            icmp_echo(
+                1, num_rep_hist=0, control={"retry": None}, measurement={"dscp": 64, "ttl": "x"}
+            ),
             icmp_echo(2, measurement={"packet-size": 42, "dst-address": "host.example"}),
             icmp_echo(2, scheduler={"Start-time": "now"}),
             icmp_echo(3, scheduler={"Start-time": "soon"}),
@@ -113,7 +130,9 @@ def test_check_agrees_with_the_daemon(lab, ctl, start_daemon):
     first = {}
     for fault in ctl.json("check", path, status=1)["tasks"]["faults"]:
         first.setdefault(fault["number"], fault["reason"])
-    skipped = [record.split(": ", 1)[1] for record in daemon.log_records() if "parse skipped" in record]
+    skipped = [
+        record.split(": ", 1)[1] for record in daemon.log_records() if "parse skipped" in record
+    ]
     assert list(first.values()) == skipped and len(skipped) == 5
 
 

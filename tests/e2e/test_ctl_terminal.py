@@ -39,7 +39,12 @@ def test_failing_test_is_coloured_on_a_terminal_only(ctl, daemon):
 def test_narrow_terminal_gets_blocks(ctl, daemon):
     narrow = Terminal(ctl, "show", 1, 5, width=60, NO_COLOR="1")
     assert narrow.wait_exit() == 1
-    assert masked(narrow.text)[:4] == ["ID 1", "TYPE icmp-echo", "DESTINATION 127.0.0.1", "RESULT ok"]
+    assert masked(narrow.text)[:4] == [
+        "ID 1",
+        "TYPE icmp-echo",
+        "DESTINATION 127.0.0.1",
+        "RESULT ok",
+    ]
     assert f"ERROR {NO_SOURCE}" in masked(narrow.text)
     assert all(len(line) <= 60 for line in narrow.text.splitlines())
 
@@ -82,11 +87,15 @@ def test_watch_without_a_terminal_prints_lines_for_new_results(ctl, daemon):
     stamp = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d "
     first, second, third, *later = lines
     assert re.fullmatch(
-        stamp + rf"task 1 icmp-echo dst=127\.0\.0\.1 result=ok rtt={NUMBER}ms loss=0% ok=\d+ failed=0", first
+        stamp
+        + rf"task 1 icmp-echo dst=127\.0\.0\.1 result=ok rtt={NUMBER}ms loss=0% ok=\d+ failed=0",
+        first,
     )
     assert re.match(stamp + r"task 2 icmp-jitter vrf=blue dst=10\.1\.0\.2 result=ok rtt=", second)
     assert re.fullmatch(
-        stamp + rf'task 5 icmp-echo dst=127\.0\.0\.1 result=FAIL ok=0 failed=\d+ error="{NO_SOURCE}"', third
+        stamp
+        + rf'task 5 icmp-echo dst=127\.0\.0\.1 result=FAIL ok=0 failed=\d+ error="{NO_SOURCE}"',
+        third,
     )
     assert later, "new results within two seconds"
     assert all(re.match(stamp + "task [125] ", line) for line in later)
@@ -105,13 +114,16 @@ def test_watch_of_an_unknown_task_is_an_error(ctl, daemon):
 
 
 def test_watch_in_a_pipe_ends_on_ctrl_c(ctl, daemon):
-    process = ctl.lab.popen(*ctl.command("watch", "--interval", "60"), stdout=-1, stderr=-1, text=True)
+    process = ctl.lab.popen(
+        *ctl.command("watch", "--interval", "60"), stdout=-1, stderr=-1, text=True
+    )
     assert "task 1" in process.stdout.readline()
     process.send_signal(signal.SIGINT)
     assert process.wait(timeout=20 * SCALE) == 0
 
 
-# -- bash completion -------------------------------------------------------------------------------------------------
+# -- bash completion
+# -------------------------------------------------------------------------------------------------
 
 
 def _complete(ctl, *words):
@@ -125,7 +137,15 @@ def _complete(ctl, *words):
         _ip_sla_ctl
         printf '%s\\n' "${{COMPREPLY[@]}}"
     """
-    result = ctl.lab.run("env", *(f"{k}={v}" for k, v in ctl.environment.items()), "bash", "-c", script, "bash", *words)
+    result = ctl.lab.run(
+        "env",
+        *(f"{k}={v}" for k, v in ctl.environment.items()),
+        "bash",
+        "-c",
+        script,
+        "bash",
+        *words,
+    )
     return result.stdout.split()
 
 

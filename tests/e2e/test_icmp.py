@@ -32,7 +32,13 @@ def assert_complete(report, packets):
     assert 0 < report.rtt[1] <= report.rtt[2]
     if report.type == "icmp-jitter":
         assert (report.sd_samples, report.ds_samples) == (packets, packets)
-        assert (report.sd_loss, report.ds_loss, report.late, report.skipped, report.duplicate) == (0, 0, 0, 0, 0)
+        assert (report.sd_loss, report.ds_loss, report.late, report.skipped, report.duplicate) == (
+            0,
+            0,
+            0,
+            0,
+            0,
+        )
         assert (report.sd_loss_pct, report.ds_loss_pct) == (0.0, 0.0)
         assert (report.sd_out_of_sequence, report.ds_out_of_sequence) == (0, 0)
 
@@ -50,7 +56,13 @@ def test_echo_report_in_the_file_is_shorter_than_in_the_system_log(start_daemon)
     (report, *_) = daemon.wait_for_reports(1)
     assert report.rtt[0] == 0  # an echo run's minimum starts at 0 and stays there
     assert report.latency_sd is None and report.sd_loss is None
-    sections = ["Packets Values:", "RTT Values:", "Latency one-way time:", "Packet Loss Values:", "Out Of Sequence Values:"]
+    sections = [
+        "Packets Values:",
+        "RTT Values:",
+        "Latency one-way time:",
+        "Packet Loss Values:",
+        "Out Of Sequence Values:",
+    ]
     texts = wait_for(
         lambda: (lambda found: found if any(sections[-1] in text for text in found) else None)(
             [record.text for record in daemon.syslog()]
@@ -62,7 +74,9 @@ def test_echo_report_in_the_file_is_shorter_than_in_the_system_log(start_daemon)
 
 
 def test_first_jitter_report_has_twice_no_jitter(start_daemon):
-    """The run's own jitter fields stay 0 and the aggregate of zeros is 0; latencies and RTT have their triples."""
+    """The run's own jitter fields stay 0 and the aggregate of zeros is 0; latencies and RTT have
+    their triples.
+    """
     daemon = start_daemon([icmp_jitter(1)])
     (report, *_) = daemon.wait_for_reports(1)
     assert report.jitter_sd[0] == report.jitter_sd[1] == report.jitter_sd[3] == 0
@@ -90,7 +104,9 @@ def test_inside_a_vrf(lab, start_daemon, kind):
 def test_source_interface_inside_a_vrf(lab, start_daemon):
     lab.add_vrf("red", "10.1.0.1/24", "10.1.0.2/24")
     by_name = {"src-address": None, "src-interface": "red-in"}
-    daemon = start_daemon([icmp_echo(1, vrf="red", dst="10.1.0.2", control=by_name, measurement=by_name)])
+    daemon = start_daemon(
+        [icmp_echo(1, vrf="red", dst="10.1.0.2", control=by_name, measurement=by_name)]
+    )
     assert_complete(daemon.wait_for_reports(1)[0], 5)
 
 
@@ -104,7 +120,12 @@ def test_loss_in_the_network_is_counted_exactly(lab, start_daemon, peer, kind, h
         assert (report.sd_packets, report.ds_packets, report.rtt_count) == (10, 7, 7)
         if kind == "icmp-jitter":
             # The replies cannot tell the directions apart: all loss counts as lost on the way out.
-            assert (report.sd_loss, report.sd_loss_pct, report.ds_loss, report.ds_loss_pct) == (3, 30.0, 0, 0.0)
+            assert (report.sd_loss, report.sd_loss_pct, report.ds_loss, report.ds_loss_pct) == (
+                3,
+                30.0,
+                0,
+                0.0,
+            )
             assert (report.late, report.sd_out_of_sequence, report.ds_out_of_sequence) == (0, 0, 0)
 
 
@@ -114,7 +135,8 @@ def test_run_without_any_reply_fails(lab, start_daemon, peer, kind):
     daemon = start_daemon([task(1, kind, src=NEAR, dst=FAR)])
     for report in daemon.wait_for_reports(1, count=2)[:2]:
         assert (report.status, report.error) == ("fail", "timeout, no samples")
-    # The next run still starts "time" seconds after this one did, give or take the turn of a second.
+    # The next run still starts "time" seconds after this one did, give or take the turn of a
+    # second.
     delays = [record for record in daemon.log_records(1) if "'NewStart'" in record][1:]
     assert set(delays) <= {"func 'NewStart' timeout 1000 ms", "func 'NewStart' timeout 0 ms"}
 
@@ -124,7 +146,9 @@ class TestScriptedReplies:
 
     def run_with(self, start_daemon, replier, kind, fates, packets=6, **options):
         replier.probes = lambda identifier: fates
-        daemon = start_daemon([task(1, kind, src=NEAR, dst=FAR, packets=packets, interval=20, **options)])
+        daemon = start_daemon(
+            [task(1, kind, src=NEAR, dst=FAR, packets=packets, interval=20, **options)]
+        )
         return daemon, daemon.wait_for_reports(1)[0]
 
     @pytest.mark.parametrize("kind", KINDS)
@@ -135,7 +159,9 @@ class TestScriptedReplies:
     @pytest.mark.parametrize("kind", KINDS)
     @pytest.mark.parametrize("lost", ["lost_out", "lost_back"])
     def test_every_pattern_of_loss(self, start_daemon, replier, kind, lost):
-        _, report = self.run_with(start_daemon, replier, kind, {1: Fate(**{lost: True}), 6: Fate(**{lost: True})})
+        _, report = self.run_with(
+            start_daemon, replier, kind, {1: Fate(**{lost: True}), 6: Fate(**{lost: True})}
+        )
         assert (report.sd_packets, report.ds_packets, report.rtt_count) == (6, 4, 4)
 
     @pytest.mark.parametrize("kind", KINDS)
@@ -151,17 +177,25 @@ class TestScriptedReplies:
         [
             lambda reply: reply[:4] + bytes([reply[4] ^ 0x55]) + reply[5:],
             lambda reply: reply[:1] + b"\x01" + reply[2:],
-            lambda reply: bytes([TIMESTAMP_REPLY if reply[0] == ECHO_REPLY else ECHO_REPLY]) + reply[1:],
+            lambda reply: bytes([TIMESTAMP_REPLY if reply[0] == ECHO_REPLY else ECHO_REPLY])
+            + reply[1:],
         ],
         ids=["identifier", "code", "type"],
     )
     def test_reply_of_someone_else_is_ignored(self, start_daemon, replier, kind, alter):
-        _, report = self.run_with(start_daemon, replier, kind, {2: Fate(alter=lambda reply: bytearray(alter(bytes(reply))))})
+        _, report = self.run_with(
+            start_daemon,
+            replier,
+            kind,
+            {2: Fate(alter=lambda reply: bytearray(alter(bytes(reply))))},
+        )
         assert (report.sd_packets, report.ds_packets, report.rtt_count) == (6, 5, 5)
         assert report.duplicate in (None, 0)
 
     @pytest.mark.parametrize("kind", KINDS)
-    def test_sequence_number_beyond_the_count_falls_on_its_remainder(self, start_daemon, replier, kind):
+    def test_sequence_number_beyond_the_count_falls_on_its_remainder(
+        self, start_daemon, replier, kind
+    ):
         def to_next_round(reply):
             struct.pack_into(">H", reply, 6, struct.unpack_from(">H", reply, 6)[0] + 6)
             return reply
@@ -194,7 +228,9 @@ class TestScriptedReplies:
         assert [sequence for _, sequence, _ in run.arrivals] == [1, 2, 3, 4, 5, 6]
 
     def test_smallest_sizes_are_sent_without_harm(self, start_daemon, replier):
-        """The smallest echo packet leaves no room for a whole ICMP header: the runs fail, the daemon goes on."""
+        """The smallest echo packet leaves no room for a whole ICMP header: the runs fail, the
+        daemon goes on.
+        """
         options = {"src": NEAR, "dst": FAR, "timeout": 100}
         daemon = start_daemon(
             [
@@ -257,7 +293,9 @@ class TestInterfaceWatcher:
 
     def test_change_inside_a_vrf(self, lab, start_daemon):
         lab.add_vrf("red", "10.1.0.1/24", "10.1.0.2/24")
-        daemon = start_daemon([icmp_echo(1, vrf="red", src="10.1.0.1", dst="10.1.0.2"), icmp_echo(2)])
+        daemon = start_daemon(
+            [icmp_echo(1, vrf="red", src="10.1.0.1", dst="10.1.0.2"), icmp_echo(2)]
+        )
         daemon.wait_for_reports(1)
         lab.run("ip", "address", "del", "10.1.0.1/24", "dev", "red-in", namespace="red")
         self.wait_for_error(daemon, 1, self.FAILED)
@@ -267,20 +305,34 @@ class TestInterfaceWatcher:
     def test_one_netlink_socket_per_vrf(self, lab, start_daemon):
         lab.add_vrf("red", "10.1.0.1/24", "10.1.0.2/24")
         options = {"vrf": "red", "src": "10.1.0.1", "dst": "10.1.0.2"}
-        daemon = start_daemon([icmp_echo(1), icmp_echo(2), icmp_echo(3, **options), icmp_echo(4, **options)])
+        daemon = start_daemon(
+            [icmp_echo(1), icmp_echo(2), icmp_echo(3, **options), icmp_echo(4, **options)]
+        )
         table = re.compile(r"^\S+ +0 +(\d+) ", re.MULTILINE)  # protocol 0: routing
-        own = [int(pid) for pid in table.findall(lab.run("cat", "/proc/net/netlink").stdout) if int(pid)]
-        red = [int(p) for p in table.findall(lab.run("cat", "/proc/net/netlink", namespace="red").stdout) if int(p)]
+        own = [
+            int(pid)
+            for pid in table.findall(lab.run("cat", "/proc/net/netlink").stdout)
+            if int(pid)
+        ]
+        red = [
+            int(p)
+            for p in table.findall(lab.run("cat", "/proc/net/netlink", namespace="red").stdout)
+            if int(p)
+        ]
         assert own == [daemon.pid] and red == [daemon.pid]
 
 
 def test_unreachable_responder_address_fails_the_start_of_the_run(start_daemon):
-    """No route to the destination: the socket cannot be connected, and the error is limited to one line per minute."""
+    """No route to the destination: the socket cannot be connected, and the error is limited to one
+    line per minute.
+    """
     daemon = start_daemon([icmp_echo(1, dst="192.0.2.77")])
     reports = daemon.wait_for_reports(1, count=3)
     assert {report.error for report in reports} <= {"Start test failed", "timeout, no samples"}
     errors = [record for record in daemon.syslog() if record.severity == 3]
     assert len(errors) <= 1
     if reports[0].error == "Start test failed":
-        assert re.fullmatch(r"%IP_SLA-E-ERROR: \(test 1\) connect: Network is unreachable", errors[0].text)
+        assert re.fullmatch(
+            r"%IP_SLA-E-ERROR: \(test 1\) connect: Network is unreachable", errors[0].text
+        )
         assert (errors[0].flag, errors[0].module) == (0, 59)

@@ -1,4 +1,6 @@
-"""ICMP runs against a replier that loses, reorders, repeats and stamps by plan: exact counts, as the model has them."""
+"""ICMP runs against a replier that loses, reorders, repeats and stamps by plan: exact counts, as
+the model has them.
+"""
 
 import itertools
 import random
@@ -35,9 +37,13 @@ def _plans():
         for outcomes in itertools.product((0, 1, 2), repeat=count):
             answered = [number for number, copies in enumerate(outcomes, 1) if copies]
             orders = list(itertools.permutations(answered))
-            for order in orders if count < 4 else random_numbers.sample(orders, min(2, len(orders))):
+            for order in (
+                orders if count < 4 else random_numbers.sample(orders, min(2, len(orders)))
+            ):
                 replies = tuple(number for number in order for _ in range(outcomes[number - 1]))
-                yield Plan(count, replies, tuple(random_numbers.randint(1, count) for _ in range(count)))
+                yield Plan(
+                    count, replies, tuple(random_numbers.randint(1, count) for _ in range(count))
+                )
 
 
 def _batches():
@@ -86,7 +92,10 @@ class PatternReplier(IcmpReplier):
 
 def expected_metrics(kind, plan):
     sends = [1000 + place for place in range(plan.count)]
-    replies = [Reply(number, 0, plan.stamps[number - 1], 2000.0 + place) for place, number in enumerate(plan.replies)]
+    replies = [
+        Reply(number, 0, plan.stamps[number - 1], 2000.0 + place)
+        for place, number in enumerate(plan.replies)
+    ]
     return metrics_of(run_of(KINDS[kind], sends, replies), 0)
 
 
@@ -94,7 +103,8 @@ def expected_metrics(kind, plan):
 def test_every_outcome_is_counted_as_the_model_says(lab, start_daemon, kind, plans):
     lab.add_peer("peer", f"{NEAR}/24", f"{FAR}/24")
     PatternReplier(lab, plans, interface="peer-far", namespace="peer")
-    # The bytes sent are the configured size less 42 (less 34 for the time-stamp type) and less the IP header's 20.
+    # The bytes sent are the configured size less 42 (less 34 for the time-stamp type) and less the
+    # IP header's 20.
     extra = FIRST_SIZE + 20 + (42 if kind == "icmp-echo" else 34)
     tasks = [
         task(
@@ -112,7 +122,11 @@ def test_every_outcome_is_counted_as_the_model_says(lab, start_daemon, kind, pla
     ]
     start_daemon(tasks)
     api = ApiClient(lab)
-    wait_for(lambda: len(api.all_statistics(groups=[])) == len(plans), "one run of every task", deadline=30)
+    wait_for(
+        lambda: len(api.all_statistics(groups=[])) == len(plans),
+        "one run of every task",
+        deadline=30,
+    )
     for plan, entry in zip(plans, api.all_statistics()):
         expected = expected_metrics(kind, plan)
         assert (entry["status"] == "fail") == (expected.status == 1), plan

@@ -1,4 +1,6 @@
-"""The daemon's metric calculations against the model, over every small pattern of loss, order, copies and delay."""
+"""The daemon's metric calculations against the model, over every small pattern of loss, order,
+copies and delay.
+"""
 
 import itertools
 import random
@@ -7,7 +9,17 @@ import pytest
 
 from support import metric_model as model
 from support.metrics_runner import Comparison, history_line, line_of
-from support.run_events import OUTCOMES, Pattern, Reply, Timing, all_patterns, metrics_of, reaching, replying, run_of
+from support.run_events import (
+    OUTCOMES,
+    Pattern,
+    Reply,
+    Timing,
+    all_patterns,
+    metrics_of,
+    reaching,
+    replying,
+    run_of,
+)
 
 
 @pytest.fixture
@@ -27,7 +39,8 @@ def _add_pattern(comparison, kind, pattern, timing):
     _add(comparison, run, timing.budget_ms(pattern.count))
 
 
-# Patterns with at least one reply: over the outcomes, the orders of those that arrive times the orders of the replies.
+# Patterns with at least one reply: over the outcomes, the orders of those that arrive times the
+# orders of the replies.
 PATTERNS_WITH_A_REPLY = {1: 3, 2: 54, 3: 1503, 4: 70788}
 
 
@@ -44,7 +57,12 @@ def test_every_udp_jitter_pattern_agrees_with_the_model(comparison, count):
 def test_every_udp_echo_outcome_and_reply_order_agrees_with_the_model(comparison, count):
     for outcomes in itertools.product(OUTCOMES, repeat=count):
         for replies in itertools.permutations(replying(outcomes)):
-            _add_pattern(comparison, model.UDP_ECHO, Pattern(outcomes, tuple(reaching(outcomes)), replies), Timing())
+            _add_pattern(
+                comparison,
+                model.UDP_ECHO,
+                Pattern(outcomes, tuple(reaching(outcomes)), replies),
+                Timing(),
+            )
     comparison.run()
 
 
@@ -63,7 +81,9 @@ def test_no_ntp_reply_is_usable_whatever_the_pattern(comparison, count):
 
 @pytest.mark.parametrize("count", [1, 2, 3])
 def test_every_pattern_agrees_with_the_model_whatever_the_responders_clock_says(comparison, count):
-    """Responder stamps at and beyond both ends of the round trip, to the millisecond and to the unit."""
+    """Responder stamps at and beyond both ends of the round trip, to the millisecond and to the
+    unit.
+    """
     timing = Timing(base=432_100_000 * 10_000 + 99_999, timeout_ms=100)
     for pattern in all_patterns(count):
         for offset in (-200_000, -99_999, 0, 1, 50_000):
@@ -95,7 +115,9 @@ def test_replies_stamped_at_or_before_their_probes_agree_with_the_model(comparis
         sends = timing.sends(count)
         for durations in itertools.product((-1, 0, 1000), repeat=count):
             for order in itertools.permutations(range(1, count + 1)):
-                replies = [Reply(n, n, sends[n - 1], sends[n - 1] + durations[n - 1]) for n in order]
+                replies = [
+                    Reply(n, n, sends[n - 1], sends[n - 1] + durations[n - 1]) for n in order
+                ]
                 _add(comparison, run_of(model.UDP_JITTER, sends, replies), timing.budget_ms(count))
     comparison.run()
 
@@ -117,7 +139,9 @@ def test_counters_that_jump_repeat_or_are_zero_agree_with_the_model(comparison):
 
 @pytest.mark.parametrize("count", [1, 2, 3, 4])
 def test_every_icmp_jitter_pattern_agrees_with_the_model(comparison, count):
-    """Every set of answered probes, every order of the replies and of the peer's stamps, equal ones included."""
+    """Every set of answered probes, every order of the replies and of the peer's stamps, equal ones
+    included.
+    """
     sends = [50_000_000 + 10 * place for place in range(count)]
     for answered in range(1, count + 1):
         for replies in itertools.permutations(range(1, count + 1), answered):
@@ -134,7 +158,13 @@ def test_icmp_stamps_outside_the_round_trip_agree_with_the_model(comparison):
     sends = [50_000_000, 50_000_010]
     for receive, transmit in itertools.product((-5, 0, 3, 12, 13, 40), repeat=2):
         replies = [
-            Reply(n, 0, sends[n - 1] + transmit, sends[n - 1] + 12.5, remote_receive=sends[n - 1] + receive)
+            Reply(
+                n,
+                0,
+                sends[n - 1] + transmit,
+                sends[n - 1] + 12.5,
+                remote_receive=sends[n - 1] + receive,
+            )
             for n in (2, 1)
         ]
         _add(comparison, run_of(model.ICMP_JITTER, sends, replies), 0)
@@ -156,13 +186,18 @@ def test_long_runs_of_every_type_agree_with_the_model(comparison, seed):
             spacing=random_numbers.randint(1, 200_000),
             jitter=tuple(random_numbers.randint(-300_000, 300_000) for _ in range(7)),
         )
-        kind = random_numbers.choice((model.UDP_JITTER, model.UDP_JITTER, model.UDP_ECHO, model.UDP_JITTER_NTP))
+        kind = random_numbers.choice(
+            (model.UDP_JITTER, model.UDP_JITTER, model.UDP_ECHO, model.UDP_JITTER_NTP)
+        )
         _add_pattern(comparison, kind, Pattern(outcomes, arrivals, replies), timing)
     comparison.run()
 
 
 def _nearly_ordered(random_numbers, numbers):
-    keys = {number: number + random_numbers.choice((0, 0, 0, random_numbers.uniform(-6, 6))) for number in numbers}
+    keys = {
+        number: number + random_numbers.choice((0, 0, 0, random_numbers.uniform(-6, 6)))
+        for number in numbers
+    }
     return tuple(sorted(numbers, key=keys.get))
 
 
@@ -175,7 +210,9 @@ def test_ntp_stamps_are_compared_in_whole_milliseconds(comparison):
         run = run_of(model.UDP_JITTER_NTP, [1000] * count, [Reply(n) for n in range(1, count + 1)])
         for record in run.records:
             seconds = [start + random_numbers.randint(0, 2) for _ in range(4)]
-            record.ntp = tuple((second << 32) | random_numbers.getrandbits(32) for second in seconds)
+            record.ntp = tuple(
+                (second << 32) | random_numbers.getrandbits(32) for second in seconds
+            )
             record.receive_stamp, record.rs = 2000, record.id + 1
         _add(comparison, run, 1000)
     comparison.run()
@@ -183,7 +220,9 @@ def test_ntp_stamps_are_compared_in_whole_milliseconds(comparison):
 
 def test_the_latest_value_aggregates_the_history_as_the_model_does(build):
     comparison = Comparison(build)
-    comparison.NAMES = [f"jitter_{way}_{value}" for way in ("sd", "ds") for value in ("min", "avg", "sd", "max")]
+    comparison.NAMES = [
+        f"jitter_{way}_{value}" for way in ("sd", "ds") for value in ("min", "avg", "sd", "max")
+    ]
     random_numbers = random.Random(3)
     for _ in range(2000):
         history = []

@@ -1,4 +1,6 @@
-"""docs/schema against the examples and against the daemon's own rules, as ip-sla-ctl check applies them."""
+"""docs/schema against the examples and against the daemon's own rules, as ip-sla-ctl check applies
+them.
+"""
 
 import json
 import pathlib
@@ -59,8 +61,12 @@ FAULTY = {
     "no destination": {"measurement": {"dst-address": None}},
     "unknown mode": {"authentication": {"mode": "secret"}},
     "password without algorithm": {"authentication": {"mode": "password", "key-string": "x"}},
-    "unknown algorithm": {"authentication": {"mode": "password", "key-string": "x", "algorithm": "md5"}},
-    "no password": {"authentication": {"mode": "password", "algorithm": "sha256", "key-string": ""}},
+    "unknown algorithm": {
+        "authentication": {"mode": "password", "key-string": "x", "algorithm": "md5"}
+    },
+    "no password": {
+        "authentication": {"mode": "password", "algorithm": "sha256", "key-string": ""}
+    },
     "no key id": {"authentication": {"mode": "keychain", "algorithm": "sha256"}},
     "no probes": {"measurement": {"num-packets": 0}},
     "packet too small": {"measurement": {"packet-size": 69}},
@@ -81,7 +87,11 @@ def test_schema_refuses_what_the_parser_refuses(lab, name):
 
 
 def test_schema_accepts_what_the_parser_accepts(lab):
-    tasks = [icmp_echo(1), udp_jitter(2), udp_jitter(3, authentication={"mode": "password", "algorithm": "sha256"})]
+    tasks = [
+        icmp_echo(1),
+        udp_jitter(2),
+        udp_jitter(3, authentication={"mode": "password", "algorithm": "sha256"}),
+    ]
     tasks[2]["control-phase"]["authentication"]["key-string"] = "0x0a1B"
     document = {"IP-SLA-tasks": tasks, "cpus": [0, 1]}
     path = lab.directory / "tasks.json"
@@ -90,7 +100,9 @@ def test_schema_accepts_what_the_parser_accepts(lab):
     schemas.check(document, "tasks")
 
 
-@pytest.mark.parametrize("keys", [5, [5], [{"key-id": 1}], [{"key-id": "1", "key-string": "x"}], [{"key-string": "x"}]])
+@pytest.mark.parametrize(
+    "keys", [5, [5], [{"key-id": 1}], [{"key-id": "1", "key-string": "x"}], [{"key-string": "x"}]]
+)
 def test_schema_refuses_keys_that_the_parser_refuses(lab, keys):
     tasks, keychain = lab.directory / "tasks.json", lab.directory / "keychain.json"
     tasks.write_text('{"IP-SLA-tasks": [], "cpus": [0]}')

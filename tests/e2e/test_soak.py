@@ -1,4 +1,6 @@
-"""Many tests at once: nothing fails and nothing grows. IPSLA_SOAK_SECONDS makes it longer (script/soak)."""
+"""Many tests at once: nothing fails and nothing grows. IPSLA_SOAK_SECONDS makes it longer
+(script/soak).
+"""
 
 import os
 import time
@@ -17,12 +19,18 @@ def resident_kib(daemon):
 
 def test_hundred_icmp_echo_tasks(start_daemon):
     numbers = range(1, TASKS + 1)
-    daemon = start_daemon([icmp_echo(number, time=2, packets=3, interval=20, timeout=1000) for number in numbers])
+    daemon = start_daemon(
+        [icmp_echo(number, time=2, packets=3, interval=20, timeout=1000) for number in numbers]
+    )
 
     def finished():
         return sum(len(daemon.reports(number)) for number in numbers)
 
-    wait_for(lambda: all(daemon.reports(number) for number in numbers), "a first run of every task", deadline=60)
+    wait_for(
+        lambda: all(daemon.reports(number) for number in numbers),
+        "a first run of every task",
+        deadline=60,
+    )
     threads = len(daemon.threads())
     idle = []  # descriptors while no run is in progress are the fewest of many readings
     memory = resident_kib(daemon)
@@ -33,7 +41,9 @@ def test_hundred_icmp_echo_tasks(start_daemon):
         time.sleep(0.1)
     reports = [report for number in numbers for report in daemon.reports(number)]
     failed = [report for report in reports if report.status != "successful"]
-    print(f"{len(reports)} runs, {len(failed)} failed, {threads} threads, descriptors {min(idle)} to {max(idle)}")
+    print(
+        f"{len(reports)} runs, {len(failed)} failed, {threads} threads, descriptors {min(idle)} to {max(idle)}"
+    )
     print(f"memory {memory} KiB after the first runs, {resident_kib(daemon)} KiB at the end")
     assert failed == []
     assert len(reports) >= TASKS * max(1, int(SECONDS / 2) - 1)

@@ -1,4 +1,5 @@
-"""Many udp-jitter tests at once against the project's own responder: no failed run, no lost probe, nothing grows.
+"""Many udp-jitter tests at once against the project's own responder: no failed run, no lost probe,
+nothing grows.
 
 IPSLA_SOAK_SECONDS makes it longer (script/soak).
 """
@@ -42,7 +43,15 @@ def start_responder(lab, keychain):
     with open(output, "wb") as out:
         variables = [f"{name}={value}" for name, value in lab.build.environment().items() if value]
         program = [*lab.build.launcher(), lab.build.program("ip-sla-responder")]
-        options = ["--bind", "127.0.0.1", "--control-port", "2000", "--keychain", keychain, "--allow-open"]
+        options = [
+            "--bind",
+            "127.0.0.1",
+            "--control-port",
+            "2000",
+            "--keychain",
+            keychain,
+            "--allow-open",
+        ]
         process = lab.popen("env", *variables, *program, *options, stdout=out, stderr=out)
     wait_for(lambda: "listening on" in output.read_text(), "the responder to listen")
     return process, output
@@ -50,7 +59,13 @@ def start_responder(lab, keychain):
 
 def assert_whole(report):
     assert (report.status, report.error) == ("successful", "")
-    packets = (report.sd_packets, report.ds_packets, report.rtt_count, report.sd_samples, report.ds_samples)
+    packets = (
+        report.sd_packets,
+        report.ds_packets,
+        report.rtt_count,
+        report.sd_samples,
+        report.ds_samples,
+    )
     assert packets == (PACKETS,) * 5
     losses = (report.sd_loss, report.ds_loss, report.late, report.skipped, report.duplicate)
     assert losses + (report.sd_out_of_sequence, report.ds_out_of_sequence) == (0,) * 7
@@ -63,7 +78,12 @@ def test_fifty_udp_jitter_tasks(lab, start_daemon):
     keychain.write_text('{"keychain-storage": [{"key-id": 1, "key-string": "%s"}]}' % KEYCHAIN[1])
     responder, output = start_responder(lab, keychain)
     daemon = start_daemon([a_task(number) for number in numbers], keychain=KEYCHAIN)
-    wait_for(lambda: all(daemon.reports(number) for number in numbers), "a first run of every task", 60, interval=0.2)
+    wait_for(
+        lambda: all(daemon.reports(number) for number in numbers),
+        "a first run of every task",
+        60,
+        interval=0.2,
+    )
     threads, memory = len(daemon.threads()), resident_kib(daemon.pid)
     readings = []
     end = time.monotonic() + SECONDS
@@ -85,5 +105,7 @@ def test_fifty_udp_jitter_tasks(lab, start_daemon):
     daemon.stop()
     responder.send_signal(signal.SIGTERM)
     assert responder.wait(timeout=20 * SCALE) == 0
-    sessions = re.findall(r"^session \S+ (ended|replaced|stopped): .*$", output.read_text(), re.MULTILINE)
+    sessions = re.findall(
+        r"^session \S+ (ended|replaced|stopped): .*$", output.read_text(), re.MULTILINE
+    )
     assert len(sessions) >= len(runs)

@@ -32,10 +32,15 @@ def test_system_log_copy_has_prefix_module_and_severity(start_daemon):
     first = daemon.syslog()[0]
     assert (first.module, first.flag, first.severity) == (59, 1, 7)
     assert re.fullmatch(
-        r"%IP_SLA-D-DEBUG: print_funcs\.cpp:\d+:PrintTaskConfigs\(\): List IP SLA operations: 1 tasks", first.text
+        r"%IP_SLA-D-DEBUG: print_funcs\.cpp:\d+:PrintTaskConfigs\(\): List IP SLA operations: 1 tasks",
+        first.text,
     )
     numbers = [re.search(r" \[(Task|Key) #\d+\]", record.text) for record in daemon.syslog()]
-    assert [match.group(0) for match in numbers if match] == [" [Task #2]", " [Key #2]", " [Key #4]"]
+    assert [match.group(0) for match in numbers if match] == [
+        " [Task #2]",
+        " [Key #2]",
+        " [Key #4]",
+    ]
 
 
 def test_lines_without_content_reach_only_the_system_log(start_daemon):
@@ -49,7 +54,11 @@ def test_every_test_has_a_file_of_its_own(lab, start_daemon):
     for number in (3, 4):
         assert daemon.wait_for_record("func 'NewStart' timeout 0 ms", task=number)
     directory = lab.path("/var/log/ip-sla")
-    assert sorted(path.name for path in directory.iterdir()) == ["sender.log", "test_3.log", "test_4.log"]
+    assert sorted(path.name for path in directory.iterdir()) == [
+        "sender.log",
+        "test_3.log",
+        "test_4.log",
+    ]
     assert stat.S_IMODE(directory.stat().st_mode) == 0o755
     assert not any("NewStart" in record for record in daemon.log_records())
 
@@ -95,13 +104,21 @@ def test_api_answers_while_tests_run(lab, start_daemon):
     assert client.status(3, 4, 9) == [{"sla-id": 3, "status": True}, {"sla-id": 9, "status": True}]
     daemon.wait_for_reports(9)
     (statistics,) = client.statistics(9, groups=["rtt-values"])
-    assert (statistics["sd-pkt-count"], statistics["ds-pkt-count"], statistics["status"]) == (5, 5, "successful")
+    assert (statistics["sd-pkt-count"], statistics["ds-pkt-count"], statistics["status"]) == (
+        5,
+        5,
+        "successful",
+    )
 
 
 def test_clock_watcher_is_armed_as_the_timer_says(start_daemon):
     """Cancel-on-set alone (value 2), on the real-time clock, never expiring."""
     daemon = start_daemon()
-    (timer,) = [number for number, target in daemon.descriptors().items() if _is_real_time_timer(daemon, number, target)]
+    (timer,) = [
+        number
+        for number, target in daemon.descriptors().items()
+        if _is_real_time_timer(daemon, number, target)
+    ]
     with open(f"/proc/{daemon.pid}/fdinfo/{timer}") as info:
         text = info.read()
     assert "settime flags: 02" in text
@@ -121,7 +138,9 @@ def _said(daemon, text):
 
 
 class TestFatalConfigurations:
-    """A configuration that the parser accepts but that cannot be started ends the process abnormally."""
+    """A configuration that the parser accepts but that cannot be started ends the process
+    abnormally.
+    """
 
     @pytest.mark.parametrize("start", ["soon", "25:00:00", ""])
     def test_start_time_that_cannot_be_parsed(self, start_daemon, start):
@@ -183,4 +202,7 @@ class TestSchedule:
         delays = [record for record in daemon.log_records(1) if "'NewStart'" in record]
         assert delays[0] == "func 'NewStart' timeout 0 ms"
         # A run that crosses the turn of a second is a second nearer to the next one.
-        assert set(delays[1:]) <= {"func 'NewStart' timeout 2000 ms", "func 'NewStart' timeout 1000 ms"}
+        assert set(delays[1:]) <= {
+            "func 'NewStart' timeout 2000 ms",
+            "func 'NewStart' timeout 1000 ms",
+        }

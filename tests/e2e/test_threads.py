@@ -33,7 +33,9 @@ def cpus_allowed(daemon, thread):
 
 
 def wait_for_threads(daemon, count):
-    return wait_for(lambda: daemon.threads() if len(daemon.threads()) == count else None, f"{count} threads")
+    return wait_for(
+        lambda: daemon.threads() if len(daemon.threads()) == count else None, f"{count} threads"
+    )
 
 
 @pytest.fixture
@@ -48,7 +50,11 @@ def test_empty_cpu_list_starts_no_worker_and_runs_no_test(plain_build, start_dae
     daemon = start_daemon([icmp_echo(1)], cpus=[])
     wait_for_threads(daemon, BASE_THREADS)
     daemon.wait_for_record("func 'NewStart' timeout 0 ms", task=1)
-    holds_for(lambda: len(daemon.log_records(1)) == 1 and len(daemon.threads()) == BASE_THREADS, "no run starts", 1.0)
+    holds_for(
+        lambda: len(daemon.log_records(1)) == 1 and len(daemon.threads()) == BASE_THREADS,
+        "no run starts",
+        1.0,
+    )
 
 
 def test_two_cpus_give_thirty_workers(plain_build, start_daemon):
@@ -64,9 +70,14 @@ def test_workers_are_pinned_in_order_and_real_time(plain_build, start_daemon):
 
     def settled():
         places = [cpus_allowed(daemon, thread) for thread in threads]
-        return places if places.count("1") == WORKERS_PER_CPU and places.count("0") == WORKERS_PER_CPU + 1 else None
+        return (
+            places
+            if places.count("1") == WORKERS_PER_CPU and places.count("0") == WORKERS_PER_CPU + 1
+            else None
+        )
 
-    # The API thread and the workers of the first CPU, then those of the second; main and the log writer are free.
+    # The API thread and the workers of the first CPU, then those of the second; main and the log
+    # writer are free.
     places = wait_for(settled, "every thread on its CPU")
     assert len(set(places) - {"0", "1"}) == 1
     for thread, place in zip(threads, places):
@@ -92,7 +103,8 @@ def test_cpu_entries_that_are_no_numbers_count_as_zero(plain_build, start_daemon
     daemon = start_daemon([icmp_echo(1)], cpus=["one"])
     threads = wait_for_threads(daemon, BASE_THREADS + WORKERS_PER_CPU)
     wait_for(
-        lambda: sum(cpus_allowed(daemon, thread) == "0" for thread in threads) == WORKERS_PER_CPU + 1,
+        lambda: sum(cpus_allowed(daemon, thread) == "0" for thread in threads)
+        == WORKERS_PER_CPU + 1,
         "the workers on CPU 0",
     )
 

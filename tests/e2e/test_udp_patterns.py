@@ -1,4 +1,6 @@
-"""UDP runs against a responder that loses, reorders, repeats and delays by plan: exact counts, as the model has."""
+"""UDP runs against a responder that loses, reorders, repeats and delays by plan: exact counts, as
+the model has.
+"""
 
 import itertools
 import math
@@ -9,7 +11,16 @@ import pytest
 from support import metric_model as model
 from support.api_client import ApiClient
 from support.pattern_responder import KINDS, PatternResponder, Script
-from support.run_events import ANSWERED, LATE, OUTCOMES, Pattern, metrics_of, reaching, replying, run_of
+from support.run_events import (
+    ANSWERED,
+    LATE,
+    OUTCOMES,
+    Pattern,
+    metrics_of,
+    reaching,
+    replying,
+    run_of,
+)
 from support.tasks import task
 from support.waiting import SCALE, wait_for
 
@@ -33,7 +44,11 @@ def _in_order(outcomes):
 
 
 def _all_outcomes(most):
-    return [outcomes for count in range(1, most + 1) for outcomes in itertools.product(OUTCOMES, repeat=count)]
+    return [
+        outcomes
+        for count in range(1, most + 1)
+        for outcomes in itertools.product(OUTCOMES, repeat=count)
+    ]
 
 
 def _all_orders(count):
@@ -49,9 +64,13 @@ def _families():
     every = _all_outcomes(4)
     yield "udp-jitter", "in order", [_in_order(outcomes) for outcomes in every]
     yield "udp-jitter", "some order", [_script(random_numbers, outcomes) for outcomes in every]
-    yield "udp-jitter", "every order", [script for count in (2, 3, 4) for script in _all_orders(count)]
+    yield "udp-jitter", "every order", [
+        script for count in (2, 3, 4) for script in _all_orders(count)
+    ]
     yield "udp-echo", "some order", [_script(random_numbers, outcomes) for outcomes in every]
-    yield "udp-jitter-ntp", "some order", [_script(random_numbers, outcomes) for outcomes in _all_outcomes(3)]
+    yield "udp-jitter-ntp", "some order", [
+        _script(random_numbers, outcomes) for outcomes in _all_outcomes(3)
+    ]
 
 
 def _batches():
@@ -111,7 +130,9 @@ def expected_statistics(kind, script):
 
 
 def _assert_times(kind, script, found):
-    """Times are not known beforehand, but the samples decide which there are and how they lie to one another."""
+    """Times are not known beforehand, but the samples decide which there are and how they lie to
+    one another.
+    """
     metrics = expected_metrics(kind, script)
     rtt, latency = found["rtt-values"], found["one-way-latency-values"]
     jitter = found["jitter-values"]
@@ -121,8 +142,8 @@ def _assert_times(kind, script, found):
         assert rtt["min"] == 0 and 0 < rtt["avg"] <= rtt["max"]
         assert set(latency.values()) | set(jitter.values()) == {0}
     elif kind == "udp-jitter-ntp":
-        # No usable sample: the presets stay, rounded beyond the largest double by the 15 digits of the document, and
-        # nothing divided by nothing has no number in JSON.
+        # No usable sample: the presets stay, rounded beyond the largest double by the 15 digits of
+        # the document, and nothing divided by nothing has no number in JSON.
         preset = float(f"{model.LARGEST:.15g}")
         presets = {"min": preset, "max": -preset}
         assert metrics.skipped == metrics.ds_pkt_count and metrics.ds_smp_count == 0
@@ -141,12 +162,18 @@ def test_every_outcome_is_counted_as_the_model_says(lab, start_daemon, kind, scr
     start_daemon([_task(number, kind, scripts[number - 1].pattern.count) for number in numbers])
     api = ApiClient(lab)
 
-    wait_for(lambda: len(api.all_statistics(groups=[])) == len(scripts), "one run of every task", deadline=30)
+    wait_for(
+        lambda: len(api.all_statistics(groups=[])) == len(scripts),
+        "one run of every task",
+        deadline=30,
+    )
     late = sum(outcome == LATE for script in scripts for outcome in script.pattern.outcomes)
     wait_for(lambda: responder.late_sent == late, "the late answers to be sent")
     statistics = api.all_statistics()
     assert [entry["sla-id"] for entry in statistics] == list(numbers)
     for script, entry in zip(scripts, statistics):
         expected = expected_statistics(kind, script)
-        assert {name: entry[name] for name in expected} == expected, f"{script} of task {entry['sla-id']}"
+        assert {
+            name: entry[name] for name in expected
+        } == expected, f"{script} of task {entry['sla-id']}"
         _assert_times(kind, script, entry)

@@ -41,7 +41,9 @@ def test_probes_byte_by_byte(lab, start_daemon, kind):
 
 @pytest.mark.parametrize("kind", KINDS)
 def test_smallest_packet_sizes(lab, start_daemon, kind):
-    """The headers alone go out. Of an echo reply only 4 bytes are read: every one looks like the last probe's."""
+    """The headers alone go out. Of an echo reply only 4 bytes are read: every one looks like the
+    last probe's.
+    """
     smallest = {"udp-echo": 46, "udp-jitter": 70, "udp-jitter-ntp": 98}[kind]
     responder = ScriptedResponder(lab)
     daemon = start_daemon([udp_task(1, kind, packets=3, measurement={"packet-size": smallest})])
@@ -53,7 +55,9 @@ def test_smallest_packet_sizes(lab, start_daemon, kind):
 def test_large_probes_are_fragmented_and_not_refused(lab, start_daemon):
     lab.add_peer("peer", f"{NEAR}/24", f"{FAR}/24")
     responder = ScriptedResponder(lab, address=FAR, namespace="peer")
-    daemon = start_daemon([udp_task(1, src=NEAR, dst=FAR, packets=3, measurement={"packet-size": 9000})])
+    daemon = start_daemon(
+        [udp_task(1, src=NEAR, dst=FAR, packets=3, measurement={"packet-size": 9000})]
+    )
     report = good_runs(daemon, 1)[0]
     assert (report.sd_packets, report.ds_packets) == (3, 3)
     assert {len(probe) for _, _, probe in responder.runs[0].arrivals} == {9000 - 42}
@@ -73,7 +77,9 @@ def test_headers_of_probes_carry_ttl_and_dscp_and_may_be_fragmented(lab, start_d
     lab.add_peer("peer", f"{NEAR}/24", f"{FAR}/24")
     raw = lab.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_UDP, namespace="peer")
     ScriptedResponder(lab, address=FAR, namespace="peer", measurement_port=2500)
-    daemon = start_daemon([udp_task(1, src=NEAR, dst=FAR, packets=3, measurement={"ttl": 9, "dscp": 46})])
+    daemon = start_daemon(
+        [udp_task(1, src=NEAR, dst=FAR, packets=3, measurement={"ttl": 9, "dscp": 46})]
+    )
     good_runs(daemon, 1)
     raw.settimeout(20 * SCALE)
     probes = 0

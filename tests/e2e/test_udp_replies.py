@@ -1,4 +1,5 @@
-"""Replies of UDP tests as they are matched: which count, which are duplicates, which are nothing."""
+"""Replies of UDP tests as they are matched: which count, which are duplicates, which are nothing.
+"""
 
 import struct
 import time
@@ -20,6 +21,7 @@ def only_sequence(offset, value):
 
     return alter
 
+
 @pytest.mark.parametrize("kind", KINDS)
 @pytest.mark.parametrize("type_word", ["other", "high byte"])
 def test_a_reply_of_another_type_is_nothing(lab, start_daemon, kind, type_word):
@@ -40,7 +42,10 @@ def test_a_reply_of_another_type_is_nothing(lab, start_daemon, kind, type_word):
 def test_an_echo_reply_is_matched_by_its_bytes_20_to_23(lab, start_daemon):
     responder = ScriptedResponder(lab)
     # 3 answers as 1 whatever its bytes 2 and 3 say; 4 answers as 9, which is the same slot as 4.
-    responder.probes = lambda run: {3: Fate(alter=only_sequence(20, 1)), 4: Fate(alter=only_sequence(20, 9))}
+    responder.probes = lambda run: {
+        3: Fate(alter=only_sequence(20, 1)),
+        4: Fate(alter=only_sequence(20, 9)),
+    }
     daemon = start_daemon([udp_task(1, "udp-echo", packets=5)])
     (report, *_) = daemon.wait_for_reports(1)
     assert (report.sd_packets, report.ds_packets) == (5, 4)
@@ -68,7 +73,9 @@ def test_a_reply_to_a_probe_not_sent_yet_is_nothing(lab, start_daemon):
 
 
 def test_a_second_reply_leaves_the_first_ones_times_in_place(lab, start_daemon):
-    """Of the late copy nothing remains but its count, although its counter and its stamps are others."""
+    """Of the late copy nothing remains but its count, although its counter and its stamps are
+    others.
+    """
     late = 0.2 * SCALE
 
     class Repeating(ScriptedResponder):
@@ -97,7 +104,9 @@ def test_an_empty_reply_ends_the_receiving(lab, start_daemon):
 
 
 def test_a_short_reply_reads_the_rest_from_the_buffer(lab, start_daemon):
-    """What did not come stands there from the reply before: here its sequence number, which makes a duplicate."""
+    """What did not come stands there from the reply before: here its sequence number, which makes a
+    duplicate.
+    """
     responder = ScriptedResponder(lab)
     responder.probes = lambda run: {2: Fate(alter=lambda reply: reply[:20])}
     daemon = start_daemon([udp_task(1, packets=3, interval=30)])

@@ -25,7 +25,9 @@ def test_inside_a_vrf(lab, start_daemon, kind):
         [
             udp_task(1, kind, vrf="red", src="10.1.0.1", dst="10.1.0.2"),
             udp_task(2, kind),
-            udp_task(3, kind, vrf="red", dst="10.1.0.2", control=by_name, measurement=dict(by_name)),
+            udp_task(
+                3, kind, vrf="red", dst="10.1.0.2", control=by_name, measurement=dict(by_name)
+            ),
         ]
     )
     for number in (1, 2, 3):
@@ -34,7 +36,11 @@ def test_inside_a_vrf(lab, start_daemon, kind):
     assert {source[0] for _, source in inside.requests} == {"10.1.0.1"}
     assert {source[0] for _, source in outside.requests} == {"127.0.0.1"}
     (entry,) = ApiClient(lab).statistics(3)
-    assert (entry["vrf-instance"], entry["iface-name"], entry["src-address"]) == ("red", "red-in", "10.1.0.1")
+    assert (entry["vrf-instance"], entry["iface-name"], entry["src-address"]) == (
+        "red",
+        "red-in",
+        "10.1.0.1",
+    )
 
 
 def test_a_vrf_that_is_gone_fails_the_start_and_no_other_test(lab, start_daemon):
@@ -43,7 +49,8 @@ def test_a_vrf_that_is_gone_fails_the_start_and_no_other_test(lab, start_daemon)
     ScriptedResponder(lab)
     daemon = start_daemon([udp_task(1, vrf="red", src="10.1.0.1", dst="10.1.0.2"), udp_task(2)])
     good_runs(daemon, 1)
-    # The name goes; the namespace itself lives on with the daemon's routing socket and keeps its addresses.
+    # The name goes; the namespace itself lives on with the daemon's routing socket and keeps its
+    # addresses.
     lab.run("umount", "/run/netns/red")
     lab.run("rm", "/run/netns/red")
     daemon.wait_for_record("(test 1) SetNetworkNamespaceredfailed: open() failed: %m", task=1)
@@ -68,10 +75,19 @@ def test_a_port_in_use_fails_the_start_until_it_is_free(lab, start_daemon):
 def test_a_control_source_without_address_fails_the_start_silently(lab, start_daemon):
     responder = ScriptedResponder(lab)
     nowhere = {"src-address": None, "src-interface": "absent0"}
-    daemon = start_daemon([udp_task(1, control=nowhere), udp_task(2, control=dict(nowhere), measurement=dict(nowhere))])
+    daemon = start_daemon(
+        [
+            udp_task(1, control=nowhere),
+            udp_task(2, control=dict(nowhere), measurement=dict(nowhere)),
+        ]
+    )
     assert {report.error for report in daemon.wait_for_reports(1, count=2)} == {"Start test failed"}
-    assert {report.error for report in daemon.wait_for_reports(2)} == {"source address or interface not exist"}
-    assert not any(text.startswith("(test ") for number in (1, 2) for text in daemon.log_records(number))
+    assert {report.error for report in daemon.wait_for_reports(2)} == {
+        "source address or interface not exist"
+    }
+    assert not any(
+        text.startswith("(test ") for number in (1, 2) for text in daemon.log_records(number)
+    )
     assert responder.requests == []
 
 
@@ -96,12 +112,18 @@ def test_sockets_of_finished_runs_are_closed(lab, start_daemon):
     daemon.wait_for_reports(3, count=3)
     daemon.write_tasks([])
     assert ApiClient(lab).reload_tasks() == 0
-    idle = wait_for(lambda: sockets() if sockets() <= 3 else None, "the sockets of the tests to be closed")
-    assert idle <= 3  # the Sender API's and at most the routing socket and the connection to the system log
+    idle = wait_for(
+        lambda: sockets() if sockets() <= 3 else None, "the sockets of the tests to be closed"
+    )
+    assert (
+        idle <= 3
+    )  # the Sender API's and at most the routing socket and the connection to the system log
 
 
 def test_a_send_that_fails_ends_the_sending_and_not_the_run(lab, start_daemon):
-    """The kernel refuses what a local rule drops; the run ends by its timer with what was answered before."""
+    """The kernel refuses what a local rule drops; the run ends by its timer with what was answered
+    before.
+    """
     lab.add_peer("peer", f"{NEAR}/24", f"{FAR}/24")
     ScriptedResponder(lab, address=FAR, namespace="peer", measurement_port=2500)
     lab.drop("udp dport 2500 @ih,160,32 3", hook="output")

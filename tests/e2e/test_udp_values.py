@@ -1,6 +1,8 @@
-"""Times of udp-jitter runs: what the report says follows, by the model, from the stamps that the log lines give.
+"""Times of udp-jitter runs: what the report says follows, by the model, from the stamps that the
+log lines give.
 
-The tests run again and again with a different plan each time, so that nothing of one run may be left in the next.
+The tests run again and again with a different plan each time, so that nothing of one run may be
+left in the next.
 """
 
 import math
@@ -40,7 +42,9 @@ class LoggedRun:
 
 
 def logged_runs(records):
-    """The runs of a test's log with a complete report, each with the samples that its calculation took."""
+    """The runs of a test's log with a complete report, each with the samples that its calculation
+    took.
+    """
     runs = [LoggedRun()]
     for record in records:
         if record.startswith("func 'NewStart'"):
@@ -55,7 +59,11 @@ def logged_runs(records):
 
 
 def _script(random_numbers, count):
-    outcomes = tuple(random_numbers.choices([ANSWERED, LOST_OUT, LOST_BACK, DUPLICATED], weights=(6, 1, 1, 1), k=count))
+    outcomes = tuple(
+        random_numbers.choices(
+            [ANSWERED, LOST_OUT, LOST_BACK, DUPLICATED], weights=(6, 1, 1, 1), k=count
+        )
+    )
     arrivals, replies = reaching(outcomes), replying(outcomes)
     if random_numbers.random() < 0.6:
         arrivals.sort(key=lambda number: number + random_numbers.uniform(0, 2))
@@ -65,7 +73,9 @@ def _script(random_numbers, count):
 
 
 def expected_of(script, samples):
-    """The model's metrics of the script's run; probes whose reply is no sample have stamps that decide nothing."""
+    """The model's metrics of the script's run; probes whose reply is no sample have stamps that
+    decide nothing.
+    """
     count = script.pattern.count
     counters = script.pattern.counters()
     sends = [0] * count
@@ -87,7 +97,13 @@ def assert_agrees(report, expected, script):
     assert report.error == expected.error_description
     if expected.status == 1:
         return
-    counters = (report.sd_packets, report.ds_packets, report.rtt_count, report.sd_samples, report.ds_samples)
+    counters = (
+        report.sd_packets,
+        report.ds_packets,
+        report.rtt_count,
+        report.sd_samples,
+        report.ds_samples,
+    )
     assert counters == (
         expected.sd_pkt_count,
         expected.ds_pkt_count,
@@ -107,12 +123,20 @@ def assert_agrees(report, expected, script):
     assert report.ds_out_of_sequence == expected.ds_out_of_sequence, script
     shares = [round(share, 2) for share in (expected.sd_loss_pct, expected.ds_loss_pct)]
     assert _close((report.sd_loss_pct, report.ds_loss_pct), shares)
-    assert _close(report.rtt, (expected.rtt_min, expected.rtt_avg, expected.rtt_max)), (report, expected, script)
+    assert _close(report.rtt, (expected.rtt_min, expected.rtt_avg, expected.rtt_max)), (
+        report,
+        expected,
+        script,
+    )
     for way in ("sd", "ds"):
         values = [getattr(expected, f"latency_{way}_{name}") for name in ("min", "avg", "max")]
         assert _close(getattr(report, f"latency_{way}"), values), (report, expected, script)
         jitter = getattr(report, f"jitter_{way}")
-        assert _close([jitter[2]], [getattr(expected, f"jitter_{way}_sd")]), (report, expected, script)
+        assert _close([jitter[2]], [getattr(expected, f"jitter_{way}_sd")]), (
+            report,
+            expected,
+            script,
+        )
         assert (jitter[0], jitter[1], jitter[3]) == (0, 0, 0)
 
 
@@ -120,7 +144,10 @@ def assert_agrees(report, expected, script):
 def test_reports_of_many_runs_follow_from_their_stamps(lab, start_daemon, seed):
     random_numbers = random.Random(seed)
     counts = {number: random_numbers.randint(2, 9) for number in range(1, TASKS + 1)}
-    scripts = {number: [_script(random_numbers, count) for _ in range(RUNS)] for number, count in counts.items()}
+    scripts = {
+        number: [_script(random_numbers, count) for _ in range(RUNS)]
+        for number, count in counts.items()
+    }
     responder = PatternResponder(lab, lambda port, run: scripts[port - FIRST_PORT][run % RUNS])
     tasks = [
         task(

@@ -17,7 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fuzz::Require(encoded == again, "decode and encode agree");
   static_cast<void>(MessageDigest(message.auth_algorithm, encoded, "key"));
   const SlaAuthConfig auth{message.auth_mode, message.auth_algorithm, message.key_id, "key"};
-  PrintCtlPhPkt(1, input.data(), static_cast<std::uint16_t>(std::min<std::size_t>(size, kControlMessageSize)), true,
+  PrintCtlPhPkt(1, input.data(),
+                static_cast<std::uint16_t>(std::min<std::size_t>(size, kControlMessageSize)), true,
                 auth, {{1, "one"}});
   return 0;
 }

@@ -1,4 +1,5 @@
-// What every fuzz target defines (libFuzzer's entry point), and the exact-size copy that makes overreads visible.
+// What every fuzz target defines (libFuzzer's entry point), and the exact-size copy that makes
+// overreads visible.
 
 #ifndef IPSLA_TESTS_FUZZ_FUZZ_TARGET_H_
 #define IPSLA_TESTS_FUZZ_FUZZ_TARGET_H_

@@ -1,4 +1,5 @@
-// UDP probes and replies, and the calculations on whatever replies claim. The input is a sequence of 32-byte replies.
+// UDP probes and replies, and the calculations on whatever replies claim. The input is a sequence
+// of 32-byte replies.
 
 #include <algorithm>
 #include <span>
@@ -38,7 +39,8 @@ std::vector<ipsla::SlaPacketRecord> Records(std::span<const std::uint8_t> input)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace ipsla;
   const auto input = fuzz::Exactly(data, size);
-  for (const auto type : {SlaTestType::kUdpEcho, SlaTestType::kUdpJitter, SlaTestType::kUdpJitterNtp}) {
+  for (const auto type :
+       {SlaTestType::kUdpEcho, SlaTestType::kUdpJitter, SlaTestType::kUdpJitterNtp}) {
     static_cast<void>(ProbeSequence(type, input));
     auto reply = input;
     EncodeReply(type, {.sequence = 1, .counter = 2, .receive_stamp = 3, .ntp_receive = 4}, reply);

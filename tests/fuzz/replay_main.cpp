@@ -1,4 +1,5 @@
-// Replays inputs without a fuzzer: every argument is a file or a directory of files. Fails when there is none.
+// Replays inputs without a fuzzer: every argument is a file or a directory of files. Fails when
+// there is none.
 
 #include <cstdio>
 #include <filesystem>
@@ -12,7 +13,8 @@ namespace {
 
 void Replay(const std::filesystem::path& path, int* count) {
   std::ifstream in(path, std::ios::binary);
-  const std::vector<char> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  const std::vector<char> bytes{std::istreambuf_iterator<char>(in),
+                                std::istreambuf_iterator<char>()};
   const std::vector<std::uint8_t> input(bytes.begin(), bytes.end());
   LLVMFuzzerTestOneInput(input.data(), input.size());
   ++*count;
@@ -27,7 +29,8 @@ int main(int argc, char** argv) {
       Replay(argv[i], &count);
       continue;
     }
-    for (const auto& entry : std::filesystem::directory_iterator(argv[i])) Replay(entry.path(), &count);
+    for (const auto& entry : std::filesystem::directory_iterator(argv[i]))
+      Replay(entry.path(), &count);
   }
   std::printf("%s: %d inputs replayed\n", argv[0], count);
   return count > 0 ? 0 : 1;

@@ -5,7 +5,8 @@
 
 #include "platform/logsvc.h"
 
-extern "C" void SYSLOG_message(int /*module*/, int /*flag*/, int /*severity*/, const char* format, ...) {
+extern "C" void SYSLOG_message(int /*module*/, int /*flag*/, int /*severity*/, const char* format,
+                               ...) {
   va_list arguments;
   va_start(arguments, format);
   std::vsnprintf(nullptr, 0, format, arguments);

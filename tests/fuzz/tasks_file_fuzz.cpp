@@ -1,8 +1,8 @@
 // The tasks file's text: JSON, every check of every task, and the dump of what was accepted.
 
-#include <cjson/cJSON.h>
-
 #include <string_view>
+
+#include <cjson/cJSON.h>
 
 #include "config/json_text.h"
 #include "config/print_funcs.h"
@@ -19,8 +19,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   cJSON_ArrayForEach(element, cJSON_GetObjectItem(parsed.document.get(), "IP-SLA-tasks")) {
     const TaskParse task = ParseTask(element, accepted, keys, ConfiguredInterface);
     const TaskCheck check = CheckTask(element, accepted, &keys, ConfiguredInterface);
-    fuzz::Require(task.Accepted() == (check.faults.empty() && !check.abandoned), "both users of the rules agree");
-    if (task.fault) fuzz::Require(check.faults.front().reason == *task.fault, "the first fault is the daemon's");
+    fuzz::Require(task.Accepted() == (check.faults.empty() && !check.abandoned),
+                  "both users of the rules agree");
+    if (task.fault)
+      fuzz::Require(check.faults.front().reason == *task.fault, "the first fault is the daemon's");
     if (task.Accepted()) accepted[task.config.sla_id] = task.config;
   }
   PrintTaskConfigs(accepted, keys);

@@ -1,4 +1,5 @@
-// ipsla-metrics-runner: reads runs from standard input, one per line, and prints their metrics (record_text.h).
+// ipsla-metrics-runner: reads runs from standard input, one per line, and prints their metrics
+// (record_text.h).
 
 #include <exception>
 #include <iostream>
@@ -51,7 +52,8 @@ SlaTaskMetrics RunIcmp(WordReader* words) {
 
 SlaTaskMetrics RunHistory(WordReader* words) {
   std::list<SlaTaskMetrics> history;
-  for (std::uint64_t left = words->Unsigned(); left > 0; --left) history.push_back(words->HistoryEntry());
+  for (std::uint64_t left = words->Unsigned(); left > 0; --left)
+    history.push_back(words->HistoryEntry());
   return AggregateHistory(history);
 }
 
@@ -72,7 +74,8 @@ int main() {
   std::ios::sync_with_stdio(false);
   std::string line;
   try {
-    while (std::getline(std::cin, line)) std::cout << ipsla::MetricsToJson(ipsla::RunLine(line)) << '\n';
+    while (std::getline(std::cin, line))
+      std::cout << ipsla::MetricsToJson(ipsla::RunLine(line)) << '\n';
   } catch (const std::exception& error) {
     std::cerr << "ipsla-metrics-runner: " << error.what() << " in: " << line << '\n';
     return 1;

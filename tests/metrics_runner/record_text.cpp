@@ -81,7 +81,8 @@ SlaPacketRecord WordReader::Record() {
   record.send_ms = Real();
   record.receive_ms = Real();
   for (std::uint64_t* stamp : {&record.ntp_t1, &record.ntp_t2, &record.ntp_t3, &record.ntp_t4}) {
-    *stamp = boost::endian::native_to_big(Unsigned());  // records keep them as they came over the wire
+    *stamp =
+        boost::endian::native_to_big(Unsigned());  // records keep them as they came over the wire
   }
   return record;
 }
@@ -89,8 +90,9 @@ SlaPacketRecord WordReader::Record() {
 SlaTaskMetrics WordReader::HistoryEntry() {
   SlaTaskMetrics entry;
   entry.status = static_cast<RunResult>(Unsigned());
-  for (double* value : {&entry.jitter_sd_min, &entry.jitter_sd_avg, &entry.jitter_sd_sd, &entry.jitter_sd_max,
-                        &entry.jitter_ds_min, &entry.jitter_ds_avg, &entry.jitter_ds_sd, &entry.jitter_ds_max}) {
+  for (double* value :
+       {&entry.jitter_sd_min, &entry.jitter_sd_avg, &entry.jitter_sd_sd, &entry.jitter_sd_max,
+        &entry.jitter_ds_min, &entry.jitter_ds_avg, &entry.jitter_ds_sd, &entry.jitter_ds_max}) {
     *value = Real();
   }
   return entry;

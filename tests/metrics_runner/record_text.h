@@ -5,13 +5,15 @@
 //   echo TYPE COUNT record...                            udp-echo (TYPE 1), icmp-echo (4)
 //   jitter TYPE RESPONDER_COUNT BUDGET_MS COUNT record...  udp-jitter (2), udp-jitter-ntp (3)
 //   icmp COUNT record...                                 icmp-jitter
-//   history COUNT entry...                               the aggregate of a history, oldest entry first
+//   history COUNT entry...                               the aggregate of a history, oldest entry
+//   first
 //
-// A record is 14 words, in the order of SlaPacketRecord: id, state, ss, rs, send_stamp, remote_receive_stamp,
-// remote_transmit_stamp, receive_stamp, send_ms, receive_ms, ntp_t1 ... ntp_t4. The NTP stamps are given as numbers in
-// host order. A history entry is 9 words: status and the eight jitter values in the order of SlaTaskMetrics.
-// Doubles may be hexadecimal. The answer to every line is one JSON object on one line, doubles with 17 digits and
-// non-finite ones as the texts "nan", "inf" and "-inf".
+// A record is 14 words, in the order of SlaPacketRecord: id, state, ss, rs, send_stamp,
+// remote_receive_stamp, remote_transmit_stamp, receive_stamp, send_ms, receive_ms, ntp_t1 ...
+// ntp_t4. The NTP stamps are given as numbers in host order. A history entry is 9 words: status and
+// the eight jitter values in the order of SlaTaskMetrics. Doubles may be hexadecimal. The answer to
+// every line is one JSON object on one line, doubles with 17 digits and non-finite ones as the
+// texts "nan", "inf" and "-inf".
 
 #ifndef IPSLA_METRICS_RUNNER_RECORD_TEXT_H_
 #define IPSLA_METRICS_RUNNER_RECORD_TEXT_H_
@@ -24,7 +26,8 @@
 
 namespace ipsla {
 
-/// Takes the words of one line from the left. A missing or malformed word throws std::runtime_error naming it.
+/// Takes the words of one line from the left. A missing or malformed word throws std::runtime_error
+/// naming it.
 class WordReader {
  public:
   explicit WordReader(const std::string& line) : rest_(line.c_str()) {}

@@ -1,4 +1,5 @@
-"""The floors of the source tree: an include points down the house or stays on its floor, never up."""
+"""The floors of the source tree: an include points down the house or stays on its floor, never up.
+"""
 
 import pathlib
 import re
@@ -66,7 +67,9 @@ def test_the_check_itself_tells_up_from_down(name, target, expected):
 
 def test_every_include_of_the_project_names_its_floor():
     """A bare file name would hide from which floor a header comes."""
-    bare = [(str(path), target) for path in sources() for target in includes(path) if "/" not in target]
+    bare = [
+        (str(path), target) for path in sources() for target in includes(path) if "/" not in target
+    ]
     assert bare == []
 
 

@@ -1,8 +1,9 @@
-// The unit tests run in network and mount namespaces of their own, so that no test touches the machine's logs, ports or
-// interfaces: /var/log and /run are private, empty file systems and only a loopback interface exists.
+// The unit tests run in network and mount namespaces of their own, so that no test touches the
+// machine's logs, ports or interfaces: /var/log and /run are private, empty file systems and only a
+// loopback interface exists.
 //
-// Only the calling thread moves into new namespaces, and the log's writer thread is there before main. So the program
-// starts itself again once it is inside, and every thread begins there.
+// Only the calling thread moves into new namespaces, and the log's writer thread is there before
+// main. So the program starts itself again once it is inside, and every thread begins there.
 
 #include <net/if.h>
 #include <sched.h>
@@ -40,7 +41,8 @@ bool BringLoopbackUp() {
 
 bool EnterPrivateNamespaces() {
   if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) return Failed("unshare");
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return Failed("make mounts private");
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    return Failed("make mounts private");
   for (const char* directory : {"/var/log", "/run"}) {
     if (mount("tmpfs", directory, "tmpfs", 0, "mode=755") != 0) return Failed(directory);
   }
@@ -48,8 +50,8 @@ bool EnterPrivateNamespaces() {
   return BringLoopbackUp();
 }
 
-// The process that made the private mount namespace, and that namespace, so that a variable left over from elsewhere is
-// not believed.
+// The process that made the private mount namespace, and that namespace, so that a variable left
+// over from elsewhere is not believed.
 constexpr const char* kMaker = "IPSLA_UNIT_TESTS_OF";
 constexpr const char* kPlace = "IPSLA_UNIT_TESTS_IN";
 
@@ -68,7 +70,8 @@ bool Holds(const char* variable, const std::string& value) {
   return text != nullptr && text == value;
 }
 
-// Starts the program anew in namespaces of its own: threads that exist already stay in the old ones.
+// Starts the program anew in namespaces of its own: threads that exist already stay in the old
+// ones.
 int RestartIsolated(char** argv) {
   if (!EnterPrivateNamespaces()) {
     std::fputs("the unit tests need root: they run in namespaces of their own\n", stderr);
@@ -85,10 +88,12 @@ int RestartIsolated(char** argv) {
 
 int main(int argc, char** argv) {
   if (!Holds(kPlace, MountNamespace())) return RestartIsolated(argv);
-  // A child of a test (a death test): it shares its parent's logs, which the parent reads, but not its ports.
+  // A child of a test (a death test): it shares its parent's logs, which the parent reads, but not
+  // its ports.
   if (!Holds(kMaker, ProcessId()) && (unshare(CLONE_NEWNET) != 0 || !BringLoopbackUp())) return 2;
   testing::InitGoogleTest(&argc, argv);
-  // A child process of a test starts from the beginning: a plain fork would leave it without the log's writer thread.
+  // A child process of a test starts from the beginning: a plain fork would leave it without the
+  // log's writer thread.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   return RUN_ALL_TESTS();
 }

@@ -25,7 +25,8 @@ using Outcome = ReplyAssembler::Outcome;
 
 /// While nothing comes: how often to look whether the daemon is still there.
 constexpr milliseconds kAliveCheckInterval{500};
-/// A refusal is delivered by the loopback interface before send(2) returns; this is for a machine that is busy.
+/// A refusal is delivered by the loopback interface before send(2) returns; this is for a machine
+/// that is busy.
 constexpr milliseconds kRefusalWait{50};
 constexpr int kReceiveBufferBytes = 4 << 20;
 
@@ -35,15 +36,17 @@ std::string SystemText(const char* operation) {
 
 class Socket {
  public:
-  explicit Socket(const ClientOptions& options) : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  explicit Socket(const ClientOptions& options)
+      : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     if (fd_ < 0) {
       throw ClientError(Kind::kSystem, SystemText("socket"));
     }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(options.port);
-    const bool connected = inet_pton(AF_INET, options.address.c_str(), &address.sin_addr) == 1 &&
-                           connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    const bool connected =
+        inet_pton(AF_INET, options.address.c_str(), &address.sin_addr) == 1 &&
+        connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
     if (!connected) {
       const std::string text = SystemText("connect");
       close(fd_);
@@ -86,7 +89,8 @@ Wait WaitFor(const Socket& socket, int interrupt_fd, Clock::time_point deadline)
   std::array<pollfd, 2> waits{pollfd{socket.Fd(), POLLIN, 0}, pollfd{interrupt_fd, POLLIN, 0}};
   while (true) {
     const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
-    const int ready = poll(waits.data(), waits.size(), static_cast<int>(std::clamp<std::int64_t>(left, 0, 60000)));
+    const int ready = poll(waits.data(), waits.size(),
+                           static_cast<int>(std::clamp<std::int64_t>(left, 0, 60000)));
     if (ready < 0 && errno != EINTR) {
       throw ClientError(Kind::kSystem, SystemText("poll"));
     }
@@ -127,14 +131,16 @@ std::string Where(const ClientOptions& options) {
   std::string text = "no reply within " + std::to_string(timeout.count()) + " ms";
   if (reply.FragmentCount() > 0) {
     const auto missing = reply.Missing();
-    text = "the reply stayed incomplete: " + std::to_string(reply.FragmentCount()) + " fragments came, " +
-           (missing.empty() ? "the last did not" : "number " + std::to_string(missing.front()) + " did not");
+    text = "the reply stayed incomplete: " + std::to_string(reply.FragmentCount()) +
+           " fragments came, " +
+           (missing.empty() ? "the last did not"
+                            : "number " + std::to_string(missing.front()) + " did not");
   }
   throw ClientError(Kind::kTimeout, text);
 }
 
-/// One request, sent once, and what answers it. `timeout` is the longest silence; with `watch` the daemon's presence is
-/// looked after meanwhile.
+/// One request, sent once, and what answers it. `timeout` is the longest silence; with `watch` the
+/// daemon's presence is looked after meanwhile.
 class Exchange {
  public:
   Exchange(const ApiClient& client, ApiCommand command, std::string_view json, bool watch)
@@ -184,7 +190,8 @@ class Exchange {
     if (error == ECONNREFUSED) {
       ThrowNoDaemon(client_.Options());
     }
-    throw ClientError(Kind::kSystem, std::string("exchange with the daemon failed: ") + std::strerror(error));
+    throw ClientError(Kind::kSystem,
+                      std::string("exchange with the daemon failed: ") + std::strerror(error));
   }
 
   Outcome Take() {
@@ -236,7 +243,8 @@ std::string ApiClient::Query(ApiCommand command, std::string_view json) const {
     if (exchange.Run(options_.timeout)) {
       return exchange.Reply().Text();
     }
-    // A lost fragment is worth asking again; silence is not, the daemon may still be busy with the first request.
+    // A lost fragment is worth asking again; silence is not, the daemon may still be busy with the
+    // first request.
     if (exchange.Reply().FragmentCount() == 0 || attempt == kAttempts) {
       ThrowTimeout(exchange.Reply(), options_.timeout);
     }

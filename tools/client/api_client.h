@@ -35,21 +35,24 @@ class ClientError : public std::runtime_error {
 struct ClientOptions {
   std::string address = "127.0.0.1";
   std::uint16_t port = kApiPort;
-  std::chrono::milliseconds timeout{5000};  ///< longest silence: each part of a reply starts it again
-  int interrupt_fd = -1;                    ///< waiting ends when this becomes readable; -1: nothing interrupts
+  std::chrono::milliseconds timeout{
+      5000};              ///< longest silence: each part of a reply starts it again
+  int interrupt_fd = -1;  ///< waiting ends when this becomes readable; -1: nothing interrupts
 };
 
-/// Asks and waits. Each call has a socket of its own, so that late replies to an earlier one cannot reach it.
-/// Threads: one client per thread; a reply's text is parsed elsewhere. Every operation throws ClientError.
+/// Asks and waits. Each call has a socket of its own, so that late replies to an earlier one cannot
+/// reach it. Threads: one client per thread; a reply's text is parsed elsewhere. Every operation
+/// throws ClientError.
 class ApiClient {
  public:
   explicit ApiClient(ClientOptions options);
 
-  /// A command that is answered with JSON: the text. Asks a second time when part of the reply was lost.
+  /// A command that is answered with JSON: the text. Asks a second time when part of the reply was
+  /// lost.
   [[nodiscard]] std::string Query(ApiCommand command, std::string_view json) const;
 
-  /// A command that is answered with a result alone, which may take the daemon long: waits up to `timeout`, watching
-  /// whether the daemon is still there.
+  /// A command that is answered with a result alone, which may take the daemon long: waits up to
+  /// `timeout`, watching whether the daemon is still there.
   void Execute(ApiCommand command, std::chrono::milliseconds timeout) const;
 
   /// Whether something is bound to the daemon's port.

@@ -26,7 +26,8 @@ ReplyAssembler::Outcome ReplyAssembler::Add(std::span<const std::uint8_t> datagr
   }
   const auto payload = datagram.subspan(kApiHeaderSize);
   if (header.datagram_length != datagram.size() || header.block_length != payload.size() + 8) {
-    return Malformed("a reply's length fields do not match its " + std::to_string(datagram.size()) + " bytes");
+    return Malformed("a reply's length fields do not match its " + std::to_string(datagram.size()) +
+                     " bytes");
   }
   if (header.result != kApiSuccess) {
     return Outcome::kRefused;
@@ -40,7 +41,8 @@ ReplyAssembler::Outcome ReplyAssembler::Add(std::span<const std::uint8_t> datagr
 ReplyAssembler::Outcome ReplyAssembler::AddSlice(const ApiHeader& header, std::string slice) {
   const std::uint32_t number = header.fragment_number;
   const std::string name = "fragment " + std::to_string(number);
-  // The NUL ends the text. The more-fragments bit alone does not tell: a last slice that fills its datagram carries it.
+  // The NUL ends the text. The more-fragments bit alone does not tell: a last slice that fills its
+  // datagram carries it.
   const bool is_last = slice.back() == '\0';
   if (number == 0 || number > kMaxFragments) {
     return Malformed(name + " cannot be");
@@ -55,7 +57,8 @@ ReplyAssembler::Outcome ReplyAssembler::AddSlice(const ApiHeader& header, std::s
     return known->second == slice ? Outcome::kIgnored : Malformed(name + " came twice and differs");
   }
   const bool beyond_end = last_ && number > *last_;
-  const bool ends_early = is_last && (last_ || (!slices_.empty() && slices_.rbegin()->first > number));
+  const bool ends_early =
+      is_last && (last_ || (!slices_.empty() && slices_.rbegin()->first > number));
   if (beyond_end || ends_early) {
     return Malformed(name + " contradicts the end of the reply");
   }

@@ -50,7 +50,8 @@ std::string GroupArray(const std::set<std::string>& groups) {
 
 }  // namespace
 
-std::vector<std::string> StatisticsRequests(const std::set<std::int32_t>& ids, const std::set<std::string>& groups) {
+std::vector<std::string> StatisticsRequests(const std::set<std::int32_t>& ids,
+                                            const std::set<std::string>& groups) {
   const std::string metrics = GroupArray(groups);
   TaskLists lists;
   for (const std::int32_t id : ids) {

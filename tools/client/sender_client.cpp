@@ -9,7 +9,8 @@ namespace {
 
 void Require(bool understood) {
   if (!understood) {
-    throw ClientError(ClientError::Kind::kMalformed, "a reply is not the JSON document that was asked for");
+    throw ClientError(ClientError::Kind::kMalformed,
+                      "a reply is not the JSON document that was asked for");
   }
 }
 
@@ -25,11 +26,14 @@ std::set<std::int32_t> AllTaskIds() {
 
 StatisticsMap SenderClient::ActiveStatistics(const std::set<std::string>& groups) const {
   StatisticsMap tasks;
-  Require(ReadStatistics(api_.Query(ApiCommand::kGetAllActiveTaskStatistics, ActiveStatisticsRequest(groups)), &tasks));
+  Require(ReadStatistics(
+      api_.Query(ApiCommand::kGetAllActiveTaskStatistics, ActiveStatisticsRequest(groups)),
+      &tasks));
   return tasks;
 }
 
-StatisticsMap SenderClient::Statistics(const std::set<std::int32_t>& ids, const std::set<std::string>& groups) const {
+StatisticsMap SenderClient::Statistics(const std::set<std::int32_t>& ids,
+                                       const std::set<std::string>& groups) const {
   StatisticsMap tasks;
   for (const std::string& request : StatisticsRequests(ids, groups)) {
     Require(ReadStatistics(api_.Query(ApiCommand::kGetTaskStatistics, request), &tasks));

@@ -25,10 +25,11 @@ class SenderClient {
   [[nodiscard]] StatisticsMap ActiveStatistics(const std::set<std::string>& groups) const;
 
   /// Last results of these tasks, as above.
-  [[nodiscard]] StatisticsMap Statistics(const std::set<std::int32_t>& ids, const std::set<std::string>& groups) const;
+  [[nodiscard]] StatisticsMap Statistics(const std::set<std::int32_t>& ids,
+                                         const std::set<std::string>& groups) const;
 
-  /// Which of these are configured, and whether they are scheduled. The daemon cannot list its tasks: asking for
-  /// AllTaskIds() takes about 50 requests and half a second.
+  /// Which of these are configured, and whether they are scheduled. The daemon cannot list its
+  /// tasks: asking for AllTaskIds() takes about 50 requests and half a second.
   [[nodiscard]] StatusMap Statuses(const std::set<std::int32_t>& ids) const;
 
   /// Makes the daemon read a file again. A reload takes the daemon at least 10 ms per task.

@@ -1,17 +1,18 @@
 #include "client/task_results.h"
 
-#include <cjson/cJSON.h>
-
 #include <cmath>
 #include <limits>
 #include <utility>
+
+#include <cjson/cJSON.h>
 
 #include "config/json_text.h"
 
 namespace ipsla::client {
 namespace {
 
-/// cJSON writes the largest finite double with 15 digits, so that it reads back as infinite or just below.
+/// cJSON writes the largest finite double with 15 digits, so that it reads back as infinite or just
+/// below.
 constexpr double kLargestValue = 1e300;
 
 const cJSON* Find(const cJSON* object, const char* key) {
@@ -20,7 +21,8 @@ const cJSON* Find(const cJSON* object, const char* key) {
 
 Value ReadValue(const cJSON* object, const char* key) {
   const cJSON* item = Find(object, key);
-  if (cJSON_IsNumber(item) == 0 || !std::isfinite(item->valuedouble) || std::fabs(item->valuedouble) > kLargestValue) {
+  if (cJSON_IsNumber(item) == 0 || !std::isfinite(item->valuedouble) ||
+      std::fabs(item->valuedouble) > kLargestValue) {
     return std::nullopt;
   }
   return item->valuedouble;
@@ -59,9 +61,10 @@ std::optional<TwoWayValues> ReadTwoWay(const cJSON* task, const char* key) {
   if (cJSON_IsObject(group) == 0) {
     return std::nullopt;
   }
-  return TwoWayValues{
-      {ReadValue(group, "sd-min"), ReadValue(group, "sd-avg"), ReadValue(group, "sd-max"), ReadValue(group, "sd-sd")},
-      {ReadValue(group, "ds-min"), ReadValue(group, "ds-avg"), ReadValue(group, "ds-max"), ReadValue(group, "ds-sd")}};
+  return TwoWayValues{{ReadValue(group, "sd-min"), ReadValue(group, "sd-avg"),
+                       ReadValue(group, "sd-max"), ReadValue(group, "sd-sd")},
+                      {ReadValue(group, "ds-min"), ReadValue(group, "ds-avg"),
+                       ReadValue(group, "ds-max"), ReadValue(group, "ds-sd")}};
 }
 
 std::optional<LossValues> ReadLoss(const cJSON* task) {
@@ -85,7 +88,8 @@ std::optional<OutOfSequenceValues> ReadOutOfSequence(const cJSON* task) {
   if (cJSON_IsObject(group) == 0) {
     return std::nullopt;
   }
-  return OutOfSequenceValues{ReadInteger(group, "sd-out-of-sequence"), ReadInteger(group, "ds-out-of-sequence")};
+  return OutOfSequenceValues{ReadInteger(group, "sd-out-of-sequence"),
+                             ReadInteger(group, "ds-out-of-sequence")};
 }
 
 TaskStatistics ReadTask(std::int32_t id, const cJSON* task) {
@@ -118,7 +122,8 @@ TaskStatistics ReadTask(std::int32_t id, const cJSON* task) {
   return result;
 }
 
-/// Calls `take` (an id and the object) for each element of "tasks"; false when the document is no such reply.
+/// Calls `take` (an id and the object) for each element of "tasks"; false when the document is no
+/// such reply.
 template <typename Take>
 bool ForEachTask(std::string_view json, Take take) {
   const JsonParse parsed = ParseJson(json);
@@ -140,8 +145,9 @@ bool ForEachTask(std::string_view json, Take take) {
 }  // namespace
 
 bool ReadStatistics(std::string_view json, StatisticsMap* tasks) {
-  return ForEachTask(json,
-                     [tasks](std::int32_t id, const cJSON* task) { tasks->insert_or_assign(id, ReadTask(id, task)); });
+  return ForEachTask(json, [tasks](std::int32_t id, const cJSON* task) {
+    tasks->insert_or_assign(id, ReadTask(id, task));
+  });
 }
 
 bool ReadStatuses(std::string_view json, StatusMap* tasks) {

@@ -13,8 +13,8 @@
 
 namespace ipsla::client {
 
-/// A measured value; none when it is absent, not finite (the daemon writes null) or still at the largest finite double,
-/// where minima and maxima start before the first sample.
+/// A measured value; none when it is absent, not finite (the daemon writes null) or still at the
+/// largest finite double, where minima and maxima start before the first sample.
 using Value = std::optional<double>;
 
 /// Milliseconds.

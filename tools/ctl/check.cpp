@@ -1,10 +1,10 @@
 #include "ctl/check.h"
 
-#include <cjson/cJSON.h>
-#include <fmt/format.h>
-
 #include <map>
 #include <utility>
+
+#include <cjson/cJSON.h>
+#include <fmt/format.h>
 
 #include "config/config_file.h"
 #include "config/keychain.h"
@@ -35,7 +35,8 @@ std::optional<std::string> FileFault(const ConfigFile& file, const char* array) 
   if (file.json.error_line == 0) {
     return "not valid JSON";
   }
-  return fmt::format("not valid JSON at line {}, column {}", file.json.error_line, file.json.error_column);
+  return fmt::format("not valid JSON at line {}, column {}", file.json.error_line,
+                     file.json.error_column);
 }
 
 /// Secrets are not shown, not even wrong ones.
@@ -108,10 +109,13 @@ class TasksChecker {
   }
 
  private:
-  void Accept(std::size_t number, const std::optional<std::int32_t>& id, const SlaTaskConfig& config) {
+  void Accept(std::size_t number, const std::optional<std::int32_t>& id,
+              const SlaTaskConfig& config) {
     if (const auto replaced = numbers_.find(config.sla_id); replaced != numbers_.end()) {
-      report_.warnings.push_back(
-          {number, id, {"sla-id", std::to_string(id.value_or(0)), fmt::format("replaces task {}", replaced->second)}});
+      report_.warnings.push_back({number,
+                                  id,
+                                  {"sla-id", std::to_string(id.value_or(0)),
+                                   fmt::format("replaces task {}", replaced->second)}});
     }
     numbers_[config.sla_id] = number;
     accepted_[config.sla_id] = config;
@@ -125,7 +129,8 @@ class TasksChecker {
   std::map<std::uint16_t, std::size_t> numbers_;  // of the accepted tasks
 };
 
-FileReport CheckTasks(const std::string& name, const KeychainStorage* keychain, const timespec& now) {
+FileReport CheckTasks(const std::string& name, const KeychainStorage* keychain,
+                      const timespec& now) {
   FileReport report{.name = name};
   const ConfigFile file = ReadConfigFile(name, kTasksKey);
   if (const auto fault = FileFault(file, kTasksKey)) {
@@ -152,7 +157,8 @@ void AddFindingLines(const FileReport& report, const char* noun, std::vector<std
       }
       line += kind;
       if (!finding.fault.key.empty()) {
-        const std::string value = finding.fault.value.empty() ? " (missing)" : " = " + finding.fault.value;
+        const std::string value =
+            finding.fault.value.empty() ? " (missing)" : " = " + finding.fault.value;
         line += finding.fault.key + value + ": ";
       }
       lines->push_back(line + finding.fault.reason);
@@ -164,18 +170,21 @@ std::string CountLine(const FileReport& report, const char* noun) {
   const auto count = [](std::size_t number, const char* word) {
     return fmt::format("{} {}{}", number, word, number == 1 ? "" : "s");
   };
-  return fmt::format("{}: {}, {} accepted, {}, {}", report.name, count(report.elements, noun), report.accepted,
-                     count(report.faults.size(), "fault"), count(report.warnings.size(), "warning"));
+  return fmt::format("{}: {}, {} accepted, {}, {}", report.name, count(report.elements, noun),
+                     report.accepted, count(report.faults.size(), "fault"),
+                     count(report.warnings.size(), "warning"));
 }
 
 cJSON* FindingsJson(const std::vector<Finding>& findings) {
   cJSON* array = cJSON_CreateArray();
   for (const Finding& finding : findings) {
     JsonDocument object(cJSON_CreateObject());
-    cJSON_AddItemToObject(
-        object.get(), "number",
-        finding.number > 0 ? cJSON_CreateNumber(static_cast<double>(finding.number)) : cJSON_CreateNull());
-    cJSON_AddItemToObject(object.get(), "id", finding.id ? cJSON_CreateNumber(*finding.id) : cJSON_CreateNull());
+    cJSON_AddItemToObject(object.get(), "number",
+                          finding.number > 0
+                              ? cJSON_CreateNumber(static_cast<double>(finding.number))
+                              : cJSON_CreateNull());
+    cJSON_AddItemToObject(object.get(), "id",
+                          finding.id ? cJSON_CreateNumber(*finding.id) : cJSON_CreateNull());
     cJSON_AddStringToObject(object.get(), "key", finding.fault.key.c_str());
     cJSON_AddStringToObject(object.get(), "value", finding.fault.value.c_str());
     cJSON_AddStringToObject(object.get(), "reason", finding.fault.reason.c_str());
@@ -200,7 +209,8 @@ bool CheckReport::HasFaults() const {
   return !tasks.faults.empty() || (keychain && !keychain->faults.empty());
 }
 
-CheckReport CheckFiles(const std::string& tasks_file, const std::string& keychain_file, const timespec& now) {
+CheckReport CheckFiles(const std::string& tasks_file, const std::string& keychain_file,
+                       const timespec& now) {
   CheckReport report;
   KeychainStorage keys;
   if (!keychain_file.empty()) {
@@ -226,7 +236,8 @@ std::vector<std::string> CheckLines(const CheckReport& report) {
 std::string CheckJson(const CheckReport& report) {
   const JsonDocument document(cJSON_CreateObject());
   cJSON_AddItemToObject(document.get(), "tasks", FileJson(report.tasks));
-  cJSON_AddItemToObject(document.get(), "keychain", report.keychain ? FileJson(*report.keychain) : cJSON_CreateNull());
+  cJSON_AddItemToObject(document.get(), "keychain",
+                        report.keychain ? FileJson(*report.keychain) : cJSON_CreateNull());
   const JsonText text(cJSON_PrintUnformatted(document.get()));
   return text.get();
 }

@@ -1,5 +1,5 @@
-// The configuration files through the daemon's own parser, with everything that is wrong in them. Reads files, logs
-// nothing, asks the system nothing else.
+// The configuration files through the daemon's own parser, with everything that is wrong in them.
+// Reads files, logs nothing, asks the system nothing else.
 
 #ifndef IPSLA_TOOLS_CTL_CHECK_H_
 #define IPSLA_TOOLS_CTL_CHECK_H_
@@ -32,21 +32,22 @@ struct FileReport {
 
 struct CheckReport {
   FileReport tasks;
-  std::optional<FileReport> keychain;  ///< none: no keychain file was given, key ids were not looked up
+  std::optional<FileReport>
+      keychain;  ///< none: no keychain file was given, key ids were not looked up
 
   [[nodiscard]] bool HasFaults() const;
 };
 
 /// Checks both files as the daemon would read them at `now`. An empty keychain file name: none.
-[[nodiscard]] CheckReport CheckFiles(const std::string& tasks_file, const std::string& keychain_file,
-                                     const timespec& now);
+[[nodiscard]] CheckReport CheckFiles(const std::string& tasks_file,
+                                     const std::string& keychain_file, const timespec& now);
 
 /// For people: one line per finding, then one line per file with its counts.
 [[nodiscard]] std::vector<std::string> CheckLines(const CheckReport& report);
 
-/// {"tasks": FILE, "keychain": FILE or null} with FILE = {"file", "elements", "accepted", "faults": [FINDING...],
-/// "warnings": [FINDING...]} and FINDING = {"number", "id", "key", "value", "reason"}; "number" and "id" are null
-/// where there is none.
+/// {"tasks": FILE, "keychain": FILE or null} with FILE = {"file", "elements", "accepted", "faults":
+/// [FINDING...], "warnings": [FINDING...]} and FINDING = {"number", "id", "key", "value",
+/// "reason"}; "number" and "id" are null where there is none.
 [[nodiscard]] std::string CheckJson(const CheckReport& report);
 
 }  // namespace ipsla::ctl

@@ -1,6 +1,6 @@
-#include <fmt/format.h>
-
 #include <ctime>
+
+#include <fmt/format.h>
 
 #include "ctl/check.h"
 #include "ctl/commands.h"

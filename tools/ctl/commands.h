@@ -44,8 +44,8 @@ struct Collected {
 [[nodiscard]] Collected Collect(const client::SenderClient& sender, const Selection& selection,
                                 const std::set<std::string>& groups);
 
-/// {"tasks": [...]}: the daemon's own objects, and {"sla-id", "schedule", "status": "not run"} for a task without a
-/// result; with unknown ids, "unknown": [...].
+/// {"tasks": [...]}: the daemon's own objects, and {"sla-id", "schedule", "status": "not run"} for
+/// a task without a result; with unknown ids, "unknown": [...].
 [[nodiscard]] std::string CollectedJson(const Collected& collected);
 
 /// Complains about unknown ids on standard error.

@@ -1,10 +1,10 @@
 #include "ctl/display_text.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
+
+#include <fmt/format.h>
 
 namespace ipsla::ctl {
 namespace {
@@ -18,8 +18,8 @@ struct CodePoint {
   bool valid = false;
 };
 
-/// The code point at the start of `text`, which is not empty. Overlong forms, surrogates and cut sequences are not
-/// valid and take one byte.
+/// The code point at the start of `text`, which is not empty. Overlong forms, surrogates and cut
+/// sequences are not valid and take one byte.
 CodePoint Decode(std::string_view text) {
   const auto byte = [text](std::size_t index) { return static_cast<unsigned char>(text[index]); };
   const unsigned char first = byte(0);
@@ -51,8 +51,9 @@ struct Range {
 
 template <std::size_t Size>
 bool IsIn(const std::array<Range, Size>& ranges, char32_t value) {
-  return std::any_of(ranges.begin(), ranges.end(),
-                     [value](const Range& range) { return value >= range.first && value <= range.last; });
+  return std::any_of(ranges.begin(), ranges.end(), [value](const Range& range) {
+    return value >= range.first && value <= range.last;
+  });
 }
 
 /// Control characters, and those that change the direction of the text around them.
@@ -62,7 +63,8 @@ bool IsControl(char32_t value) {
   return IsIn(kControls, value);
 }
 
-/// The blocks of combining marks and of wide characters; rare scripts in between may be off by a column.
+/// The blocks of combining marks and of wide characters; rare scripts in between may be off by a
+/// column.
 std::size_t Width(char32_t value) {
   constexpr std::array<Range, 8> kZero{{{0x0300, 0x036F},
                                         {0x0483, 0x0489},

@@ -14,8 +14,8 @@ namespace ipsla::ctl {
 /// What is shown where there is no value.
 inline constexpr const char* kNoValue = "-";
 
-/// `text` as UTF-8 that is safe to print: bytes that are no UTF-8 and control characters (a name may hold an escape
-/// sequence) become U+FFFD.
+/// `text` as UTF-8 that is safe to print: bytes that are no UTF-8 and control characters (a name
+/// may hold an escape sequence) become U+FFFD.
 [[nodiscard]] std::string Printable(std::string_view text);
 
 /// Columns that printable text takes: combining marks none, wide characters two.
@@ -25,16 +25,19 @@ inline constexpr const char* kNoValue = "-";
 [[nodiscard]] std::string PadRight(std::string_view text, std::size_t width);
 [[nodiscard]] std::string PadLeft(std::string_view text, std::size_t width);
 
-/// `text` cut to at most `width` columns, "…" at its end when something was cut. REQUIRES: width at least 1.
+/// `text` cut to at most `width` columns, "…" at its end when something was cut. REQUIRES: width at
+/// least 1.
 [[nodiscard]] std::string Shorten(std::string_view text, std::size_t width);
 
-/// Seconds as the two largest units: "12s", "3m05s", "4h00m", "2d03h"; a negative age (a clock was set back) is "0s".
+/// Seconds as the two largest units: "12s", "3m05s", "4h00m", "2d03h"; a negative age (a clock was
+/// set back) is "0s".
 [[nodiscard]] std::string AgeText(std::int64_t seconds);
 
 /// A number with at most `decimals` decimals, none that are zero at the end; kNoValue for none.
 [[nodiscard]] std::string NumberText(std::optional<double> value, int decimals);
 
-/// Milliseconds with about four significant digits, at least 1 µs: "0.052", "12.34", "123.4", "1234".
+/// Milliseconds with about four significant digits, at least 1 µs: "0.052", "12.34", "123.4",
+/// "1234".
 [[nodiscard]] std::string MillisecondsText(std::optional<double> value);
 
 }  // namespace ipsla::ctl

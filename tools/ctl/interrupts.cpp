@@ -29,7 +29,8 @@ void OnSignal(int /*signal*/) {
 
 Interrupts::Interrupts() : event_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (event_fd_ < 0) {
-    throw client::ClientError(client::ClientError::Kind::kSystem, std::string("eventfd: ") + std::strerror(errno));
+    throw client::ClientError(client::ClientError::Kind::kSystem,
+                              std::string("eventfd: ") + std::strerror(errno));
   }
   handler_fd = event_fd_;
   struct sigaction action {};

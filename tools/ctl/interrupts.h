@@ -8,8 +8,9 @@
 
 namespace ipsla::ctl {
 
-/// Takes the two signals over while it lives; one at a time. Handlers, not a blocked mask: the log of the daemon's
-/// library has a thread of its own, on which an unblocked signal would still end the process.
+/// Takes the two signals over while it lives; one at a time. Handlers, not a blocked mask: the log
+/// of the daemon's library has a thread of its own, on which an unblocked signal would still end
+/// the process.
 class Interrupts {
  public:
   /// Throws ClientError.

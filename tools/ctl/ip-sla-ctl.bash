@@ -1,4 +1,5 @@
-# bash completion for ip-sla-ctl. Task ids come from a daemon that answers at once; without one there are none.
+# bash completion for ip-sla-ctl. Task ids come from a daemon that answers at once; without one
+# there are none.
 
 _ip_sla_ctl_ids() {
   ip-sla-ctl status --json --timeout 0.3 2>/dev/null | grep -o '"sla-id":[0-9]*' | cut -d: -f2

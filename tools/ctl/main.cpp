@@ -1,11 +1,11 @@
 // ip-sla-ctl: the daemon's results, its reloads and a check of its files, from the command line.
 
-#include <fmt/format.h>
-
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
 #include <functional>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 #include "ctl/commands.h"
 #include "ctl/json_out.h"
@@ -15,21 +15,26 @@ namespace ipsla::ctl {
 namespace {
 
 constexpr const char* kAbout =
-    "Shows what the IP SLA sender of this machine measures, makes it read its files again, and checks those files.\n"
+    "Shows what the IP SLA sender of this machine measures, makes it read its files again, and "
+    "checks those files.\n"
     "SD is the direction from source to destination, DS the way back. Times are in milliseconds.";
 constexpr const char* kFooter =
-    "Exit status: 0 fine; 1 a test is failing, a file has faults or a reload was refused; 2 no daemon answered;\n"
-    "3 a wrong command line or an unknown task. `probe` exits as monitoring plugins do: 0 OK, 1 WARNING,\n"
+    "Exit status: 0 fine; 1 a test is failing, a file has faults or a reload was refused; 2 no "
+    "daemon answered;\n"
+    "3 a wrong command line or an unknown task. `probe` exits as monitoring plugins do: 0 OK, 1 "
+    "WARNING,\n"
     "2 CRITICAL, 3 UNKNOWN.";
 constexpr const char* kProbeHelp =
-    "A threshold is NAME=NUMBER, several are joined by commas, as in --warning rtt=50,loss=1. A value above it "
+    "A threshold is NAME=NUMBER, several are joined by commas, as in --warning rtt=50,loss=1. A "
+    "value above it "
     "counts.\n"
     "  rtt      average round-trip time, ms\n"
     "  latency  average one-way latency, ms, the worse direction\n"
     "  jitter   standard deviation of the one-way latency, ms, the worse direction\n"
     "  loss     lost probes, percent, the worse direction (echo tests: probes without a reply)\n"
     "  age      time since the last run ended, seconds\n"
-    "A failed run is CRITICAL. No daemon, no such task, no result yet or no value for a threshold is UNKNOWN.";
+    "A failed run is CRITICAL. No daemon, no such task, no result yet or no value for a threshold "
+    "is UNKNOWN.";
 
 struct Arguments {
   CommonOptions common;
@@ -54,7 +59,8 @@ CLI::Option* AddIds(CLI::App* command, Arguments* arguments) {
 
 void AddSelection(CLI::App* command, Arguments* arguments, Selection* selection) {
   CLI::Option* ids = AddIds(command, arguments);
-  command->add_flag("--all", selection->all, "Every configured task, also one that has not run yet")->excludes(ids);
+  command->add_flag("--all", selection->all, "Every configured task, also one that has not run yet")
+      ->excludes(ids);
 }
 
 std::set<std::int32_t> Ids(const Arguments& arguments) {
@@ -72,7 +78,8 @@ void AddShow(CLI::App* app, Arguments* a) {
 }
 
 void AddWatch(CLI::App* app, Arguments* a) {
-  CLI::App* watch = app->add_subcommand("watch", "The same table, kept up to date, what changed marked");
+  CLI::App* watch =
+      app->add_subcommand("watch", "The same table, kept up to date, what changed marked");
   watch->footer("Where standard output is no terminal: one line for each new result.");
   AddSelection(watch, a, &a->watch.selection);
   watch->add_option("-n,--interval", a->watch.interval, "Time between refreshes")
@@ -92,14 +99,17 @@ void AddReload(CLI::App* app, Arguments* a) {
   reload->fallthrough();
   CLI::App* tasks = reload->add_subcommand("tasks", "The tasks file; prints what was applied");
   AddCommand(tasks, a, [a] { return RunReloadTasks(a->common); });
-  CLI::App* keychain = reload->add_subcommand("keychain", "The keychain file; one that cannot be read ends the daemon");
+  CLI::App* keychain = reload->add_subcommand(
+      "keychain", "The keychain file; one that cannot be read ends the daemon");
   AddCommand(keychain, a, [a] { return RunReloadKeychain(a->common); });
 }
 
 void AddCheck(CLI::App* app, Arguments* a) {
-  CLI::App* check = app->add_subcommand("check", "Every fault of the files, and what cannot work; needs no daemon");
+  CLI::App* check = app->add_subcommand(
+      "check", "Every fault of the files, and what cannot work; needs no daemon");
   check->add_option("TASKS", a->check.tasks_file, "Tasks file")->required();
-  check->add_option("KEYCHAIN", a->check.keychain_file, "Keychain file; without it key ids are not looked up");
+  check->add_option("KEYCHAIN", a->check.keychain_file,
+                    "Keychain file; without it key ids are not looked up");
   AddCommand(check, a, [a] { return RunCheck(a->common, a->check); });
 }
 
@@ -110,7 +120,8 @@ std::string ValidateThresholds(const std::string& text) {
 }
 
 void AddProbe(CLI::App* app, Arguments* a) {
-  CLI::App* probe = app->add_subcommand("probe", "One task for a monitoring system: a line, values, an exit status");
+  CLI::App* probe = app->add_subcommand(
+      "probe", "One task for a monitoring system: a line, values, an exit status");
   probe->footer(kProbeHelp);
   const CLI::Validator thresholds(ValidateThresholds, "", "thresholds");
   probe->add_option("ID", a->probe.id, "Task id")->required()->check(CLI::Range(0, 65535));
@@ -123,10 +134,12 @@ void AddOptions(CLI::App* app, Arguments* a) {
   constexpr double kLongestTimeout = 86400;
   app->set_version_flag("-V,--version", "ip-sla-ctl " IPSLA_VERSION);
   app->add_flag("--json", a->common.json, "JSON on standard output, one document per line");
-  app->add_option("--timeout", a->timeout_s, "Longest silence of the daemon (default 5; reload: 60 and more)")
+  app->add_option("--timeout", a->timeout_s,
+                  "Longest silence of the daemon (default 5; reload: 60 and more)")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.001, kLongestTimeout));
-  app->add_option("--port", a->common.client.port, "UDP port of the daemon on 127.0.0.1")->capture_default_str();
+  app->add_option("--port", a->common.client.port, "UDP port of the daemon on 127.0.0.1")
+      ->capture_default_str();
   app->footer(kFooter);
   app->require_subcommand(1);
 }
@@ -154,9 +167,11 @@ int ParseAndRun(int argc, char** argv) {
   AddOptions(&app, &arguments);
   AddShow(&app, &arguments);
   AddWatch(&app, &arguments);
-  CLI::App* status = app.add_subcommand("status", "Which tasks are configured and scheduled, and whether they fail");
+  CLI::App* status = app.add_subcommand(
+      "status", "Which tasks are configured and scheduled, and whether they fail");
   AddIds(status, &arguments);
-  AddCommand(status, &arguments, [&arguments] { return RunStatus(arguments.common, Ids(arguments)); });
+  AddCommand(status, &arguments,
+             [&arguments] { return RunStatus(arguments.common, Ids(arguments)); });
   AddReload(&app, &arguments);
   AddCheck(&app, &arguments);
   AddProbe(&app, &arguments);

@@ -1,9 +1,9 @@
 #include "ctl/plugin.h"
 
+#include <algorithm>
+
 #include <cjson/cJSON.h>
 #include <fmt/format.h>
-
-#include <algorithm>
 
 #include "ctl/display_text.h"
 #include "ctl/json_out.h"
@@ -56,7 +56,8 @@ std::string LimitText(const Thresholds& thresholds, const std::string& name) {
 /// Collects what is worth reporting.
 class Judgement {
  public:
-  Judgement(const Thresholds& warning, const Thresholds& critical) : warning_(warning), critical_(critical) {}
+  Judgement(const Thresholds& warning, const Thresholds& critical)
+      : warning_(warning), critical_(critical) {}
 
   void Check(const std::string& name, const Value& value) {
     const auto limit = critical_.find(name);
@@ -74,10 +75,12 @@ class Judgement {
     }
   }
 
-  void Add(const char* label, const std::string& name, const Value& value, const char* unit, const char* range) {
+  void Add(const char* label, const std::string& name, const Value& value, const char* unit,
+           const char* range) {
     if (value) {
       performance_.push_back(
-          {label, *value, unit, LimitText(warning_, name) + ";" + LimitText(critical_, name) + ";" + range});
+          {label, *value, unit,
+           LimitText(warning_, name) + ";" + LimitText(critical_, name) + ";" + range});
     }
   }
 
@@ -98,8 +101,8 @@ class Judgement {
   void Exceeded(PluginState state, const std::string& name, double value, double limit) {
     state_ = std::max(state_, state);
     const char* unit = UnitOf(name);
-    exceeded_.push_back(fmt::format("{} {}{} is above {}{}", name, NumberText(value, kDecimals), unit,
-                                    NumberText(limit, kDecimals), unit));
+    exceeded_.push_back(fmt::format("{} {}{} is above {}{}", name, NumberText(value, kDecimals),
+                                    unit, NumberText(limit, kDecimals), unit));
   }
 
   const Thresholds& warning_;
@@ -130,8 +133,11 @@ std::string FigureText(const TaskFigures& figures) {
     parts.push_back(fmt::format("rtt {} ms", NumberText(figures.rtt, kDecimals)));
   }
   if (figures.loss_sd || figures.loss_ds) {
-    const auto percent = [](const Value& value) { return value ? NumberText(value, 1) + "%" : kNoValue; };
-    parts.push_back(fmt::format("loss sd {} ds {}", percent(figures.loss_sd), percent(figures.loss_ds)));
+    const auto percent = [](const Value& value) {
+      return value ? NumberText(value, 1) + "%" : kNoValue;
+    };
+    parts.push_back(
+        fmt::format("loss sd {} ds {}", percent(figures.loss_sd), percent(figures.loss_ds)));
   } else if (figures.loss) {
     parts.push_back(fmt::format("loss {}%", NumberText(figures.loss, 1)));
   }
@@ -154,7 +160,8 @@ const char* PluginStateText(PluginState state) {
   return "UNKNOWN";
 }
 
-PluginResult JudgeTask(const TaskView& task, const Thresholds& warning, const Thresholds& critical, std::int64_t now) {
+PluginResult JudgeTask(const TaskView& task, const Thresholds& warning, const Thresholds& critical,
+                       std::int64_t now) {
   if (!task.last) {
     const char* text = task.scheduled ? "task {} has no result yet" : "task {} is not scheduled";
     return {PluginState::kUnknown, fmt::format(fmt::runtime(text), task.id), {}};
@@ -167,7 +174,8 @@ PluginResult JudgeTask(const TaskView& task, const Thresholds& warning, const Th
   const TaskFigures figures = Figures(last);
   AddPerformance(figures, age, &judgement);
   if (last.Failed()) {
-    PluginResult result = judgement.Finish(subject, last.error.empty() ? "the last run failed" : last.error);
+    PluginResult result =
+        judgement.Finish(subject, last.error.empty() ? "the last run failed" : last.error);
     result.state = PluginState::kCritical;
     return result;
   }
@@ -184,8 +192,8 @@ std::string PluginLine(const PluginResult& result) {
   std::string line = fmt::format("{} - {}", PluginStateText(result.state), text);
   const char* separator = " | ";
   for (const PerformanceValue& value : result.performance) {
-    line += fmt::format("{}{}={}{};{}", separator, value.label, NumberText(value.value, kDecimals), value.unit,
-                        value.limits);
+    line += fmt::format("{}{}={}{};{}", separator, value.label, NumberText(value.value, kDecimals),
+                        value.unit, value.limits);
     separator = " ";
   }
   return line;

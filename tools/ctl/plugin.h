@@ -32,10 +32,10 @@ struct PluginResult {
   std::vector<PerformanceValue> performance;
 };
 
-/// Judges the last result of a task. A failed run is critical, a task without a result unknown; so is a threshold whose
-/// value was not measured, unless another threshold is exceeded.
-[[nodiscard]] PluginResult JudgeTask(const TaskView& task, const Thresholds& warning, const Thresholds& critical,
-                                     std::int64_t now);
+/// Judges the last result of a task. A failed run is critical, a task without a result unknown; so
+/// is a threshold whose value was not measured, unless another threshold is exceeded.
+[[nodiscard]] PluginResult JudgeTask(const TaskView& task, const Thresholds& warning,
+                                     const Thresholds& critical, std::int64_t now);
 
 /// "OK - task 3 udp-jitter: rtt 1.2 ms, loss sd 0% ds 0% | rtt=1.2ms;50;100;; ..."
 [[nodiscard]] std::string PluginLine(const PluginResult& result);

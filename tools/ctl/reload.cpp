@@ -17,7 +17,8 @@ std::int64_t Runs(const TaskStatistics& task) {
 
 bool Restarted(const TaskStatistics& before, const TaskStatistics& after) {
   const bool reconfigured = before.type != after.type || before.vrf != after.vrf ||
-                            before.dst_address != after.dst_address || before.src_address != after.src_address ||
+                            before.dst_address != after.dst_address ||
+                            before.src_address != after.src_address ||
                             before.interface != after.interface;
   // A task that went on has more runs than before, or as many and the same last one.
   const bool other_run = before.json != after.json;
@@ -60,9 +61,9 @@ ReloadChanges CompareSnapshots(const TaskSnapshot& before, const TaskSnapshot& a
 }
 
 std::vector<std::string> ReloadLines(const ReloadChanges& changes) {
-  std::vector<std::string> lines{fmt::format("tasks reloaded: {} added, {} removed, {} restarted, {} unchanged",
-                                             changes.added.size(), changes.removed.size(), changes.restarted.size(),
-                                             changes.unchanged.size())};
+  std::vector<std::string> lines{fmt::format(
+      "tasks reloaded: {} added, {} removed, {} restarted, {} unchanged", changes.added.size(),
+      changes.removed.size(), changes.restarted.size(), changes.unchanged.size())};
   if (!changes.added.empty()) {
     lines.push_back(ListLine("added:", changes.added));
   }

@@ -21,8 +21,8 @@ struct ReloadChanges {
   std::vector<std::int32_t> added, removed, restarted, unchanged;  ///< task ids, ascending
 };
 
-/// Compares. A changed task starts afresh with empty statistics, which is how it is seen; one that had no result
-/// before counts as unchanged unless its configuration shows.
+/// Compares. A changed task starts afresh with empty statistics, which is how it is seen; one that
+/// had no result before counts as unchanged unless its configuration shows.
 [[nodiscard]] ReloadChanges CompareSnapshots(const TaskSnapshot& before, const TaskSnapshot& after);
 
 /// For people, as lines.

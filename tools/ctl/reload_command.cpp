@@ -1,6 +1,6 @@
-#include <fmt/format.h>
-
 #include <chrono>
+
+#include <fmt/format.h>
 
 #include "ctl/commands.h"
 #include "ctl/json_out.h"
@@ -32,8 +32,9 @@ TaskSnapshot TakeSnapshot(const SenderClient& sender) {
 }
 
 milliseconds ReloadTimeout(const CommonOptions& common, std::size_t tasks) {
-  return common.timeout_given ? common.client.timeout
-                              : kReloadTimeout + kReloadTimePerTask * static_cast<std::int64_t>(tasks);
+  return common.timeout_given
+             ? common.client.timeout
+             : kReloadTimeout + kReloadTimePerTask * static_cast<std::int64_t>(tasks);
 }
 
 int Fail(const CommonOptions& common, int status, const std::string& text) {
@@ -53,13 +54,14 @@ int RunReloadTasks(const CommonOptions& common) {
     sender.ReloadTasks(ReloadTimeout(common, before.configured.size()));
   } catch (const ClientError& error) {
     if (error.GetKind() == Kind::kRefused) {
-      return Fail(
-          common, kExitFailing,
-          "the daemon could not read the tasks file and goes on with the tasks it has; its log says why, and so "
-          "does \"ip-sla-ctl check\"");
+      return Fail(common, kExitFailing,
+                  "the daemon could not read the tasks file and goes on with the tasks it has; its "
+                  "log says why, and so "
+                  "does \"ip-sla-ctl check\"");
     }
     if (error.GetKind() == Kind::kEnded) {
-      return Fail(common, kExitNoDaemon, "the daemon ended: a test of the new tasks file could not be created");
+      return Fail(common, kExitNoDaemon,
+                  "the daemon ended: a test of the new tasks file could not be created");
     }
     throw;
   }
@@ -86,10 +88,10 @@ int RunReloadKeychain(const CommonOptions& common) {
       return Fail(common, kExitFailing, "the daemon refused to read the keychain file");
     }
     if (error.GetKind() == Kind::kTimeout) {
-      return Fail(
-          common, kExitNoDaemon,
-          std::string(error.what()) +
-              "; a daemon listens, but it may be a new one: a keychain file that cannot be read ends the daemon");
+      return Fail(common, kExitNoDaemon,
+                  std::string(error.what()) +
+                      "; a daemon listens, but it may be a new one: a keychain file that cannot be "
+                      "read ends the daemon");
     }
     throw;
   }

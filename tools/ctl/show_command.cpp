@@ -1,8 +1,8 @@
-#include <cjson/cJSON.h>
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <ctime>
+
+#include <cjson/cJSON.h>
+#include <fmt/format.h>
 
 #include "ctl/commands.h"
 #include "ctl/json_out.h"
@@ -45,7 +45,8 @@ void PrintDetails(const Collected& collected) {
 }
 
 void PrintTable(const Collected& collected) {
-  for (const std::string& line : RenderTable(TaskTable(collected.tasks, Now()), StandardOutput().Layout())) {
+  for (const std::string& line :
+       RenderTable(TaskTable(collected.tasks, Now()), StandardOutput().Layout())) {
     fmt::print("{}\n", line);
   }
 }
@@ -53,14 +54,16 @@ void PrintTable(const Collected& collected) {
 }  // namespace
 
 bool Collected::AnyFailed() const {
-  return std::any_of(tasks.begin(), tasks.end(), [](const TaskView& task) { return task.Failed(); });
+  return std::any_of(tasks.begin(), tasks.end(),
+                     [](const TaskView& task) { return task.Failed(); });
 }
 
 std::int64_t Now() {
   return static_cast<std::int64_t>(std::time(nullptr));
 }
 
-Collected Collect(const SenderClient& sender, const Selection& selection, const std::set<std::string>& groups) {
+Collected Collect(const SenderClient& sender, const Selection& selection,
+                  const std::set<std::string>& groups) {
   Collected collected;
   if (selection.ids.empty() && !selection.all) {
     for (const auto& [id, result] : sender.ActiveStatistics(groups)) {
@@ -68,7 +71,8 @@ Collected Collect(const SenderClient& sender, const Selection& selection, const 
     }
     return collected;
   }
-  const StatusMap configured = sender.Statuses(selection.all ? client::AllTaskIds() : selection.ids);
+  const StatusMap configured =
+      sender.Statuses(selection.all ? client::AllTaskIds() : selection.ids);
   const StatisticsMap results = sender.Statistics(Ids(configured), groups);
   for (const auto& [id, scheduled] : configured) {
     collected.tasks.push_back(ViewOf(id, scheduled, results));
@@ -121,7 +125,8 @@ int RunShow(const CommonOptions& common, const ShowOptions& options) {
     fmt::print("{}\n", CollectedJson(collected));
   } else if (collected.tasks.empty()) {
     if (collected.unknown.empty()) {
-      fmt::print("{}\n", options.selection.all ? "no task is configured" : "no task has a result yet");
+      fmt::print("{}\n",
+                 options.selection.all ? "no task is configured" : "no task has a result yet");
     }
   } else if (options.metrics) {
     PrintDetails(collected);

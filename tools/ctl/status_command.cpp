@@ -30,7 +30,8 @@ std::string StatusJson(const Collected& collected) {
     JsonDocument object(cJSON_CreateObject());
     cJSON_AddNumberToObject(object.get(), "sla-id", task.id);
     cJSON_AddBoolToObject(object.get(), "status", static_cast<cJSON_bool>(task.scheduled));
-    cJSON_AddStringToObject(object.get(), "result", task.last ? task.last->status.c_str() : "not run");
+    cJSON_AddStringToObject(object.get(), "result",
+                            task.last ? task.last->status.c_str() : "not run");
     cJSON_AddItemToArray(tasks, object.release());
   }
   if (!collected.unknown.empty()) {

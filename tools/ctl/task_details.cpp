@@ -1,7 +1,7 @@
+#include <ctime>
+
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-
-#include <ctime>
 
 #include "ctl/display_text.h"
 #include "ctl/task_view.h"
@@ -27,8 +27,8 @@ std::string Line(const char* label, const Values&... values) {
 }
 
 std::string ValueLine(const char* label, const DirectionValues& values) {
-  return Line(label, MillisecondsText(values.min), MillisecondsText(values.avg), MillisecondsText(values.max),
-              MillisecondsText(values.deviation));
+  return Line(label, MillisecondsText(values.min), MillisecondsText(values.avg),
+              MillisecondsText(values.max), MillisecondsText(values.deviation));
 }
 
 std::string Header(const TaskView& task, bool colour) {
@@ -47,7 +47,8 @@ std::string Header(const TaskView& task, bool colour) {
 void AddTimes(const TaskStatistics& last, std::vector<std::string>* lines) {
   lines->push_back(Line("ms", "min", "avg", "max", "deviation"));
   if (last.rtt) {
-    lines->push_back(ValueLine("round trip", {last.rtt->min, last.rtt->avg, last.rtt->max, std::nullopt}));
+    lines->push_back(
+        ValueLine("round trip", {last.rtt->min, last.rtt->avg, last.rtt->max, std::nullopt}));
   }
   if (!IsJitterType(last.type)) {
     return;
@@ -72,14 +73,16 @@ void AddCounts(const TaskStatistics& last, std::vector<std::string>* lines) {
   }
   if (last.loss) {
     lines->push_back(Line("lost", count(last.loss->sd_loss), count(last.loss->ds_loss)));
-    lines->push_back(Line("lost %", NumberText(last.loss->sd_percent, 1), NumberText(last.loss->ds_percent, 1)));
+    lines->push_back(
+        Line("lost %", NumberText(last.loss->sd_percent, 1), NumberText(last.loss->ds_percent, 1)));
   }
   if (last.out_of_sequence) {
-    lines->push_back(Line("out of sequence", count(last.out_of_sequence->sd), count(last.out_of_sequence->ds)));
+    lines->push_back(
+        Line("out of sequence", count(last.out_of_sequence->sd), count(last.out_of_sequence->ds)));
   }
   if (last.loss) {
-    lines->push_back(fmt::format("  late {}, skipped {}, duplicate {}", last.loss->late_arrival, last.loss->skipped,
-                                 last.loss->duplicate));
+    lines->push_back(fmt::format("  late {}, skipped {}, duplicate {}", last.loss->late_arrival,
+                                 last.loss->skipped, last.loss->duplicate));
   }
 }
 
@@ -91,8 +94,9 @@ std::vector<std::string> TaskDetails(const TaskView& task, std::int64_t now, boo
   }
   const TaskStatistics& last = *task.last;
   std::vector<std::string> lines{Header(task, colour)};
-  lines.push_back(fmt::format("  run of {} to {}, {} ago; {} ok, {} failed", TimeText(last.start_time),
-                              TimeText(last.finish_time), AgeText(now - last.finish_time), last.successful_count,
+  lines.push_back(fmt::format("  run of {} to {}, {} ago; {} ok, {} failed",
+                              TimeText(last.start_time), TimeText(last.finish_time),
+                              AgeText(now - last.finish_time), last.successful_count,
                               last.failed_count));
   if (last.Failed()) {
     const TableCell error = ErrorCell(task);

@@ -18,8 +18,8 @@ std::vector<TableCell> TaskRow(const TaskView& task, std::int64_t now) {
   const TaskFigures figures = task.last ? Figures(last) : TaskFigures{};
   std::vector<TableCell> row{{std::to_string(task.id)},  {TypeText(last)}, TextCell(last.vrf),
                              TextCell(last.dst_address), ResultCell(task), AgeCell(task, now)};
-  for (const Value& value :
-       {figures.rtt, figures.latency_sd, figures.latency_ds, figures.jitter_sd, figures.jitter_ds}) {
+  for (const Value& value : {figures.rtt, figures.latency_sd, figures.latency_ds, figures.jitter_sd,
+                             figures.jitter_ds}) {
     row.push_back({MillisecondsText(value)});
   }
   for (const Value& value : {figures.loss, figures.loss_sd, figures.loss_ds}) {
@@ -42,7 +42,8 @@ TaskFigures Figures(const TaskStatistics& task) {
     figures.rtt = task.rtt->avg;
   }
   if (task.sd_packets > 0) {
-    const auto lost = static_cast<double>(std::max<std::int64_t>(task.sd_packets - task.ds_packets, 0));
+    const auto lost =
+        static_cast<double>(std::max<std::int64_t>(task.sd_packets - task.ds_packets, 0));
     figures.loss = 100.0 * lost / static_cast<double>(task.sd_packets);
   }
   // An echo test measures the round trip only; what it reports of one direction are zeros.

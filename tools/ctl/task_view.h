@@ -26,7 +26,8 @@ struct TaskView {
 struct TaskFigures {
   client::Value rtt;                     ///< average, ms
   client::Value latency_sd, latency_ds;  ///< averages, ms
-  /// Standard deviations of the latency, ms: the jitter's own minimum, average and maximum are kept but not measured.
+  /// Standard deviations of the latency, ms: the jitter's own minimum, average and maximum are kept
+  /// but not measured.
   client::Value jitter_sd, jitter_ds;
   client::Value loss;              ///< probes without a reply, percent of those sent
   client::Value loss_sd, loss_ds;  ///< percent
@@ -52,7 +53,8 @@ struct TaskFigures {
 inline constexpr std::size_t kAgeColumn = 5;
 
 /// Every value of one task, as lines.
-[[nodiscard]] std::vector<std::string> TaskDetails(const TaskView& task, std::int64_t now, bool colour);
+[[nodiscard]] std::vector<std::string> TaskDetails(const TaskView& task, std::int64_t now,
+                                                   bool colour);
 
 }  // namespace ipsla::ctl
 

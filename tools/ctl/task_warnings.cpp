@@ -1,8 +1,6 @@
 #include "ctl/task_warnings.h"
 
 #include <arpa/inet.h>
-#include <cjson/cJSON.h>
-#include <fmt/format.h>
 
 #include <cstdlib>
 #include <limits>
@@ -10,6 +8,9 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+
+#include <cjson/cJSON.h>
+#include <fmt/format.h>
 
 #include "config/json_text.h"
 #include "ctl/display_text.h"
@@ -21,13 +22,15 @@ namespace {
 
 /// Slack that a UDP test adds to each probe's interval.
 constexpr std::int64_t kIntervalSlackMs = 7;
-/// Waits are counted in unsigned 32-bit milliseconds: what is negative or longer comes out as something else.
+/// Waits are counted in unsigned 32-bit milliseconds: what is negative or longer comes out as
+/// something else.
 constexpr std::int64_t kWrapMs = std::int64_t{1} << 32;
 constexpr std::int64_t kNanosecondsPerMs = 1000000;
 constexpr std::int64_t kMaxUdpPayload = 65507;
 constexpr std::int64_t kMaxIcmpMessage = 65515;
 constexpr std::int64_t kIpHeaderSize = 20;
-/// Where a UDP reply's sequence number ends; an echo reply without it is taken for sequence number 0.
+/// Where a UDP reply's sequence number ends; an echo reply without it is taken for sequence number
+/// 0.
 constexpr std::int64_t kSequenceEnd = 24;
 
 bool IsIcmp(SlaTestType type) {
@@ -55,7 +58,8 @@ std::string DaysText(std::int64_t ms) {
 /// Looks at one task.
 class TaskInspector {
  public:
-  TaskInspector(const cJSON* element, const SlaTaskConfig& task, const KeychainStorage* keychain, const timespec& now)
+  TaskInspector(const cJSON* element, const SlaTaskConfig& task, const KeychainStorage* keychain,
+                const timespec& now)
       : element_(element), task_(task), keychain_(keychain), now_(now) {}
 
   std::vector<TaskFault> Inspect() {
@@ -134,11 +138,12 @@ void TaskInspector::CheckStart() {
   }
   const std::int64_t wanted_ms = (first->end_of_life - ToNanoseconds(now_)) / kNanosecondsPerMs;
   if (wanted_ms <= -1000) {
-    Warn(key, fmt::format("has passed {} ago: the first run would start in {}", DaysText(-wanted_ms),
-                          DaysText(first->delay_ms)));
+    Warn(key, fmt::format("has passed {} ago: the first run would start in {}",
+                          DaysText(-wanted_ms), DaysText(first->delay_ms)));
   } else if (wanted_ms >= kWrapMs) {
-    Warn(key, fmt::format("is {} ahead, longer than the daemon can wait: the first run would start in {}",
-                          DaysText(wanted_ms), DaysText(first->delay_ms)));
+    Warn(key, fmt::format(
+                  "is {} ahead, longer than the daemon can wait: the first run would start in {}",
+                  DaysText(wanted_ms), DaysText(first->delay_ms)));
   }
 }
 
@@ -185,7 +190,8 @@ void TaskInspector::CheckKeyId() {
   const std::string key = "control-phase.authentication.key-id";
   const bool missing = keychain_ != nullptr && !keychain_->contains(task_.auth.key_id);
   CheckCut(key, task_.auth.key_id,
-           missing ? ": key ids of tasks have 8 bits, and there is no such key" : ": key ids of tasks have 8 bits");
+           missing ? ": key ids of tasks have 8 bits, and there is no such key"
+                   : ": key ids of tasks have 8 bits");
 }
 
 void TaskInspector::CheckPorts() {
@@ -197,10 +203,12 @@ void TaskInspector::CheckPorts() {
   }
   const SlaEndpointConfig& control = task_.control_phase;
   const SlaEndpointConfig& measurement = task_.measurement;
-  const bool same_source =
-      control.src.sin_addr.s_addr == measurement.src.sin_addr.s_addr && control.if_name == measurement.if_name;
-  if (same_source && control.src.sin_port != 0 && control.src.sin_port == measurement.src.sin_port) {
-    Warn(MeasurementKey() + ".src-port", "is the control phase's source port too: no run can start");
+  const bool same_source = control.src.sin_addr.s_addr == measurement.src.sin_addr.s_addr &&
+                           control.if_name == measurement.if_name;
+  if (same_source && control.src.sin_port != 0 &&
+      control.src.sin_port == measurement.src.sin_port) {
+    Warn(MeasurementKey() + ".src-port",
+         "is the control phase's source port too: no run can start");
   }
 }
 
@@ -213,20 +221,24 @@ void TaskInspector::CheckPacketSize() {
     const std::int64_t message = payload - kIpHeaderSize;
     const std::int64_t header = task_.sla_type == SlaTestType::kIcmpEcho ? 8 : 20;
     if (message < header) {
-      Warn(key, fmt::format("leaves {} of the {} bytes of the ICMP message's header; the smallest that works is {}",
-                            std::max<std::int64_t>(message, 0), header, configured - message + header));
+      Warn(key,
+           fmt::format("leaves {} of the {} bytes of the ICMP message's header; the smallest that "
+                       "works is {}",
+                       std::max<std::int64_t>(message, 0), header, configured - message + header));
     } else if (message > kMaxIcmpMessage) {
-      Warn(key, fmt::format("leaves {} bytes of ICMP message, and IPv4 carries {}", message, kMaxIcmpMessage));
+      Warn(key, fmt::format("leaves {} bytes of ICMP message, and IPv4 carries {}", message,
+                            kMaxIcmpMessage));
     }
     return;
   }
   if (payload > kMaxUdpPayload) {
-    Warn(key, fmt::format("leaves {} bytes of payload, and UDP carries {}", payload, kMaxUdpPayload));
-  } else if (payload < kSequenceEnd && task_.num_packets > 1) {
     Warn(key,
-         fmt::format("leaves {} bytes of payload, too few for the sequence number that ends at byte {} of a reply: "
-                     "replies cannot be told apart; the smallest that works is {}",
-                     payload, kSequenceEnd, configured - payload + kSequenceEnd));
+         fmt::format("leaves {} bytes of payload, and UDP carries {}", payload, kMaxUdpPayload));
+  } else if (payload < kSequenceEnd && task_.num_packets > 1) {
+    Warn(key, fmt::format("leaves {} bytes of payload, too few for the sequence number that ends "
+                          "at byte {} of a reply: "
+                          "replies cannot be told apart; the smallest that works is {}",
+                          payload, kSequenceEnd, configured - payload + kSequenceEnd));
   }
 }
 
@@ -235,7 +247,8 @@ void TaskInspector::CheckProbes() {
   const bool has_wide_numbers =
       task_.sla_type == SlaTestType::kUdpJitter || task_.sla_type == SlaTestType::kUdpJitterNtp;
   if (!has_wide_numbers && task_.num_packets > std::numeric_limits<std::uint16_t>::max()) {
-    Warn(phase + ".num-packets", "is more than the 16-bit sequence numbers of this type can tell apart");
+    Warn(phase + ".num-packets",
+         "is more than the 16-bit sequence numbers of this type can tell apart");
   }
   if (task_.timeout < 1) {
     Warn(phase + ".timeout", "leaves the replies no time");
@@ -254,20 +267,22 @@ void TaskInspector::CheckDuration() {
   const std::int64_t period_ms = std::int64_t{task_.scheduler.time} * 1000;
   if (period_ms >= kWrapMs) {
     Warn("scheduler.time",
-         fmt::format("is longer than the daemon can wait: runs would start every {}", DaysText(period_ms % kWrapMs)));
+         fmt::format("is longer than the daemon can wait: runs would start every {}",
+                     DaysText(period_ms % kWrapMs)));
   }
   const std::int64_t longest_ms = LongestRunMs(task_);
   if (longest_ms <= period_ms) {
     return;
   }
   const bool is_icmp = IsIcmp(task_.sla_type);
-  const std::string parts = is_icmp
-                                ? fmt::format("timeout {} + {} x {}", task_.timeout, task_.num_packets, task_.interval)
-                                : fmt::format("control phase {} + timeout {} + {} x ({} + {})", task_.control_timeout,
-                                              task_.timeout, task_.num_packets, task_.interval, kIntervalSlackMs);
-  Warn("scheduler.time",
-       fmt::format("a run that loses packets can last {} ms ({}), longer than {} ms: the next would start {} later",
-                   longest_ms, parts, period_ms, DaysText(kWrapMs)));
+  const std::string parts =
+      is_icmp
+          ? fmt::format("timeout {} + {} x {}", task_.timeout, task_.num_packets, task_.interval)
+          : fmt::format("control phase {} + timeout {} + {} x ({} + {})", task_.control_timeout,
+                        task_.timeout, task_.num_packets, task_.interval, kIntervalSlackMs);
+  Warn("scheduler.time", fmt::format("a run that loses packets can last {} ms ({}), longer than {} "
+                                     "ms: the next would start {} later",
+                                     longest_ms, parts, period_ms, DaysText(kWrapMs)));
 }
 
 }  // namespace
@@ -280,8 +295,8 @@ std::int64_t LongestRunMs(const SlaTaskConfig& task) {
          std::int64_t{task.num_packets} * (task.interval + kIntervalSlackMs);
 }
 
-std::vector<TaskFault> TaskWarnings(const cJSON* element, const SlaTaskConfig& task, const KeychainStorage* keychain,
-                                    const timespec& now) {
+std::vector<TaskFault> TaskWarnings(const cJSON* element, const SlaTaskConfig& task,
+                                    const KeychainStorage* keychain, const timespec& now) {
   return TaskInspector(element, task, keychain, now).Inspect();
 }
 

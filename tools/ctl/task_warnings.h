@@ -15,15 +15,16 @@ struct cJSON;
 
 namespace ipsla::ctl {
 
-/// Longest time in milliseconds from the start of a run that loses packets to its end: the control phase's timeout (UDP
-/// types), then the measurement's timer.
+/// Longest time in milliseconds from the start of a run that loses packets to its end: the control
+/// phase's timeout (UDP types), then the measurement's timer.
 [[nodiscard]] std::int64_t LongestRunMs(const SlaTaskConfig& task);
 
-/// What is wrong with an accepted task, in the order of its keys. `element` is its JSON object (numbers there are not
-/// cut yet), `keychain` the keys or null, `now` the moment at which the daemon would start. The value of each is the
-/// JSON text of the key, as in a TaskFault.
+/// What is wrong with an accepted task, in the order of its keys. `element` is its JSON object
+/// (numbers there are not cut yet), `keychain` the keys or null, `now` the moment at which the
+/// daemon would start. The value of each is the JSON text of the key, as in a TaskFault.
 [[nodiscard]] std::vector<TaskFault> TaskWarnings(const cJSON* element, const SlaTaskConfig& task,
-                                                  const KeychainStorage* keychain, const timespec& now);
+                                                  const KeychainStorage* keychain,
+                                                  const timespec& now);
 
 }  // namespace ipsla::ctl
 

@@ -44,7 +44,8 @@ std::vector<std::size_t> ColumnWidths(const TextTable& table, bool colour) {
   return widths;
 }
 
-std::string RenderCell(const TableCell& cell, const TableColumn& column, std::size_t width, bool is_last, bool colour) {
+std::string RenderCell(const TableCell& cell, const TableColumn& column, std::size_t width,
+                       bool is_last, bool colour) {
   const std::size_t used = CellWidth(cell, colour);
   const std::string padding(width > used ? width - used : 0, ' ');
   const std::string text = Styled(cell.text, cell.style, colour);
@@ -54,8 +55,8 @@ std::string RenderCell(const TableCell& cell, const TableColumn& column, std::si
   return is_last ? text : text + padding;
 }
 
-std::string RenderRow(const std::vector<TableCell>& row, const TextTable& table, const std::vector<std::size_t>& widths,
-                      bool colour) {
+std::string RenderRow(const std::vector<TableCell>& row, const TextTable& table,
+                      const std::vector<std::size_t>& widths, bool colour) {
   std::string line;
   for (std::size_t column = 0; column < row.size(); ++column) {
     const bool is_last = column + 1 == row.size();
@@ -66,7 +67,8 @@ std::string RenderRow(const std::vector<TableCell>& row, const TextTable& table,
   return line;
 }
 
-std::vector<std::string> RenderLines(TextTable table, const std::vector<std::size_t>& widths, bool colour) {
+std::vector<std::string> RenderLines(TextTable table, const std::vector<std::size_t>& widths,
+                                     bool colour) {
   std::vector<TableCell> header;
   for (const TableColumn& column : table.columns) {
     header.push_back({column.header, CellStyle::kHeader});
@@ -93,7 +95,8 @@ std::vector<std::string> RenderBlocks(const TextTable& table, bool colour) {
       const TableCell& cell = row[column];
       if (!cell.text.empty() && cell.text != kNoValue) {
         const std::string label = PadRight(table.columns[column].header, label_width + kGap);
-        lines.push_back(Styled(label, CellStyle::kHeader, colour) + Styled(cell.text, cell.style, colour));
+        lines.push_back(Styled(label, CellStyle::kHeader, colour) +
+                        Styled(cell.text, cell.style, colour));
       }
     }
   }
@@ -111,10 +114,12 @@ std::string Styled(const std::string& text, CellStyle style, bool colour) {
 
 std::vector<std::string> RenderTable(const TextTable& table, const TableLayout& layout) {
   std::vector<std::size_t> widths = ColumnWidths(table, layout.colour);
-  const std::size_t total = std::accumulate(widths.begin(), widths.end(), kGap * (widths.size() - 1));
+  const std::size_t total =
+      std::accumulate(widths.begin(), widths.end(), kGap * (widths.size() - 1));
   if (layout.width != 0 && total > layout.width) {
     const std::size_t excess = total - layout.width;
-    if (widths.back() < excess + std::max(kShortestLastColumn, DisplayWidth(table.columns.back().header))) {
+    if (widths.back() <
+        excess + std::max(kShortestLastColumn, DisplayWidth(table.columns.back().header))) {
       return RenderBlocks(table, layout.colour);
     }
     widths.back() -= excess;

@@ -12,7 +12,8 @@ namespace ipsla::ctl {
 
 enum class CellStyle : std::uint8_t { kPlain, kGood, kBad, kChanged, kHeader };
 
-/// `text` with the terminal sequences of `style`, or, without colour, as it is (kChanged then gets a "*" at its end).
+/// `text` with the terminal sequences of `style`, or, without colour, as it is (kChanged then gets
+/// a "*" at its end).
 [[nodiscard]] std::string Styled(const std::string& text, CellStyle style, bool colour);
 
 struct TableCell {
@@ -35,10 +36,11 @@ struct TableLayout {
   bool colour = false;
 };
 
-/// A header and one line for each row, columns aligned and two spaces apart, the last column not padded. When that is
-/// wider than the layout, first the last column is shortened (to a dozen columns at most), then each row becomes a
-/// block of lines, one for each cell that has a value.
-[[nodiscard]] std::vector<std::string> RenderTable(const TextTable& table, const TableLayout& layout);
+/// A header and one line for each row, columns aligned and two spaces apart, the last column not
+/// padded. When that is wider than the layout, first the last column is shortened (to a dozen
+/// columns at most), then each row becomes a block of lines, one for each cell that has a value.
+[[nodiscard]] std::vector<std::string> RenderTable(const TextTable& table,
+                                                   const TableLayout& layout);
 
 }  // namespace ipsla::ctl
 

@@ -1,17 +1,18 @@
 #include "ctl/thresholds.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+
+#include <fmt/format.h>
 
 namespace ipsla::ctl {
 namespace {
 
 std::optional<double> ReadNumber(std::string_view text) {
   double value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, std::chars_format::fixed);
+  const auto [end, error] =
+      std::from_chars(text.data(), text.data() + text.size(), value, std::chars_format::fixed);
   const bool is_number = error == std::errc{} && end == text.data() + text.size();
   if (!is_number || !std::isfinite(value) || std::signbit(value)) {
     return std::nullopt;
@@ -38,8 +39,8 @@ std::optional<Thresholds> ReadThresholds(std::string_view text, std::string* err
     const std::string name(entry.substr(0, equals));
     const auto& names = ThresholdNames();
     if (std::find(names.begin(), names.end(), name) == names.end()) {
-      *error =
-          fmt::format("\"{}\" is no threshold: say NAME=NUMBER with NAME one of {}", entry, fmt::join(names, ", "));
+      *error = fmt::format("\"{}\" is no threshold: say NAME=NUMBER with NAME one of {}", entry,
+                           fmt::join(names, ", "));
       return std::nullopt;
     }
     const auto value = ReadNumber(entry.substr(std::min(equals + 1, entry.size())));

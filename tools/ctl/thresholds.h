@@ -25,8 +25,8 @@ using Thresholds = std::map<std::string, double>;
 /// The names, in the order in which they are reported.
 [[nodiscard]] const std::vector<std::string>& ThresholdNames();
 
-/// Reads a threshold text; an empty one has none. Nothing when it is wrong, with the reason in `error`. Numbers are
-/// decimal, not negative; a name comes once.
+/// Reads a threshold text; an empty one has none. Nothing when it is wrong, with the reason in
+/// `error`. Numbers are decimal, not negative; a name comes once.
 [[nodiscard]] std::optional<Thresholds> ReadThresholds(std::string_view text, std::string* error);
 
 }  // namespace ipsla::ctl

@@ -1,11 +1,11 @@
 #include "ctl/watch_changes.h"
 
-#include <fmt/chrono.h>
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <ctime>
 #include <map>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
 
 #include "ctl/display_text.h"
 
@@ -15,7 +15,8 @@ namespace {
 using client::TaskStatistics;
 
 const TaskView* FindTask(const std::vector<TaskView>& tasks, std::int32_t id) {
-  const auto task = std::find_if(tasks.begin(), tasks.end(), [id](const TaskView& view) { return view.id == id; });
+  const auto task = std::find_if(tasks.begin(), tasks.end(),
+                                 [id](const TaskView& view) { return view.id == id; });
   return task == tasks.end() ? nullptr : &*task;
 }
 
@@ -25,7 +26,8 @@ bool HasNews(const TaskView& before, const TaskView& after) {
   }
   const TaskStatistics& old_result = *before.last;
   const TaskStatistics& new_result = *after.last;
-  return old_result.start_time != new_result.start_time || old_result.finish_time != new_result.finish_time ||
+  return old_result.start_time != new_result.start_time ||
+         old_result.finish_time != new_result.finish_time ||
          old_result.successful_count != new_result.successful_count ||
          old_result.failed_count != new_result.failed_count;
 }
@@ -93,9 +95,10 @@ void MarkChanges(const TextTable& previous, TextTable* current) {
   }
 }
 
-std::vector<std::string> ChangeLines(const std::vector<TaskView>& previous, const std::vector<TaskView>& current,
-                                     std::int64_t now) {
-  const std::string time = fmt::format("{:%Y-%m-%d %H:%M:%S} ", fmt::localtime(static_cast<std::time_t>(now)));
+std::vector<std::string> ChangeLines(const std::vector<TaskView>& previous,
+                                     const std::vector<TaskView>& current, std::int64_t now) {
+  const std::string time =
+      fmt::format("{:%Y-%m-%d %H:%M:%S} ", fmt::localtime(static_cast<std::time_t>(now)));
   std::vector<std::string> lines;
   for (const TaskView& task : current) {
     const TaskView* before = FindTask(previous, task.id);

@@ -11,14 +11,16 @@
 
 namespace ipsla::ctl {
 
-/// Marks the cells of `current` (a TaskTable) whose text differs from the same task's in `previous`; of a task that is
-/// new, its id. The age changes all the time and is never marked.
+/// Marks the cells of `current` (a TaskTable) whose text differs from the same task's in
+/// `previous`; of a task that is new, its id. The age changes all the time and is never marked.
 void MarkChanges(const TextTable& previous, TextTable* current);
 
-/// One line for each task that has a new result, is new or is gone; with no previous tasks, for every task. A result
-/// that differs from the one before is marked with "*". `now`: seconds since the epoch, shown as local time.
+/// One line for each task that has a new result, is new or is gone; with no previous tasks, for
+/// every task. A result that differs from the one before is marked with "*". `now`: seconds since
+/// the epoch, shown as local time.
 [[nodiscard]] std::vector<std::string> ChangeLines(const std::vector<TaskView>& previous,
-                                                   const std::vector<TaskView>& current, std::int64_t now);
+                                                   const std::vector<TaskView>& current,
+                                                   std::int64_t now);
 
 }  // namespace ipsla::ctl
 

@@ -1,10 +1,10 @@
-#include <fmt/chrono.h>
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <optional>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
 
 #include "ctl/commands.h"
 #include "ctl/interrupts.h"
@@ -20,7 +20,8 @@ using client::SenderClient;
 /// Shows each refresh as its kind of output wants it.
 class Display {
  public:
-  Display(const CommonOptions& common, const WatchOptions& options) : common_(common), options_(options) {
+  Display(const CommonOptions& common, const WatchOptions& options)
+      : common_(common), options_(options) {
     if (IsScreen()) {
       fmt::print("\x1b[?25l\x1b[2J");
     }
@@ -47,7 +48,8 @@ class Display {
       table_ = TaskTable(collected.tasks, Now());
     } else {
       const std::vector<TaskView> none;
-      for (const std::string& line : ChangeLines(last_ ? last_->tasks : none, collected.tasks, Now())) {
+      for (const std::string& line :
+           ChangeLines(last_ ? last_->tasks : none, collected.tasks, Now())) {
         fmt::print("{}\n", line);
       }
     }
@@ -72,11 +74,11 @@ class Display {
 
   void Draw(const Collected& collected, const TextTable& table) const {
     const Terminal terminal = StandardOutput();
-    const auto failing =
-        std::count_if(collected.tasks.begin(), collected.tasks.end(), [](const TaskView& t) { return t.Failed(); });
-    std::vector<std::string> lines{fmt::format("{:%H:%M:%S}  tasks {}, failing {}, every {} s; Ctrl-C ends",
-                                               fmt::localtime(Now()), collected.tasks.size(), failing,
-                                               options_.interval)};
+    const auto failing = std::count_if(collected.tasks.begin(), collected.tasks.end(),
+                                       [](const TaskView& t) { return t.Failed(); });
+    std::vector<std::string> lines{
+        fmt::format("{:%H:%M:%S}  tasks {}, failing {}, every {} s; Ctrl-C ends",
+                    fmt::localtime(Now()), collected.tasks.size(), failing, options_.interval)};
     lines.push_back(trouble_.empty() ? "" : Styled(trouble_, CellStyle::kBad, terminal.colour));
     if (!table.rows.empty()) {
       const auto rows = RenderTable(table, terminal.Layout());
@@ -103,7 +105,8 @@ class Display {
 };
 
 /// One refresh; kInterrupted passes through, and so does anything at the first one.
-void Refresh(const SenderClient& sender, const WatchOptions& options, bool is_first, Display* display) {
+void Refresh(const SenderClient& sender, const WatchOptions& options, bool is_first,
+             Display* display) {
   try {
     display->Show(Collect(sender, options.selection, MetricGroupNames()));
   } catch (const ClientError& error) {
@@ -121,7 +124,8 @@ int RunWatch(const CommonOptions& common, const WatchOptions& options) {
   client::ClientOptions client_options = common.client;
   client_options.interrupt_fd = interrupts.Fd();
   const SenderClient sender(client_options);
-  const auto interval = std::chrono::milliseconds(static_cast<std::int64_t>(options.interval * 1000));
+  const auto interval =
+      std::chrono::milliseconds(static_cast<std::int64_t>(options.interval * 1000));
   try {
     if (!options.selection.ids.empty()) {
       const Collected known = Collect(sender, options.selection, {});

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <sys/resource.h>
 
-#include <CLI/CLI.hpp>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -14,6 +13,8 @@
 #include <iterator>
 #include <stdexcept>
 #include <string>
+
+#include <CLI/CLI.hpp>
 
 #include "config/keychain.h"
 #include "config/task_config.h"
@@ -26,30 +27,41 @@ namespace {
 constexpr const char* kDescription =
     "Answers the control phase and the probes of udp-echo, udp-jitter and udp-jitter-ntp tests.\n"
     "\n"
-    "A test's sender asks on the control port for a session. The responder checks the request, opens the measurement\n"
-    "port, answers every probe that comes from the sender's address and port, and ends the session after the\n"
-    "requested duration with one line of statistics. A faulty request is answered with the status that names the "
+    "A test's sender asks on the control port for a session. The responder checks the request, "
+    "opens the measurement\n"
+    "port, answers every probe that comes from the sender's address and port, and ends the session "
+    "after the\n"
+    "requested duration with one line of statistics. A faulty request is answered with the status "
+    "that names the "
     "fault.";
 
 constexpr const char* kFooter =
     "AUTHENTICATION\n"
-    "  Without a key only requests without authentication are served; with --password or --keychain only those in "
+    "  Without a key only requests without authentication are served; with --password or "
+    "--keychain only those in "
     "that\n"
-    "  mode (with both, either), unless --allow-open is given. A KEY of hexadecimal digits, with or without 0x, "
+    "  mode (with both, either), unless --allow-open is given. A KEY of hexadecimal digits, with "
+    "or without 0x, "
     "stands\n"
-    "  for the bytes it spells, as in the tasks file; any other text is the key itself. Key texts of a keychain are\n"
-    "  taken as they stand. Other users can see a key on the command line: prefer --password-file.\n"
+    "  for the bytes it spells, as in the tasks file; any other text is the key itself. Key texts "
+    "of a keychain are\n"
+    "  taken as they stand. Other users can see a key on the command line: prefer "
+    "--password-file.\n"
     "\n"
     "ADDRESSES\n"
-    "  Both responder addresses in a request must be the one given with --bind or, without it, addresses of this "
+    "  Both responder addresses in a request must be the one given with --bind or, without it, "
+    "addresses of this "
     "host:\n"
-    "  a responder behind address translation is not reached. A port of 0 in a request is chosen from --port-range.\n"
+    "  a responder behind address translation is not reached. A port of 0 in a request is chosen "
+    "from --port-range.\n"
     "\n"
     "OUTPUT\n"
     "  listening on ADDRESS:PORT           ready\n"
-    "  session ID ended|replaced|stopped:  type, sender, port, probes received, distinct sequence numbers, "
+    "  session ID ended|replaced|stopped:  type, sender, port, probes received, distinct sequence "
+    "numbers, "
     "duplicates,\n"
-    "                                      out of order, replies, errors (wrong type or length, unanswered, unsent)\n"
+    "                                      out of order, replies, errors (wrong type or length, "
+    "unanswered, unsent)\n"
     "\n"
     "SIGNALS\n"
     "  SIGTERM, SIGINT  end all sessions, print their statistics, exit\n"
@@ -60,7 +72,8 @@ constexpr const char* kFooter =
     "\n"
     "EXAMPLES\n"
     "  ip-sla-responder\n"
-    "  ip-sla-responder --bind 192.0.2.10 --keychain /etc/ip-sla/keychain.json --port-range 50001-50100\n"
+    "  ip-sla-responder --bind 192.0.2.10 --keychain /etc/ip-sla/keychain.json --port-range "
+    "50001-50100\n"
     "  ip-sla-responder --netns blue --verbose";
 
 struct CommandLine {
@@ -90,27 +103,34 @@ void AddOptions(CLI::App* app, CommandLine* line) {
       ->type_name("ADDRESS")
       ->capture_default_str()
       ->check(CLI::ValidIPV4);
-  app->add_option("--control-port", line->options.control_port, "Port for requests; 0: any, see the output")
+  app->add_option("--control-port", line->options.control_port,
+                  "Port for requests; 0: any, see the output")
       ->type_name("PORT")
       ->capture_default_str();
   app->add_option("--port-range", line->port_range, "Ports that may be used for measurements")
       ->type_name("LOW-HIGH")
       ->capture_default_str()
       ->check(CLI::Validator(CheckPortRange, "", "port range"));
-  auto* password = app->add_option("--password", line->password, "Key of authentication mode \"password\"");
+  auto* password =
+      app->add_option("--password", line->password, "Key of authentication mode \"password\"");
   password->type_name("KEY");
-  app->add_option("--password-file", line->password_file, "The same, read from the first line of a file")
+  app->add_option("--password-file", line->password_file,
+                  "The same, read from the first line of a file")
       ->type_name("FILE")
       ->excludes(password);
-  app->add_option("--keychain", line->keychain, "Keychain file, as the sender's, for mode \"keychain\"")
+  app->add_option("--keychain", line->keychain,
+                  "Keychain file, as the sender's, for mode \"keychain\"")
       ->type_name("FILE");
-  app->add_flag("--allow-open", line->options.policy.allow_open, "Also serve requests without authentication");
-  app->add_option("--netns", line->netns, "Run in this network namespace (see ip-netns(8))")->type_name("NAME");
+  app->add_flag("--allow-open", line->options.policy.allow_open,
+                "Also serve requests without authentication");
+  app->add_option("--netns", line->netns, "Run in this network namespace (see ip-netns(8))")
+      ->type_name("NAME");
   app->add_option("--max-sessions", line->options.max_sessions, "Refuse more sessions at a time")
       ->type_name("COUNT")
       ->capture_default_str()
       ->check(CLI::Range(1, 1000000));
-  app->add_flag("--verbose", line->options.verbose, "Print opened sessions and refused requests too");
+  app->add_flag("--verbose", line->options.verbose,
+                "Print opened sessions and refused requests too");
 }
 
 std::string FirstLine(const std::string& file) {
@@ -142,7 +162,8 @@ void EnterNamespace(const std::string& name) {
   try {
     SetNetworkNamespace(name);
   } catch (const std::exception&) {
-    throw std::runtime_error("cannot enter the network namespace " + name + ": " + std::strerror(errno));
+    throw std::runtime_error("cannot enter the network namespace " + name + ": " +
+                             std::strerror(errno));
   }
 }
 
@@ -177,14 +198,17 @@ void InstallHandlers(Responder* responder) {
   struct sigaction action {};
   action.sa_handler = HandleSignal;
   action.sa_flags = SA_RESTART;
-  for (const int signal_number : {SIGTERM, SIGINT, SIGHUP}) sigaction(signal_number, &action, nullptr);
+  for (const int signal_number : {SIGTERM, SIGINT, SIGHUP})
+    sigaction(signal_number, &action, nullptr);
 }
 
 int Serve(CommandLine line, bool has_password) {
   const auto load = [&line, has_password]() -> std::optional<AuthPolicy> {
     try {
       auto policy = LoadPolicy(line, has_password);
-      if (!policy) std::fprintf(stderr, "ip-sla-responder: cannot read the keychain file %s\n", line.keychain.c_str());
+      if (!policy)
+        std::fprintf(stderr, "ip-sla-responder: cannot read the keychain file %s\n",
+                     line.keychain.c_str());
       return policy;
     } catch (const std::exception& error) {
       std::fprintf(stderr, "ip-sla-responder: %s\n", error.what());

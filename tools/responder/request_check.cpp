@@ -1,8 +1,8 @@
 #include "responder/request_check.h"
 
-#include <openssl/crypto.h>
-
 #include <algorithm>
+
+#include <openssl/crypto.h>
 
 #include "udp/digest.h"
 
@@ -28,12 +28,13 @@ bool IsUdpType(std::uint8_t operation_type) {
 Status CheckHeader(std::size_t received, const ControlPhaseMessage& request) {
   if (request.version != kControlProtocolVersion) return Status::kUnsupportedProtocolVersion;
   if (request.status != Status::kSuccessful) return Status::kInvalidStatus;
-  if (received != kControlMessageSize || request.total_length != kControlMessageSize) return Status::kInvalidLength;
+  if (received != kControlMessageSize || request.total_length != kControlMessageSize)
+    return Status::kInvalidLength;
   return Status::kSuccessful;
 }
 
-Status CheckDigest(std::span<const std::uint8_t, kControlMessageSize> received, const ControlPhaseMessage& request,
-                   const std::string& key) {
+Status CheckDigest(std::span<const std::uint8_t, kControlMessageSize> received,
+                   const ControlPhaseMessage& request, const std::string& key) {
   const auto expected = MessageDigest(request.auth_algorithm, received, key);
   if (!expected) return Status::kUnknownInternalError;
   const bool equal = CRYPTO_memcmp(expected->data(), request.digest.data(), kDigestSize) == 0;
@@ -48,7 +49,8 @@ Status CheckAuthentication(std::span<const std::uint8_t, kControlMessageSize> re
   if (request.auth_status != Status::kSuccessful) return Status::kInvalidStatus;
   if (!policy.Wants(request.auth_mode)) return Status::kUnsupportedAuthenticationMode;
   if (request.auth_mode == SlaAuthMode::kNone) return Status::kSuccessful;
-  if (request.auth_algorithm != SlaAuthAlgorithm::kSha256 && request.auth_algorithm != SlaAuthAlgorithm::kHmacSha256) {
+  if (request.auth_algorithm != SlaAuthAlgorithm::kSha256 &&
+      request.auth_algorithm != SlaAuthAlgorithm::kHmacSha256) {
     return Status::kUnsupportedAuthenticationAlgorithm;
   }
   const std::optional<std::string> key = policy.KeyFor(request.auth_mode, request.key_id);
@@ -69,7 +71,8 @@ Status CheckMeasurement(const ControlPhaseMessage& request, const IsOurAddress& 
   if (!IsUdpType(request.operation_type)) return Status::kUnsupportedOperationType;
   if (!IsUnicast(request.measurement_sender_address)) return Status::kUnsupportedAddress;
   if (request.measurement_sender_port == 0) return Status::kFormatError;
-  for (const in_addr address : {request.control_responder_address, request.measurement_responder_address}) {
+  for (const in_addr address :
+       {request.control_responder_address, request.measurement_responder_address}) {
     if (!IsUnicast(address) || !is_our_address(address)) return Status::kUnsupportedAddress;
   }
   return Status::kSuccessful;
@@ -154,7 +157,8 @@ std::vector<std::uint8_t> EncodeAnswer(const CheckedRequest& request, std::size_
     const auto digest = MessageDigest(request.answer.auth_algorithm, bytes, *request.key);
     if (digest) std::ranges::copy(*digest, bytes.begin() + kDigestOffset);
   }
-  return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(std::min(limit, bytes.size()))};
+  return {bytes.begin(),
+          bytes.begin() + static_cast<std::ptrdiff_t>(std::min(limit, bytes.size()))};
 }
 
 std::string DescribeFault(const ControlPhaseMessage& answer) {

@@ -1,6 +1,5 @@
 #include "responder/responder.h"
 
-#include <fmt/format.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -10,6 +9,8 @@
 #include <cerrno>
 #include <limits>
 #include <system_error>
+
+#include <fmt/format.h>
 
 #include "env/environment.h"
 #include "env/time_values.h"
@@ -38,7 +39,8 @@ Endpoint HostOrder(in_addr address, std::uint16_t port) {
 std::uint16_t BoundPort(int fd) {
   sockaddr_in address{};
   socklen_t length = sizeof address;
-  if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) Throw(errno, "getsockname");
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    Throw(errno, "getsockname");
   return ntohs(address.sin_port);
 }
 
@@ -78,7 +80,8 @@ void Responder::Run(const std::function<std::optional<AuthPolicy>()>& load) {
   print_("listening on " + ToString(HostOrder(options_.bind, control_port_)));
   for (bool stopped = false; !stopped;) {
     std::array<epoll_event, 64> events{};
-    const int count = epoll_wait(poll_.Get(), events.data(), static_cast<int>(events.size()), TimeoutMs());
+    const int count =
+        epoll_wait(poll_.Get(), events.data(), static_cast<int>(events.size()), TimeoutMs());
     for (int i = 0; i < count; ++i) {
       const int fd = events.at(static_cast<std::size_t>(i)).data.fd;
       if (fd == control_.Get()) {
@@ -97,12 +100,13 @@ void Responder::Run(const std::function<std::optional<AuthPolicy>()>& load) {
     for (const Session& session : sessions_.TakeEnded(SteadyNanoseconds())) Close(session, "ended");
   }
   for (const Session& session : sessions_.TakeAll()) Close(session, "stopped");
-  print_(fmt::format("stopped, requests refused {}, requests ignored {}, stray probes {}", refused_requests_,
-                     ignored_requests_, stray_probes_));
+  print_(fmt::format("stopped, requests refused {}, requests ignored {}, stray probes {}",
+                     refused_requests_, ignored_requests_, stray_probes_));
 }
 
 void Responder::Wake(std::uint64_t what) const {
-  // Runs in signal handlers: nothing but the write. It can fail only when as many wishes are pending already.
+  // Runs in signal handlers: nothing but the write. It can fail only when as many wishes are
+  // pending already.
   [[maybe_unused]] const ssize_t written = write(wake_.Get(), &what, sizeof what);
 }
 
@@ -116,7 +120,8 @@ void Responder::Watch(int fd) const {
 int Responder::TimeoutMs() const {
   const std::optional<std::int64_t> end = sessions_.NextEnd();
   if (!end) return -1;
-  const std::int64_t wait = (*end - SteadyNanoseconds() + kNanosecondsPerMs - 1) / kNanosecondsPerMs;
+  const std::int64_t wait =
+      (*end - SteadyNanoseconds() + kNanosecondsPerMs - 1) / kNanosecondsPerMs;
   return static_cast<int>(std::clamp<std::int64_t>(wait, 0, std::numeric_limits<int>::max()));
 }
 
@@ -145,24 +150,29 @@ void Responder::HandleRequest(const ReceivedRequest& request) {
   if (checked.verdict == Verdict::kRefused) {
     ++refused_requests_;
     if (options_.verbose) {
-      print_(fmt::format("refused {}: {}", ToString(FromSockaddr(request.source)), DescribeFault(checked.answer)));
+      print_(fmt::format("refused {}: {}", ToString(FromSockaddr(request.source)),
+                         DescribeFault(checked.answer)));
     }
   }
-  if (!SendAnswer(control_.Get(), request, EncodeAnswer(checked, request.bytes)) && options_.verbose) {
+  if (!SendAnswer(control_.Get(), request, EncodeAnswer(checked, request.bytes)) &&
+      options_.verbose) {
     print_("no answer could be sent to " + ToString(FromSockaddr(request.source)));
   }
   if (replaced) Close(*replaced, "replaced");
 }
 
-// Opens what an accepted request asks for and completes its answer, or makes it a refused one. Returns the session
-// that the new one replaces, still to be closed.
-std::optional<Session> Responder::OpenSession(const ReceivedRequest& request, CheckedRequest* checked) {
+// Opens what an accepted request asks for and completes its answer, or makes it a refused one.
+// Returns the session that the new one replaces, still to be closed.
+std::optional<Session> Responder::OpenSession(const ReceivedRequest& request,
+                                              CheckedRequest* checked) {
   ControlPhaseMessage& answer = checked->answer;
-  SessionKey key = {.local = HostOrder(answer.measurement_responder_address, answer.measurement_responder_port),
-                    .peer = HostOrder(answer.measurement_sender_address, answer.measurement_sender_port)};
+  SessionKey key = {
+      .local = HostOrder(answer.measurement_responder_address, answer.measurement_responder_port),
+      .peer = HostOrder(answer.measurement_sender_address, answer.measurement_sender_port)};
   SlaControlStatus fault = SlaControlStatus::kSuccessful;
   if (key.local.port == 0) key.local.port = ChoosePort(key, &fault);
-  MeasurementSocket* socket = fault == SlaControlStatus::kSuccessful ? SocketFor(key, &fault) : nullptr;
+  MeasurementSocket* socket =
+      fault == SlaControlStatus::kSuccessful ? SocketFor(key, &fault) : nullptr;
   if (socket == nullptr) {
     RefuseMeasurement(fault, checked);
     return std::nullopt;
@@ -173,15 +183,17 @@ std::optional<Session> Responder::OpenSession(const ReceivedRequest& request, Ch
   answer.measurement_responder_port = key.local.port;
   ++socket->sessions;
   if (options_.verbose) {
-    print_(fmt::format("session {} opened: {} from {} to {} for {} ms, asked for by {}", answer.session_id,
-                       TestTypeToString(type), ToString(key.peer), ToString(key.local), answer.duration_ms,
+    print_(fmt::format("session {} opened: {} from {} to {} for {} ms, asked for by {}",
+                       answer.session_id, TestTypeToString(type), ToString(key.peer),
+                       ToString(key.local), answer.duration_ms,
                        ToString(FromSockaddr(request.source))));
   }
   return replaced;
 }
 
-// A port for a session that leaves the choice to us: the one on which this peer has a session already (it has begun a
-// new run), else one that is open, else the highest free one. 0 with the fault when there is none.
+// A port for a session that leaves the choice to us: the one on which this peer has a session
+// already (it has begun a new run), else one that is open, else the highest free one. 0 with the
+// fault when there is none.
 std::uint16_t Responder::ChoosePort(const SessionKey& key, SlaControlStatus* fault) {
   const std::uint32_t address = key.local.address;
   std::uint16_t open_port = 0;
@@ -191,7 +203,8 @@ std::uint16_t Responder::ChoosePort(const SessionKey& key, SlaControlStatus* fau
     if (sessions_.Find({.local = open->first, .peer = key.peer}) != nullptr) return open_port;
   }
   if (open_port != 0) return open_port;
-  const int lowest = std::max<int>(options_.lowest_port, options_.highest_port - kMostPortsTried + 1);
+  const int lowest =
+      std::max<int>(options_.lowest_port, options_.highest_port - kMostPortsTried + 1);
   for (int port = options_.highest_port; port >= lowest; --port) {
     const Endpoint local = {.address = address, .port = static_cast<std::uint16_t>(port)};
     int error = 0;
@@ -210,7 +223,8 @@ Responder::MeasurementSocket* Responder::SocketFor(const SessionKey& key, SlaCon
   *fault = SlaControlStatus::kRequestedPortIsBusy;
   if (!sessions_.HasRoomFor(key)) return nullptr;
   if (const auto open = sockets_.find(key.local); open != sockets_.end()) return &open->second;
-  if (key.local.port < options_.lowest_port || key.local.port > options_.highest_port) return nullptr;
+  if (key.local.port < options_.lowest_port || key.local.port > options_.highest_port)
+    return nullptr;
   int error = 0;
   MeasurementSocket measurement = {.socket = OpenUdpSocket(key.local, &error)};
   if (!measurement.socket.IsOpen()) {
@@ -227,9 +241,11 @@ void Responder::ReceiveProbes(int fd) {
   if (local == endpoints_.end()) return;
   for (int i = 0; i < kBurst; ++i) {
     int error = 0;
-    const std::optional<StampedDatagram> probe = ReceiveStamped(fd, buffer_.data(), buffer_.size(), &error);
+    const std::optional<StampedDatagram> probe =
+        ReceiveStamped(fd, buffer_.data(), buffer_.size(), &error);
     if (!probe) return;
-    Session* session = sessions_.Find({.local = local->second, .peer = FromSockaddr(probe->source)});
+    Session* session =
+        sessions_.Find({.local = local->second, .peer = FromSockaddr(probe->source)});
     if (session == nullptr) {
       ++stray_probes_;
       continue;
@@ -237,8 +253,10 @@ void Responder::ReceiveProbes(int fd) {
     const auto datagram = std::span(buffer_).first(probe->bytes);
     if (!AnswerProbe(session, probe->arrival, datagram)) continue;
     const auto* peer = reinterpret_cast<const sockaddr*>(&probe->source);
-    const ssize_t sent = sendto(fd, datagram.data(), datagram.size(), MSG_DONTWAIT, peer, sizeof probe->source);
-    ++(sent == static_cast<ssize_t>(datagram.size()) ? session->statistics.replies : session->statistics.errors);
+    const ssize_t sent =
+        sendto(fd, datagram.data(), datagram.size(), MSG_DONTWAIT, peer, sizeof probe->source);
+    ++(sent == static_cast<ssize_t>(datagram.size()) ? session->statistics.replies
+                                                     : session->statistics.errors);
   }
 }
 

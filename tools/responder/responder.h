@@ -32,7 +32,8 @@ struct ResponderOptions {
 /// Answers requests and probes until it is stopped.
 ///
 /// Output: one line per ended session through `print`, and with `verbose` one per request.
-/// Threads: all of it on one thread, but for Stop and Reload, which may also be called from signal handlers.
+/// Threads: all of it on one thread, but for Stop and Reload, which may also be called from signal
+/// handlers.
 class Responder {
  public:
   using Print = std::function<void(const std::string& line)>;
@@ -40,8 +41,8 @@ class Responder {
   /// Opens the control socket. Throws std::system_error.
   Responder(ResponderOptions options, Print print);
 
-  /// Prints "listening on ADDRESS:PORT" and serves until Stop. A reload asks `load` for the new keys; nothing keeps the
-  /// old ones.
+  /// Prints "listening on ADDRESS:PORT" and serves until Stop. A reload asks `load` for the new
+  /// keys; nothing keeps the old ones.
   void Run(const std::function<std::optional<AuthPolicy>()>& load);
 
   /// Has Run end its sessions and return.
@@ -61,7 +62,8 @@ class Responder {
   };
   using Sockets = std::map<Endpoint, MeasurementSocket>;
 
-  // What the eventfd's counter holds: reload requests in the lower half, stop requests in the upper.
+  // What the eventfd's counter holds: reload requests in the lower half, stop requests in the
+  // upper.
   static constexpr std::uint64_t kReload = 1;
   static constexpr std::uint64_t kStop = std::uint64_t{1} << 32U;
 

@@ -1,6 +1,7 @@
 #include "responder/session.h"
 
 #include <arpa/inet.h>
+
 #include <fmt/format.h>
 
 #include "env/time_values.h"
@@ -69,11 +70,12 @@ bool AnswerProbe(Session* session, const timespec& arrival, std::span<std::uint8
 std::string StatisticsLine(const Session& session, const std::string& reason) {
   const SessionStatistics& statistics = session.statistics;
   return fmt::format(
-      "session {} {}: {} from {} to {}, received {}, distinct {}, duplicates {}, out of order {}, replies {}, errors "
+      "session {} {}: {} from {} to {}, received {}, distinct {}, duplicates {}, out of order {}, "
+      "replies {}, errors "
       "{}",
-      session.id, reason, TestTypeToString(session.type), ToString(session.key.peer), ToString(session.key.local),
-      statistics.received, statistics.distinct, statistics.duplicates, statistics.out_of_order, statistics.replies,
-      statistics.errors);
+      session.id, reason, TestTypeToString(session.type), ToString(session.key.peer),
+      ToString(session.key.local), statistics.received, statistics.distinct, statistics.duplicates,
+      statistics.out_of_order, statistics.replies, statistics.errors);
 }
 
 }  // namespace ipsla::responder

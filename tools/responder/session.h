@@ -22,7 +22,9 @@ struct Endpoint {
   std::uint16_t port = 0;
 
   bool operator==(const Endpoint&) const = default;
-  bool operator<(const Endpoint& other) const { return std::tie(address, port) < std::tie(other.address, other.port); }
+  bool operator<(const Endpoint& other) const {
+    return std::tie(address, port) < std::tie(other.address, other.port);
+  }
 };
 
 [[nodiscard]] Endpoint FromSockaddr(const sockaddr_in& address);
@@ -36,7 +38,9 @@ struct SessionKey {
   Endpoint peer;   ///< where they come from
 
   bool operator==(const SessionKey&) const = default;
-  bool operator<(const SessionKey& other) const { return std::tie(local, peer) < std::tie(other.local, other.peer); }
+  bool operator<(const SessionKey& other) const {
+    return std::tie(local, peer) < std::tie(other.local, other.peer);
+  }
 };
 
 struct SessionStatistics {
@@ -45,7 +49,8 @@ struct SessionStatistics {
   std::uint64_t duplicates = 0;
   std::uint64_t out_of_order = 0;  ///< distinct ones that came after a higher number
   std::uint64_t replies = 0;       ///< sent
-  std::uint64_t errors = 0;        ///< datagrams of the wrong type or length, unanswered duplicates, failed sends
+  std::uint64_t errors =
+      0;  ///< datagrams of the wrong type or length, unanswered duplicates, failed sends
 };
 
 struct Session {
@@ -57,18 +62,20 @@ struct Session {
   SessionStatistics statistics;
 };
 
-/// Duplicates answered in one session beyond as many as it has distinct probes. Some are normal, the network makes
-/// them. The bound ends a loop in which two responders, each told that the other is the sender, answer each other's
-/// replies: all of these carry numbers that were seen before.
+/// Duplicates answered in one session beyond as many as it has distinct probes. Some are normal,
+/// the network makes them. The bound ends a loop in which two responders, each told that the other
+/// is the sender, answer each other's replies: all of these carry numbers that were seen before.
 inline constexpr std::uint64_t kFreeDuplicates = 64;
 
-/// Counts a datagram from the session's peer and, when it is a probe of the session's type, turns it into its reply in
-/// place. False: not to be answered (counted as an error). `arrival` is the real-time clock at arrival.
+/// Counts a datagram from the session's peer and, when it is a probe of the session's type, turns
+/// it into its reply in place. False: not to be answered (counted as an error). `arrival` is the
+/// real-time clock at arrival.
 ///
-/// The reply's counter is the number of distinct probes so far, this one included: the sender takes probes sent less
-/// the highest counter as lost on the way out, so a probe that was duplicated on the way must not make up for a lost
-/// one.
-[[nodiscard]] bool AnswerProbe(Session* session, const timespec& arrival, std::span<std::uint8_t> datagram);
+/// The reply's counter is the number of distinct probes so far, this one included: the sender takes
+/// probes sent less the highest counter as lost on the way out, so a probe that was duplicated on
+/// the way must not make up for a lost one.
+[[nodiscard]] bool AnswerProbe(Session* session, const timespec& arrival,
+                               std::span<std::uint8_t> datagram);
 
 /// One line about a session that has ended, without a line break.
 [[nodiscard]] std::string StatisticsLine(const Session& session, const std::string& reason);

@@ -8,8 +8,8 @@ bool SessionTable::HasRoomFor(const SessionKey& key) const {
   return sessions_.size() < max_sessions_ || sessions_.contains(key);
 }
 
-std::uint32_t SessionTable::Open(const SessionKey& key, SlaTestType type, std::uint32_t duration_ms, std::int64_t now,
-                                 std::optional<Session>* replaced) {
+std::uint32_t SessionTable::Open(const SessionKey& key, SlaTestType type, std::uint32_t duration_ms,
+                                 std::int64_t now, std::optional<Session>* replaced) {
   if (const auto old = sessions_.find(key); old != sessions_.end()) *replaced = Remove(old);
   // 0 stands for "no session" in requests, so that ids go round without it.
   if (++last_id_ == 0) last_id_ = 1;
@@ -29,7 +29,8 @@ Session* SessionTable::Find(const SessionKey& key) {
 
 std::vector<Session> SessionTable::TakeEnded(std::int64_t now) {
   std::vector<Session> ended;
-  while (!ends_.empty() && ends_.begin()->first <= now) ended.push_back(Remove(sessions_.find(ends_.begin()->second)));
+  while (!ends_.empty() && ends_.begin()->first <= now)
+    ended.push_back(Remove(sessions_.find(ends_.begin()->second)));
   return ended;
 }
 

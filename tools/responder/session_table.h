@@ -15,7 +15,8 @@
 
 namespace ipsla::responder {
 
-/// How long a session outlives its Duration, nanoseconds: the sender's own clock starts when our answer reaches it.
+/// How long a session outlives its Duration, nanoseconds: the sender's own clock starts when our
+/// answer reaches it.
 inline constexpr std::int64_t kSessionGrace = 1'000'000'000;
 
 /// Single-threaded. Times are the steady clock in nanoseconds.
@@ -26,10 +27,11 @@ class SessionTable {
   /// True when a session with this key could be opened now: there is room, or one to replace.
   [[nodiscard]] bool HasRoomFor(const SessionKey& key) const;
 
-  /// Opens a session of `duration_ms` and gives its id, 1 or more. A session with the same key is replaced (its
-  /// sender has begun a new run) and handed back in `replaced`. REQUIRES: HasRoomFor(key).
-  std::uint32_t Open(const SessionKey& key, SlaTestType type, std::uint32_t duration_ms, std::int64_t now,
-                     std::optional<Session>* replaced);
+  /// Opens a session of `duration_ms` and gives its id, 1 or more. A session with the same key is
+  /// replaced (its sender has begun a new run) and handed back in `replaced`. REQUIRES:
+  /// HasRoomFor(key).
+  std::uint32_t Open(const SessionKey& key, SlaTestType type, std::uint32_t duration_ms,
+                     std::int64_t now, std::optional<Session>* replaced);
 
   /// The session with this key, or null. Valid until the table changes.
   [[nodiscard]] Session* Find(const SessionKey& key);

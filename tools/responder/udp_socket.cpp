@@ -58,7 +58,8 @@ Descriptor OpenUdpSocket(const Endpoint& local, int* error) {
   *error = 0;
   Descriptor socket_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const sockaddr_in address = ToSockaddr(local);
-  if (!socket_fd.IsOpen() || bind(socket_fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+  if (!socket_fd.IsOpen() ||
+      bind(socket_fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     *error = errno;
     return {};
   }
@@ -81,7 +82,8 @@ std::optional<ReceivedRequest> ReceiveRequest(int fd, std::span<std::uint8_t> bu
   } while (received < 0 && errno == EINTR);
   if (received < 0) return std::nullopt;
   request.bytes = static_cast<std::size_t>(received);
-  for (cmsghdr* part = CMSG_FIRSTHDR(&message.header); part != nullptr; part = CMSG_NXTHDR(&message.header, part)) {
+  for (cmsghdr* part = CMSG_FIRSTHDR(&message.header); part != nullptr;
+       part = CMSG_NXTHDR(&message.header, part)) {
     if (part->cmsg_level != IPPROTO_IP || part->cmsg_type != IP_PKTINFO) continue;
     in_pktinfo info{};
     std::memcpy(&info, CMSG_DATA(part), sizeof info);
@@ -102,7 +104,8 @@ bool SendAnswer(int fd, const ReceivedRequest& request, std::span<const std::uin
   in_pktinfo info{};
   info.ipi_spec_dst = request.local;
   std::memcpy(CMSG_DATA(part), &info, sizeof info);
-  return sendmsg(fd, &message.header, MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(answer.size());
+  return sendmsg(fd, &message.header, MSG_DONTWAIT | MSG_NOSIGNAL) ==
+         static_cast<ssize_t>(answer.size());
 }
 
 bool IsLocalAddress(in_addr address) {

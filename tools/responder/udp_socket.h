@@ -30,8 +30,8 @@ class Descriptor {
   int fd_ = -1;
 };
 
-/// A non-blocking IPv4 UDP socket bound to `local`, its datagrams stamped on arrival. On failure the descriptor is not
-/// open and `error` is the errno value.
+/// A non-blocking IPv4 UDP socket bound to `local`, its datagrams stamped on arrival. On failure
+/// the descriptor is not open and `error` is the errno value.
 [[nodiscard]] Descriptor OpenUdpSocket(const Endpoint& local, int* error);
 
 /// Has ReceiveRequest tell the address to which a datagram was sent.
@@ -48,9 +48,11 @@ struct ReceivedRequest {
 [[nodiscard]] std::optional<ReceivedRequest> ReceiveRequest(int fd, std::span<std::uint8_t> buffer);
 
 /// Sends from the address to which the request was sent. False when the datagram could not be sent.
-[[nodiscard]] bool SendAnswer(int fd, const ReceivedRequest& request, std::span<const std::uint8_t> answer);
+[[nodiscard]] bool SendAnswer(int fd, const ReceivedRequest& request,
+                              std::span<const std::uint8_t> answer);
 
-/// True when an interface of this host has the address (all of 127.0.0.0/8 where there is a loopback address).
+/// True when an interface of this host has the address (all of 127.0.0.0/8 where there is a
+/// loopback address).
 [[nodiscard]] bool IsLocalAddress(in_addr address);
 
 }  // namespace ipsla::responder

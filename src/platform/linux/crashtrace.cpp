@@ -1,6 +1,7 @@
 // Stand-in for the device's crash-trace library: backtrace(3) to standard error.
 //
-// The handler runs in a process that is already broken: it allocates nothing, takes no lock and formats by hand.
+// The handler runs in a process that is already broken: it allocates nothing, takes no lock and
+// formats by hand.
 
 #include "platform/crashtrace.h"
 
@@ -106,7 +107,8 @@ void backtrace_set_program_name(const char* name) {
 }
 
 void backtrace_open_console(void) {
-  // A descriptor of our own, so that traces still come out when somebody redirects standard error later.
+  // A descriptor of our own, so that traces still come out when somebody redirects standard error
+  // later.
   const int fd = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   if (fd < 0) return;
   const int old = console.exchange(fd);

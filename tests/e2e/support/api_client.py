@@ -15,7 +15,13 @@ from .waiting import DEFAULT_DEADLINE, SCALE
 ADDRESS = ("127.0.0.1", 10101)
 HEADER_SIZE = 28
 STATISTICS, ALL_STATISTICS, STATUS, RELOAD_TASKS, RELOAD_KEYCHAIN = range(5)
-GROUPS = ["rtt-values", "one-way-latency-values", "jitter-values", "loss-values", "out-of-sequence-values"]
+GROUPS = [
+    "rtt-values",
+    "one-way-latency-values",
+    "jitter-values",
+    "loss-values",
+    "out-of-sequence-values",
+]
 
 
 @dataclass
@@ -32,7 +38,15 @@ class Header:
 
     def pack(self):
         return (
-            struct.pack(">8sBB2sII", self.prefix, self.marker, self.flags, self.reserved, self.fragment, self.length)
+            struct.pack(
+                ">8sBB2sII",
+                self.prefix,
+                self.marker,
+                self.flags,
+                self.reserved,
+                self.fragment,
+                self.length,
+            )
             + struct.pack("=HH", self.command, self.result)
             + struct.pack(">I", self.block)
         )
@@ -75,8 +89,14 @@ class ApiClient:
         return self.socket.recv(65535)
 
     def request(self, command, body=None, header=None):
-        """Sends one request (a body that is no text is written as JSON) and returns the whole reply."""
-        text = b"" if body is None else (body if isinstance(body, bytes) else json.dumps(body).encode() + b"\0")
+        """Sends one request (a body that is no text is written as JSON) and returns the whole
+        reply.
+        """
+        text = (
+            b""
+            if body is None
+            else (body if isinstance(body, bytes) else json.dumps(body).encode() + b"\0")
+        )
         if header is None:
             length = HEADER_SIZE + len(text)
             header = Header(command=command, length=length, block=length - 20)

@@ -1,4 +1,6 @@
-"""Control-phase messages of our own making: what a task's request must be, byte for byte, and its dump."""
+"""Control-phase messages of our own making: what a task's request must be, byte for byte, and its
+dump.
+"""
 
 import hashlib
 import hmac
@@ -39,7 +41,9 @@ def status_name(code):
 
 
 def expected_request(task, control_port, measurement_port):
-    """The request of a task as the tasks file has it, sent from the given ports, nonce and digest left zero."""
+    """The request of a task as the tasks file has it, sent from the given ports, nonce and digest
+    left zero.
+    """
     kind = task["sla-type"]
     control, measurement = task["control-phase"], task[kind]
     authentication = control["authentication"]
@@ -59,9 +63,16 @@ def expected_request(task, control_port, measurement_port):
         struct.pack(">HHI", 2, 0, 92),
         struct.pack(">BBBBI", 2, 1, TYPES[kind], 0, 0),
     ]
-    for endpoint, end in ((control, "src"), (control, "dst"), (measurement, "src"), (measurement, "dst")):
+    for endpoint, end in (
+        (control, "src"),
+        (control, "dst"),
+        (measurement, "src"),
+        (measurement, "dst"),
+    ):
         pieces.append(socket.inet_aton(endpoint[f"{end}-address"]).ljust(16, b"\0"))
-    pieces.append(struct.pack(">HHHHI", control_port, 0, measurement_port, measurement["dst-port"], duration))
+    pieces.append(
+        struct.pack(">HHHHI", control_port, 0, measurement_port, measurement["dst-port"], duration)
+    )
     message = b"".join(pieces)
     assert len(message) == SIZE
     return message
@@ -72,7 +83,9 @@ def unsigned(message):
 
 
 def digest(message, algorithm, key):
-    """The digest of a message that holds its nonce: over all of it with the digest's own place zero."""
+    """The digest of a message that holds its nonce: over all of it with the digest's own place
+    zero.
+    """
     covered = message[:48] + bytes(32) + message[80:]
     if algorithm == "sha256":
         return hashlib.sha256(covered + key).digest()
@@ -115,7 +128,9 @@ def dump_records(message, mode, key, response=False):
     ]
     second = ["   .  -"]
     if mode != "no":
-        second = [f"   .  |- Algorithm                 : {named(_ALGORITHM_NAMES, message[29])}\n   .  |- Key"]
+        second = [
+            f"   .  |- Algorithm                 : {named(_ALGORITHM_NAMES, message[29])}\n   .  |- Key"
+        ]
         if mode == "keychain":
             second.append(f"   .  .  |- ID                     : #{message[31]}")
         second.append(f'   .  .  |- Value                  : "{key}"\n   .  .  -\n   .  -')

@@ -1,4 +1,6 @@
-"""ip-sla-ctl inside a lab: run to its end, or on a pseudo-terminal; and its tables without what differs from run to run."""
+"""ip-sla-ctl inside a lab: run to its end, or on a pseudo-terminal; and its tables without what
+differs from run to run.
+"""
 
 import fcntl
 import json
@@ -31,9 +33,18 @@ class Ctl:
         self.environment = {name: value for name, value in self.environment.items() if value}
 
     def command(self, *arguments, **environment):
-        variables = [f"{name}={value}" for name, value in {**self.environment, **environment}.items()]
+        variables = [
+            f"{name}={value}" for name, value in {**self.environment, **environment}.items()
+        ]
         launcher = self.lab.build.launcher()
-        return ["env", "-i", *variables, *launcher, self.lab.build.program("ip-sla-ctl"), *map(str, arguments)]
+        return [
+            "env",
+            "-i",
+            *variables,
+            *launcher,
+            self.lab.build.program("ip-sla-ctl"),
+            *map(str, arguments),
+        ]
 
     def __call__(self, *arguments, status=0, error=""):
         """Standard output; the exit status and standard error must be as given."""
@@ -71,10 +82,14 @@ class Terminal:
         return self.text
 
     def wait_for(self, pattern):
-        return wait_for(lambda: re.search(pattern, self.read(), re.S), f"{pattern!r} on the terminal")
+        return wait_for(
+            lambda: re.search(pattern, self.read(), re.S), f"{pattern!r} on the terminal"
+        )
 
     def wait_exit(self):
-        wait_for(lambda: self.read() is not None and self.process.poll() is not None, "the program's end")
+        wait_for(
+            lambda: self.read() is not None and self.process.poll() is not None, "the program's end"
+        )
         self.read()
         os.close(self.master)
         return self.process.returncode

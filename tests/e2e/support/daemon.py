@@ -10,13 +10,22 @@ from .waiting import DEFAULT_DEADLINE, SCALE, wait_for
 
 BASE_THREADS = 3  # main, log writer, API
 WORKERS_PER_CPU = 15
-SANITIZER_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer", "runtime error:")
+SANITIZER_MARKS = (
+    "ERROR: AddressSanitizer",
+    "ERROR: LeakSanitizer",
+    "WARNING: ThreadSanitizer",
+    "runtime error:",
+)
 
 
 class Daemon:
-    """One process of ip-sla-sender. Files of the test: tasks.json, keychain.json, stdout, stderr, syslog."""
+    """One process of ip-sla-sender. Files of the test: tasks.json, keychain.json, stdout, stderr,
+    syslog.
+    """
 
-    def __init__(self, lab, tasks=(), keychain=None, cpus=None, arguments=None, env=None, document=None):
+    def __init__(
+        self, lab, tasks=(), keychain=None, cpus=None, arguments=None, env=None, document=None
+    ):
         self.lab = lab
         number = len(lab.daemons)
         self.directory = lab.directory / f"daemon-{number}"
@@ -43,14 +52,22 @@ class Daemon:
         environment.update(env or {})
         variables = [f"{name}={value}" for name, value in environment.items() if value]
         command = lab.inside(
-            "env", "-i", *variables, *lab.build.launcher(), lab.build.program("ip-sla-sender"), *arguments
+            "env",
+            "-i",
+            *variables,
+            *lab.build.launcher(),
+            lab.build.program("ip-sla-sender"),
+            *arguments,
         )
         with open(self.stdout_path, "wb") as out, open(self.stderr_path, "wb") as err:
-            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+            self.process = subprocess.Popen(
+                command, stdin=subprocess.DEVNULL, stdout=out, stderr=err
+            )
         lab.daemons.append(self)
         lab.on_close(self.stop)
 
-    # -- configuration -------------------------------------------------------------------------------------------
+    # -- configuration
+    # -------------------------------------------------------------------------------------------
 
     def write_tasks(self, tasks, document=None):
         if document is None:
@@ -65,7 +82,8 @@ class Daemon:
             keychain = json.dumps({"keychain-storage": keys})
         self.keychain_path.write_text(keychain)
 
-    # -- life ----------------------------------------------------------------------------------------------------
+    # -- life
+    # ----------------------------------------------------------------------------------------------------
 
     @property
     def pid(self):
@@ -78,8 +96,13 @@ class Daemon:
         """Until the daemon has read its configuration and all its threads are there."""
 
         def ready():
-            assert self.is_running(), f"the daemon ended with {self.process.returncode}: {self.stderr}"
-            return "List of keys in the storage" in self.lab.log_text(0) and len(self.threads()) >= self.first_threads
+            assert (
+                self.is_running()
+            ), f"the daemon ended with {self.process.returncode}: {self.stderr}"
+            return (
+                "List of keys in the storage" in self.lab.log_text(0)
+                and len(self.threads()) >= self.first_threads
+            )
 
         wait_for(ready, "the daemon to be ready", deadline)
         return self
@@ -105,7 +128,9 @@ class Daemon:
             self.bad_stop = f"the daemon's stop gave {self.process.returncode}: {self.stderr}"
 
     def findings(self):
-        """What makes a test fail although its own assertions hold: sanitizer reports, an unexpected end."""
+        """What makes a test fail although its own assertions hold: sanitizer reports, an unexpected
+        end.
+        """
         text = self.stderr
         found = [f"{mark} in {text}" for mark in SANITIZER_MARKS if mark in text]
         if self.bad_stop:
@@ -114,7 +139,8 @@ class Daemon:
             found.append(f"the daemon ended by itself with {self.process.returncode}: {text}")
         return found
 
-    # -- what it wrote -------------------------------------------------------------------------------------------
+    # -- what it wrote
+    # -------------------------------------------------------------------------------------------
 
     @property
     def stdout(self):
@@ -126,7 +152,9 @@ class Daemon:
 
     def syslog(self):
         """The system-log copy as SyslogRecords."""
-        return logs.parse_recording(self.syslog_path.read_bytes()) if self.syslog_path.exists() else []
+        return (
+            logs.parse_recording(self.syslog_path.read_bytes()) if self.syslog_path.exists() else []
+        )
 
     def log_records(self, task=0):
         return logs.split_records(self.lab.log_text(task))
@@ -151,7 +179,8 @@ class Daemon:
 
         return wait_for(enough, f"{count} run report(s) of task {task}", deadline)
 
-    # -- its process ---------------------------------------------------------------------------------------------
+    # -- its process
+    # ---------------------------------------------------------------------------------------------
 
     def threads(self):
         try:

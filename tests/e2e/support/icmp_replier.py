@@ -1,7 +1,7 @@
 """A scripted replier of ICMP echo and time-stamp requests, in place of a namespace's own kernel.
 
-The kernel's answers are kept out by dropping the requests in the input hook; a packet socket on the interface still sees
-them. The answers leave through a raw ICMP socket.
+The kernel's answers are kept out by dropping the requests in the input hook; a packet socket on the
+interface still sees them. The answers leave through a raw ICMP socket.
 """
 
 import socket
@@ -31,7 +31,9 @@ def milliseconds_of_day():
 
 
 class IcmpReplier(Peer):
-    """Answers the requests that arrive on one interface. `probes(identifier)` gives the plan of one test's probes."""
+    """Answers the requests that arrive on one interface. `probes(identifier)` gives the plan of one
+    test's probes.
+    """
 
     def __init__(self, lab, interface, namespace=None):
         super().__init__()
@@ -42,16 +44,24 @@ class IcmpReplier(Peer):
         self._fates_key = 0
         self._sources = {}
         lab.drop("icmp type { echo-request, timestamp-request }", namespace=namespace)
-        self._wire = lab.socket(socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(_ETH_P_IP), namespace=namespace)
+        self._wire = lab.socket(
+            socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(_ETH_P_IP), namespace=namespace
+        )
         self._wire.bind((interface, _ETH_P_IP))
-        self._out = lab.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP, namespace=namespace)
+        self._out = lab.socket(
+            socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP, namespace=namespace
+        )
         self._lab = lab
         self.watch(self._wire, self._on_packet)
         lab.on_close(self.stop)
         self.start()
 
     def _on_packet(self, packet, address):
-        if address[2] == socket.PACKET_OUTGOING or len(packet) < 28 or packet[9] != socket.IPPROTO_ICMP:
+        if (
+            address[2] == socket.PACKET_OUTGOING
+            or len(packet) < 28
+            or packet[9] != socket.IPPROTO_ICMP
+        ):
             return
         header = (packet[0] & 15) * 4
         total = struct.unpack_from(">H", packet, 2)[0]

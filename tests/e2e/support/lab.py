@@ -2,10 +2,12 @@
 
     lab: network namespace of its own, registered as "1", the daemon's own namespace
          lo up; /var/log and /run are private and empty
-    add_namespace("red"), add_link(...): further namespaces (VRFs for the daemon) and veth pairs between them
+    add_namespace("red"), add_link(...): further namespaces (VRFs for the daemon) and veth pairs
+    between them
 
-Nothing of the machine is touched: no log, port, route, interface or file below /run. Everything is gone when the lab is
-closed, and also when the test process dies, because the namespaces live as long as a process that reads its pipe.
+Nothing of the machine is touched: no log, port, route, interface or file below /run. Everything is
+gone when the lab is closed, and also when the test process dies, because the namespaces live as
+long as a process that reads its pipe.
 """
 
 import os
@@ -47,7 +49,8 @@ class Lab:
             raise RuntimeError("the namespaces could not be made")
         self.pid = self._holder.pid
 
-    # -- the namespaces ------------------------------------------------------------------------------------------
+    # -- the namespaces
+    # ------------------------------------------------------------------------------------------
 
     def path(self, inside):
         """A file as the daemon sees it, by a path that the test process can open."""
@@ -57,9 +60,12 @@ class Lab:
         return f"/proc/{self.pid}/ns/net" if name is None else str(self.path(f"/run/netns/{name}"))
 
     def inside(self, *command, namespace=None):
-        """The command line that runs `command` inside; the process keeps the id that the caller sees."""
+        """The command line that runs `command` inside; the process keeps the id that the caller
+        sees.
+        """
         entered = ["nsenter", "-t", str(self.pid), "-m", f"--net={self.namespace_path(namespace)}"]
-        # The last one clears the way for a test process that is killed: its programs do not outlive it.
+        # The last one clears the way for a test process that is killed: its programs do not outlive
+        # it.
         return entered + ["setpriv", "--pdeathsig", "KILL"] + [str(part) for part in command]
 
     def run(self, *command, namespace=None, check=True, **options):
@@ -72,7 +78,9 @@ class Lab:
             **options,
         )
         if check and result.returncode != 0:
-            raise AssertionError(f"{command} gave status {result.returncode}: {result.stdout}{result.stderr}")
+            raise AssertionError(
+                f"{command} gave status {result.returncode}: {result.stdout}{result.stderr}"
+            )
         return result
 
     def popen(self, *command, namespace=None, **options):
@@ -83,7 +91,8 @@ class Lab:
     def on_close(self, function):
         self._closers.append(function)
 
-    # -- topology ------------------------------------------------------------------------------------------------
+    # -- topology
+    # ------------------------------------------------------------------------------------------------
 
     def add_namespace(self, name):
         """A named namespace with its loopback up: a VRF for the daemon, or the place of a peer."""
@@ -94,7 +103,19 @@ class Lab:
         """A veth pair between two ends (namespace or None, interface, "a.b.c.d/n"), both up."""
         (space_a, name_a, address_a), (space_b, name_b, address_b) = first, second
         target = ["netns", space_b] if space_b else ["netns", "1"]
-        self.run("ip", "link", "add", name_a, "type", "veth", "peer", "name", name_b, *target, namespace=space_a)
+        self.run(
+            "ip",
+            "link",
+            "add",
+            name_a,
+            "type",
+            "veth",
+            "peer",
+            "name",
+            name_b,
+            *target,
+            namespace=space_a,
+        )
         for space, name, address in (first, second):
             self.run("ip", "address", "add", address, "dev", name, namespace=space)
             self.run("ip", "link", "set", name, "up", namespace=space)
@@ -105,12 +126,16 @@ class Lab:
         return "state UP" in self.run("ip", "link", "show", interface, namespace=namespace).stdout
 
     def add_vrf(self, name, vrf_address="10.1.0.1/24", peer_address="10.1.0.2/24"):
-        """A VRF joined to the lab's own namespace by a veth pair: interfaces <name>-in and <name>-out."""
+        """A VRF joined to the lab's own namespace by a veth pair: interfaces <name>-in and
+        <name>-out.
+        """
         self.add_namespace(name)
         self.add_link((name, f"{name}-in", vrf_address), (None, f"{name}-out", peer_address))
 
     def add_peer(self, name="peer", local_address="10.2.0.1/24", peer_address="10.2.0.2/24"):
-        """A neighbour of the lab's own namespace, in a namespace of its own: interfaces <name>-near, <name>-far."""
+        """A neighbour of the lab's own namespace, in a namespace of its own: interfaces
+        <name>-near, <name>-far.
+        """
         self.add_namespace(name)
         self.add_link((None, f"{name}-near", local_address), (name, f"{name}-far", peer_address))
 
@@ -120,21 +145,30 @@ class Lab:
         self.run("rm", "/run/netns/1")
 
     def drop(self, rule, hook="input", namespace=None):
-        """Drops what matches an nftables expression in one namespace; "limit"s and counters are allowed in it."""
+        """Drops what matches an nftables expression in one namespace; "limit"s and counters are
+        allowed in it.
+        """
         if not getattr(self, "_tables", None):
             self._tables = set()
         if (namespace, hook) not in self._tables:
             self._tables.add((namespace, hook))
             self.run("nft", "add table ip lab", namespace=namespace)
-            self.run("nft", f"add chain ip lab {hook} {{ type filter hook {hook} priority 0; }}", namespace=namespace)
+            self.run(
+                "nft",
+                f"add chain ip lab {hook} {{ type filter hook {hook} priority 0; }}",
+                namespace=namespace,
+            )
         self.run("nft", f"add rule ip lab {hook} {rule} counter drop", namespace=namespace)
 
     def socket(self, family, kind, protocol=0, bind=None, namespace=None):
-        sock = namespaces.socket_in_namespace(self.namespace_path(namespace), family, kind, protocol, bind)
+        sock = namespaces.socket_in_namespace(
+            self.namespace_path(namespace), family, kind, protocol, bind
+        )
         self.on_close(sock.close)
         return sock
 
-    # -- logs ----------------------------------------------------------------------------------------------------
+    # -- logs
+    # ----------------------------------------------------------------------------------------------------
 
     def log_path(self, task=0):
         name = "sender.log" if task == 0 else f"test_{task}.log"
@@ -146,7 +180,8 @@ class Lab:
         except FileNotFoundError:
             return ""
 
-    # -- end -----------------------------------------------------------------------------------------------------
+    # -- end
+    # -----------------------------------------------------------------------------------------------------
 
     def close(self):
         for closer in reversed(self._closers):
@@ -176,7 +211,11 @@ class Build:
     def __init__(self, directory):
         self.directory = pathlib.Path(directory)
         cache = (self.directory / "CMakeCache.txt").read_text()
-        flags = [line.split("=", 1)[1] for line in cache.splitlines() if line.startswith("IPSLA_SANITIZE:")]
+        flags = [
+            line.split("=", 1)[1]
+            for line in cache.splitlines()
+            if line.startswith("IPSLA_SANITIZE:")
+        ]
         self.sanitizers = set(flags[0].split(",")) - {""} if flags else set()
 
     def program(self, name):
@@ -192,7 +231,9 @@ class Build:
         return self.directory / "lib" / "recording" / "liblogsvc.so"
 
     def environment(self):
-        """The sanitizers stop a program at its first finding and make it end with a status of their own."""
+        """The sanitizers stop a program at its first finding and make it end with a status of their
+        own.
+        """
         return {
             "ASAN_OPTIONS": "detect_leaks=1:halt_on_error=1:exitcode=66:verify_asan_link_order=0",
             "UBSAN_OPTIONS": "print_stacktrace=1:halt_on_error=1",

@@ -11,7 +11,11 @@ def split_records(text):
     starts = [(match.start(), match.end()) for match in _STAMP.finditer(text)]
     ends = [start for start, _ in starts[1:]] + [len(text)]
     # The last record counts only when its newline is there: the writer may be in the middle of it.
-    return [text[begin : end - 1] for (_, begin), end in zip(starts, ends) if text[end - 1 : end] == "\n"]
+    return [
+        text[begin : end - 1]
+        for (_, begin), end in zip(starts, ends)
+        if text[end - 1 : end] == "\n"
+    ]
 
 
 @dataclass
@@ -23,18 +27,24 @@ class SyslogRecord:
 
 
 def parse_recording(data):
-    """Records of the preloaded system-log library: "severity flag module text", newlines and backslashes escaped."""
+    """Records of the preloaded system-log library: "severity flag module text", newlines and
+    backslashes escaped.
+    """
     records = []
     for line in data.decode(errors="replace").split("\n")[:-1]:
         severity, flag, module, text = line.split(" ", 3)
-        unescaped = re.sub(r"\\(.)", lambda match: {"n": "\n"}.get(match.group(1), match.group(1)), text)
+        unescaped = re.sub(
+            r"\\(.)", lambda match: {"n": "\n"}.get(match.group(1), match.group(1)), text
+        )
         records.append(SyslogRecord(int(severity), int(flag), int(module), unescaped))
     return records
 
 
 @dataclass
 class Report:
-    """One run as a test's log tells it. Fields of the sections that a type does not print stay None."""
+    """One run as a test's log tells it. Fields of the sections that a type does not print stay
+    None.
+    """
 
     task: int = 0
     type: str = ""
@@ -68,7 +78,9 @@ _HEADER = re.compile(
     r"SLA task:\n\tID: #(\d+)\tType: (\S+) \(#\d+\)\t\n\tStatus: (\S+)\t(?:Error: (.*))?\n"
     r"\tStart time: .*\tFinish time: .*\n\tOperation time: ~(\d+) seconds$"
 )
-_PACKETS = re.compile(r"Packets Values:\n\tNumber of SD Packets: (\d+)\n\tNumber of DS Packets: (\d+)$")
+_PACKETS = re.compile(
+    r"Packets Values:\n\tNumber of SD Packets: (\d+)\n\tNumber of DS Packets: (\d+)$"
+)
 _RTT = re.compile(
     rf"RTT Values:\n\tNumber Of RTT: (-?\d+)\tRTT Min/Avg/Max: {_NUMBER}/{_NUMBER}/{_NUMBER} milliseconds$"
 )
@@ -123,7 +135,16 @@ def parse_reports(records):
     for record in records:
         if match := _HEADER.match(record):
             task, kind, status, error, seconds = match.groups()
-            reports.append(Report(int(task), kind, status, error or "", int(seconds), complete=status != "successful"))
+            reports.append(
+                Report(
+                    int(task),
+                    kind,
+                    status,
+                    error or "",
+                    int(seconds),
+                    complete=status != "successful",
+                )
+            )
         elif reports:
             _add_section(reports[-1], record)
     return [report for report in reports if report.complete]

@@ -1,10 +1,13 @@
-"""A model of the metrics of one run, written from the rules alone: what a run's events make of its counters and values.
+"""A model of the metrics of one run, written from the rules alone: what a run's events make of its
+counters and values.
 
-It shares nothing with the daemon and is not shaped like it: a run is a list of events, the probes' records follow from
-the events, the metrics follow from the records. Integers are cut to their width where the daemon's wrap, divisions by
-zero give what IEEE 754 says, so that every value can be compared for equality.
+It shares nothing with the daemon and is not shaped like it: a run is a list of events, the probes'
+records follow from the events, the metrics follow from the records. Integers are cut to their width
+where the daemon's wrap, divisions by zero give what IEEE 754 says, so that every value can be
+compared for equality.
 
-Units: milliseconds for results, 10 ns of the day for UDP stamps, milliseconds of the day for ICMP stamps.
+Units: milliseconds for results, 10 ns of the day for UDP stamps, milliseconds of the day for ICMP
+stamps.
 """
 
 import math
@@ -73,7 +76,9 @@ class Metrics:
     rtt_max: float = 0.0
 
 
-NUMBERS = [entry.name for entry in fields(Metrics) if entry.name not in ("status", "error_description")]
+NUMBERS = [
+    entry.name for entry in fields(Metrics) if entry.name not in ("status", "error_description")
+]
 
 
 def i32(value):
@@ -106,7 +111,8 @@ def start_of_run(kind):
     return metrics
 
 
-# -- from records to metrics -----------------------------------------------------------------------------------------
+# -- from records to metrics
+# -----------------------------------------------------------------------------------------
 
 
 def echo_metrics(kind, records, metrics=None):
@@ -127,7 +133,9 @@ def echo_metrics(kind, records, metrics=None):
 
 @dataclass
 class _Samples:
-    """The usable samples of a walk: their sums, and the two arrays that the deviations are taken over."""
+    """The usable samples of a walk: their sums, and the two arrays that the deviations are taken
+    over.
+    """
 
     metrics: Metrics
     count: int
@@ -141,7 +149,9 @@ class _Samples:
 
     def add(self, index, rtt, sd, ds):
         self.sd[index], self.ds[index] = sd, ds
-        for place, (name, value) in enumerate((("rtt", rtt), ("latency_sd", sd), ("latency_ds", ds))):
+        for place, (name, value) in enumerate(
+            (("rtt", rtt), ("latency_sd", sd), ("latency_ds", ds))
+        ):
             self.sums[place] += value
             setattr(self.metrics, name + "_min", min(getattr(self.metrics, name + "_min"), value))
             setattr(self.metrics, name + "_max", max(getattr(self.metrics, name + "_max"), value))
@@ -149,12 +159,16 @@ class _Samples:
     def finish(self):
         result = self.metrics
         samples = result.rtt_smp_count
-        result.rtt_avg, result.latency_sd_avg, result.latency_ds_avg = (divide(total, samples) for total in self.sums)
+        result.rtt_avg, result.latency_sd_avg, result.latency_ds_avg = (
+            divide(total, samples) for total in self.sums
+        )
         result.jitter_sd_sd = self._deviation(self.sd, result.latency_sd_avg, result.jitter_sd_sd)
         result.jitter_ds_sd = self._deviation(self.ds, result.latency_ds_avg, result.jitter_ds_sd)
 
     def _deviation(self, values, average, start):
-        """Only the first samples' places count, whatever places the samples hold; an exact 0 is no sample."""
+        """Only the first samples' places count, whatever places the samples hold; an exact 0 is no
+        sample.
+        """
         total = start
         for value in values[: max(0, self.metrics.rtt_smp_count)]:
             if value != 0:
@@ -163,7 +177,9 @@ class _Samples:
 
 
 def _sequence_gaps(records):
-    """Probes that the order at the far end jumped over: what is later than its successors counts as a gap once."""
+    """Probes that the order at the far end jumped over: what is later than its successors counts as
+    a gap once.
+    """
     gaps = last = 0
     for record in records:
         if record.state == RECEIVED:
@@ -196,7 +212,11 @@ def _udp_delays(record, ntp):
     sent, received, remote = record.send_stamp, record.receive_stamp, record.remote_transmit
     rtt = (received - sent) / 100000.0
     if sent // UNITS_PER_MS <= remote // UNITS_PER_MS <= received // UNITS_PER_MS:
-        return rtt, abs(remote / 100000.0 - sent / 100000.0), abs(received / 100000.0 - remote / 100000.0)
+        return (
+            rtt,
+            abs(remote / 100000.0 - sent / 100000.0),
+            abs(received / 100000.0 - remote / 100000.0),
+        )
     return rtt, rtt * 0.5, rtt * 0.5
 
 
@@ -218,7 +238,9 @@ def udp_jitter_metrics(kind, records, responder_count, budget_ms, metrics=None):
                 result.ds_smp_count += 1
                 if record.rs >= u32(last + 1):
                     if record.rs > u32(last + 1):
-                        result.ds_out_of_sequence = i32(result.ds_out_of_sequence + record.rs - last - 1)
+                        result.ds_out_of_sequence = i32(
+                            result.ds_out_of_sequence + record.rs - last - 1
+                        )
                     last = record.rs
         elif record.state == SENT:
             result.sd_smp_count += 1
@@ -264,7 +286,9 @@ def icmp_jitter_metrics(records, metrics=None):
                 sd = float(abs(record.remote_receive - record.send_stamp))
                 ds = float(abs(record.receive_stamp - record.remote_transmit))
             samples.add(index, rtt, sd, ds)
-    result.sd_out_of_sequence += _sequence_gaps(sorted(ordered, key=lambda record: record.remote_transmit))
+    result.sd_out_of_sequence += _sequence_gaps(
+        sorted(ordered, key=lambda record: record.remote_transmit)
+    )
     result.sd_loss = result.sd_smp_count - result.ds_smp_count
     if result.sd_smp_count > 0:
         result.sd_loss_pct = result.sd_loss / result.sd_smp_count * 100

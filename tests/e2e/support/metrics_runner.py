@@ -1,4 +1,6 @@
-"""The daemon's own calculations, run by ipsla-metrics-runner on records given as text, and compared with the model."""
+"""The daemon's own calculations, run by ipsla-metrics-runner on records given as text, and compared
+with the model.
+"""
 
 import itertools
 import json
@@ -10,8 +12,21 @@ from . import metric_model as model
 
 
 def _record(record):
-    words = [record.id, record.state, record.ss, record.rs, record.send_stamp, record.remote_receive]
-    words += [record.remote_transmit, record.receive_stamp, record.send_ms.hex(), record.receive_ms.hex(), *record.ntp]
+    words = [
+        record.id,
+        record.state,
+        record.ss,
+        record.rs,
+        record.send_stamp,
+        record.remote_receive,
+    ]
+    words += [
+        record.remote_transmit,
+        record.receive_stamp,
+        record.send_ms.hex(),
+        record.receive_ms.hex(),
+        *record.ntp,
+    ]
     return " ".join(map(str, words))
 
 
@@ -26,8 +41,13 @@ def line_of(run, budget_ms):
 
 
 def history_line(history):
-    ways = [f"jitter_{way}_{value}" for way in ("sd", "ds") for value in ("min", "avg", "sd", "max")]
-    entries = [[str(entry.status), *(float(getattr(entry, name)).hex() for name in ways)] for entry in history]
+    ways = [
+        f"jitter_{way}_{value}" for way in ("sd", "ds") for value in ("min", "avg", "sd", "max")
+    ]
+    entries = [
+        [str(entry.status), *(float(getattr(entry, name)).hex() for name in ways)]
+        for entry in history
+    ]
     return f"history {len(history)} " + " ".join(itertools.chain.from_iterable(entries))
 
 
@@ -44,12 +64,16 @@ def differences(expected, found, names):
 
 
 class Comparison:
-    """Collects runs with what the model makes of them, sends them all through one process and compares.
+    """Collects runs with what the model makes of them, sends them all through one process and
+    compares.
 
-    The counts of probes sent, replies accepted and duplicates are no work of the calculations and are left out.
+    The counts of probes sent, replies accepted and duplicates are no work of the calculations and
+    are left out.
     """
 
-    NAMES = [name for name in model.NUMBERS if name not in ("sd_pkt_count", "ds_pkt_count", "duplicate")]
+    NAMES = [
+        name for name in model.NUMBERS if name not in ("sd_pkt_count", "ds_pkt_count", "duplicate")
+    ]
 
     def __init__(self, build):
         self._program = build.program("ipsla-metrics-runner")
@@ -70,7 +94,12 @@ class Comparison:
             runs.write("\n".join(self._lines) + "\n")
             runs.seek(0)
             process = subprocess.run(
-                [self._program], stdin=runs, capture_output=True, text=True, env=self._environment, timeout=600
+                [self._program],
+                stdin=runs,
+                capture_output=True,
+                text=True,
+                env=self._environment,
+                timeout=600,
             )
         assert process.returncode == 0, process.stderr
         answers = process.stdout.splitlines()
@@ -79,5 +108,10 @@ class Comparison:
         for line, expected, answer in zip(self._lines, self._expected, answers):
             found = differences(expected, json.loads(answer), self.NAMES)
             if found:
-                wrong.append(f"{line}\n  " + "\n  ".join(f"{n}: model {e!r}, daemon {f!r}" for n, e, f in found))
-        assert not wrong, f"{len(wrong)} of {len(self._lines)} runs differ; the first:\n" + "\n".join(wrong[:3])
+                wrong.append(
+                    f"{line}\n  "
+                    + "\n  ".join(f"{n}: model {e!r}, daemon {f!r}" for n, e, f in found)
+                )
+        assert (
+            not wrong
+        ), f"{len(wrong)} of {len(self._lines)} runs differ; the first:\n" + "\n".join(wrong[:3])

@@ -19,7 +19,8 @@ def _enter(path):
 
 
 def call_in_namespace(path, function):
-    """Calls the function on a thread of its own inside the network namespace at `path` and returns its result.
+    """Calls the function on a thread of its own inside the network namespace at `path` and returns
+    its result.
 
     The thread ends with the call, so no thread of the test process is left in a foreign namespace.
     """

@@ -1,6 +1,8 @@
-"""A responder that plays one pattern per run: it waits for all probes, then counts and answers them in given orders.
+"""A responder that plays one pattern per run: it waits for all probes, then counts and answers them
+in given orders.
 
-Runs are told apart by the measurement port that the request asks for (each task has its own) and by their number.
+Runs are told apart by the measurement port that the request asks for (each task has its own) and by
+their number.
 """
 
 import socket
@@ -26,7 +28,9 @@ class Script:
     skew: int = 0  # of the responder's clock, in 10 ns
 
     def in_time(self):
-        """Sequence numbers of the answers that come before the run's end, in order, copies included."""
+        """Sequence numbers of the answers that come before the run's end, in order, copies
+        included.
+        """
         outcomes = self.pattern.outcomes
         first = [number for number in self.pattern.replies if outcomes[number - 1] != LATE]
         twice = [number for number in first if outcomes[number - 1] == DUPLICATED]
@@ -35,13 +39,19 @@ class Script:
         return [number for reply in first for number in [reply] * (2 if reply in twice else 1)]
 
     def late(self):
-        return [number for number in self.pattern.replies if self.pattern.outcomes[number - 1] == LATE]
+        return [
+            number for number in self.pattern.replies if self.pattern.outcomes[number - 1] == LATE
+        ]
 
     def replies(self):
-        """The answers that count, as the model takes them; their stamps are of no run in particular."""
+        """The answers that count, as the model takes them; their stamps are of no run in
+        particular.
+        """
         counters = self.pattern.counters()
         in_time = enumerate(self.in_time())
-        return [Reply(number, counters[number], 150_000, 200_000 + place) for place, number in in_time]
+        return [
+            Reply(number, counters[number], 150_000, 200_000 + place) for place, number in in_time
+        ]
 
 
 @dataclass
@@ -54,7 +64,9 @@ class _Collected:
 
 
 class PatternResponder(ScriptedResponder):
-    """`script(port, run)` gives the Script of a run; `port` is the measurement port of the task's configuration."""
+    """`script(port, run)` gives the Script of a run; `port` is the measurement port of the task's
+    configuration.
+    """
 
     def __init__(self, lab, script, **options):
         self.script = script
@@ -71,7 +83,9 @@ class PatternResponder(ScriptedResponder):
         self._run_numbers[asked_port] = number + 1
         duration = struct.unpack_from(">I", request, 168)[0] / 1000
         address = (source[0], sender_port)
-        run = _Collected(request[90], self.script(asked_port, number), address, duration + LATE_MARGIN)
+        run = _Collected(
+            request[90], self.script(asked_port, number), address, duration + LATE_MARGIN
+        )
         self._collected[address] = run
 
     def _on_probe(self, data, source):
@@ -88,7 +102,9 @@ class PatternResponder(ScriptedResponder):
         counters = run.script.pattern.counters()
 
         def answer(number):
-            self._measurement_socket.sendto(self._pattern_reply(run, number, counters[number]), run.address)
+            self._measurement_socket.sendto(
+                self._pattern_reply(run, number, counters[number]), run.address
+            )
 
         def answer_late():
             for number in run.script.late():
@@ -108,4 +124,8 @@ class PatternResponder(ScriptedResponder):
         return bytes(reply)
 
 
-KINDS = {"udp-echo": model.UDP_ECHO, "udp-jitter": model.UDP_JITTER, "udp-jitter-ntp": model.UDP_JITTER_NTP}
+KINDS = {
+    "udp-echo": model.UDP_ECHO,
+    "udp-jitter": model.UDP_JITTER,
+    "udp-jitter-ntp": model.UDP_JITTER_NTP,
+}

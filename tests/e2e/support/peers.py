@@ -1,7 +1,7 @@
 """Scripted peers: what they do with each probe is laid down by the test.
 
-A peer runs one thread that owns its sockets and a list of things to do later. All methods of the test side may be called
-while it runs; what it has seen is read after the fact.
+A peer runs one thread that owns its sockets and a list of things to do later. All methods of the
+test side may be called while it runs; what it has seen is read after the fact.
 """
 
 import heapq
@@ -87,7 +87,9 @@ class Session:
         self._waiting_back = {}
         self._answered = set()
         self._arrived = set()
-        self.arrivals = []  # every probe that came in over the wire: (monotonic time, sequence, bytes)
+        self.arrivals = (
+            []
+        )  # every probe that came in over the wire: (monotonic time, sequence, bytes)
         self.counter = 0
 
     def probe(self, sequence, data):
@@ -110,7 +112,9 @@ class Session:
         counted = self.counter
         if not fate.lost_back:
             if fate.after_back is not None and fate.after_back not in self._answered:
-                self._waiting_back.setdefault(fate.after_back, []).append((sequence, data, fate, counted))
+                self._waiting_back.setdefault(fate.after_back, []).append(
+                    (sequence, data, fate, counted)
+                )
             else:
                 self._reply(sequence, data, fate, counted)
         else:
@@ -135,7 +139,9 @@ class Session:
 
 
 def fates_of(plan):
-    """A function from sequence number to Fate: of a dictionary, of a function, or of nothing (all is well)."""
+    """A function from sequence number to Fate: of a dictionary, of a function, or of nothing (all
+    is well).
+    """
     if callable(plan):
         return plan
     table = plan or {}

@@ -1,4 +1,5 @@
-/* Preloaded: the crypto library has no random bytes to give. Only the daemon's own calls come here. */
+/* Preloaded: the crypto library has no random bytes to give. Only the daemon's own calls come here.
+ */
 
 int RAND_bytes(unsigned char* buffer, int count);
 

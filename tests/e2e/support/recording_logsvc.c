@@ -1,5 +1,6 @@
-/* A system-log library that records: preloaded into the daemon, it appends each message as one line,
- * "severity flag module text" with newlines and backslashes escaped, to the file named by IPSLA_RECORDING_FILE. */
+/* A system-log library that records: preloaded into the daemon, it appends each message as one
+ * line, "severity flag module text" with newlines and backslashes escaped, to the file named by
+ * IPSLA_RECORDING_FILE. */
 
 #include <fcntl.h>
 #include <stdarg.h>

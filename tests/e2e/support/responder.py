@@ -1,4 +1,5 @@
-"""A scripted responder of the UDP tests, written against the wire formats and independent of the daemon's own code.
+"""A scripted responder of the UDP tests, written against the wire formats and independent of the
+daemon's own code.
 
 Control message, 172 bytes, big-endian: 0 version | 2 status u16 | 8 total length u32 | 20 authentication block: 22 status
 u16, 32 nonce[16], 48 digest[32] | 80 measurement block: 82 status u16, 90 operation type, 164 sender's measurement port u16,
@@ -49,11 +50,14 @@ def ntp_stamp(nanoseconds=None):
 class ScriptedResponder(Peer):
     """Listens on a control and a measurement port of one address inside a lab.
 
-    `control(number)` gives the answer to the request of that number (from 0), `probes(run)` the plan of the probes of
-    that run: a dictionary or a function from sequence number to Fate. Runs are told apart by the sender's port.
+    `control(number)` gives the answer to the request of that number (from 0), `probes(run)` the
+    plan of the probes of that run: a dictionary or a function from sequence number to Fate. Runs
+    are told apart by the sender's port.
     """
 
-    def __init__(self, lab, address="127.0.0.1", control_port=2000, measurement_port=0, namespace=None):
+    def __init__(
+        self, lab, address="127.0.0.1", control_port=2000, measurement_port=0, namespace=None
+    ):
         super().__init__()
         self.address = address
         self.control = lambda number: Control()
@@ -64,7 +68,9 @@ class ScriptedResponder(Peer):
         self._strays = 0
 
         def udp(port):
-            return lab.socket(socket.AF_INET, socket.SOCK_DGRAM, bind=(address, port), namespace=namespace)
+            return lab.socket(
+                socket.AF_INET, socket.SOCK_DGRAM, bind=(address, port), namespace=namespace
+            )
 
         self._control_socket = udp(control_port)
         self._measurement_socket = udp(measurement_port)

@@ -1,8 +1,9 @@
-"""What happens to the probes of one run, and the records that it leaves behind: the events of the metric model.
+"""What happens to the probes of one run, and the records that it leaves behind: the events of the
+metric model.
 
-A reply takes the slot of its sequence number modulo the number of probes. The first reply of a slot is taken, a further
-one is a duplicate, one for a slot that was never sent is nothing; once every probe is answered the run is over and what
-still comes is not seen.
+A reply takes the slot of its sequence number modulo the number of probes. The first reply of a slot
+is taken, a further one is a duplicate, one for a slot that was never sent is nothing; once every
+probe is answered the run is over and what still comes is not seen.
 """
 
 import itertools
@@ -11,7 +12,13 @@ from dataclasses import dataclass, field
 from . import metric_model as model
 from .metric_model import RECEIVED, UNITS_PER_MS, Record
 
-ANSWERED, LOST_OUT, LOST_BACK, DUPLICATED, LATE = "answered", "lost out", "lost back", "duplicated", "late"
+ANSWERED, LOST_OUT, LOST_BACK, DUPLICATED, LATE = (
+    "answered",
+    "lost out",
+    "lost back",
+    "duplicated",
+    "late",
+)
 OUTCOMES = (ANSWERED, LOST_OUT, LOST_BACK, DUPLICATED, LATE)
 
 
@@ -36,7 +43,9 @@ class Run:
 
 @dataclass(frozen=True)
 class Pattern:
-    """One run: per probe its outcome, the order of the arrivals at the responder and that of the replies' arrivals."""
+    """One run: per probe its outcome, the order of the arrivals at the responder and that of the
+    replies' arrivals.
+    """
 
     outcomes: tuple
     arrivals: tuple  # sequence numbers that reach the responder
@@ -55,7 +64,9 @@ def reaching(outcomes):
 
 
 def replying(outcomes):
-    return [number for number, outcome in enumerate(outcomes, 1) if outcome not in (LOST_OUT, LOST_BACK)]
+    return [
+        number for number, outcome in enumerate(outcomes, 1) if outcome not in (LOST_OUT, LOST_BACK)
+    ]
 
 
 def all_patterns(count):
@@ -66,7 +77,9 @@ def all_patterns(count):
 
 
 def run_of(kind, send_stamps, replies):
-    """The run's records after probes sent at `send_stamps` (10 ns; ICMP: ms) and `replies` in the order of arrival."""
+    """The run's records after probes sent at `send_stamps` (10 ns; ICMP: ms) and `replies` in the
+    order of arrival.
+    """
     count = len(send_stamps)
     run = Run(kind, [Record() for _ in range(count)])
     icmp = kind in (model.ICMP_ECHO, model.ICMP_JITTER)
@@ -105,7 +118,9 @@ def _store(kind, record, reply, per_ms):
         record.remote_receive = record.remote_transmit = reply.remote
         record.receive_stamp = reply.received
     elif kind == model.ICMP_JITTER:
-        record.remote_receive = reply.remote if reply.remote_receive is None else reply.remote_receive
+        record.remote_receive = (
+            reply.remote if reply.remote_receive is None else reply.remote_receive
+        )
         record.remote_transmit = reply.remote
         record.receive_stamp = int(reply.received)
 
@@ -128,13 +143,17 @@ def metrics_of(run, budget_ms):
 
 @dataclass
 class Timing:
-    """Stamps for a pattern's run: probes every `interval`, the replies one after the other from `first_reply` on."""
+    """Stamps for a pattern's run: probes every `interval`, the replies one after the other from
+    `first_reply` on.
+    """
 
     base: int = 4_321_012_345_678  # some time of the day, in 10 ns
     interval_ms: int = 10
     timeout_ms: int = 50
     spacing: int = 123_457  # between replies
-    jitter: tuple = field(default=(0, 77_123, 31_007, 150_001))  # added to the responder's half way, by sequence number
+    jitter: tuple = field(
+        default=(0, 77_123, 31_007, 150_001)
+    )  # added to the responder's half way, by sequence number
 
     def budget_ms(self, count):
         return self.timeout_ms + (self.interval_ms + 7) * count
@@ -150,8 +169,12 @@ class Timing:
         for place, sequence in enumerate(pattern.replies):
             received = first + place * self.spacing
             if pattern.outcomes[sequence - 1] == LATE:
-                received = sends[sequence - 1] + self.budget_ms(pattern.count) * UNITS_PER_MS + 1 + place
-            remote = (sends[sequence - 1] + received) // 2 + self.jitter[sequence % len(self.jitter)]
+                received = (
+                    sends[sequence - 1] + self.budget_ms(pattern.count) * UNITS_PER_MS + 1 + place
+                )
+            remote = (sends[sequence - 1] + received) // 2 + self.jitter[
+                sequence % len(self.jitter)
+            ]
             reply = Reply(sequence, counters[sequence], remote, received)
             result += [reply] * (2 if pattern.outcomes[sequence - 1] == DUPLICATED else 1)
         return result

@@ -13,5 +13,8 @@ def check(document, name):
     schema = json.loads((DIRECTORY / f"{name}.schema.json").read_text())
     jsonschema.Draft202012Validator.check_schema(schema)
     validator = jsonschema.Draft202012Validator(schema, format_checker=jsonschema.FormatChecker())
-    faults = [f"{'/'.join(map(str, fault.path))}: {fault.message}" for fault in validator.iter_errors(document)]
+    faults = [
+        f"{'/'.join(map(str, fault.path))}: {fault.message}"
+        for fault in validator.iter_errors(document)
+    ]
     assert not faults, "\n".join(faults)

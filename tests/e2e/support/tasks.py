@@ -2,14 +2,32 @@
 
 import copy
 
-_PACKET_SIZE = {"udp-echo": 84, "udp-jitter": 100, "udp-jitter-ntp": 120, "icmp-echo": 84, "icmp-jitter": 74}
+_PACKET_SIZE = {
+    "udp-echo": 84,
+    "udp-jitter": 100,
+    "udp-jitter-ntp": 120,
+    "icmp-echo": 84,
+    "icmp-jitter": 74,
+}
 
 
-def task(number, kind, src="127.0.0.1", dst="127.0.0.1", vrf=None, time=1, packets=5, interval=10, timeout=300, **changes):
+def task(
+    number,
+    kind,
+    src="127.0.0.1",
+    dst="127.0.0.1",
+    vrf=None,
+    time=1,
+    packets=5,
+    interval=10,
+    timeout=300,
+    **changes
+):
     """One task as the tasks file holds it.
 
-    `changes`: `control`, `measurement`, `scheduler` and `authentication` are dictionaries merged into those objects,
-    any other name is a key of the task itself with hyphens for underscores. A value of None removes the key.
+    `changes`: `control`, `measurement`, `scheduler` and `authentication` are dictionaries merged
+    into those objects, any other name is a key of the task itself with hyphens for underscores. A
+    value of None removes the key.
     """
     endpoint = {"src-address": src, "src-port": "any", "dst-address": dst}
     result = {

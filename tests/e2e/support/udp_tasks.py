@@ -5,7 +5,8 @@ from .waiting import wait_for
 
 KINDS = {"udp-echo": 1, "udp-jitter": 2, "udp-jitter-ntp": 3}
 HEADER_SIZES = {"udp-echo": 4, "udp-jitter": 28, "udp-jitter-ntp": 56}
-# An echo reply is matched by its bytes 20 to 23: 66 is the least size with which all of them come back.
+# An echo reply is matched by its bytes 20 to 23: 66 is the least size with which all of them come
+# back.
 SIZES = {"udp-echo": 66, "udp-jitter": 80, "udp-jitter-ntp": 110}
 
 

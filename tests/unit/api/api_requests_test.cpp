@@ -10,9 +10,9 @@
 #include <random>
 #include <string>
 
+#include <boost/thread/lock_guard.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <boost/thread/lock_guard.hpp>
 
 #include "api/api_sender.h"
 #include "support/api_fixture.h"
@@ -80,18 +80,21 @@ TEST_F(ApiRequestsTest, ResultSevenFails) {
 TEST_F(ApiRequestsTest, DatagramsShorterThanTheHeaderAreReadAsZeros) {
   const Datagram whole = RequestBytes(0, "");
   for (std::size_t size = 1; size < kApiHeaderSize; ++size) {
-    const Datagram reply = daemon.Exchange({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)});
+    const Datagram reply =
+        daemon.Exchange({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)});
     ASSERT_EQ(reply.size(), kApiHeaderSize) << size;
     EXPECT_EQ(DecodeApiHeader(reply).result, kApiFailure) << size;
-    EXPECT_TRUE(std::equal(reply.begin(), reply.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(size, 8)),
-                           whole.begin()))
+    EXPECT_TRUE(std::equal(
+        reply.begin(), reply.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(size, 8)),
+        whole.begin()))
         << "what there was of the prefix comes back";
   }
 }
 
 TEST_F(ApiRequestsTest, EmptyDatagramIsNotAnswered) {
   daemon.Send({});
-  EXPECT_EQ(daemon.Exchange(RequestBytes(7, "")), HeaderReply(7, 0)) << "the first reply is the second request's";
+  EXPECT_EQ(daemon.Exchange(RequestBytes(7, "")), HeaderReply(7, 0))
+      << "the first reply is the second request's";
 }
 
 TEST_F(ApiRequestsTest, UnknownCommandIsAnsweredAsDone) {
@@ -106,15 +109,18 @@ struct FailingRequest {
   const char* line;
 };
 
-class FailingRequestTest : public ApiRequestsTest, public testing::WithParamInterface<FailingRequest> {};
+class FailingRequestTest : public ApiRequestsTest,
+                           public testing::WithParamInterface<FailingRequest> {};
 
 TEST_P(FailingRequestTest, GetsResultFourAndItsLine) {
-  EXPECT_EQ(daemon.Exchange(RequestBytes(GetParam().command, GetParam().json)), HeaderReply(GetParam().command, 4));
+  EXPECT_EQ(daemon.Exchange(RequestBytes(GetParam().command, GetParam().json)),
+            HeaderReply(GetParam().command, 4));
   EXPECT_THAT(test::TakeSyslogTexts(), Contains(GetParam().line));
 }
 
 const FailingRequest kFailingRequests[] = {
-    {"TasksToReportAreNoArray", 0, R"({"tasks": 5})", "cJSON_IsArray() failed: invalid sla task object"},
+    {"TasksToReportAreNoArray", 0, R"({"tasks": 5})",
+     "cJSON_IsArray() failed: invalid sla task object"},
     {"TasksToReportAreMissing", 0, "{}", "cJSON_IsArray() failed: invalid sla task object"},
     {"MetricsOfATaskAreMissing", 0, R"({"tasks": [{"sla-id": 1}]})",
      "cJSON_IsArray() failed: invalid requested metrics"},
@@ -122,7 +128,8 @@ const FailingRequest kFailingRequests[] = {
      "cJSON_IsArray() failed: invalid requested metrics"},
     {"MetricsOfAllAreMissing", 1, "{}", "cJSON_IsArray() failed: invalid requested metrics"},
     {"StatusTasksAreMissing", 2, "{}", "cJSON_IsArray() failed: invalid requested tasks"},
-    {"StatusTasksAreNoArray", 2, R"({"tasks": {"1": 1}})", "cJSON_IsArray() failed: invalid requested tasks"},
+    {"StatusTasksAreNoArray", 2, R"({"tasks": {"1": 1}})",
+     "cJSON_IsArray() failed: invalid requested tasks"},
     {"BodyIsNoObject", 2, "[1]", "cJSON_IsArray() failed: invalid requested tasks"},
     {"BodyIsNoJson", 1, "{broken}", "JSON parse error at line: roken}"},
     {"BodyIsMissing", 0, "", "JSON parse error at line: "},
@@ -146,7 +153,8 @@ TEST_F(ApiRequestsTest, JsonEndsWithWhatWasReceived) {
 TEST_F(ApiRequestsTest, DeepNestingIsRefused) {
   const std::string deep(4000, '[');
   EXPECT_EQ(daemon.Exchange(RequestBytes(0, deep)), HeaderReply(0, 4));
-  const std::string closed = R"({"tasks": [)" + std::string(1000, '[') + std::string(1000, ']') + "]}";
+  const std::string closed =
+      R"({"tasks": [)" + std::string(1000, '[') + std::string(1000, ']') + "]}";
   EXPECT_EQ(daemon.Exchange(RequestBytes(2, closed)), HeaderReply(2, 4));
 }
 
@@ -175,7 +183,8 @@ TEST_F(ApiRequestsTest, NoTasksAskedForNoneReported) {
 
 TEST_F(ApiRequestsTest, GroupsComeSortedOnceAndUnknownNamesAreDropped) {
   const std::string reply = JsonReply(
-      0, R"({"tasks": [{"sla-id": 1, "metrics": ["loss-values", "rtt-values", "loss-values", "weather", 5]}]})");
+      0,
+      R"({"tasks": [{"sla-id": 1, "metrics": ["loss-values", "rtt-values", "loss-values", "weather", 5]}]})");
   const std::size_t loss = reply.find(R"("loss-values":{)");
   const std::size_t rtt = reply.find(R"("rtt-values":{)");
   ASSERT_NE(loss, std::string::npos);
@@ -187,10 +196,12 @@ TEST_F(ApiRequestsTest, GroupsComeSortedOnceAndUnknownNamesAreDropped) {
 }
 
 TEST_F(ApiRequestsTest, ElementsAreReadLeniently) {
-  // An element without an id is skipped, even with bad metrics; an id asked for twice keeps its first groups.
+  // An element without an id is skipped, even with bad metrics; an id asked for twice keeps its
+  // first groups.
   const std::string reply = JsonReply(
-      0, R"({"tasks": [{"metrics": 5}, 7, {"sla-id": 1, "metrics": ["rtt-values"]}, {"sla-id": 1, "metrics": []},)"
-         R"( {"sla-id": -5, "metrics": []}, {"sla-id": "text", "metrics": []}]})");
+      0,
+      R"({"tasks": [{"metrics": 5}, 7, {"sla-id": 1, "metrics": ["rtt-values"]}, {"sla-id": 1, "metrics": []},)"
+      R"( {"sla-id": -5, "metrics": []}, {"sla-id": "text", "metrics": []}]})");
   EXPECT_THAT(reply, HasSubstr(R"("sla-id":1,)"));
   EXPECT_THAT(reply, HasSubstr("rtt-values"));
   EXPECT_EQ(reply.find("sla-id"), reply.rfind("sla-id"));
@@ -203,7 +214,8 @@ TEST_F(ApiRequestsTest, AllActiveTasksWithStatisticsAreReported) {
   EXPECT_EQ(reply.find("sla-id"), reply.rfind("sla-id")) << "task 10 has no statistics yet";
 }
 
-// Asks for task 1 `ones` times and for task 10 `tens` times: 27 bytes each, and one more for task 10.
+// Asks for task 1 `ones` times and for task 10 `tens` times: 27 bytes each, and one more for
+// task 10.
 std::string StatusRequest(int ones, int tens) {
   std::string list;
   for (int i = 0; i < ones + tens; ++i) list += i < ones ? "1," : "10,";
@@ -277,7 +289,8 @@ TEST_F(ApiRequestsTest, FailedReloadOfTasksChangesNothing) {
 TEST_F(ApiRequestsTest, FailedReloadOfKeysEndsTheDaemonWithStatusOne) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   daemon.WriteTasks({{.id = 1}, {.id = 10}}, "[0]");
-  EXPECT_EQ(daemon.Exchange(RequestBytes(3, "")), HeaderReply(3, 0)) << "worker threads are running from here on";
+  EXPECT_EQ(daemon.Exchange(RequestBytes(3, "")), HeaderReply(3, 0))
+      << "worker threads are running from here on";
   daemon.WriteKeychain("{");
   EXPECT_EXIT(
       {
@@ -300,7 +313,8 @@ TEST_F(ApiRequestsTest, RequesterThatCannotBeAnsweredEndsOnlyItsRequest) {
   sockaddr_in to{};
   to.sin_family = AF_INET;
   to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(sendto(raw, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to),
+  ASSERT_EQ(sendto(raw, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+                   sizeof to),
             static_cast<ssize_t>(packet.size()));
   close(raw);
   EXPECT_EQ(daemon.Exchange(RequestBytes(8, "")), HeaderReply(8, 0));
@@ -319,11 +333,13 @@ TEST_F(ApiRequestsTest, BurstOfAThousandRequestsOfFullSizeIsAnswered) {
 
 TEST_F(ApiRequestsTest, HostileDatagramsLeaveItAnswering) {
   std::mt19937 random(7);  // NOLINT(cert-msc51-cpp): repeatable on purpose
-  const std::string texts[] = {R"({"tasks": [{"sla-id": 1, "metrics": ["rtt-values"]}]})", R"({"metrics": []})",
-                               R"({"tasks": [1, 10, 99999999999999]})", "\xff\xfe{\"tasks\": [\"\xc0\x80\"]}"};
+  const std::string texts[] = {R"({"tasks": [{"sla-id": 1, "metrics": ["rtt-values"]}]})",
+                               R"({"metrics": []})", R"({"tasks": [1, 10, 99999999999999]})",
+                               "\xff\xfe{\"tasks\": [\"\xc0\x80\"]}"};
   constexpr int kRounds = 300;
   for (int round = 0; round < kRounds; ++round) {
-    Datagram request = RequestBytes(static_cast<std::uint16_t>(random() % 3), texts[random() % std::size(texts)]);
+    Datagram request =
+        RequestBytes(static_cast<std::uint16_t>(random() % 3), texts[random() % std::size(texts)]);
     for (auto change = random() % 6; change > 0; --change) {
       request[random() % request.size()] = static_cast<std::uint8_t>(random());
     }

@@ -1,5 +1,5 @@
-// The central object: start, reload, stop. Without CPUs in the tasks file no worker thread runs, so tests rest in their
-// first wait and can be compared at leisure.
+// The central object: start, reload, stop. Without CPUs in the tasks file no worker thread runs, so
+// tests rest in their first wait and can be compared at leisure.
 
 #include "api/api_sender.h"
 
@@ -59,7 +59,8 @@ class ApiSenderTest : public testing::Test {
 
   static std::size_t OpenDescriptors() {
     return static_cast<std::size_t>(
-        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator()));
+        std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                      std::filesystem::directory_iterator()));
   }
 
   // Threads of this process whose allowed CPUs are exactly this list.
@@ -140,7 +141,8 @@ TEST_F(ApiSenderTest, BusyPortIsLoggedAndTheDaemonGoesOn) {
   ASSERT_EQ(bind(blocker, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   daemon.WriteTasks({{.id = 3}});
   EXPECT_EQ(daemon.Start(), 0);
-  EXPECT_THAT(test::TakeSyslogTexts(), Contains("Sender api creation failed: bind: Address already in use"));
+  EXPECT_THAT(test::TakeSyslogTexts(),
+              Contains("Sender api creation failed: bind: Address already in use"));
   EXPECT_EQ(daemon.sender->Tests().size(), 1U);
   daemon.End();
   close(blocker);
@@ -304,10 +306,15 @@ TEST_F(ApiSenderTest, TestsRunOnTheWorkersAndSurviveReloads) {
   daemon.WriteTasks({{.id = 1, .interval = 0}, {.id = 2, .interval = 0}}, "[0]");
   ASSERT_EQ(daemon.Start(), 0);
   daemon.sender->StartMainLoop();
-  ASSERT_TRUE(daemon.RunUntil([&] { return IdsWithStatistics() == std::set<std::uint16_t>{1, 2}; }));
-  daemon.WriteTasks({{.id = 1, .interval = 0}, {.id = 2, .interval = 1}, {.id = 3, .interval = 0}}, "[0]");
+  ASSERT_TRUE(daemon.RunUntil([&] {
+    return IdsWithStatistics() == std::set<std::uint16_t>{1, 2};
+  }));
+  daemon.WriteTasks({{.id = 1, .interval = 0}, {.id = 2, .interval = 1}, {.id = 3, .interval = 0}},
+                    "[0]");
   ASSERT_EQ(daemon.Exchange(test::RequestBytes(3, "")).size(), kApiHeaderSize);
-  EXPECT_TRUE(daemon.RunUntil([&] { return IdsWithStatistics() == std::set<std::uint16_t>{1, 2, 3}; }));
+  EXPECT_TRUE(daemon.RunUntil([&] {
+    return IdsWithStatistics() == std::set<std::uint16_t>{1, 2, 3};
+  }));
   const boost::lock_guard<boost::mutex> lock(daemon.sender->Statistics().mutex);
   for (const auto& [id, statistics] : daemon.sender->Statistics().tasks) {
     EXPECT_EQ(statistics.successful_count, 1U) << id;

@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
+#include <boost/smart_ptr/make_shared.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <boost/smart_ptr/make_shared.hpp>
 
 #include "log/log.h"
 #include "sender/sender.h"
@@ -38,7 +38,9 @@ class StoppableTest final : public Sender {
  private:
   void StartTest() override {}
   void CalcTestMetric() override {}
-  [[nodiscard]] SlaTaskMetrics GetMetrics(const std::list<SlaTaskMetrics>&) const override { return {}; }
+  [[nodiscard]] SlaTaskMetrics GetMetrics(const std::list<SlaTaskMetrics>&) const override {
+    return {};
+  }
   void CloseSockets() override { stops_->push_back(GetId()); }
 
   std::vector<int>* stops_;
@@ -71,7 +73,8 @@ class TimeChangedTest : public testing::Test {
 
   void AddTests(const std::vector<std::uint16_t>& ids) {
     for (const std::uint16_t id : ids) {
-      tests[id] = boost::make_shared<StoppableTest>(context, LoopbackTask(id, SlaTestType::kIcmpEcho), &stops);
+      tests[id] = boost::make_shared<StoppableTest>(
+          context, LoopbackTask(id, SlaTestType::kIcmpEcho), &stops);
     }
     test::TakeSyslog();
   }
@@ -130,8 +133,9 @@ TEST_F(TimeChangedTest, LogLineNamesFunctionAndSource) {
   SignalAndRun();
   const auto records = test::TakeSyslog();
   ASSERT_EQ(records.size(), 1U);
-  EXPECT_THAT(records[0].line,
-              testing::MatchesRegex("%IP_SLA-D-DEBUG: help_funcs.cpp:[0-9]+:TimeChanged\\(\\): Time .*"));
+  EXPECT_THAT(
+      records[0].line,
+      testing::MatchesRegex("%IP_SLA-D-DEBUG: help_funcs.cpp:[0-9]+:TimeChanged\\(\\): Time .*"));
 }
 
 TEST_F(TimeChangedTest, ExpiryIsReadAsEightBytesAndLogged) {
@@ -209,7 +213,8 @@ TEST(ClockDescriptorTest, IsATimerThatNeverExpires) {
 TEST(ClockDescriptorTest, FailureNamesTheStep) {
   // Every number taken: no descriptor is left for the timer.
   std::vector<int> fillers;
-  for (int fd = open("/dev/null", O_RDONLY); fd >= 0; fd = open("/dev/null", O_RDONLY)) fillers.push_back(fd);
+  for (int fd = open("/dev/null", O_RDONLY); fd >= 0; fd = open("/dev/null", O_RDONLY))
+    fillers.push_back(fd);
   std::string what;
   try {
     close(CreateClockDescriptor());

@@ -28,8 +28,8 @@ NetlinkMessage Parse(const Bytes& bytes) {
 }
 
 TEST(NetlinkMessageTest, ReadsALinkWithItsName) {
-  const NetlinkMessage message =
-      Parse(LinkMessage(kNewLink, 7, 0x11043, Attribute(13, {1, 2, 3, 4, 5}) + NameAttribute("eth0")));
+  const NetlinkMessage message = Parse(
+      LinkMessage(kNewLink, 7, 0x11043, Attribute(13, {1, 2, 3, 4, 5}) + NameAttribute("eth0")));
   EXPECT_EQ(message.event, NetlinkEvent::kLinkChanged);
   EXPECT_EQ(message.index, 7U);
   EXPECT_EQ(message.flags, 0x11043U);
@@ -43,7 +43,8 @@ TEST(NetlinkMessageTest, ReadsALinkThatIsGone) {
 }
 
 TEST(NetlinkMessageTest, IgnoresAPortThatLeavesItsBridge) {
-  EXPECT_EQ(Parse(LinkMessage(kDelLink, 7, 0, NameAttribute("eth0"), AF_BRIDGE)).event, NetlinkEvent::kIgnored);
+  EXPECT_EQ(Parse(LinkMessage(kDelLink, 7, 0, NameAttribute("eth0"), AF_BRIDGE)).event,
+            NetlinkEvent::kIgnored);
 }
 
 TEST(NetlinkMessageTest, LinkWithoutAUsableNameHasNone) {
@@ -58,12 +59,14 @@ TEST(NetlinkMessageTest, NameEndsWithItsAttribute) {
 }
 
 TEST(NetlinkMessageTest, ReadsLocalAddressesOnly) {
-  const Bytes attributes = Attribute(kIfaAddress, {10, 0, 0, 9}) + Attribute(kIfaLocal, {10, 0, 0, 1});
+  const Bytes attributes =
+      Attribute(kIfaAddress, {10, 0, 0, 9}) + Attribute(kIfaLocal, {10, 0, 0, 1});
   const NetlinkMessage added = Parse(AddressMessage(kNewAddr, AF_INET, 3, attributes));
   EXPECT_EQ(added.event, NetlinkEvent::kAddressAdded);
   EXPECT_EQ(added.index, 3U);
   EXPECT_THAT(added.addresses, ElementsAre(make_address("10.0.0.1")));
-  EXPECT_EQ(Parse(AddressMessage(kDelAddr, AF_INET, 3, attributes)).event, NetlinkEvent::kAddressRemoved);
+  EXPECT_EQ(Parse(AddressMessage(kDelAddr, AF_INET, 3, attributes)).event,
+            NetlinkEvent::kAddressRemoved);
 }
 
 TEST(NetlinkMessageTest, ReadsIpv6WithTheScopeOfALinkLocalAddress) {
@@ -75,25 +78,33 @@ TEST(NetlinkMessageTest, ReadsIpv6WithTheScopeOfALinkLocalAddress) {
   local[0] = 0xfe;
   local[1] = 0x80;
   local[15] = 1;
-  const auto message =
-      Parse(AddressMessage(kNewAddr, AF_INET6, 3, Attribute(kIfaLocal, global) + Attribute(kIfaLocal, local)));
+  const auto message = Parse(AddressMessage(
+      kNewAddr, AF_INET6, 3, Attribute(kIfaLocal, global) + Attribute(kIfaLocal, local)));
   ASSERT_EQ(message.addresses.size(), 2U);
   EXPECT_EQ(message.addresses[0], make_address("2001::1"));
   EXPECT_EQ(message.addresses[1].to_v6().scope_id(), 3U);
 }
 
 TEST(NetlinkMessageTest, LeavesOutUnspecifiedShortAndForeignAddresses) {
-  EXPECT_THAT(Parse(AddressMessage(kNewAddr, AF_INET, 3, Attribute(kIfaLocal, {0, 0, 0, 0}))).addresses, IsEmpty());
-  EXPECT_THAT(Parse(AddressMessage(kNewAddr, AF_INET, 3, Attribute(kIfaLocal, {10, 0, 0}))).addresses, IsEmpty());
-  EXPECT_THAT(Parse(AddressMessage(kNewAddr, AF_INET6, 3, Attribute(kIfaLocal, {10, 0, 0, 1}))).addresses, IsEmpty());
-  EXPECT_THAT(Parse(AddressMessage(kNewAddr, 77, 3, Attribute(kIfaLocal, Bytes(16, 1)))).addresses, IsEmpty());
+  EXPECT_THAT(
+      Parse(AddressMessage(kNewAddr, AF_INET, 3, Attribute(kIfaLocal, {0, 0, 0, 0}))).addresses,
+      IsEmpty());
+  EXPECT_THAT(
+      Parse(AddressMessage(kNewAddr, AF_INET, 3, Attribute(kIfaLocal, {10, 0, 0}))).addresses,
+      IsEmpty());
+  EXPECT_THAT(
+      Parse(AddressMessage(kNewAddr, AF_INET6, 3, Attribute(kIfaLocal, {10, 0, 0, 1}))).addresses,
+      IsEmpty());
+  EXPECT_THAT(Parse(AddressMessage(kNewAddr, 77, 3, Attribute(kIfaLocal, Bytes(16, 1)))).addresses,
+              IsEmpty());
 }
 
 TEST(NetlinkMessageTest, NegatesTheErrorCode) {
   EXPECT_EQ(Parse(ErrorMessage(-EPERM)).event, NetlinkEvent::kError);
   EXPECT_EQ(Parse(ErrorMessage(-EPERM)).error, EPERM);
   EXPECT_EQ(Parse(ErrorMessage(0)).error, 0);
-  EXPECT_EQ(Parse(ErrorMessage(std::numeric_limits<std::int32_t>::min())).event, NetlinkEvent::kError);
+  EXPECT_EQ(Parse(ErrorMessage(std::numeric_limits<std::int32_t>::min())).event,
+            NetlinkEvent::kError);
 }
 
 TEST(NetlinkMessageTest, ActsOnlyOnTheFirstMessageOfADatagram) {
@@ -114,7 +125,8 @@ TEST(NetlinkMessageTest, MessageCutShortIsLost) {
   const Bytes whole = LinkMessage(kNewLink, 7, 1, NameAttribute("eth0"));
   for (std::size_t size = 0; size < whole.size(); ++size) {
     const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
-    EXPECT_EQ(Parse(cut).event, size < 16 ? NetlinkEvent::kIgnored : NetlinkEvent::kTruncated) << size;
+    EXPECT_EQ(Parse(cut).event, size < 16 ? NetlinkEvent::kIgnored : NetlinkEvent::kTruncated)
+        << size;
   }
 }
 
@@ -147,29 +159,33 @@ TEST(NetlinkMessageTest, AttributeThatLiesAboutItsLengthEndsTheWalk) {
     std::uint16_t claimed;
     bool read;
   };
-  for (const auto& [claimed, read] :
-       {Case{0, false}, Case{3, false}, Case{4, false}, Case{8, true}, Case{9, false}, Case{0xFFFF, false}}) {
+  for (const auto& [claimed, read] : {Case{0, false}, Case{3, false}, Case{4, false}, Case{8, true},
+                                      Case{9, false}, Case{0xFFFF, false}}) {
     Bytes liar;
     Append(&liar, claimed);
     Append(&liar, kIfaLocal);
     liar = liar + Bytes{10, 0, 0, 2};
-    const auto message = Parse(AddressMessage(kNewAddr, AF_INET, 3, Attribute(kIfaLocal, {10, 0, 0, 1}) + liar));
+    const auto message =
+        Parse(AddressMessage(kNewAddr, AF_INET, 3, Attribute(kIfaLocal, {10, 0, 0, 1}) + liar));
     EXPECT_EQ(message.addresses.size(), read ? 2U : 1U) << claimed;
   }
 }
 
 TEST(NetlinkMessageTest, AttributesOfOddLengthAreAligned) {
   const auto message = Parse(LinkMessage(
-      kNewLink, 7, 1, Attribute(4, {1}) + Attribute(5, {1, 2}) + Attribute(6, {1, 2, 3}) + NameAttribute("eth0")));
+      kNewLink, 7, 1,
+      Attribute(4, {1}) + Attribute(5, {1, 2}) + Attribute(6, {1, 2, 3}) + NameAttribute("eth0")));
   EXPECT_EQ(message.name, "eth0");
 }
 
-// Changed bytes, any length: nothing is read out of bounds (the sanitizer build tells) and the parser comes back.
+// Changed bytes, any length: nothing is read out of bounds (the sanitizer build tells) and the
+// parser comes back.
 TEST(NetlinkMessageTest, SurvivesRandomDamage) {
   std::mt19937 random(20240702);  // NOLINT(cert-msc51-cpp): repeatable on purpose
-  const Bytes seeds[] = {LinkMessage(kNewLink, 7, 1, NameAttribute("eth0") + Attribute(5, {1, 2, 3})),
-                         AddressMessage(kNewAddr, AF_INET, 3, Attribute(kIfaLocal, {10, 0, 0, 1})),
-                         AddressMessage(kDelAddr, AF_INET6, 3, Attribute(kIfaLocal, Bytes(16, 7))), ErrorMessage(-1)};
+  const Bytes seeds[] = {
+      LinkMessage(kNewLink, 7, 1, NameAttribute("eth0") + Attribute(5, {1, 2, 3})),
+      AddressMessage(kNewAddr, AF_INET, 3, Attribute(kIfaLocal, {10, 0, 0, 1})),
+      AddressMessage(kDelAddr, AF_INET6, 3, Attribute(kIfaLocal, Bytes(16, 7))), ErrorMessage(-1)};
   std::size_t acted_on = 0;
   for (int round = 0; round < 20000; ++round) {
     Bytes bytes = seeds[random() % std::size(seeds)];

@@ -1,4 +1,5 @@
-// The interface watcher against the kernel, in the test program's own network namespace and VRFs made for it.
+// The interface watcher against the kernel, in the test program's own network namespace and VRFs
+// made for it.
 
 #include "api/netlink_watcher.h"
 
@@ -41,10 +42,13 @@ using testing::Not;
 // Writes down what it is told, as text.
 class ObserverRecorder : public InterfaceObserver {
  public:
-  void UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address, std::uint32_t old_address) override {
-    calls.push_back("address " + std::to_string(if_index) + " " + Text(new_address) + " " + Text(old_address));
+  void UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address,
+                          std::uint32_t old_address) override {
+    calls.push_back("address " + std::to_string(if_index) + " " + Text(new_address) + " " +
+                    Text(old_address));
   }
-  void SetInterfaceIndex(std::uint32_t if_index, const std::optional<std::string>& if_name) override {
+  void SetInterfaceIndex(std::uint32_t if_index,
+                         const std::optional<std::string>& if_name) override {
     calls.push_back("link " + std::to_string(if_index) + " " + if_name.value_or("gone"));
   }
   std::vector<std::string> calls;
@@ -87,7 +91,8 @@ class NetlinkWatcherTest : public testing::Test {
     to.nl_groups = 0;
     const auto send = [&] {
       const int fd = socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
-      const ssize_t sent = sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+      const ssize_t sent = sendto(fd, bytes.data(), bytes.size(), 0,
+                                  reinterpret_cast<const sockaddr*>(&to), sizeof to);
       close(fd);
       ASSERT_EQ(sent, static_cast<ssize_t>(bytes.size()));
     };
@@ -102,11 +107,14 @@ class NetlinkWatcherTest : public testing::Test {
   void InjectAndHandle(const std::string& vrf, const Bytes& bytes) {
     Inject(vrf, bytes);
     Inject(vrf, test::LinkMessage(16, 4242, 0, test::NameAttribute("marker")));
-    ASSERT_TRUE(RunUntil([&] { return !observer.calls.empty() && observer.calls.back() == "link 4242 marker"; }));
+    ASSERT_TRUE(RunUntil(
+        [&] { return !observer.calls.empty() && observer.calls.back() == "link 4242 marker"; }));
     observer.calls.pop_back();
   }
 
-  static std::string IndexOf(const std::string& name) { return std::to_string(if_nametoindex(name.c_str())); }
+  static std::string IndexOf(const std::string& name) {
+    return std::to_string(if_nametoindex(name.c_str()));
+  }
 
   static std::string IndexInVrf(const std::string& vrf, const std::string& name) {
     std::string index;
@@ -182,7 +190,8 @@ TEST_F(NetlinkWatcherTest, DeletingALinkRemovesAllItsAddressesOfThatVrf) {
 
   observer.calls.clear();
   RunIp({"-n", "red", "link", "delete", "far0"});
-  EXPECT_TRUE(RunUntil([&] { return testing::Value(observer.calls, Contains("link " + index + " gone")); }));
+  EXPECT_TRUE(RunUntil(
+      [&] { return testing::Value(observer.calls, Contains("link " + index + " gone")); }));
 }
 
 TEST_F(NetlinkWatcherTest, WatchesEachVrfThroughASocketInIt) {
@@ -241,7 +250,8 @@ TEST_F(NetlinkWatcherTest, UnknownVrfFailsAndLeavesNothingBehind) {
   } catch (const std::runtime_error& error) {
     EXPECT_STREQ(error.what(), "CreateNetlinkSocketInVrf failed");
   }
-  EXPECT_THAT(test::TakeSyslogTexts(), Contains(HasSubstr("Catch exception SetNetworkNamespacenowherefailed")));
+  EXPECT_THAT(test::TakeSyslogTexts(),
+              Contains(HasSubstr("Catch exception SetNetworkNamespacenowherefailed")));
   EXPECT_EQ(watcher.NativeHandle("nowhere"), -1);
   EXPECT_EQ(table->Size(), 0U);
   EXPECT_EQ(test::CurrentNetworkNamespace(), own);
@@ -346,7 +356,8 @@ TEST_F(NetlinkWatcherTest, VrfWhoseNameIsGoneKeepsItsWatch) {
   vrfs.Unregister("red");
   EXPECT_TRUE(RunUntilFound("10.9.2.4", "red"));
   EXPECT_EQ(table->Find(make_address("10.9.2.4"), "red")->flags, 0);
-  EXPECT_THAT(test::TakeSyslogTexts(), Contains(HasSubstr("Catch exception SetNetworkNamespaceredfailed")));
+  EXPECT_THAT(test::TakeSyslogTexts(),
+              Contains(HasSubstr("Catch exception SetNetworkNamespaceredfailed")));
 }
 
 // The socket overflows while nobody reads; what was lost is found out by comparison.
@@ -359,7 +370,9 @@ TEST_F(NetlinkWatcherTest, LostMessagesAreMadeUpFor) {
   watcher.CreateNetlinkSocketInVrf("red");
   const std::string index = IndexInVrf("red", "far0");
   const int smallest = 1;
-  ASSERT_EQ(setsockopt(watcher.NativeHandle("red"), SOL_SOCKET, SO_RCVBUF, &smallest, sizeof smallest), 0);
+  ASSERT_EQ(
+      setsockopt(watcher.NativeHandle("red"), SOL_SOCKET, SO_RCVBUF, &smallest, sizeof smallest),
+      0);
   RunIp({"-n", "red", "address", "delete", "10.9.3.1/32", "dev", "far0"});
   for (int last = 1; last <= 20; ++last) {
     RunIp({"-n", "red", "address", "add", "10.9.4." + std::to_string(last) + "/32", "dev", "far0"});

@@ -1,11 +1,11 @@
 #include "api/sender_api_message.h"
 
+#include <bit>
+#include <numeric>
+
 #include <cjson/cJSON.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <bit>
-#include <numeric>
 
 #include "config/json_text.h"
 
@@ -14,12 +14,14 @@ namespace {
 
 using testing::ElementsAre;
 
-static_assert(std::endian::native == std::endian::little, "the byte literals below spell host order as little endian");
+static_assert(std::endian::native == std::endian::little,
+              "the byte literals below spell host order as little endian");
 
-/// A header whose every byte is told apart: nothing that must be echoed can be mistaken for a default.
-constexpr std::array<std::uint8_t, 28> kOddHeader{0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0x01, 0xF6,
-                                                  0xB0, 0xB1, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88,
-                                                  0x02, 0x00, 0x00, 0x00, 0x99, 0xAA, 0xBB, 0xCC};
+/// A header whose every byte is told apart: nothing that must be echoed can be mistaken for a
+/// default.
+constexpr std::array<std::uint8_t, 28> kOddHeader{
+    0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0x01, 0xF6, 0xB0, 0xB1, 0x11, 0x22,
+    0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x02, 0x00, 0x00, 0x00, 0x99, 0xAA, 0xBB, 0xCC};
 
 ApiHeader OddHeader() {
   return DecodeApiHeader(kOddHeader);
@@ -29,7 +31,8 @@ std::string_view Text(const ApiBytes& bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-/// What the fragments of a reply carry, put together; checks each datagram's numbers and lengths on the way.
+/// What the fragments of a reply carry, put together; checks each datagram's numbers and lengths on
+/// the way.
 std::string JoinFragments(const std::vector<ApiBytes>& datagrams, std::vector<std::size_t>* slices,
                           std::vector<bool>* more) {
   std::string joined;
@@ -83,7 +86,8 @@ TEST(SenderApiMessage, EncodesWhatItDecoded) {
 TEST(SenderApiMessage, ReadsHeaderBytesThatWereNotReceivedAsZero) {
   for (std::size_t received = 0; received <= kApiHeaderSize; ++received) {
     auto expected = kOddHeader;
-    std::fill(expected.begin() + static_cast<std::ptrdiff_t>(received), expected.end(), std::uint8_t{0});
+    std::fill(expected.begin() + static_cast<std::ptrdiff_t>(received), expected.end(),
+              std::uint8_t{0});
     const auto header = DecodeApiHeader(std::span(kOddHeader).first(received));
     EXPECT_EQ(EncodeApiHeader(header), expected) << received << " bytes";
   }
@@ -122,13 +126,15 @@ TEST(SenderApiMessage, NamesCommands) {
 
 TEST(SenderApiMessage, BuildsARequestWithItsNulTerminatedText) {
   const ApiBytes request = BuildApiRequest(ApiCommand::kGetTaskStatus, R"({"tasks":[1]})");
-  const ApiBytes header{0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 42, 2, 0, 0, 0, 0, 0, 0, 22};
+  const ApiBytes header{0, 0, 0, 0, 0, 0,  0, 0, 1, 0, 0, 0, 0, 0,
+                        0, 0, 0, 0, 0, 42, 2, 0, 0, 0, 0, 0, 0, 22};
   EXPECT_EQ(ApiBytes(request.begin(), request.begin() + 28), header);
   EXPECT_EQ(Text(request).substr(28), std::string_view("{\"tasks\":[1]}\0", 14));
 }
 
 TEST(SenderApiMessage, BuildsARequestWithoutTextAsItsHeaderAlone) {
-  const ApiBytes header{0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 28, 3, 0, 0, 0, 0, 0, 0, 8};
+  const ApiBytes header{0, 0, 0, 0, 0, 0,  0, 0, 1, 0, 0, 0, 0, 0,
+                        0, 0, 0, 0, 0, 28, 3, 0, 0, 0, 0, 0, 0, 8};
   EXPECT_EQ(BuildApiRequest(ApiCommand::kParseTasksConfig, ""), header);
 }
 
@@ -136,8 +142,9 @@ TEST(SenderApiMessage, AnswersAWrongMarkerWithTheHeaderAndTheFailureResult) {
   auto bytes = kOddHeader;
   bytes[8] = 0;
   bytes[9] = 0xF7;
-  const ApiBytes expected{0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0x00, 0xF6, 0xB0, 0xB1, 0x11, 0x22,
-                          0x33, 0x44, 0x00, 0x00, 0x00, 28,   0x02, 0x00, 0x04, 0x00, 0x00, 0x00, 0x00, 8};
+  const ApiBytes expected{0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0x00, 0xF6,
+                          0xB0, 0xB1, 0x11, 0x22, 0x33, 0x44, 0x00, 0x00, 0x00, 28,
+                          0x02, 0x00, 0x04, 0x00, 0x00, 0x00, 0x00, 8};
   EXPECT_EQ(BuildHeaderReply(DecodeApiHeader(bytes), kApiFailure), expected);
 }
 
@@ -152,16 +159,18 @@ TEST(SenderApiMessage, ReplacesTheResultOfARequestThatHadOne) {
 TEST(SenderApiMessage, AnswersAnUnknownCommandWithItsHeaderAndSuccess) {
   auto bytes = kOddHeader;
   bytes[20] = 7;
-  const ApiBytes expected{0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0x01, 0xF6, 0xB0, 0xB1, 0x11, 0x22,
-                          0x33, 0x44, 0x00, 0x00, 0x00, 28,   0x07, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 8};
+  const ApiBytes expected{0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0x01, 0xF6,
+                          0xB0, 0xB1, 0x11, 0x22, 0x33, 0x44, 0x00, 0x00, 0x00, 28,
+                          0x07, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 8};
   EXPECT_EQ(BuildHeaderReply(DecodeApiHeader(bytes), kApiSuccess), expected);
 }
 
 TEST(SenderApiMessage, BuildsAShortJsonReplyByteForByte) {
   const auto datagrams = BuildJsonReply(OddHeader(), R"({"tasks":[]})");
   ASSERT_EQ(datagrams.size(), 1U);
-  const ApiBytes header{0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0x01, 0xF6, 0xB0, 0xB1, 0x00, 0x00,
-                        0x00, 0x01, 0x00, 0x00, 0x00, 41,   0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 21};
+  const ApiBytes header{0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0x01, 0xF6,
+                        0xB0, 0xB1, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 41,
+                        0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 21};
   EXPECT_EQ(ApiBytes(datagrams[0].begin(), datagrams[0].begin() + 28), header);
   EXPECT_EQ(Text(datagrams[0]).substr(28), std::string_view("{\"tasks\":[]}\0", 13));
 }
@@ -210,14 +219,17 @@ TEST(SenderApiMessage, MergesRepeatedMetricGroupsSortedAndDropsUnknownNames) {
 }
 
 TEST(SenderApiMessage, ReadsAllFiveMetricGroups) {
-  EXPECT_EQ(Groups(R"(["rtt-values","one-way-latency-values","jitter-values","loss-values","out-of-sequence-values"])"),
-            MetricGroupNames());
+  EXPECT_EQ(
+      Groups(
+          R"(["rtt-values","one-way-latency-values","jitter-values","loss-values","out-of-sequence-values"])"),
+      MetricGroupNames());
   EXPECT_EQ(MetricGroupNames().size(), 5U);
 }
 
 TEST(SenderApiMessage, DropsMetricsThatAreNotTexts) {
-  EXPECT_THAT(Groups(R"([1,null,true,["rtt-values"],{"a":"rtt-values"},"","RTT-values","rtt-values"])"),
-              ElementsAre("rtt-values"));
+  EXPECT_THAT(
+      Groups(R"([1,null,true,["rtt-values"],{"a":"rtt-values"},"","RTT-values","rtt-values"])"),
+      ElementsAre("rtt-values"));
   EXPECT_TRUE(Groups("[]").empty());
 }
 

@@ -1,11 +1,12 @@
 #include "api/statistics_json.h"
 
 #include <arpa/inet.h>
-#include <cjson/cJSON.h>
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
+
+#include <cjson/cJSON.h>
+#include <gtest/gtest.h>
 
 namespace ipsla {
 namespace {
@@ -67,7 +68,8 @@ SlaTaskStatistics Statistics() {
   return statistics;
 }
 
-std::string Serialize(const StatisticsRequest& request, const SlaTaskMap& tasks, StatisticsStore& statistics) {
+std::string Serialize(const StatisticsRequest& request, const SlaTaskMap& tasks,
+                      StatisticsStore& statistics) {
   const JsonDocument reply(cJSON_CreateObject());
   EXPECT_EQ(SerializeTasksMetrics(reply.get(), request, tasks, statistics), 0);
   EXPECT_TRUE(statistics.mutex.try_lock()) << "the statistics stayed locked";
@@ -95,18 +97,19 @@ TEST(StatisticsJson, WritesAnEmptyArrayForAnEmptyRequest) {
 TEST(StatisticsJson, WritesEveryKeyInItsOrder) {
   StatisticsStore store;
   store.tasks[3] = Statistics();
-  EXPECT_EQ(Serialize({{3, MetricGroupNames()}}, {{3, Task(3)}}, store),
-            R"({"tasks":[{"sla-id":3,"status":"successful","error-description":"","start-time":1700000000,)"
-            R"("finish-time":1700000002,"successful-count":7,"failed-count":4294967295,"vrf-instance":"blue",)"
-            R"("transm-pkt-count":10,"test-type":2,"src-address":"192.0.2.1","dst-address":"198.51.100.254",)"
-            R"("iface-name":"eth0","sd-smp-count":11,"ds-smp-count":12,"sd-pkt-count":13,"ds-pkt-count":14,)"
-            R"("jitter-values":{"sd-min":41,"sd-avg":42,"sd-sd":43,"sd-max":44,)"
-            R"("ds-min":45,"ds-avg":46,"ds-sd":47,"ds-max":48},)"
-            R"("loss-values":{"sd-loss":21,"ds-loss":22,"sd-loss-pct":26.5,"ds-loss-pct":27.25,)"
-            R"("late-arrival":23,"skipped":24,"duplicate":25},)"
-            R"("one-way-latency-values":{"sd-min":51,"sd-avg":52,"sd-max":53,"ds-min":54,"ds-avg":55,"ds-max":56},)"
-            R"("out-of-sequence-values":{"sd-out-of-sequence":31,"ds-out-of-sequence":32},)"
-            R"("rtt-values":{"min":61,"avg":62.125,"max":63}}]})");
+  EXPECT_EQ(
+      Serialize({{3, MetricGroupNames()}}, {{3, Task(3)}}, store),
+      R"({"tasks":[{"sla-id":3,"status":"successful","error-description":"","start-time":1700000000,)"
+      R"("finish-time":1700000002,"successful-count":7,"failed-count":4294967295,"vrf-instance":"blue",)"
+      R"("transm-pkt-count":10,"test-type":2,"src-address":"192.0.2.1","dst-address":"198.51.100.254",)"
+      R"("iface-name":"eth0","sd-smp-count":11,"ds-smp-count":12,"sd-pkt-count":13,"ds-pkt-count":14,)"
+      R"("jitter-values":{"sd-min":41,"sd-avg":42,"sd-sd":43,"sd-max":44,)"
+      R"("ds-min":45,"ds-avg":46,"ds-sd":47,"ds-max":48},)"
+      R"("loss-values":{"sd-loss":21,"ds-loss":22,"sd-loss-pct":26.5,"ds-loss-pct":27.25,)"
+      R"("late-arrival":23,"skipped":24,"duplicate":25},)"
+      R"("one-way-latency-values":{"sd-min":51,"sd-avg":52,"sd-max":53,"ds-min":54,"ds-avg":55,"ds-max":56},)"
+      R"("out-of-sequence-values":{"sd-out-of-sequence":31,"ds-out-of-sequence":32},)"
+      R"("rtt-values":{"min":61,"avg":62.125,"max":63}}]})");
 }
 
 TEST(StatisticsJson, WritesOnlyTheFixedKeysWithoutGroups) {
@@ -128,9 +131,10 @@ TEST(StatisticsJson, WritesTheRequestedGroupsInAlphabeticalOrderOnce) {
   const auto groups = ReadMetricGroups(metrics.get());
   ASSERT_TRUE(groups.has_value());
   const std::string text = Serialize({{3, *groups}}, {}, store);
-  EXPECT_EQ(text.substr(text.find(",\"loss-values\"")),
-            R"(,"loss-values":{"sd-loss":21,"ds-loss":22,"sd-loss-pct":26.5,"ds-loss-pct":27.25,)"
-            R"("late-arrival":23,"skipped":24,"duplicate":25},"rtt-values":{"min":61,"avg":62.125,"max":63}}]})");
+  EXPECT_EQ(
+      text.substr(text.find(",\"loss-values\"")),
+      R"(,"loss-values":{"sd-loss":21,"ds-loss":22,"sd-loss-pct":26.5,"ds-loss-pct":27.25,)"
+      R"("late-arrival":23,"skipped":24,"duplicate":25},"rtt-values":{"min":61,"avg":62.125,"max":63}}]})");
 }
 
 TEST(StatisticsJson, WritesTasksInAscendingIdAndNoObjectWithoutStatistics) {
@@ -138,7 +142,8 @@ TEST(StatisticsJson, WritesTasksInAscendingIdAndNoObjectWithoutStatistics) {
   store.tasks[2] = {};
   store.tasks[10] = {};
   store.tasks[7] = {};
-  const std::string text = Serialize({{10, {}}, {2, {}}, {5, {}}}, {{2, Task(2)}, {5, Task(5)}, {10, Task(10)}}, store);
+  const std::string text =
+      Serialize({{10, {}}, {2, {}}, {5, {}}}, {{2, Task(2)}, {5, Task(5)}, {10, Task(10)}}, store);
   const std::size_t second = text.find("\"sla-id\":2,");
   const std::size_t tenth = text.find("\"sla-id\":10,");
   EXPECT_NE(second, std::string::npos);
@@ -161,11 +166,13 @@ TEST(StatisticsJson, ReportsNoTransmittedPacketsForAFailedRun) {
   store.tasks[3].last.status = RunResult::kFail;
   store.tasks[3].last.error_description = "control phase failed: \"timeout\"";
   const std::string text = Serialize({{3, {"rtt-values"}}}, {{3, Task(3)}}, store);
-  EXPECT_EQ(text, R"({"tasks":[{"sla-id":3,"status":"fail","error-description":"control phase failed: \"timeout\"",)"
-                  R"("start-time":1700000000,"finish-time":1700000002,"successful-count":7,"failed-count":4294967295,)"
-                  R"("vrf-instance":"blue","transm-pkt-count":0,"test-type":2,"src-address":"192.0.2.1",)"
-                  R"("dst-address":"198.51.100.254","iface-name":"eth0","sd-smp-count":11,"ds-smp-count":12,)"
-                  R"("sd-pkt-count":13,"ds-pkt-count":14,"rtt-values":{"min":61,"avg":62.125,"max":63}}]})");
+  EXPECT_EQ(
+      text,
+      R"({"tasks":[{"sla-id":3,"status":"fail","error-description":"control phase failed: \"timeout\"",)"
+      R"("start-time":1700000000,"finish-time":1700000002,"successful-count":7,"failed-count":4294967295,)"
+      R"("vrf-instance":"blue","transm-pkt-count":0,"test-type":2,"src-address":"192.0.2.1",)"
+      R"("dst-address":"198.51.100.254","iface-name":"eth0","sd-smp-count":11,"ds-smp-count":12,)"
+      R"("sd-pkt-count":13,"ds-pkt-count":14,"rtt-values":{"min":61,"avg":62.125,"max":63}}]})");
 }
 
 TEST(StatisticsJson, NamesAnUnknownStatusUndefined) {
@@ -183,11 +190,12 @@ TEST(StatisticsJson, LeavesOutAnEmptyVrfButNotAnEmptyInterface) {
   task.measurement.vrf.clear();
   task.control_phase.vrf.clear();
   task.measurement.if_name.clear();
-  EXPECT_EQ(Serialize({{3, {}}}, {{3, task}}, store),
-            R"({"tasks":[{"sla-id":3,"status":"successful","error-description":"","start-time":0,"finish-time":0,)"
-            R"("successful-count":0,"failed-count":0,"transm-pkt-count":10,"test-type":2,"src-address":"192.0.2.1",)"
-            R"("dst-address":"198.51.100.254","iface-name":"","sd-smp-count":0,"ds-smp-count":0,"sd-pkt-count":0,)"
-            R"("ds-pkt-count":0}]})");
+  EXPECT_EQ(
+      Serialize({{3, {}}}, {{3, task}}, store),
+      R"({"tasks":[{"sla-id":3,"status":"successful","error-description":"","start-time":0,"finish-time":0,)"
+      R"("successful-count":0,"failed-count":0,"transm-pkt-count":10,"test-type":2,"src-address":"192.0.2.1",)"
+      R"("dst-address":"198.51.100.254","iface-name":"","sd-smp-count":0,"ds-smp-count":0,"sd-pkt-count":0,)"
+      R"("ds-pkt-count":0}]})");
 }
 
 TEST(StatisticsJson, FindsStatisticsByTheLow16BitsOfTheIdAndTheTaskByTheWhole) {
@@ -195,14 +203,16 @@ TEST(StatisticsJson, FindsStatisticsByTheLow16BitsOfTheIdAndTheTaskByTheWhole) {
   store.tasks[1] = Statistics();
   store.tasks[65535].successful_count = 5;
   const SlaTaskMap tasks{{1, Task(1)}, {65535, Task(65535)}};
-  EXPECT_EQ(Serialize({{65537, {}}}, tasks, store),
-            R"({"tasks":[{"sla-id":65537,"status":"successful","error-description":"","start-time":1700000000,)"
-            R"("finish-time":1700000002,"successful-count":7,"failed-count":4294967295,"transm-pkt-count":0,)"
-            R"("sd-smp-count":11,"ds-smp-count":12,"sd-pkt-count":13,"ds-pkt-count":14}]})");
-  EXPECT_EQ(Serialize({{-1, {}}}, tasks, store),
-            R"({"tasks":[{"sla-id":-1,"status":"successful","error-description":"","start-time":0,"finish-time":0,)"
-            R"("successful-count":5,"failed-count":0,"transm-pkt-count":0,"sd-smp-count":0,"ds-smp-count":0,)"
-            R"("sd-pkt-count":0,"ds-pkt-count":0}]})");
+  EXPECT_EQ(
+      Serialize({{65537, {}}}, tasks, store),
+      R"({"tasks":[{"sla-id":65537,"status":"successful","error-description":"","start-time":1700000000,)"
+      R"("finish-time":1700000002,"successful-count":7,"failed-count":4294967295,"transm-pkt-count":0,)"
+      R"("sd-smp-count":11,"ds-smp-count":12,"sd-pkt-count":13,"ds-pkt-count":14}]})");
+  EXPECT_EQ(
+      Serialize({{-1, {}}}, tasks, store),
+      R"({"tasks":[{"sla-id":-1,"status":"successful","error-description":"","start-time":0,"finish-time":0,)"
+      R"("successful-count":5,"failed-count":0,"transm-pkt-count":0,"sd-smp-count":0,"ds-smp-count":0,)"
+      R"("sd-pkt-count":0,"ds-pkt-count":0}]})");
 }
 
 TEST(StatisticsJson, WritesNumbersAsTheLibraryDoes) {

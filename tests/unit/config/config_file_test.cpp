@@ -1,7 +1,6 @@
 #include "config/config_file.h"
 
 #include <cjson/cJSON.h>
-
 #include <gtest/gtest.h>
 
 #include "config/scratch_file.h"
@@ -33,8 +32,8 @@ TEST(ConfigFileTest, TellsWhatIsWrongWithTheFile) {
 }
 
 TEST(ConfigFileTest, NeedsAnArrayInTheRoot) {
-  for (const char* content :
-       {"{}", "[]", "5", "null", R"({"IP-SLA-tasks": {}})", R"({"IP-SLA-tasks": null})", R"([{"IP-SLA-tasks": []}])"}) {
+  for (const char* content : {"{}", "[]", "5", "null", R"({"IP-SLA-tasks": {}})",
+                              R"({"IP-SLA-tasks": null})", R"([{"IP-SLA-tasks": []}])"}) {
     const ScratchFile file(content);
     const ConfigFile read = ReadConfigFile(file.Name(), kTasksKey);
     EXPECT_EQ(read.fault, ConfigFileFault::kNoArray) << content;

@@ -55,8 +55,8 @@ SlaTaskMap ReadFaultless(const std::string& tasks_file, const std::string& keych
 }
 
 TEST(ExamplesTest, ShowEveryTypeAuthenticationAndAVrf) {
-  const SlaTaskMap tasks =
-      ReadFaultless(test::SourcePath("examples/tasks.json"), test::SourcePath("examples/keychain.json"));
+  const SlaTaskMap tasks = ReadFaultless(test::SourcePath("examples/tasks.json"),
+                                         test::SourcePath("examples/keychain.json"));
   std::set<SlaTestType> types;
   std::set<SlaAuthMode> modes;
   std::set<std::string> vrfs;
@@ -84,8 +84,9 @@ TEST(ExamplesTest, TheManualsExampleIsAccepted) {
 TEST(ExamplesTest, TheManualNamesEveryFaultOfAFile) {
   for (const char* text :
        {"`invalid SLA tasks configuration filename`", "`invalid keychain configuration filename`",
-        "`unable to open configuration file`", "`JSON parse error at line: `", "`ivalid configuration`",
-        "`SLA task ID #7 parse skipped: `", "`key id #undefined parse skipped: no key configuration`",
+        "`unable to open configuration file`", "`JSON parse error at line: `",
+        "`ivalid configuration`", "`SLA task ID #7 parse skipped: `",
+        "`key id #undefined parse skipped: no key configuration`",
         "`key id #5 parse skipped: duplicate key`"}) {
     EXPECT_THAT(Manual(), HasSubstr(text));
   }

@@ -1,7 +1,6 @@
 #include "config/json_text.h"
 
 #include <cjson/cJSON.h>
-
 #include <gtest/gtest.h>
 
 #include "config/scratch_file.h"
@@ -31,7 +30,8 @@ TEST(JsonTextTest, FindsTheFirstBracketBeyondTheLimit) {
       {R"(["\)", 1, std::string::npos},
       {"]]]][[", 1, 5},
   };
-  for (const auto& row : rows) EXPECT_EQ(FindTooDeep(row.text, row.limit), row.position) << row.text;
+  for (const auto& row : rows)
+    EXPECT_EQ(FindTooDeep(row.text, row.limit), row.position) << row.text;
 }
 
 TEST(JsonTextTest, ParsesUpToTheGreatestDepth) {

@@ -50,7 +50,8 @@ TEST(KeychainTest, KeepsKeyTextsExactlyAsWritten) {
     {"key-id": 2147483647, "key-string": "ümlaut", "comment": "ignored"}
   ]})");
   EXPECT_EQ(read.status, 0);
-  EXPECT_EQ(read.storage, (KeychainStorage{{-3, " spaced "}, {9, "0x0a1B"}, {2147483647, "ümlaut"}}));
+  EXPECT_EQ(read.storage,
+            (KeychainStorage{{-3, " spaced "}, {9, "0x0a1B"}, {2147483647, "ümlaut"}}));
   ExpectBothLogs(read, {});
 }
 
@@ -62,7 +63,8 @@ TEST(KeychainTest, AcceptsAnEmptyStorage) {
 }
 
 TEST(KeychainTest, AcceptsAnEmptyKey) {
-  const KeychainRead read = ReadKeychainFile(R"({"keychain-storage": [{"key-id": 1, "key-string": ""}]})");
+  const KeychainRead read =
+      ReadKeychainFile(R"({"keychain-storage": [{"key-id": 1, "key-string": ""}]})");
   EXPECT_EQ(read.storage, (KeychainStorage{{1, ""}}));
   ExpectBothLogs(read, {});
 }
@@ -78,7 +80,8 @@ TEST(KeychainTest, KeepsTheFirstOfTwoKeysWithOneId) {
 TEST(KeychainTest, SkipsElementsWithoutIdOrText) {
   for (const char* element :
        {R"({"key-id": "5", "key-string": "text"})", R"({"key-string": "text"})", R"({"key-id": 5})",
-        R"({"key-id": 5, "key-string": 5})", R"({"key-id": 5, "key-string": null})", "5", "null", "[]", "{}"}) {
+        R"({"key-id": 5, "key-string": 5})", R"({"key-id": 5, "key-string": null})", "5", "null",
+        "[]", "{}"}) {
     const KeychainRead read = ReadKeychainFile(std::string(R"({"keychain-storage": [)") + element +
                                                R"(, {"key-id": 6, "key-string": "kept"}]})");
     EXPECT_EQ(read.status, 0) << element;
@@ -88,12 +91,14 @@ TEST(KeychainTest, SkipsElementsWithoutIdOrText) {
 }
 
 TEST(KeychainTest, FindsKeysInAnyCase) {
-  const KeychainRead read = ReadKeychainFile(R"({"KEYCHAIN-storage": [{"Key-Id": 1, "KEY-STRING": "Text"}]})");
+  const KeychainRead read =
+      ReadKeychainFile(R"({"KEYCHAIN-storage": [{"Key-Id": 1, "KEY-STRING": "Text"}]})");
   EXPECT_EQ(read.storage, (KeychainStorage{{1, "Text"}}));
 }
 
 TEST(KeychainTest, FailsSilentlyWithoutItsArray) {
-  for (const char* content : {"{}", "[]", "7", R"({"keychain-storage": {}})", R"({"keychain-storage": "x"})"}) {
+  for (const char* content :
+       {"{}", "[]", "7", R"({"keychain-storage": {}})", R"({"keychain-storage": "x"})"}) {
     const KeychainRead read = ReadKeychainFile(content);
     EXPECT_EQ(read.status, -1) << content;
     EXPECT_THAT(read.storage, IsEmpty()) << content;
@@ -130,7 +135,8 @@ TEST(KeychainTest, ShowsAnEmptyFileAsAJsonErrorWithoutText) {
 
 TEST(KeychainTest, ReportsSkippedElementsWithTheirPosition) {
   KeychainStorage storage;
-  const JsonParse parse = ParseJson(R"([{"key-id": 1, "key-string": "a"}, {}, {"key-id": 1, "key-string": "b"}])");
+  const JsonParse parse =
+      ParseJson(R"([{"key-id": 1, "key-string": "a"}, {}, {"key-id": 1, "key-string": "b"}])");
   const std::vector<KeyFault> faults = ReadKeys(parse.document.get(), &storage);
   ASSERT_EQ(faults.size(), 2U);
   EXPECT_EQ(faults[0].position, 1U);

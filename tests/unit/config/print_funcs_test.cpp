@@ -55,8 +55,10 @@ SlaTaskConfig ScheduledTask() {
   task.measurement.src = Address(0xc0000203, 65535);
   task.measurement.dst = Address(0xc0000204, 40000);
   task.measurement.vrf = "blue";
-  task.auth = {
-      .mode = SlaAuthMode::kKeychain, .algorithm = SlaAuthAlgorithm::kHmacSha256, .key_id = 5, .key_string = ""};
+  task.auth = {.mode = SlaAuthMode::kKeychain,
+               .algorithm = SlaAuthAlgorithm::kHmacSha256,
+               .key_id = 5,
+               .key_string = ""};
   task.control_timeout = 1500;
   task.control_retry = 3;
   task.num_packets = 50;
@@ -127,25 +129,28 @@ TEST(PrintTaskConfigsTest, SendsEachBlockAsOneSystemLogRecord) {
   const Dump dump = DumpTasks({{12, ScheduledTask()}}, {{5, "the key"}});
   EXPECT_THAT(
       dump.system,
-      ElementsAre("List IP SLA operations: 1 tasks",
-                  " [Task #2]\n   |- ID                 : #12\n   |- Schedule           : true",
-                  "   |- Scheduler\n   .  |- Start time      : 12:30:00\n   .  |- Lifetime        : 3600\n"
-                  "   .  |- Time            : 60\n   .  -",
-                  "   |- VRF instance       : blue", "   |- Control phase config",
-                  "   .  |- Source address  : 192.0.2.1",
-                  "   .  |- Source port     : any\n   .  |- Dest address    : 192.0.2.2\n"
-                  "   .  |- Dest port       : 1234\n   .  |- Timeout         : 1500 (milliseconds)\n"
-                  "   .  |- Authentication\n   .  .  |- Mode         : keychain (#3)\n",
-                  "   .  .  |- Algorithm    : HMAC-SHA-256 (#2)\n   .  .  |- Key", "   .  .  .  |- ID        : #5",
-                  "   .  .  .  |- Value     : \"the key\"\n   .  .  .  -\n   .  .  -\n   .  -",
-                  "   .  -\n   |- Operation type     : udp-jitter-ntp (#3)\n   |- Operation config",
-                  "   .  |- Source address  : 192.0.2.3",
-                  "   .  |- Source port     : 65535\n   .  |- Dest address    : 192.0.2.4\n"
-                  "   .  |- Dest port       : 40000\n   .  |- Count           : 50\n"
-                  "   .  |- Size            : 58  \t(bytes)\n   .  |- Interval        : 20  \t(milliseconds)\n"
-                  "   .  |- Timeout         : 1000\t(milliseconds)\n   .  |- TTL             : 64  \n"
-                  "   .  |- DSCP            : 46\t(PHB: Expedited Forwarding)\n   .  -\n"
-                  "   |- Number of reports  : 10\n   -"));
+      ElementsAre(
+          "List IP SLA operations: 1 tasks",
+          " [Task #2]\n   |- ID                 : #12\n   |- Schedule           : true",
+          "   |- Scheduler\n   .  |- Start time      : 12:30:00\n   .  |- Lifetime        : 3600\n"
+          "   .  |- Time            : 60\n   .  -",
+          "   |- VRF instance       : blue", "   |- Control phase config",
+          "   .  |- Source address  : 192.0.2.1",
+          "   .  |- Source port     : any\n   .  |- Dest address    : 192.0.2.2\n"
+          "   .  |- Dest port       : 1234\n   .  |- Timeout         : 1500 (milliseconds)\n"
+          "   .  |- Authentication\n   .  .  |- Mode         : keychain (#3)\n",
+          "   .  .  |- Algorithm    : HMAC-SHA-256 (#2)\n   .  .  |- Key",
+          "   .  .  .  |- ID        : #5",
+          "   .  .  .  |- Value     : \"the key\"\n   .  .  .  -\n   .  .  -\n   .  -",
+          "   .  -\n   |- Operation type     : udp-jitter-ntp (#3)\n   |- Operation config",
+          "   .  |- Source address  : 192.0.2.3",
+          "   .  |- Source port     : 65535\n   .  |- Dest address    : 192.0.2.4\n"
+          "   .  |- Dest port       : 40000\n   .  |- Count           : 50\n"
+          "   .  |- Size            : 58  \t(bytes)\n   .  |- Interval        : 20  "
+          "\t(milliseconds)\n"
+          "   .  |- Timeout         : 1000\t(milliseconds)\n   .  |- TTL             : 64  \n"
+          "   .  |- DSCP            : 46\t(PHB: Expedited Forwarding)\n   .  -\n"
+          "   |- Number of reports  : 10\n   -"));
 }
 
 TEST(PrintTaskConfigsTest, LeavesTheEmptyBlocksOfAPlainTaskToTheSystemLog) {
@@ -187,7 +192,8 @@ TEST(PrintTaskConfigsTest, LeavesTheEmptyBlocksOfAPlainTaskToTheSystemLog) {
             "   -\n");
   ASSERT_EQ(dump.system.size(), 11U);
   EXPECT_EQ(dump.system[2],
-            "   |- Scheduler\n   .  |- Start time      : \n   .  |- Lifetime        : \n   .  |- Time            : 0\n"
+            "   |- Scheduler\n   .  |- Start time      : \n   .  |- Lifetime        : \n   .  |- "
+            "Time            : 0\n"
             "   .  -");
   EXPECT_EQ(dump.system[3], "   |- VRF instance       : ");
   EXPECT_EQ(dump.system[7], "   .  .  -");
@@ -195,7 +201,10 @@ TEST(PrintTaskConfigsTest, LeavesTheEmptyBlocksOfAPlainTaskToTheSystemLog) {
 
 TEST(PrintTaskConfigsTest, WritesThePasswordButItsKeyIdOnlyToTheSystemLog) {
   SlaTaskConfig task = ScheduledTask();
-  task.auth = {.mode = SlaAuthMode::kPassword, .algorithm = SlaAuthAlgorithm::kSha256, .key_id = 0, .key_string = "pw"};
+  task.auth = {.mode = SlaAuthMode::kPassword,
+               .algorithm = SlaAuthAlgorithm::kSha256,
+               .key_id = 0,
+               .key_string = "pw"};
   const Dump dump = DumpTasks({{12, task}}, {});
   EXPECT_NE(dump.file.find("   .  .  |- Mode         : password (#2)\n"
                            "\n"
@@ -226,7 +235,8 @@ TEST(PrintTaskConfigsTest, PrintsNegativeNumbersUnsigned) {
   SlaTaskConfig task = ScheduledTask();
   task.timeout = -1;
   const Dump dump = DumpTasks({{12, task}}, {});
-  EXPECT_NE(dump.file.find("   .  |- Timeout         : 4294967295\t(milliseconds)\n"), std::string::npos);
+  EXPECT_NE(dump.file.find("   .  |- Timeout         : 4294967295\t(milliseconds)\n"),
+            std::string::npos);
 }
 
 TEST(PrintTaskConfigsTest, NumbersTasksOddInTheFileAndEvenInTheSystemLog) {
@@ -237,11 +247,13 @@ TEST(PrintTaskConfigsTest, NumbersTasksOddInTheFileAndEvenInTheSystemLog) {
   }
   const Dump dump = DumpTasks(tasks, {});
   const std::string rest = "   |- Schedule           : true";
-  for (const char* head : {" [Task #1]\n   |- ID                 : #2\n", " [Task #3]\n   |- ID                 : #5\n",
+  for (const char* head : {" [Task #1]\n   |- ID                 : #2\n",
+                           " [Task #3]\n   |- ID                 : #5\n",
                            " [Task #5]\n   |- ID                 : #9\n"}) {
     EXPECT_NE(dump.file.find(head + rest), std::string::npos) << head;
   }
-  for (const char* head : {" [Task #2]\n   |- ID                 : #2\n", " [Task #4]\n   |- ID                 : #5\n",
+  for (const char* head : {" [Task #2]\n   |- ID                 : #2\n",
+                           " [Task #4]\n   |- ID                 : #5\n",
                            " [Task #6]\n   |- ID                 : #9\n"}) {
     EXPECT_THAT(dump.system, testing::Contains(head + rest));
   }
@@ -260,10 +272,11 @@ TEST(PrintKeychainTest, NumbersKeysOddInTheFileAndEvenInTheSystemLog) {
             " [Key #1]\n   |- ID     : #-1\n   |- String : \"\"\n   -\n"
             " [Key #3]\n   |- ID     : #10\n   |- String : \"ten\"\n   -\n"
             " [Key #5]\n   |- ID     : #300\n   |- String : \"0x0a\"\n   -\n");
-  EXPECT_THAT(dump.system, ElementsAre("List of keys in the storage: 3 keys",
-                                       " [Key #2]\n   |- ID     : #-1\n   |- String : \"\"\n   -",
-                                       " [Key #4]\n   |- ID     : #10\n   |- String : \"ten\"\n   -",
-                                       " [Key #6]\n   |- ID     : #300\n   |- String : \"0x0a\"\n   -"));
+  EXPECT_THAT(dump.system,
+              ElementsAre("List of keys in the storage: 3 keys",
+                          " [Key #2]\n   |- ID     : #-1\n   |- String : \"\"\n   -",
+                          " [Key #4]\n   |- ID     : #10\n   |- String : \"ten\"\n   -",
+                          " [Key #6]\n   |- ID     : #300\n   |- String : \"0x0a\"\n   -"));
 }
 
 }  // namespace

@@ -15,7 +15,8 @@ class ScratchFile {
  public:
   explicit ScratchFile(const std::string& content) {
     const int fd = mkstemp(name_.data());
-    if (fd < 0 || write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+    if (fd < 0 ||
+        write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
       throw std::runtime_error("no scratch file");
     }
     close(fd);

@@ -77,8 +77,9 @@ TEST(ParseTaskConfigsTest, AcceptsAnEmptyList) {
 }
 
 TEST(ParseTaskConfigsTest, SkipsAFaultyTaskAndKeepsTheOthers) {
-  const TasksRead read = ReadTasks({TaskText({{"sla-id", "1"}}), TaskText({{"sla-id", "2"}, {"udp-jitter.ttl", "256"}}),
-                                    "null", TaskText({{"sla-id", "3"}})});
+  const TasksRead read = ReadTasks({TaskText({{"sla-id", "1"}}),
+                                    TaskText({{"sla-id", "2"}, {"udp-jitter.ttl", "256"}}), "null",
+                                    TaskText({{"sla-id", "3"}})});
   EXPECT_EQ(read.status, 0);
   EXPECT_THAT(Ids(read.tasks), ElementsAre(1, 3));
   ExpectBothLogs(read, {"SLA task ID #2 parse skipped: invalid ttl value",
@@ -100,7 +101,8 @@ TEST(ParseTaskConfigsTest, ASkippedTaskDoesNotMakeItsSuccessorADuplicate) {
 }
 
 TEST(ParseTaskConfigsTest, LetsALaterIdWithTheSameLow16BitsReplaceAnEarlierOne) {
-  const TasksRead read = ReadTasks({TaskText({}), TaskText({{"sla-id", "65543"}, {"udp-jitter.ttl", "1"}})});
+  const TasksRead read =
+      ReadTasks({TaskText({}), TaskText({{"sla-id", "65543"}, {"udp-jitter.ttl", "1"}})});
   EXPECT_EQ(read.status, 0);
   EXPECT_THAT(Ids(read.tasks), ElementsAre(7));
   EXPECT_EQ(read.tasks.at(7).ttl, 1);
@@ -110,13 +112,16 @@ TEST(ParseTaskConfigsTest, LetsALaterIdWithTheSameLow16BitsReplaceAnEarlierOne) 
 TEST(ParseTaskConfigsTest, SkipsATaskWithoutAUsableSource) {
   const TasksRead read = ReadTasks({TaskText({{"control-phase.src-address", ""}})});
   EXPECT_EQ(read.status, 0);
-  ExpectBothLogs(read, {"GetIfaceData failed: invalid task config",
-                        "SLA task ID #7 parse skipped: no control phase source address/interface configuration"});
+  ExpectBothLogs(
+      read,
+      {"GetIfaceData failed: invalid task config",
+       "SLA task ID #7 parse skipped: no control phase source address/interface configuration"});
 }
 
 TEST(ParseTaskConfigsTest, TakesTheSourceFromALocalInterface) {
-  const TasksRead read = ReadTasks(
-      {TaskText({{"vrf-instance", ""}, {"udp-jitter.src-address", ""}, {"udp-jitter.src-interface", "\"lo\""}})});
+  const TasksRead read = ReadTasks({TaskText({{"vrf-instance", ""},
+                                              {"udp-jitter.src-address", ""},
+                                              {"udp-jitter.src-interface", "\"lo\""}})});
   ASSERT_THAT(Ids(read.tasks), ElementsAre(7));
   EXPECT_EQ(read.tasks.at(7).measurement.if_name, "lo");
   EXPECT_EQ(read.tasks.at(7).measurement.if_index, 1U);
@@ -128,25 +133,29 @@ TEST(ParseTaskConfigsTest, GivesUpTheFileWhenAVrfCannotBeEntered) {
                                             {"vrf-instance", "\"missing\""},
                                             {"control-phase.src-address", ""},
                                             {"control-phase.src-interface", "\"lo\""}});
-  const TasksRead read =
-      ReadTasks({TaskText({{"sla-id", "1"}}), unreachable, TaskText({{"sla-id", "3"}})}, ", \"cpus\": [1]");
+  const TasksRead read = ReadTasks(
+      {TaskText({{"sla-id", "1"}}), unreachable, TaskText({{"sla-id", "3"}})}, ", \"cpus\": [1]");
   EXPECT_EQ(read.status, -1);
   EXPECT_THAT(Ids(read.tasks), ElementsAre(1));
   EXPECT_THAT(read.cpus, ElementsAre(9));
   ASSERT_FALSE(read.file_log.empty());
-  EXPECT_EQ(read.file_log.front(), "Catch exception SetNetworkNamespacemissingfailed: open() failed: %m");
+  EXPECT_EQ(read.file_log.front(),
+            "Catch exception SetNetworkNamespacemissingfailed: open() failed: %m");
 }
 
 TEST(ParseTaskConfigsTest, AppendsTheCpusCutTo8Bits) {
-  EXPECT_THAT(ReadTasks({}, ", \"cpus\": [0, 3, 257, -1, 2.9]").cpus, ElementsAre(9, 0, 3, 1, 255, 2));
+  EXPECT_THAT(ReadTasks({}, ", \"cpus\": [0, 3, 257, -1, 2.9]").cpus,
+              ElementsAre(9, 0, 3, 1, 255, 2));
 }
 
 TEST(ParseTaskConfigsTest, TakesACpuThatIsNoNumberAsZero) {
-  EXPECT_THAT(ReadTasks({}, ", \"cpus\": [\"3\", true, null, {}, [5]]").cpus, ElementsAre(9, 0, 0, 0, 0, 0));
+  EXPECT_THAT(ReadTasks({}, ", \"cpus\": [\"3\", true, null, {}, [5]]").cpus,
+              ElementsAre(9, 0, 0, 0, 0, 0));
 }
 
 TEST(ParseTaskConfigsTest, IgnoresCpusThatAreNoArray) {
-  for (const char* cpus : {"", ", \"cpus\": 3", ", \"cpus\": {\"a\": 1}", ", \"cpus\": \"0\"", ", \"cpus\": []"}) {
+  for (const char* cpus :
+       {"", ", \"cpus\": 3", ", \"cpus\": {\"a\": 1}", ", \"cpus\": \"0\"", ", \"cpus\": []"}) {
     const TasksRead read = ReadTasks({}, cpus);
     EXPECT_EQ(read.status, 0) << cpus;
     EXPECT_THAT(read.cpus, ElementsAre(9)) << cpus;
@@ -185,7 +194,8 @@ TEST(ParseTaskConfigsTest, RefusesJsonThatNestsTooDeep) {
 }
 
 TEST(ParseTaskConfigsTest, RefusesARootWithoutTasks) {
-  for (const char* content : {"{}", "[]", R"({"IP-SLA-tasks": {}, "cpus": [1]})", R"({"IP-SLA-tasks": "none"})"}) {
+  for (const char* content :
+       {"{}", "[]", R"({"IP-SLA-tasks": {}, "cpus": [1]})", R"({"IP-SLA-tasks": "none"})"}) {
     const TasksRead read = ReadTasksFile(content);
     EXPECT_EQ(read.status, -1) << content;
     EXPECT_THAT(read.tasks, IsEmpty()) << content;

@@ -46,15 +46,21 @@ TEST(TaskCheckTest, NamesEveryFaultInTheOrderOfTheRules) {
   EXPECT_THAT(
       check.faults,
       ElementsAre(
-          TaskFault{"sla-id", "5", "duplicate task"}, TaskFault{"num-rep-hist", "0", "invalid history count value"},
+          TaskFault{"sla-id", "5", "duplicate task"},
+          TaskFault{"num-rep-hist", "0", "invalid history count value"},
           TaskFault{"scheduler.Start-time", "", "no scheduler time configuration"},
           TaskFault{"scheduler.life-time", "-5", "invalid scheduler time configuration"},
           TaskFault{"control-phase.timeout", "0", "invalid control phase timeout value"},
-          TaskFault{"control-phase.src-port", "\"some\"", "invalid control phase source port configuration"},
-          TaskFault{"control-phase.dst-address", "", "no control phase destination address/port configuration"},
-          TaskFault{"control-phase.dst-port", "70000", "invalid destination phase destination port configuration"},
-          TaskFault{auth + "algorithm", "\"md5\"", "invalid authentication algorithm configuration"},
-          TaskFault{auth + "key-string", "", "no control phase authentication key string configuration"},
+          TaskFault{"control-phase.src-port", "\"some\"",
+                    "invalid control phase source port configuration"},
+          TaskFault{"control-phase.dst-address", "",
+                    "no control phase destination address/port configuration"},
+          TaskFault{"control-phase.dst-port", "70000",
+                    "invalid destination phase destination port configuration"},
+          TaskFault{auth + "algorithm", "\"md5\"",
+                    "invalid authentication algorithm configuration"},
+          TaskFault{auth + "key-string", "",
+                    "no control phase authentication key string configuration"},
           TaskFault{"udp-jitter.ttl", "\"64\"", "no measurement phase parametrs configuration"},
           TaskFault{"udp-jitter.cos", "", "no measurement phase parametrs configuration"},
           TaskFault{"udp-jitter.packet-size", "10", "invalid packets size"},
@@ -75,8 +81,9 @@ TEST(TaskCheckTest, NamesEveryMissingMemberOfAnEmptyTask) {
 }
 
 TEST(TaskCheckTest, ChecksKeyIdsOnlyAgainstAGivenKeychain) {
-  const JsonDocument task = Edited(
-      ValidTask(), {{"control-phase.authentication", R"({"mode":"keychain","algorithm":"sha256","key-id":99})"}});
+  const JsonDocument task =
+      Edited(ValidTask(), {{"control-phase.authentication",
+                            R"({"mode":"keychain","algorithm":"sha256","key-id":99})"}});
   EXPECT_THAT(CheckTask(task.get(), {}, nullptr, ConfiguredInterface).faults, IsEmpty());
   const KeychainStorage keys = Keys();
   EXPECT_EQ(CheckTask(task.get(), {}, &keys, ConfiguredInterface).faults.size(), 1U);
@@ -90,7 +97,8 @@ TEST(TaskCheckTest, ShortensALongValue) {
 
 TEST(TaskCheckTest, GivesUpWhenTheEnvironmentFails) {
   RecordingLookup lookup{.status = kInterfaceEnvironmentFailed, .answer = {}, .asked = {}};
-  const JsonDocument task = Edited(ValidTask(), {{"control-phase.src-address", ""}, {"sla-type", ""}});
+  const JsonDocument task =
+      Edited(ValidTask(), {{"control-phase.src-address", ""}, {"sla-type", ""}});
   const TaskCheck check = CheckTask(task.get(), {}, nullptr, lookup.Function());
   EXPECT_TRUE(check.abandoned);
   EXPECT_THAT(check.faults, IsEmpty());

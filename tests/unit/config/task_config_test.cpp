@@ -21,16 +21,22 @@ TEST(TaskConfigTest, AFreshRecordHasNoType) {
 
 // Compares a table with every value of 0..255, the listed ones and all others.
 template <typename Value>
-void ExpectNames(std::string (*name)(Value), const std::map<int, std::string>& words, const std::string& fallback) {
+void ExpectNames(std::string (*name)(Value), const std::map<int, std::string>& words,
+                 const std::string& fallback) {
   for (int value = 0; value <= 255; ++value) {
     const auto found = words.find(value);
-    EXPECT_EQ(name(static_cast<Value>(value)), found == words.end() ? fallback : found->second) << value;
+    EXPECT_EQ(name(static_cast<Value>(value)), found == words.end() ? fallback : found->second)
+        << value;
   }
 }
 
 TEST(TaskConfigTest, NamesTestTypes) {
   ExpectNames(TestTypeToString,
-              {{1, "udp-echo"}, {2, "udp-jitter"}, {3, "udp-jitter-ntp"}, {4, "icmp-echo"}, {5, "icmp-jitter"}},
+              {{1, "udp-echo"},
+               {2, "udp-jitter"},
+               {3, "udp-jitter-ntp"},
+               {4, "icmp-echo"},
+               {5, "icmp-jitter"}},
               "undefined");
   EXPECT_EQ(TestTypeToString(static_cast<SlaTestType>(-1)), "undefined");
   EXPECT_EQ(TestTypeToString(static_cast<SlaTestType>(INT32_MIN)), "undefined");
@@ -38,7 +44,8 @@ TEST(TaskConfigTest, NamesTestTypes) {
 }
 
 TEST(TaskConfigTest, NamesAuthentication) {
-  ExpectNames(AuthModeToString, {{1, "no authentication"}, {2, "password"}, {3, "keychain"}}, "undefined");
+  ExpectNames(AuthModeToString, {{1, "no authentication"}, {2, "password"}, {3, "keychain"}},
+              "undefined");
   ExpectNames(AuthAlgorithmToString, {{1, "SHA-256"}, {2, "HMAC-SHA-256"}}, "undefined");
 }
 
@@ -71,7 +78,8 @@ TEST(TaskConfigTest, NamesMessageFields) {
 
 TEST(TaskConfigTest, NamesResultsAndStates) {
   ExpectNames(ResultToString, {{0, "successful"}, {1, "fail"}}, "undefined");
-  ExpectNames(PacketStateToString, {{0, "sent"}, {1, "received"}, {2, "skipped"}, {3, "loss sd"}, {4, "loss ds"}},
+  ExpectNames(PacketStateToString,
+              {{0, "sent"}, {1, "received"}, {2, "skipped"}, {3, "loss sd"}, {4, "loss ds"}},
               "undefined");
   EXPECT_EQ(BoolToString(true), "true");
   EXPECT_EQ(BoolToString(false), "false");
@@ -91,17 +99,18 @@ TEST(TaskConfigTest, NamesPriorities) {
 }
 
 TEST(TaskConfigTest, NamesPerHopBehavioursAndLeavesGapsUndefined) {
-  ExpectNames(DscpToPhbName,
-              {{0, "Default Forwarding"},     {1, "Default Forwarding"},     {2, "Default Forwarding"},
-               {3, "Default Forwarding"},     {4, "Default Forwarding"},     {8, "Class Selector 1"},
-               {10, "Assured Forwarding 11"}, {12, "Assured Forwarding 12"}, {14, "Assured Forwarding 13"},
-               {16, "Class Selector 2"},      {18, "Assured Forwarding 21"}, {20, "Assured Forwarding 22"},
-               {22, "Assured Forwarding 23"}, {24, "Class Selector 3"},      {26, "Assured Forwarding 31"},
-               {28, "Assured Forwarding 32"}, {30, "Assured Forwarding 33"}, {32, "Class Selector 4"},
-               {34, "Assured Forwarding 41"}, {36, "Assured Forwarding 42"}, {38, "Assured Forwarding 43"},
-               {40, "Class Selector 5"},      {44, "Voice Admit"},           {46, "Expedited Forwarding"},
-               {48, "Class Selector 6"},      {56, "Class Selector 7"}},
-              "Undefined PHB");
+  ExpectNames(
+      DscpToPhbName,
+      {{0, "Default Forwarding"},     {1, "Default Forwarding"},     {2, "Default Forwarding"},
+       {3, "Default Forwarding"},     {4, "Default Forwarding"},     {8, "Class Selector 1"},
+       {10, "Assured Forwarding 11"}, {12, "Assured Forwarding 12"}, {14, "Assured Forwarding 13"},
+       {16, "Class Selector 2"},      {18, "Assured Forwarding 21"}, {20, "Assured Forwarding 22"},
+       {22, "Assured Forwarding 23"}, {24, "Class Selector 3"},      {26, "Assured Forwarding 31"},
+       {28, "Assured Forwarding 32"}, {30, "Assured Forwarding 33"}, {32, "Class Selector 4"},
+       {34, "Assured Forwarding 41"}, {36, "Assured Forwarding 42"}, {38, "Assured Forwarding 43"},
+       {40, "Class Selector 5"},      {44, "Voice Admit"},           {46, "Expedited Forwarding"},
+       {48, "Class Selector 6"},      {56, "Class Selector 7"}},
+      "Undefined PHB");
 }
 
 TEST(TaskConfigTest, PrintsTheScheduleTime) {
@@ -125,12 +134,16 @@ TEST(TaskConfigTest, PrintsAddresses) {
 
 TEST(TaskConfigTest, KnowsTheWordsOfTheFilesAndNoOthers) {
   const std::map<std::string, int> types = {
-      {"udp-echo", 1}, {"udp-jitter", 2}, {"udp-jitter-ntp", 3}, {"icmp-echo", 4},  {"icmp-jitter", 5},
-      {"", -1},        {"UDP-echo", -1},  {"udp-echo ", -1},     {"undefined", -1}, {"udp-jitter-", -1}};
-  for (const auto& [word, type] : types) EXPECT_EQ(static_cast<int>(TestTypeFromString(word)), type) << word;
-  const std::map<std::string, int> modes = {{"no", 1}, {"password", 2},          {"keychain", 3}, {"", 0},
-                                            {"No", 0}, {"no authentication", 0}, {"none", 0}};
-  for (const auto& [word, mode] : modes) EXPECT_EQ(static_cast<int>(AuthModeFromString(word)), mode) << word;
+      {"udp-echo", 1},    {"udp-jitter", 2},  {"udp-jitter-ntp", 3}, {"icmp-echo", 4},
+      {"icmp-jitter", 5}, {"", -1},           {"UDP-echo", -1},      {"udp-echo ", -1},
+      {"undefined", -1},  {"udp-jitter-", -1}};
+  for (const auto& [word, type] : types)
+    EXPECT_EQ(static_cast<int>(TestTypeFromString(word)), type) << word;
+  const std::map<std::string, int> modes = {{"no", 1},  {"password", 2}, {"keychain", 3},
+                                            {"", 0},    {"No", 0},       {"no authentication", 0},
+                                            {"none", 0}};
+  for (const auto& [word, mode] : modes)
+    EXPECT_EQ(static_cast<int>(AuthModeFromString(word)), mode) << word;
   const std::map<std::string, int> algorithms = {{"sha256", 1},  {"hmac-sha256", 2},  {"", 0},
                                                  {"SHA-256", 0}, {"HMAC-SHA-256", 0}, {"md5", 0}};
   for (const auto& [word, number] : algorithms) {
@@ -144,8 +157,9 @@ TEST(TaskConfigTest, KnowsSizesOfEachType) {
     int min_size;
     int header;
     bool jitter;
-  } const rows[] = {{-1, 34, 34, false}, {0, 34, 34, false}, {1, 46, 42, false}, {2, 70, 42, true},
-                    {3, 98, 42, true},   {4, 42, 42, false}, {5, 54, 34, true},  {6, 34, 34, false}};
+  } const rows[] = {{-1, 34, 34, false}, {0, 34, 34, false}, {1, 46, 42, false},
+                    {2, 70, 42, true},   {3, 98, 42, true},  {4, 42, 42, false},
+                    {5, 54, 34, true},   {6, 34, 34, false}};
   for (const auto& row : rows) {
     const auto type = static_cast<SlaTestType>(row.type);
     EXPECT_EQ(MinPacketSize(type), row.min_size) << row.type;

@@ -4,7 +4,8 @@ namespace ipsla::test {
 namespace {
 
 // A row whose one edit is at the place of the fault.
-FaultCase At(const std::string& name, const std::string& key, const std::string& json, const std::string& reason) {
+FaultCase At(const std::string& name, const std::string& key, const std::string& json,
+             const std::string& reason) {
   return {name, {{key, json}}, {key, json, reason}};
 }
 
@@ -19,26 +20,31 @@ void AddAuthenticationRows(std::vector<FaultCase>* rows) {
   rows->push_back(At("AuthenticationText", place, "\"no\"", no_auth));
   rows->push_back(At("ModeMissing", place + ".mode", "", no_mode));
   rows->push_back(At("ModeNumber", place + ".mode", "1", no_mode));
-  rows->push_back(At("ModeUnknown", place + ".mode", "\"Password\"", "invalid authentication mode configuration"));
+  rows->push_back(At("ModeUnknown", place + ".mode", "\"Password\"",
+                     "invalid authentication mode configuration"));
   rows->push_back(At("AlgorithmMissing", place + ".algorithm", "", no_algorithm));
   rows->push_back(At("AlgorithmNumber", place + ".algorithm", "1", no_algorithm));
-  rows->push_back(
-      At("AlgorithmUnknown", place + ".algorithm", "\"md5\"", "invalid authentication algorithm configuration"));
+  rows->push_back(At("AlgorithmUnknown", place + ".algorithm", "\"md5\"",
+                     "invalid authentication algorithm configuration"));
   rows->push_back(At("KeyStringMissing", place + ".key-string", "", no_key));
   rows->push_back(At("KeyStringEmpty", place + ".key-string", "\"\"", no_key));
   rows->push_back(At("KeyStringNumber", place + ".key-string", "1234", no_key));
   const std::string keychain = R"({"mode":"keychain","algorithm":"sha256")";
   rows->push_back({"KeyIdMissing", {{place, keychain + "}"}}, {place + ".key-id", "", no_id}});
-  rows->push_back({"KeyIdText", {{place, keychain + R"(,"key-id":"1"})"}}, {place + ".key-id", "\"1\"", no_id}});
-  rows->push_back({"KeyIdUnknown",
-                   {{place, keychain + R"(,"key-id":99})"}},
-                   {place + ".key-id", "99", "invalid control phase authentication secret key id"}});
+  rows->push_back({"KeyIdText",
+                   {{place, keychain + R"(,"key-id":"1"})"}},
+                   {place + ".key-id", "\"1\"", no_id}});
+  rows->push_back(
+      {"KeyIdUnknown",
+       {{place, keychain + R"(,"key-id":99})"}},
+       {place + ".key-id", "99", "invalid control phase authentication secret key id"}});
 }
 
 // The two phases' common rows; the reasons that differ are given.
-void AddEndpointRows(const std::string& prefix, const std::string& phase, const std::string& source_reason,
-                     const std::string& no_destination, const std::string& port_reason,
-                     const std::string& destination_reason, std::vector<FaultCase>* rows) {
+void AddEndpointRows(const std::string& prefix, const std::string& phase,
+                     const std::string& source_reason, const std::string& no_destination,
+                     const std::string& port_reason, const std::string& destination_reason,
+                     std::vector<FaultCase>* rows) {
   const std::string no_source = "no control phase source address/interface configuration";
   const std::string no_port = "no control phase source port configuration";
   const std::string bad_port = "invalid control phase source port configuration";
@@ -48,8 +54,11 @@ void AddEndpointRows(const std::string& prefix, const std::string& phase, const 
   rows->push_back({prefix + "SourceMissing", {{address, ""}}, {interface, "", no_source}});
   rows->push_back({prefix + "SourceEmpty", {{address, "\"\""}}, {interface, "", no_source}});
   rows->push_back({prefix + "SourceNumber", {{address, "1"}}, {interface, "", no_source}});
-  rows->push_back({prefix + "InterfaceEmpty", {{address, ""}, {interface, "\"\""}}, {interface, "\"\"", no_source}});
-  rows->push_back({prefix + "InterfaceNumber", {{address, ""}, {interface, "2"}}, {interface, "2", no_source}});
+  rows->push_back({prefix + "InterfaceEmpty",
+                   {{address, ""}, {interface, "\"\""}},
+                   {interface, "\"\"", no_source}});
+  rows->push_back(
+      {prefix + "InterfaceNumber", {{address, ""}, {interface, "2"}}, {interface, "2", no_source}});
   rows->push_back(At(prefix + "SourcePortMissing", phase + ".src-port", "", no_port));
   rows->push_back(At(prefix + "SourcePortNull", phase + ".src-port", "null", no_port));
   rows->push_back(At(prefix + "SourcePortBool", phase + ".src-port", "true", no_port));
@@ -61,10 +70,13 @@ void AddEndpointRows(const std::string& prefix, const std::string& phase, const 
   rows->push_back(At(prefix + "DestinationMissing", phase + ".dst-address", "", no_destination));
   rows->push_back(At(prefix + "DestinationNumber", phase + ".dst-address", "1", no_destination));
   rows->push_back(At(prefix + "DestinationPortMissing", phase + ".dst-port", "", no_destination));
-  rows->push_back(At(prefix + "DestinationPortText", phase + ".dst-port", "\"3000\"", no_destination));
-  rows->push_back(At(prefix + "DestinationPortTooLarge", phase + ".dst-port", "65536", port_reason));
+  rows->push_back(
+      At(prefix + "DestinationPortText", phase + ".dst-port", "\"3000\"", no_destination));
+  rows->push_back(
+      At(prefix + "DestinationPortTooLarge", phase + ".dst-port", "65536", port_reason));
   rows->push_back(At(prefix + "DestinationPortNegative", phase + ".dst-port", "-1", port_reason));
-  rows->push_back(At(prefix + "DestinationNotConverted", phase + ".dst-address", kFailingAddress, destination_reason));
+  rows->push_back(At(prefix + "DestinationNotConverted", phase + ".dst-address", kFailingAddress,
+                     destination_reason));
 }
 
 void AddMainRows(std::vector<FaultCase>* rows) {
@@ -101,7 +113,8 @@ void AddControlRows(std::vector<FaultCase>* rows) {
   rows->push_back(At("ControlArray", "control-phase", "[]", no_control));
   rows->push_back(At("ControlTimeoutMissing", "control-phase.timeout", "", no_timeout));
   rows->push_back(At("ControlTimeoutText", "control-phase.timeout", "\"1\"", no_timeout));
-  rows->push_back(At("ControlTimeoutZero", "control-phase.timeout", "0", "invalid control phase timeout value"));
+  rows->push_back(At("ControlTimeoutZero", "control-phase.timeout", "0",
+                     "invalid control phase timeout value"));
   rows->push_back(At("RetryMissing", "control-phase.retry", "", no_retry));
   rows->push_back(At("RetryText", "control-phase.retry", "\"1\"", no_retry));
   rows->push_back(At("RetryZero", "control-phase.retry", "0", "invalid control phase retry value"));
@@ -124,11 +137,15 @@ void AddMeasurementRows(std::vector<FaultCase>* rows) {
                   "no measurement phase destination address/port configuration",
                   "invalid control phase destination port configuration",
                   "invalid measurement phase destination ip address", rows);
-  for (const std::string key : {"num-packets", "packet-size", "interval", "timeout", "ttl", "dscp"}) {
-    rows->push_back(At(key + "Missing", "udp-jitter." + key, "", "no measurement phase parametrs configuration"));
-    rows->push_back(At(key + "Text", "udp-jitter." + key, "\"1\"", "no measurement phase parametrs configuration"));
+  for (const std::string key :
+       {"num-packets", "packet-size", "interval", "timeout", "ttl", "dscp"}) {
+    rows->push_back(At(key + "Missing", "udp-jitter." + key, "",
+                       "no measurement phase parametrs configuration"));
+    rows->push_back(At(key + "Text", "udp-jitter." + key, "\"1\"",
+                       "no measurement phase parametrs configuration"));
   }
-  rows->push_back(At("CosMissing", "udp-jitter.cos", "", "no measurement phase parametrs configuration"));
+  rows->push_back(
+      At("CosMissing", "udp-jitter.cos", "", "no measurement phase parametrs configuration"));
   rows->push_back(At("PacketsZero", "udp-jitter.num-packets", "0", "invalid packets number"));
   rows->push_back(At("PacketsNegative", "udp-jitter.num-packets", "-1", "invalid packets number"));
   rows->push_back(At("SizeTooSmall", "udp-jitter.packet-size", "69", "invalid packets size"));
@@ -172,7 +189,8 @@ std::string Reason(const std::vector<Edit>& edits) {
 
 TaskCheck Check(const std::vector<Edit>& edits) {
   const KeychainStorage keys = Keys();
-  return CheckTask(Edited(ValidTask(), edits).get(), {{5, SlaTaskConfig{}}}, &keys, ConfiguredInterface);
+  return CheckTask(Edited(ValidTask(), edits).get(), {{5, SlaTaskConfig{}}}, &keys,
+                   ConfiguredInterface);
 }
 
 }  // namespace ipsla::test

@@ -1,12 +1,13 @@
-// Every check of the parser as a fault in an otherwise valid task, and what the tests of the parser share.
+// Every check of the parser as a fault in an otherwise valid task, and what the tests of the parser
+// share.
 
 #ifndef IPSLA_TESTS_UNIT_CONFIG_TASK_FAULTS_H_
 #define IPSLA_TESTS_UNIT_CONFIG_TASK_FAULTS_H_
 
-#include <cjson/cJSON.h>
-
 #include <string>
 #include <vector>
+
+#include <cjson/cJSON.h>
 
 #include "config/task_json.h"
 #include "config/task_parser.h"
@@ -23,8 +24,8 @@ struct FaultCase {
 /// Every check, in the order in which they must be made.
 std::vector<FaultCase> Rows();
 
-/// Parses the valid task with these edits as the daemon does: a task with id 5 is accepted already, the keys 1 and 257
-/// are known, interfaces are not looked up.
+/// Parses the valid task with these edits as the daemon does: a task with id 5 is accepted already,
+/// the keys 1 and 257 are known, interfaces are not looked up.
 TaskParse Parse(const std::vector<Edit>& edits);
 TaskParse Parse(const JsonDocument& task);
 

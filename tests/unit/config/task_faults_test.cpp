@@ -1,11 +1,12 @@
 // The table of all faults: each has its reason, and of two the earlier check wins.
 
+#include "config/task_faults.h"
+
 #include <fstream>
 #include <sstream>
 
 #include <gtest/gtest.h>
 
-#include "config/task_faults.h"
 #include "support/paths.h"
 
 namespace ipsla {
@@ -35,7 +36,8 @@ TEST_P(TaskFaultTest, IsDocumented) {
   std::ifstream in(test::SourcePath("docs/configuration.md"));
   std::stringstream manual;
   manual << in.rdbuf();
-  EXPECT_NE(manual.str().find("`" + GetParam().fault.reason + "`"), std::string::npos) << GetParam().fault.reason;
+  EXPECT_NE(manual.str().find("`" + GetParam().fault.reason + "`"), std::string::npos)
+      << GetParam().fault.reason;
 }
 
 std::string RowName(const testing::TestParamInfo<FaultCase>& info) {
@@ -83,13 +85,15 @@ TEST(TaskFaultsTest, CheckerNamesFirstWhatTheDaemonStopsAt) {
     edits.insert(edits.end(), rows[i].edits.begin(), rows[i].edits.end());
     const TaskCheck check = Check(edits);
     ASSERT_FALSE(check.faults.empty()) << rows[i].name;
-    EXPECT_EQ(check.faults.front().reason, Reason(edits)) << rows[i].name << " and " << rows[i + 1].name;
+    EXPECT_EQ(check.faults.front().reason, Reason(edits))
+        << rows[i].name << " and " << rows[i + 1].name;
   }
 }
 
 TEST(TaskFaultsTest, ChecksTheAlgorithmBeforeTheKeyId) {
   const std::string key_id_too = R"({"mode":"keychain","algorithm":"md5","key-id":"x"})";
-  EXPECT_EQ(Reason({{"control-phase.authentication", key_id_too}}), "invalid authentication algorithm configuration");
+  EXPECT_EQ(Reason({{"control-phase.authentication", key_id_too}}),
+            "invalid authentication algorithm configuration");
   const std::string without = R"({"mode":"keychain","key-id":99})";
   EXPECT_EQ(Reason({{"control-phase.authentication", without}}),
             "no control phase authentication algorithm configuration");

@@ -1,12 +1,13 @@
 #include "config/task_json.h"
 
 #include <arpa/inet.h>
-#include <cjson/cJSON.h>
 #include <dlfcn.h>
 
 #include <cerrno>
 #include <stdexcept>
 #include <string_view>
+
+#include <cjson/cJSON.h>
 
 // The C library's inet_pton never fails for IPv4, so that the branch for it needs a failing one.
 extern "C" int inet_pton(int family, const char* text, void* address) noexcept {

@@ -16,8 +16,8 @@ struct Edit {
   std::string json;  ///< its new value as JSON text
 };
 
-/// A udp-jitter task, id 7, that is accepted: mode password, both sources given as addresses, a run of 2000 ms every
-/// 60 s.
+/// A udp-jitter task, id 7, that is accepted: mode password, both sources given as addresses, a run
+/// of 2000 ms every 60 s.
 std::string ValidTask();
 
 /// A document as it is in `json`, which must be valid.
@@ -26,7 +26,8 @@ JsonDocument Json(const std::string& json);
 /// Applies the edits, in order. The objects on the way to a member must exist.
 JsonDocument Edited(const std::string& json, const std::vector<Edit>& edits);
 
-/// An "src-address" or "dst-address" that makes inet_pton(3) fail with EAFNOSUPPORT in this test program.
+/// An "src-address" or "dst-address" that makes inet_pton(3) fail with EAFNOSUPPORT in this test
+/// program.
 inline constexpr const char* kFailingAddress = "\"address whose conversion fails\"";
 
 }  // namespace ipsla::test

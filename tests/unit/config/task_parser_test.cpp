@@ -1,10 +1,10 @@
 #include "config/task_parser.h"
 
 #include <arpa/inet.h>
-#include <cjson/cJSON.h>
 
 #include <limits>
 
+#include <cjson/cJSON.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -108,13 +108,15 @@ TEST(TaskParserTest, IgnoresTheSchedulerOfAnUnscheduledTask) {
 }
 
 TEST(TaskParserTest, AcceptsARunShorterThanThePeriod) {
-  EXPECT_EQ(Reason({{"scheduler.time", "2"}, {"udp-jitter.num-packets", "50"}}), "invalid scheduled time");
+  EXPECT_EQ(Reason({{"scheduler.time", "2"}, {"udp-jitter.num-packets", "50"}}),
+            "invalid scheduled time");
   EXPECT_EQ(Reason({{"scheduler.time", "2"}, {"udp-jitter.num-packets", "49"}}), "accepted");
 }
 
 TEST(TaskParserTest, WrapsTheRunTimeBudgetAt32Bits) {
   // 1000 + 65536 * 65536 wraps to 1000.
-  EXPECT_EQ(Reason({{"udp-jitter.interval", "65536"}, {"udp-jitter.num-packets", "65536"}}), "accepted");
+  EXPECT_EQ(Reason({{"udp-jitter.interval", "65536"}, {"udp-jitter.num-packets", "65536"}}),
+            "accepted");
   // -1 + 20 * 50 wraps to 999.
   EXPECT_EQ(Reason({{"udp-jitter.timeout", "-1"}, {"scheduler.time", "1"}}), "accepted");
   EXPECT_EQ(Reason({{"udp-jitter.timeout", "-1001"}}), "invalid scheduled time");  // 2^32 - 1
@@ -130,7 +132,8 @@ TEST(TaskParserTest, KeepsALifeTimeNumberAsItsText) {
 }
 
 TEST(TaskParserTest, TakesStartAndLifeTextsAsTheyAre) {
-  const TaskParse parse = Parse({{"scheduler.Start-time", "\"whenever\""}, {"scheduler.life-time", "\"\""}});
+  const TaskParse parse =
+      Parse({{"scheduler.Start-time", "\"whenever\""}, {"scheduler.life-time", "\"\""}});
   ASSERT_TRUE(parse.Accepted());
   EXPECT_EQ(parse.config.scheduler.start_time, "whenever");
   EXPECT_EQ(parse.config.scheduler.life_time, "");
@@ -145,7 +148,8 @@ TEST(TaskParserTest, IgnoresAVrfThatIsNoText) {
 }
 
 TEST(TaskParserTest, TakesAnySourcePortTextThatBeginsWithAny) {
-  const TaskParse parse = Parse({{"control-phase.src-port", "\"anything\""}, {"udp-jitter.src-port", "\"any\""}});
+  const TaskParse parse =
+      Parse({{"control-phase.src-port", "\"anything\""}, {"udp-jitter.src-port", "\"any\""}});
   ASSERT_TRUE(parse.Accepted());
   EXPECT_TRUE(parse.config.control_phase.src_port_any);
   EXPECT_TRUE(parse.config.measurement.src_port_any);
@@ -176,28 +180,32 @@ TEST(TaskParserTest, TakesTextThatIsNoAddressAsZero) {
 
 TEST(TaskParserTest, LogsAFailedAddressConversion) {
   static_cast<void>(test::TakeSyslog());
-  EXPECT_EQ(Reason({{"udp-jitter.dst-address", kFailingAddress}}), "invalid measurement phase destination ip address");
-  EXPECT_THAT(test::TakeSyslogTexts(), ElementsAre("inet_pton() failed: Address family not supported by protocol"));
+  EXPECT_EQ(Reason({{"udp-jitter.dst-address", kFailingAddress}}),
+            "invalid measurement phase destination ip address");
+  EXPECT_THAT(test::TakeSyslogTexts(),
+              ElementsAre("inet_pton() failed: Address family not supported by protocol"));
 }
 
 TEST(TaskParserTest, NeedsNoAlgorithmForModeNo) {
   TaskParse parse = Parse({{"control-phase.authentication", R"({"mode":"no"})"}});
   ASSERT_TRUE(parse.Accepted());
   EXPECT_EQ(parse.config.auth, (SlaAuthConfig{.mode = SlaAuthMode::kNone, .key_string = ""}));
-  parse = Parse({{"control-phase.authentication", R"({"mode":"no","algorithm":"md5","key-string":"ab","key-id":1})"}});
+  parse = Parse({{"control-phase.authentication",
+                  R"({"mode":"no","algorithm":"md5","key-string":"ab","key-id":1})"}});
   ASSERT_TRUE(parse.Accepted());
   EXPECT_EQ(parse.config.auth, (SlaAuthConfig{.mode = SlaAuthMode::kNone, .key_string = ""}));
 }
 
 TEST(TaskParserTest, ChecksTheWholeKeyIdAndStoresEightBits) {
-  const TaskParse parse =
-      Parse({{"control-phase.authentication", R"({"mode":"keychain","algorithm":"sha256","key-id":257})"}});
+  const TaskParse parse = Parse({{"control-phase.authentication",
+                                  R"({"mode":"keychain","algorithm":"sha256","key-id":257})"}});
   ASSERT_TRUE(parse.Accepted());
   EXPECT_EQ(parse.config.auth.mode, SlaAuthMode::kKeychain);
   EXPECT_EQ(parse.config.auth.algorithm, SlaAuthAlgorithm::kSha256);
   EXPECT_EQ(parse.config.auth.key_id, 1);
   EXPECT_EQ(parse.config.auth.key_string, "");
-  EXPECT_EQ(Reason({{"control-phase.authentication", R"({"mode":"keychain","algorithm":"sha256","key-id":2})"}}),
+  EXPECT_EQ(Reason({{"control-phase.authentication",
+                     R"({"mode":"keychain","algorithm":"sha256","key-id":2})"}}),
             "invalid control phase authentication secret key id");
 }
 
@@ -235,7 +243,8 @@ TEST(TaskParserTest, CutsWhatDoesNotFitItsField) {
 }
 
 TEST(TaskParserTest, LimitsNumbersToSigned32Bits) {
-  const TaskParse parse = Parse({{"control-phase.retry", "1e12"}, {"control-phase.timeout", "2.9"}});
+  const TaskParse parse =
+      Parse({{"control-phase.retry", "1e12"}, {"control-phase.timeout", "2.9"}});
   ASSERT_TRUE(parse.Accepted());
   EXPECT_EQ(parse.config.control_retry, std::numeric_limits<std::int32_t>::max());
   EXPECT_EQ(parse.config.control_timeout, 2);
@@ -273,8 +282,8 @@ InterfaceAddress SomeInterface() {
 
 TEST(TaskParserTest, TakesTheSourceFromItsInterface) {
   RecordingLookup lookup{.answer = SomeInterface(), .asked = {}};
-  const JsonDocument task =
-      Edited(ValidTask(), {{"control-phase.src-address", ""}, {"control-phase.src-interface", "\"eth4\""}});
+  const JsonDocument task = Edited(ValidTask(), {{"control-phase.src-address", ""},
+                                                 {"control-phase.src-interface", "\"eth4\""}});
   const TaskParse parse = ParseTask(task.get(), {}, {}, lookup.Function());
   ASSERT_TRUE(parse.Accepted());
   EXPECT_THAT(lookup.asked, ElementsAre("blue/eth4"));
@@ -317,7 +326,8 @@ TEST(TaskParserTest, AbandonsTheFileWhenTheEnvironmentFails) {
 }
 
 TEST(TaskParserTest, AsksNothingAboutATaskThatIsAlreadySkipped) {
-  for (const char* fault : {"sla-id", "scheduler", "control-phase.timeout", "control-phase.retry"}) {
+  for (const char* fault :
+       {"sla-id", "scheduler", "control-phase.timeout", "control-phase.retry"}) {
     RecordingLookup lookup{.status = kInterfaceEnvironmentFailed, .answer = {}, .asked = {}};
     const JsonDocument task = Edited(ValidTask(), {{"control-phase.src-address", ""}, {fault, ""}});
     const TaskParse parse = ParseTask(task.get(), {}, {}, lookup.Function());

@@ -1,13 +1,13 @@
 // GetIfaceData in the daemon's own namespace and in a VRF.
 
 #include <arpa/inet.h>
-#include <cjson/cJSON.h>
 #include <net/if.h>
 #include <sys/resource.h>
 
 #include <memory>
 #include <string>
 
+#include <cjson/cJSON.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -29,7 +29,8 @@ struct Lookup {
 };
 
 Lookup LookUpIn(const std::string& vrf, const std::string& phase_text) {
-  const std::unique_ptr<cJSON, decltype(&cJSON_Delete)> phase(cJSON_Parse(phase_text.c_str()), &cJSON_Delete);
+  const std::unique_ptr<cJSON, decltype(&cJSON_Delete)> phase(cJSON_Parse(phase_text.c_str()),
+                                                              &cJSON_Delete);
   Lookup lookup;
   lookup.interface = GetIfaceData(vrf, phase.get(), &lookup.status);
   return lookup;
@@ -109,8 +110,9 @@ TEST_F(GetIfaceDataTest, KeepsANameThatIsTooLong) {
 }
 
 TEST_F(GetIfaceDataTest, RefusesAPhaseWithoutUsableInterface) {
-  for (const char* phase : {"{}", R"({"src-interface": 5})", R"({"src-interface": null})", R"({"src-interface": ""})",
-                            R"({"src-interface": ["lo"]})", "[]", "not JSON"}) {
+  for (const char* phase :
+       {"{}", R"({"src-interface": 5})", R"({"src-interface": null})", R"({"src-interface": ""})",
+        R"({"src-interface": ["lo"]})", "[]", "not JSON"}) {
     const Lookup lookup = LookUpIn("", phase);
     EXPECT_EQ(lookup.status, kInterfaceNotConfigured) << phase;
     EXPECT_EQ(lookup.interface.index, 0U) << phase;
@@ -124,7 +126,8 @@ TEST_F(GetIfaceDataTest, ReportsAnUnknownVrfAndLooksUpOutside) {
   const Lookup lookup = LookUpName("red", "near0");
   EXPECT_EQ(lookup.status, kInterfaceEnvironmentFailed);
   EXPECT_EQ(lookup.interface.index, if_nametoindex("near0"));
-  EXPECT_THAT(TakeSyslogTexts(), ElementsAre("Catch exception SetNetworkNamespaceredfailed: open() failed: %m"));
+  EXPECT_THAT(TakeSyslogTexts(),
+              ElementsAre("Catch exception SetNetworkNamespaceredfailed: open() failed: %m"));
 }
 
 TEST_F(GetIfaceDataTest, ReportsThatTheOwnNamespaceIsNotRegistered) {
@@ -132,14 +135,16 @@ TEST_F(GetIfaceDataTest, ReportsThatTheOwnNamespaceIsNotRegistered) {
   const Lookup lookup = LookUpName("blue", "far0");
   EXPECT_EQ(lookup.status, kInterfaceEnvironmentFailed);
   EXPECT_EQ(AddressOf(lookup.interface), "10.9.0.2");
-  EXPECT_THAT(TakeSyslogTexts(), ElementsAre("Catch exception SetNetworkNamespace1failed: open() failed: %m"));
+  EXPECT_THAT(TakeSyslogTexts(),
+              ElementsAre("Catch exception SetNetworkNamespace1failed: open() failed: %m"));
 }
 
 TEST_F(GetIfaceDataTest, ReportsEachFailedSwitch) {
   vrfs_.Unregister("1");
   EXPECT_EQ(LookUpName("red", "near0").status, kInterfaceEnvironmentFailed);
-  EXPECT_THAT(TakeSyslogTexts(), ElementsAre("Catch exception SetNetworkNamespaceredfailed: open() failed: %m",
-                                             "Catch exception SetNetworkNamespace1failed: open() failed: %m"));
+  EXPECT_THAT(TakeSyslogTexts(),
+              ElementsAre("Catch exception SetNetworkNamespaceredfailed: open() failed: %m",
+                          "Catch exception SetNetworkNamespace1failed: open() failed: %m"));
 }
 
 TEST_F(GetIfaceDataTest, ReportsThatThereIsNoSocketToAskThrough) {

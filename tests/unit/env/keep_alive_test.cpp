@@ -1,13 +1,13 @@
 #include "env/keep_alive.h"
 
 #include <algorithm>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstddef>
 #include <string>
 #include <vector>
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -42,7 +42,8 @@ class KeepAliveTest : public testing::Test {
 
 bool IsZeroed(const void* record) {
   const auto* bytes = static_cast<const unsigned char*>(record);
-  return std::all_of(bytes, bytes + KEEPALIVE_RECORD_BYTES, [](unsigned char byte) { return byte == 0; });
+  return std::all_of(bytes, bytes + KEEPALIVE_RECORD_BYTES,
+                     [](unsigned char byte) { return byte == 0; });
 }
 
 TEST_F(KeepAliveTest, AnnouncesTheProcessAndThenSignals) {

@@ -62,9 +62,12 @@ TEST_F(NetworkNamespaceTest, MovesTheCallingThreadOnly) {
 
 TEST_F(NetworkNamespaceTest, NamesTheFailingStepInItsError) {
   WriteText("/run/netns/plain", "no namespace");
-  EXPECT_EQ(ErrorOf([] { SetNetworkNamespace(""); }), "SetNetworkNamespacefailed: invalid network namespace");
-  EXPECT_EQ(ErrorOf([] { SetNetworkNamespace("red"); }), "SetNetworkNamespaceredfailed: open() failed: %m");
-  EXPECT_EQ(ErrorOf([] { SetNetworkNamespace("plain"); }), "SetNetworkNamespaceplainfailed: syscall() failed: %m");
+  EXPECT_EQ(ErrorOf([] { SetNetworkNamespace(""); }),
+            "SetNetworkNamespacefailed: invalid network namespace");
+  EXPECT_EQ(ErrorOf([] { SetNetworkNamespace("red"); }),
+            "SetNetworkNamespaceredfailed: open() failed: %m");
+  EXPECT_EQ(ErrorOf([] { SetNetworkNamespace("plain"); }),
+            "SetNetworkNamespaceplainfailed: syscall() failed: %m");
   std::filesystem::remove("/run/netns/plain");
 }
 

@@ -39,7 +39,8 @@ class LoopbackSocket {
 
   void SendTo(const LoopbackSocket& peer, const std::string& text) const {
     const auto* to = reinterpret_cast<const sockaddr*>(&peer.address_);
-    EXPECT_EQ(sendto(fd_, text.data(), text.size(), 0, to, sizeof peer.address_), static_cast<ssize_t>(text.size()));
+    EXPECT_EQ(sendto(fd_, text.data(), text.size(), 0, to, sizeof peer.address_),
+              static_cast<ssize_t>(text.size()));
   }
 
   void ConnectTo(const sockaddr_in& peer) const {
@@ -172,7 +173,8 @@ TEST(ReceiveStampedTest, StampsTheArrivalHoweverLateTheDatagramIsTaken) {
   // The kernel begins to stamp a moment after the first socket asked for it.
   const std::int64_t deadline = SteadyNanoseconds() + 10000 * kMillisecond;
   Arrival arrival = TakeLate(receiver);
-  while (arrival.stamp > arrival.readable && SteadyNanoseconds() < deadline) arrival = TakeLate(receiver);
+  while (arrival.stamp > arrival.readable && SteadyNanoseconds() < deadline)
+    arrival = TakeLate(receiver);
   EXPECT_GE(arrival.stamp, arrival.sent);
   EXPECT_LE(arrival.stamp, arrival.readable);
 }
@@ -213,7 +215,8 @@ TEST(ReserveReceiveBufferTest, NeverShrinksTheBuffer) {
 
 TEST(ReserveReceiveBufferTest, StopsAtEightMebibytes) {
   const std::size_t huge = static_cast<std::size_t>(-1);
-  for (const auto& [datagrams, bytes] : {std::pair{huge, huge}, {huge, std::size_t{1}}, {std::size_t{1}, huge}}) {
+  for (const auto& [datagrams, bytes] :
+       {std::pair{huge, huge}, {huge, std::size_t{1}}, {std::size_t{1}, huge}}) {
     const LoopbackSocket socket;
     ReserveReceiveBuffer(socket.Fd(), datagrams, bytes);
     EXPECT_EQ(socket.ReceiveBuffer(), 8 << 20);

@@ -25,12 +25,18 @@ TEST(TimeOfDayTest, CountsFromMidnightUtc) {
       {{kNoon, 123456789}, 43200123.456, 4320012345678U, 43200123},
       {{kNoon, 999}, 43200000.0, 4320000000099U, 43200000},
       {{kNoon, 1000}, 43200000.001, 4320000000100U, 43200000},
-      {{-1, 500000000}, 86399500.0, 8639950000000U, 86399500},  // before 1970, but of a day all the same
+      {{-1, 500000000},
+       86399500.0,
+       8639950000000U,
+       86399500},  // before 1970, but of a day all the same
   }};
   for (const DayCase& c : cases) {
-    EXPECT_DOUBLE_EQ(MillisecondsOfDay(c.time), c.milliseconds) << c.time.tv_sec << "." << c.time.tv_nsec;
-    EXPECT_EQ(TenNanosecondsOfDay(c.time), c.ten_nanoseconds) << c.time.tv_sec << "." << c.time.tv_nsec;
-    EXPECT_EQ(WholeMillisecondsOfDay(c.time), c.whole_milliseconds) << c.time.tv_sec << "." << c.time.tv_nsec;
+    EXPECT_DOUBLE_EQ(MillisecondsOfDay(c.time), c.milliseconds)
+        << c.time.tv_sec << "." << c.time.tv_nsec;
+    EXPECT_EQ(TenNanosecondsOfDay(c.time), c.ten_nanoseconds)
+        << c.time.tv_sec << "." << c.time.tv_nsec;
+    EXPECT_EQ(WholeMillisecondsOfDay(c.time), c.whole_milliseconds)
+        << c.time.tv_sec << "." << c.time.tv_nsec;
   }
 }
 
@@ -53,7 +59,8 @@ TEST(NtpTest, ConvertsATimeWithItsMicroseconds) {
       {{1, 999999999}, 0x83AA7E81FFFFEF39U},   // 999999 microseconds
       {{2085978496, 250000000}, 0x40000000U},  // 2036: the second NTP era begins
   }};
-  for (const NtpCase& c : cases) EXPECT_EQ(NtpFromTime(c.time), c.stamp) << c.time.tv_sec << "." << c.time.tv_nsec;
+  for (const NtpCase& c : cases)
+    EXPECT_EQ(NtpFromTime(c.time), c.stamp) << c.time.tv_sec << "." << c.time.tv_nsec;
 }
 
 TEST(NtpTest, ConvertsMicroseconds) {
@@ -66,7 +73,8 @@ TEST(NtpTest, ConvertsMicroseconds) {
 TEST(NtpTest, AgreesWithItselfForEveryMicrosecond) {
   for (std::uint64_t microseconds = 0; microseconds < 1000000; ++microseconds) {
     const timespec time{1700000000, static_cast<long>(microseconds) * 1000};
-    ASSERT_EQ(NtpFromMicroseconds(1700000000000000U + microseconds), NtpFromTime(time)) << microseconds;
+    ASSERT_EQ(NtpFromMicroseconds(1700000000000000U + microseconds), NtpFromTime(time))
+        << microseconds;
   }
 }
 
@@ -119,7 +127,8 @@ TEST(ClockTest, NeverSleepsTooShort) {
 
 TEST(ClockTest, DoesNotSleepUntilADeadlineInThePast) {
   const std::int64_t begin = SteadyNanoseconds();
-  for (const std::int64_t deadline : {begin, begin - 1000000000, std::int64_t{0}, std::int64_t{-1}, INT64_MIN}) {
+  for (const std::int64_t deadline :
+       {begin, begin - 1000000000, std::int64_t{0}, std::int64_t{-1}, INT64_MIN}) {
     SleepUntil(deadline);
   }
   EXPECT_LT(SteadyNanoseconds() - begin, 10000000000);

@@ -1,9 +1,9 @@
 #include "log/format.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdarg>
 #include <string>
+
+#include <gtest/gtest.h>
 
 namespace ipsla::test {
 namespace {

@@ -199,7 +199,9 @@ TEST_P(LogFileFailureTest, ReachesTheSystemLogAloneWhenTheDaemonsLogIsNotOpen) {
 INSTANTIATE_TEST_SUITE_P(
     Calls, LogFileFailureTest,
     testing::Values(Failure{"Tell", {&FailingTell, &readlink}, "ftell failed: Illegal seek"},
-                    Failure{"ReadLink", {&LargePosition, &FailingReadLink}, "readlink failed: Permission denied"}),
+                    Failure{"ReadLink",
+                            {&LargePosition, &FailingReadLink},
+                            "readlink failed: Permission denied"}),
     [](const auto& failure) { return std::string(failure.param.name); });
 
 }  // namespace

@@ -52,7 +52,8 @@ TEST_F(LogTest, WritesBothCopiesOfADebugMessage) {
   EXPECT_EQ(records[0].module, 59);
   EXPECT_EQ(records[0].flag, 1);
   EXPECT_EQ(records[0].severity, 7);
-  EXPECT_EQ(records[0].line, "%IP_SLA-D-DEBUG: log_test.cpp:" + std::to_string(line) + ":TestBody(): value 3 of four");
+  EXPECT_EQ(records[0].line, "%IP_SLA-D-DEBUG: log_test.cpp:" + std::to_string(line) +
+                                 ":TestBody(): value 3 of four");
   EXPECT_THAT(ReadLogFile(0), ElementsAre("value 3 of four"));
 }
 
@@ -127,7 +128,8 @@ TEST(ProcessLoggerTest, ReachesOnlyTheSystemLogAfterItsShutdown) {
     OpenLogFile(8);
     CloseLogFile(8);
     ShutdownLog();
-    FinishChild(TakeSyslogTexts() == std::vector<std::string>{"after"} ? "" : "not in the system log");
+    FinishChild(TakeSyslogTexts() == std::vector<std::string>{"after"} ? ""
+                                                                       : "not in the system log");
   };
   EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
   EXPECT_EQ(ReadLines("/var/log/ip-sla/test_8.log").size(), 1U);

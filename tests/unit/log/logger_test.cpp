@@ -8,7 +8,6 @@
 
 #include <array>
 #include <atomic>
-#include <boost/thread/exceptions.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -20,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include <boost/thread/exceptions.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -40,7 +40,8 @@ std::vector<std::string> Texts(const std::filesystem::path& path) {
   constexpr std::size_t kTimeLength = 21;  // "dd-mm-yyyy hh:mm:ss: "
   std::vector<std::string> texts;
   for (const std::string& line : ReadLines(path)) {
-    EXPECT_THAT(line, MatchesRegex("[0-9][0-9]-[0-9][0-9]-[0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}: .*"));
+    EXPECT_THAT(line,
+                MatchesRegex("[0-9][0-9]-[0-9][0-9]-[0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}: .*"));
     texts.push_back(line.size() < kTimeLength ? line : line.substr(kTimeLength));
   }
   return texts;
@@ -53,7 +54,8 @@ class LoggerTest : public testing::Test {
 };
 
 TEST_F(LoggerTest, WritesTheDaemonsFileAndOnePerTest) {
-  for (const std::uint16_t id : std::initializer_list<std::uint16_t>{0, 7, 65535}) logger_.OpenLogFile(id);
+  for (const std::uint16_t id : std::initializer_list<std::uint16_t>{0, 7, 65535})
+    logger_.OpenLogFile(id);
   logger_.Log(0, 1, "%s %d", "daemon", 1);
   logger_.Log(7, 1, "plain");
   logger_.Log(65535, 0, "%5.1f%%", 99.5);
@@ -236,7 +238,8 @@ TEST(LoggerDiskTest, NeverLetsACallerWaitForTheDisk) {
   std::size_t received = 0;
   bool callers_went_on = false;
   std::thread reader([&] {
-    callers_went_on = posted.get_future().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    callers_went_on =
+        posted.get_future().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
     std::vector<char> buffer(65536);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (received <= kBytes && std::chrono::steady_clock::now() < deadline) {
@@ -294,9 +297,12 @@ TEST(LoggerThreadTest, HasASmallStackAndNormalPriorityEvenForARealTimeCreator) {
   creator.join();
   const WriterThread writer = seen.get_future().get();
   EXPECT_GE(writer.stack, log_internal::RoundedStackBytes());
-  EXPECT_LE(writer.stack, 4 * log_internal::RoundedStackBytes());  // the C library may reuse one up to so much larger
+  EXPECT_LE(
+      writer.stack,
+      4 * log_internal::RoundedStackBytes());  // the C library may reuse one up to so much larger
   EXPECT_EQ(writer.policy, SCHED_OTHER);
-  if (!is_real_time) GTEST_SKIP() << "this machine gives no real-time priority: inheritance was not tried";
+  if (!is_real_time)
+    GTEST_SKIP() << "this machine gives no real-time priority: inheritance was not tried";
 }
 
 Logger* logger_to_end = nullptr;

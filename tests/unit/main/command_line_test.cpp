@@ -40,7 +40,11 @@ const Case kCases[] = {
     {"BothFiles", {"-f", "t.json", "-k", "k.json"}, Action::kRun, "t.json", "k.json"},
     {"ArgumentsWithoutABlank", {"-ft.json", "-kk.json"}, Action::kRun, "t.json", "k.json"},
     {"MissingNamesStayEmpty", {}, Action::kRun, "", ""},
-    {"LaterNamesReplaceEarlierOnes", {"-f", "a", "-k", "b", "-f", "c", "-k", "d"}, Action::kRun, "c", "d"},
+    {"LaterNamesReplaceEarlierOnes",
+     {"-f", "a", "-k", "b", "-f", "c", "-k", "d"},
+     Action::kRun,
+     "c",
+     "d"},
     {"OtherWordsAreIgnored", {"word", "-f", "t.json"}, Action::kRun, "t.json", ""},
     {"VersionAtOnce", {"-v", "-x"}, Action::kPrintVersion, "", ""},
     {"VersionBehindOthers", {"-f", "t.json", "-v"}, Action::kPrintVersion, "t.json", ""},
@@ -60,10 +64,12 @@ TEST(CommandLineTextTest, BannerNamesVersionDateAndTime) {
 }
 
 TEST(CommandLineTextTest, UsageNamesTheProgramAndTheTypes) {
-  EXPECT_EQ(UsageText("/usr/sbin/x"),
-            "usage syntax: /usr/sbin/x -f [IP SLA tasks configuration file] -k [keychain configuration file]\n"
-            "available type of measurement:\n - udp echo\n - udp jitter\n - udp jitter [ntp timestamp]\n"
-            " - icmp echo\n - icmp jitter\n");
+  EXPECT_EQ(
+      UsageText("/usr/sbin/x"),
+      "usage syntax: /usr/sbin/x -f [IP SLA tasks configuration file] -k [keychain configuration "
+      "file]\n"
+      "available type of measurement:\n - udp echo\n - udp jitter\n - udp jitter [ntp timestamp]\n"
+      " - icmp echo\n - icmp jitter\n");
 }
 
 }  // namespace

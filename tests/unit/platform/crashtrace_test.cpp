@@ -41,15 +41,17 @@ TEST_P(CrashTraceTest, PrintsTheBackTraceAndDiesOfTheSignal) {
 }
 
 INSTANTIATE_TEST_SUITE_P(FatalSignals, CrashTraceTest,
-                         testing::Values(Crash{SIGSEGV, "SIGSEGV"}, Crash{SIGBUS, "SIGBUS"}, Crash{SIGFPE, "SIGFPE"},
-                                         Crash{SIGILL, "SIGILL"}, Crash{SIGABRT, "SIGABRT"}, Crash{SIGSYS, "SIGSYS"}),
+                         testing::Values(Crash{SIGSEGV, "SIGSEGV"}, Crash{SIGBUS, "SIGBUS"},
+                                         Crash{SIGFPE, "SIGFPE"}, Crash{SIGILL, "SIGILL"},
+                                         Crash{SIGABRT, "SIGABRT"}, Crash{SIGSYS, "SIGSYS"}),
                          [](const auto& crash) { return std::string(crash.param.name); });
 
 TEST(CrashTraceConsoleTest, ReportsTheCrashOfAnotherThread) {
   const auto crash = [] {
     Prepare();
     std::thread([] {
-      // The result is kept so that the call is no jump, which would leave no frame of this program on the stack.
+      // The result is kept so that the call is no jump, which would leave no frame of this program
+      // on the stack.
       [[maybe_unused]] const volatile int result = raise(SIGSEGV);
     }).join();
   };

@@ -34,8 +34,10 @@ Library Load() {
   Library library;
   library.live = reinterpret_cast<decltype(library.live)>(dlsym(handle, "send_signal_live"));
   library.timeout = reinterpret_cast<decltype(library.timeout)>(dlsym(handle, "set_timeout"));
-  library.shift = reinterpret_cast<decltype(library.shift)>(dlsym(handle, "send_and_shift_timeout"));
-  if (!library.live || !library.timeout || !library.shift || library.live == &send_signal_live) FinishChild("symbols");
+  library.shift =
+      reinterpret_cast<decltype(library.shift)>(dlsym(handle, "send_and_shift_timeout"));
+  if (!library.live || !library.timeout || !library.shift || library.live == &send_signal_live)
+    FinishChild("symbols");
   return library;
 }
 

@@ -37,12 +37,15 @@ int ListenAsSystemLog() {
 std::string ReceiveRecord(int fd) {
   std::array<char, 512> buffer{};
   const ssize_t length = recv(fd, buffer.data(), buffer.size(), 0);
-  return length < 0 ? "nothing received" : std::string(buffer.data(), static_cast<std::size_t>(length));
+  return length < 0 ? "nothing received"
+                    : std::string(buffer.data(), static_cast<std::size_t>(length));
 }
 
-std::string FaultOf(const std::string& datagram, const std::string& priority, const std::string& text) {
+std::string FaultOf(const std::string& datagram, const std::string& priority,
+                    const std::string& text) {
   const std::string program = " ipsla-unit-tests[" + std::to_string(getpid()) + "]: ";
-  const bool is_right = datagram.starts_with(priority) && datagram.find(program + text) != std::string::npos;
+  const bool is_right =
+      datagram.starts_with(priority) && datagram.find(program + text) != std::string::npos;
   return is_right ? "" : "unexpected datagram: " + datagram;
 }
 
@@ -51,9 +54,12 @@ TEST(LogServiceStandInTest, SendsToTheSystemLogWithTheGivenSeverity) {
     // Past the recording function of this program to the library's own.
     void* library = dlopen(ipsla::test::LibraryPath("liblogsvc.so").c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) FinishChild(dlerror());
-    const auto message = reinterpret_cast<decltype(&SYSLOG_message)>(dlsym(library, "SYSLOG_message"));
-    const auto close_log = reinterpret_cast<decltype(&SYSLOG_close)>(dlsym(library, "SYSLOG_close"));
-    if (message == nullptr || message == &SYSLOG_message || close_log == nullptr) FinishChild("symbols");
+    const auto message =
+        reinterpret_cast<decltype(&SYSLOG_message)>(dlsym(library, "SYSLOG_message"));
+    const auto close_log =
+        reinterpret_cast<decltype(&SYSLOG_close)>(dlsym(library, "SYSLOG_close"));
+    if (message == nullptr || message == &SYSLOG_message || close_log == nullptr)
+      FinishChild("symbols");
     const int system_log = ListenAsSystemLog();
     if (system_log < 0) FinishChild("no /dev/log");
 

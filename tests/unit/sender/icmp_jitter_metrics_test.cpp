@@ -33,8 +33,9 @@ SlaPacketRecord Sent(std::uint32_t ss, double send_ms) {
   return record;
 }
 
-SlaPacketRecord Answered(std::uint32_t ss, std::uint32_t id, double send_ms, std::uint64_t remote_receive,
-                         std::uint64_t remote_transmit, double receive_ms) {
+SlaPacketRecord Answered(std::uint32_t ss, std::uint32_t id, double send_ms,
+                         std::uint64_t remote_receive, std::uint64_t remote_transmit,
+                         double receive_ms) {
   SlaPacketRecord record = Sent(ss, send_ms);
   record.id = id;
   record.state = SlaPacketState::kReceived;
@@ -51,11 +52,11 @@ SlaPacketRecord Stamped(std::uint32_t ss, std::uint32_t id, std::uint64_t remote
 }
 
 TEST(CalcIcmpMetric, AveragesAnUndisturbedRun) {
-  // Probe 1: RTT 30.5, SD 1010 - 1000, DS 1030 - 1011. Probe 2: the peer's stamp lies before the sending, RTT 20 split
-  // evenly. Probe 3: RTT 9.5, SD 3004 - 3000, DS 3009 - 3004.
-  const SlaTaskMetrics metrics =
-      Calculate({Answered(3, 2, 3000, 3004, 3004, 3009.5), Answered(1, 0, 1000.25, 1010, 1011, 1030.75),
-                 Answered(2, 1, 2000.5, 1500, 1500, 2020.5)});
+  // Probe 1: RTT 30.5, SD 1010 - 1000, DS 1030 - 1011. Probe 2: the peer's stamp lies before the
+  // sending, RTT 20 split evenly. Probe 3: RTT 9.5, SD 3004 - 3000, DS 3009 - 3004.
+  const SlaTaskMetrics metrics = Calculate({Answered(3, 2, 3000, 3004, 3004, 3009.5),
+                                            Answered(1, 0, 1000.25, 1010, 1011, 1030.75),
+                                            Answered(2, 1, 2000.5, 1500, 1500, 2020.5)});
   SlaTaskMetrics expected;
   expected.sd_smp_count = expected.ds_smp_count = expected.rtt_smp_count = 3;
   expected.rtt_min = 9.5;
@@ -89,8 +90,8 @@ TEST(CalcIcmpMetric, BooksEveryLossToTheWayOut) {
 
 TEST(CalcIcmpMetric, CountsOvertakenRepliesByOneWhateverTheGap) {
   // Stamps in order of arrival: 1100, 1500, 1200, 1300. The last two are behind 1500: no samples.
-  const SlaTaskMetrics metrics =
-      Calculate({Stamped(4, 1, 1500), Stamped(1, 0, 1100), Stamped(2, 2, 1200), Stamped(3, 3, 1300)});
+  const SlaTaskMetrics metrics = Calculate(
+      {Stamped(4, 1, 1500), Stamped(1, 0, 1100), Stamped(2, 2, 1200), Stamped(3, 3, 1300)});
   EXPECT_EQ(2, metrics.ds_out_of_sequence);
   EXPECT_EQ(0, metrics.sd_out_of_sequence);
   EXPECT_EQ(2, metrics.late_arrival);
@@ -103,15 +104,17 @@ TEST(CalcIcmpMetric, CountsOvertakenRepliesByOneWhateverTheGap) {
 
 TEST(CalcIcmpMetric, CountsProbesOvertakenOnTheWayOutByTheGap) {
   // The peer answers 1, 4, 2, 3: sequence numbers 2 and 3 are left out at first, nothing is lost.
-  const SlaTaskMetrics metrics =
-      Calculate({Stamped(4, 1, 1200), Stamped(1, 0, 1100), Stamped(2, 2, 1300), Stamped(3, 3, 1400)});
+  const SlaTaskMetrics metrics = Calculate(
+      {Stamped(4, 1, 1200), Stamped(1, 0, 1100), Stamped(2, 2, 1300), Stamped(3, 3, 1400)});
   EXPECT_EQ(2, metrics.sd_out_of_sequence);
   EXPECT_EQ(0, metrics.ds_out_of_sequence);
   EXPECT_EQ(2, metrics.late_arrival);
   EXPECT_EQ(2, metrics.sd_smp_count);
   EXPECT_EQ(4, metrics.ds_smp_count);
   EXPECT_EQ(2, metrics.rtt_smp_count);
-  EXPECT_EQ(500, metrics.latency_sd_avg);  // (100 + 200 + 300 + 400) / 2: all samples over the smaller count
+  EXPECT_EQ(
+      500,
+      metrics.latency_sd_avg);  // (100 + 200 + 300 + 400) / 2: all samples over the smaller count
 }
 
 TEST(CalcIcmpMetric, TakesRepliesOfTheSameMillisecondAsInOrder) {
@@ -162,20 +165,23 @@ TEST(CalcIcmpMetric, LogsPacketsAndTableToBothCopies) {
   SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kIcmpJitter);
   std::vector<SlaPacketRecord> records{Sent(2, 2000), Answered(1, 0, 1000.25, 1010, 1011, 1030.75)};
   CalcIcmpMetric(kLoggedId, records, &metrics);
-  EXPECT_THAT(TakeSyslogTexts(),
-              ElementsAre("  ID  |  SS  |    RT    |  STATE  ",
-                          "Packet #1\n\t<-------------------------------[30.500  ]------------------------------->\n"
-                          "\t[    S   ] ---- (   SD   ) ---- [    D   ] ---- (   DS   ) ---- [    S   ]\n"
-                          "\t[1000    ] ---- (10.000  ) ---- [1011    ] ---- (19.000  ) ---- [1030    ]",
-                          "  ID  |  SS  |    RT    |  STATE  ", " 0    | 2    | 0        | loss ds",
-                          " 0    | 1    | 1011     | received"));
-  EXPECT_THAT(ReadLogFile(kLoggedId),
-              ElementsAre("  ID  |  SS  |    RT    |  STATE  ", "Packet #1",
-                          "\t<-------------------------------[30.500  ]------------------------------->",
-                          "\t[    S   ] ---- (   SD   ) ---- [    D   ] ---- (   DS   ) ---- [    S   ]",
-                          "\t[1000    ] ---- (10.000  ) ---- [1011    ] ---- (19.000  ) ---- [1030    ]",
-                          "  ID  |  SS  |    RT    |  STATE  ", " 0    | 2    | 0        | loss ds",
-                          " 0    | 1    | 1011     | received"));
+  EXPECT_THAT(
+      TakeSyslogTexts(),
+      ElementsAre("  ID  |  SS  |    RT    |  STATE  ",
+                  "Packet #1\n\t<-------------------------------[30.500  "
+                  "]------------------------------->\n"
+                  "\t[    S   ] ---- (   SD   ) ---- [    D   ] ---- (   DS   ) ---- [    S   ]\n"
+                  "\t[1000    ] ---- (10.000  ) ---- [1011    ] ---- (19.000  ) ---- [1030    ]",
+                  "  ID  |  SS  |    RT    |  STATE  ", " 0    | 2    | 0        | loss ds",
+                  " 0    | 1    | 1011     | received"));
+  EXPECT_THAT(
+      ReadLogFile(kLoggedId),
+      ElementsAre("  ID  |  SS  |    RT    |  STATE  ", "Packet #1",
+                  "\t<-------------------------------[30.500  ]------------------------------->",
+                  "\t[    S   ] ---- (   SD   ) ---- [    D   ] ---- (   DS   ) ---- [    S   ]",
+                  "\t[1000    ] ---- (10.000  ) ---- [1011    ] ---- (19.000  ) ---- [1030    ]",
+                  "  ID  |  SS  |    RT    |  STATE  ", " 0    | 2    | 0        | loss ds",
+                  " 0    | 1    | 1011     | received"));
 }
 
 }  // namespace

@@ -9,7 +9,8 @@
 namespace ipsla {
 namespace {
 
-// The worked example of RFC 1071, section 3: 0001 f203 f4f5 f6f7 sums to ddf2 with carries folded in.
+// The worked example of RFC 1071, section 3: 0001 f203 f4f5 f6f7 sums to ddf2 with carries folded
+// in.
 TEST(IcmpMessage, ChecksumIsTheComplementOfTheFoldedSum) {
   const std::array<std::uint8_t, 8> bytes{0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7};
   EXPECT_EQ(InternetChecksum(bytes), static_cast<std::uint16_t>(~0xddf2));
@@ -33,12 +34,14 @@ TEST(IcmpMessage, TimestampRequestBytes) {
   std::array<std::uint8_t, 64> buffer{};
   EncodeIcmpHeader(kIcmpTimestampRequest, 0x0001, 0x0002, buffer);
   EncodeOriginateTimestamp(86399999, buffer);
-  const std::vector<std::uint8_t> expected{0x0d, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x02, 0x05, 0x26,
-                                           0x5b, 0xff, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
+  const std::vector<std::uint8_t> expected{0x0d, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00,
+                                           0x02, 0x05, 0x26, 0x5b, 0xff, 0x00, 0x00,
+                                           0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
   EXPECT_EQ(std::vector<std::uint8_t>(buffer.begin(), buffer.begin() + 20), expected);
 }
 
-// The bytes behind what is sent are zero, so a checksum over the stored size is that of the sent bytes.
+// The bytes behind what is sent are zero, so a checksum over the stored size is that of the sent
+// bytes.
 TEST(IcmpMessage, ZerosBehindTheMessageDoNotChangeTheChecksum) {
   std::array<std::uint8_t, 64> longer{};
   EncodeIcmpHeader(kIcmpEchoRequest, 0x1111, 7, longer);
@@ -50,7 +53,8 @@ TEST(IcmpMessage, ZerosBehindTheMessageDoNotChangeTheChecksum) {
 
 TEST(IcmpMessage, ReplyIsReadBehindTheIpHeaderAtEveryLength) {
   std::vector<std::uint8_t> packet(40, 0xEE);
-  const std::vector<std::uint8_t> icmp{14, 0, 0, 0, 0xAB, 0xCD, 0x00, 0x05, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 3};
+  const std::vector<std::uint8_t> icmp{14, 0, 0, 0, 0xAB, 0xCD, 0x00, 0x05, 0, 0,
+                                       0,  1, 0, 0, 0,    2,    0,    0,    0, 3};
   std::copy(icmp.begin(), icmp.end(), packet.begin() + 20);
   const IcmpReply whole = DecodeIcmpReply(packet);
   EXPECT_EQ(whole.type, 14);
@@ -61,7 +65,8 @@ TEST(IcmpMessage, ReplyIsReadBehindTheIpHeaderAtEveryLength) {
   EXPECT_EQ(whole.transmit_timestamp, 3U);
   for (std::size_t length = 0; length < packet.size(); ++length) {
     // A copy of exactly this size, so that a read beyond it would be seen.
-    const std::vector<std::uint8_t> cut(packet.begin(), packet.begin() + static_cast<std::ptrdiff_t>(length));
+    const std::vector<std::uint8_t> cut(packet.begin(),
+                                        packet.begin() + static_cast<std::ptrdiff_t>(length));
     const IcmpReply reply = DecodeIcmpReply(cut);
     EXPECT_EQ(reply.type, length > 20 ? 14 : 0);
     EXPECT_EQ(reply.identifier, length >= 26 ? 0xABCD : length == 25 ? 0xAB00 : 0);

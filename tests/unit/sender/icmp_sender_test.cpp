@@ -1,4 +1,5 @@
-// ICMP tests on the loopback interface of a private namespace: the kernel answers echo and time-stamp requests.
+// ICMP tests on the loopback interface of a private namespace: the kernel answers echo and
+// time-stamp requests.
 
 #include "sender/icmp_sender.h"
 
@@ -11,9 +12,9 @@
 #include <set>
 #include <thread>
 
+#include <boost/smart_ptr/make_shared.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <boost/smart_ptr/make_shared.hpp>
 
 #include "log/log.h"
 #include "sender/icmp_identifier.h"
@@ -70,7 +71,8 @@ TEST_F(IcmpSenderTest, JitterRunOnLoopbackHasOneWayValues) {
   EXPECT_LE(last.latency_sd_max, 1000);
 }
 
-// Stored sizes 0 and 20 leave nothing, or no whole header, to send; whatever the kernel says, the probe counts as lost.
+// Stored sizes 0 and 20 leave nothing, or no whole header, to send; whatever the kernel says, the
+// probe counts as lost.
 TEST_F(IcmpSenderTest, TooSmallPacketsAreLostProbes) {
   std::uint16_t id = 22;
   for (const std::uint16_t stored : std::initializer_list<std::uint16_t>{0, 10, 20, 24}) {
@@ -98,14 +100,16 @@ TEST_F(IcmpSenderTest, UnreachableSourceFailsToStart) {
   test::TakeSyslog();
   const SlaTaskMetrics last = FirstRun(task).last;
   EXPECT_EQ(last.error_description, "Start test failed");
-  EXPECT_THAT(test::TakeSyslogTexts(), Contains("(test 28) SetNetworkNamespacemissingfailed: open() failed: %m"));
+  EXPECT_THAT(test::TakeSyslogTexts(),
+              Contains("(test 28) SetNetworkNamespacemissingfailed: open() failed: %m"));
   RemoveErrorLimits(28);
 }
 
 TEST_F(IcmpSenderTest, TwoTestsToOneDestinationKeepTheirRepliesApart) {
   std::vector<boost::shared_ptr<IcmpSender>> tests;
   for (std::uint16_t id = 30; id < 50; ++id) {
-    SlaTaskConfig task = LoopbackTask(id, id % 2 == 0 ? SlaTestType::kIcmpEcho : SlaTestType::kIcmpJitter);
+    SlaTaskConfig task =
+        LoopbackTask(id, id % 2 == 0 ? SlaTestType::kIcmpEcho : SlaTestType::kIcmpJitter);
     task.num_packets = 20;
     tests.push_back(boost::make_shared<IcmpSender>(context.worker, task, context.Shared()));
   }

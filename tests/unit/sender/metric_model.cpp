@@ -1,5 +1,4 @@
 #include "sender/metric_model.h"
-#include "sender/jitter_fixture.h"
 
 #include <endian.h>
 
@@ -9,6 +8,8 @@
 #include <map>
 #include <numeric>
 #include <optional>
+
+#include "sender/jitter_fixture.h"
 
 namespace ipsla::test {
 
@@ -23,7 +24,8 @@ std::int32_t Low32(std::int64_t value) {
 }
 
 // Slots in ascending order of the key; a multimap keeps equal keys in the order of insertion.
-std::vector<std::size_t> Ordered(const std::vector<std::size_t>& slots, const Ring& ring, const Key& key) {
+std::vector<std::size_t> Ordered(const std::vector<std::size_t>& slots, const Ring& ring,
+                                 const Key& key) {
   std::multimap<std::uint64_t, std::size_t> sorted;
   for (const std::size_t slot : slots) sorted.emplace(key(ring[slot]), slot);
   std::vector<std::size_t> order;
@@ -37,7 +39,8 @@ std::vector<std::size_t> AllSlots(const Ring& ring) {
   return slots;
 }
 
-// The numbers left out below the maximum of a list of numbers from 1, seen by somebody who only looks at new maxima.
+// The numbers left out below the maximum of a list of numbers from 1, seen by somebody who only
+// looks at new maxima.
 std::int64_t LeftOut(const std::vector<std::uint64_t>& numbers) {
   std::uint64_t maximum = 0;
   std::int64_t maxima = 0;
@@ -66,7 +69,8 @@ struct Facts {
   std::int64_t ds_left_out = 0;
 };
 
-double RootMeanSquare(const Facts& facts, std::int32_t count, double average, double OneWay::*direction) {
+double RootMeanSquare(const Facts& facts, std::int32_t count, double average,
+                      double OneWay::*direction) {
   std::vector<double> squares;
   for (std::size_t k = 0; k < facts.at.size() && static_cast<std::int64_t>(k) < count; ++k) {
     const double value = facts.at[k] ? (*facts.at[k]).*direction : 0;
@@ -110,7 +114,8 @@ double Percent(std::int32_t part, std::int32_t whole) {
 }
 
 bool InTime(const SlaPacketRecord& r, std::uint32_t budget_ms) {
-  return r.receive_stamp >= r.send_stamp && r.receive_stamp - r.send_stamp <= std::uint64_t{budget_ms} * 100000;
+  return r.receive_stamp >= r.send_stamp &&
+         r.receive_stamp - r.send_stamp <= std::uint64_t{budget_ms} * 100000;
 }
 
 std::int64_t NtpMilliseconds(std::uint64_t wire) {
@@ -127,14 +132,16 @@ double Gap(std::int64_t a, std::int64_t b) {
 OneWay NtpSample(const SlaPacketRecord& r) {
   const std::int64_t t1 = NtpMilliseconds(r.ntp_t1);
   const std::int64_t t4 = NtpMilliseconds(r.ntp_t4);
-  return {static_cast<double>(t4 - t1), Gap(NtpMilliseconds(r.ntp_t2), t1), Gap(t4, NtpMilliseconds(r.ntp_t3))};
+  return {static_cast<double>(t4 - t1), Gap(NtpMilliseconds(r.ntp_t2), t1),
+          Gap(t4, NtpMilliseconds(r.ntp_t3))};
 }
 
 OneWay UdpSample(const SlaPacketRecord& r) {
   const auto ms = [](std::uint64_t stamp) { return static_cast<double>(stamp) / 100000.0; };
   const double rtt = ms(r.receive_stamp - r.send_stamp);
   const std::uint64_t whole = r.remote_transmit_stamp / 100000;
-  if (whole < r.send_stamp / 100000 || whole > r.receive_stamp / 100000) return {rtt, rtt / 2, rtt / 2};
+  if (whole < r.send_stamp / 100000 || whole > r.receive_stamp / 100000)
+    return {rtt, rtt / 2, rtt / 2};
   return {rtt, std::fabs(ms(r.remote_transmit_stamp) - ms(r.send_stamp)),
           std::fabs(ms(r.receive_stamp) - ms(r.remote_transmit_stamp))};
 }
@@ -146,7 +153,8 @@ OneWay IcmpSample(const SlaPacketRecord& r) {
   const double rtt = r.receive_ms - r.send_ms;
   const auto remote = static_cast<double>(r.remote_receive_stamp);
   if (remote < r.send_ms || remote > r.receive_ms) return {rtt, rtt / 2, rtt / 2};
-  return {rtt, gap(r.remote_receive_stamp, r.send_stamp), gap(r.receive_stamp, r.remote_transmit_stamp)};
+  return {rtt, gap(r.remote_receive_stamp, r.send_stamp),
+          gap(r.receive_stamp, r.remote_transmit_stamp)};
 }
 
 std::uint64_t ArrivalOf(const SlaPacketRecord& r) {
@@ -154,8 +162,8 @@ std::uint64_t ArrivalOf(const SlaPacketRecord& r) {
 }
 
 // The sequence numbers of the replies that count, in the order of the key.
-std::vector<std::uint64_t> Sequences(const Facts& facts, const Ring& ring, const std::vector<bool>& counts,
-                                     const Key& key) {
+std::vector<std::uint64_t> Sequences(const Facts& facts, const Ring& ring,
+                                     const std::vector<bool>& counts, const Key& key) {
   std::vector<std::uint64_t> numbers;
   for (const std::size_t slot : Ordered(facts.by_arrival, ring, key)) {
     if (counts[slot]) numbers.push_back(ring[slot].ss);
@@ -178,7 +186,8 @@ void TakeSamples(const Ring& ring, const std::vector<bool>& counts, const Key& k
 
 }  // namespace
 
-SlaTaskMetrics ModelUdpJitter(const Ring& ring, std::uint32_t responder_count, std::uint32_t budget_ms, bool ntp) {
+SlaTaskMetrics ModelUdpJitter(const Ring& ring, std::uint32_t responder_count,
+                              std::uint32_t budget_ms, bool ntp) {
   const Key counter = [](const SlaPacketRecord& r) { return r.rs; };
   Facts facts;
   SlaTaskMetrics m;
@@ -260,33 +269,36 @@ testing::AssertionResult SameMetrics(const SlaTaskMetrics& expected, const SlaTa
       {"late_arrival", &M::late_arrival},
       {"skipped", &M::skipped},
       {"duplicate", &M::duplicate}};
-  static constexpr std::pair<const char*, double M::*> kValues[] = {{"sd_loss_pct", &M::sd_loss_pct},
-                                                                    {"ds_loss_pct", &M::ds_loss_pct},
-                                                                    {"jitter_sd_min", &M::jitter_sd_min},
-                                                                    {"jitter_sd_avg", &M::jitter_sd_avg},
-                                                                    {"jitter_sd_sd", &M::jitter_sd_sd},
-                                                                    {"jitter_sd_max", &M::jitter_sd_max},
-                                                                    {"jitter_ds_min", &M::jitter_ds_min},
-                                                                    {"jitter_ds_avg", &M::jitter_ds_avg},
-                                                                    {"jitter_ds_sd", &M::jitter_ds_sd},
-                                                                    {"jitter_ds_max", &M::jitter_ds_max},
-                                                                    {"latency_sd_min", &M::latency_sd_min},
-                                                                    {"latency_sd_avg", &M::latency_sd_avg},
-                                                                    {"latency_sd_max", &M::latency_sd_max},
-                                                                    {"latency_ds_min", &M::latency_ds_min},
-                                                                    {"latency_ds_avg", &M::latency_ds_avg},
-                                                                    {"latency_ds_max", &M::latency_ds_max},
-                                                                    {"rtt_min", &M::rtt_min},
-                                                                    {"rtt_avg", &M::rtt_avg},
-                                                                    {"rtt_max", &M::rtt_max}};
+  static constexpr std::pair<const char*, double M::*> kValues[] = {
+      {"sd_loss_pct", &M::sd_loss_pct},
+      {"ds_loss_pct", &M::ds_loss_pct},
+      {"jitter_sd_min", &M::jitter_sd_min},
+      {"jitter_sd_avg", &M::jitter_sd_avg},
+      {"jitter_sd_sd", &M::jitter_sd_sd},
+      {"jitter_sd_max", &M::jitter_sd_max},
+      {"jitter_ds_min", &M::jitter_ds_min},
+      {"jitter_ds_avg", &M::jitter_ds_avg},
+      {"jitter_ds_sd", &M::jitter_ds_sd},
+      {"jitter_ds_max", &M::jitter_ds_max},
+      {"latency_sd_min", &M::latency_sd_min},
+      {"latency_sd_avg", &M::latency_sd_avg},
+      {"latency_sd_max", &M::latency_sd_max},
+      {"latency_ds_min", &M::latency_ds_min},
+      {"latency_ds_avg", &M::latency_ds_avg},
+      {"latency_ds_max", &M::latency_ds_max},
+      {"rtt_min", &M::rtt_min},
+      {"rtt_avg", &M::rtt_avg},
+      {"rtt_max", &M::rtt_max}};
   for (const auto& [name, field] : kCounts) {
     if (expected.*field == actual.*field) continue;
-    return testing::AssertionFailure() << name << ": expected " << expected.*field << ", got " << actual.*field;
+    return testing::AssertionFailure()
+           << name << ": expected " << expected.*field << ", got " << actual.*field;
   }
   for (const auto& [name, field] : kValues) {
     const double a = expected.*field;
     const double b = actual.*field;
-    if (a == b || (std::isnan(a) && std::isnan(b)) || std::fabs(a - b) <= 1e-12 * std::fabs(a)) continue;
+    if (a == b || (std::isnan(a) && std::isnan(b)) || std::fabs(a - b) <= 1e-12 * std::fabs(a))
+      continue;
     return testing::AssertionFailure() << name << ": expected " << a << ", got " << b;
   }
   if (expected.status != actual.status || expected.error_description != actual.error_description ||

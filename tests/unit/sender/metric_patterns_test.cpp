@@ -1,5 +1,5 @@
-// Both jitter calculations against the naive model: every small pattern of loss, duplication, lateness and reordering,
-// and random records as a hostile peer may leave them.
+// Both jitter calculations against the naive model: every small pattern of loss, duplication,
+// lateness and reordering, and random records as a hostile peer may leave them.
 
 #include <algorithm>
 #include <array>
@@ -17,7 +17,8 @@
 namespace ipsla::test {
 namespace {
 
-constexpr std::uint16_t kPatternsTask = 4301;  // its log file stays closed: only the system-log copies are made
+constexpr std::uint16_t kPatternsTask =
+    4301;  // its log file stays closed: only the system-log copies are made
 constexpr std::uint32_t kPatternsBudgetMs = 500;
 
 enum class Fate { kLostOut, kLostBack, kAnswered, kDoubledOut, kLate };
@@ -36,7 +37,8 @@ void ForEachOrder(const std::vector<Fate>& fates, Take take, Visit visit) {
   } while (std::next_permutation(order.begin(), order.end()));
 }
 
-// Calls `visit` with every assignment of one of the first `choices` fates to each of `count` probes.
+// Calls `visit` with every assignment of one of the first `choices` fates to each of `count`
+// probes.
 template <typename Visit>
 void ForEachFates(std::size_t count, std::size_t choices, Visit visit) {
   std::vector<Fate> fates(count);
@@ -64,9 +66,11 @@ struct Run {
   std::uint32_t responder_count = 0;
 };
 
-// The records of a run in which the probes reach the responder in the order `out` and the replies return as `back`.
-Run Simulate(const std::vector<Fate>& fates, const std::vector<std::size_t>& out, const std::vector<std::size_t>& back,
-             std::uint64_t stamps_per_ms, std::uint64_t responder_step) {
+// The records of a run in which the probes reach the responder in the order `out` and the replies
+// return as `back`.
+Run Simulate(const std::vector<Fate>& fates, const std::vector<std::size_t>& out,
+             const std::vector<std::size_t>& back, std::uint64_t stamps_per_ms,
+             std::uint64_t responder_step) {
   const std::size_t count = fates.size();
   std::vector<std::uint32_t> counters(count);
   std::vector<std::uint64_t> remote(count);
@@ -93,14 +97,16 @@ Run Simulate(const std::vector<Fate>& fates, const std::vector<std::size_t>& out
     record.remote_receive_stamp = record.remote_transmit_stamp = remote[back[rank]];
     const std::uint64_t delay = fates[back[rank]] == Fate::kLate ? kPatternsBudgetMs : 0;
     record.receive_stamp = (1200 + rank * 3 + delay) * stamps_per_ms;
-    record.receive_ms = static_cast<double>(record.receive_stamp) / static_cast<double>(stamps_per_ms);
+    record.receive_ms =
+        static_cast<double>(record.receive_stamp) / static_cast<double>(stamps_per_ms);
     run.responder_count = std::max(run.responder_count, record.rs);
   }
   return run;
 }
 
 template <typename Visit>
-void ForEachRun(std::size_t count, std::size_t choices, std::uint64_t stamps_per_ms, std::uint64_t step, Visit visit) {
+void ForEachRun(std::size_t count, std::size_t choices, std::uint64_t stamps_per_ms,
+                std::uint64_t step, Visit visit) {
   ForEachFates(count, choices, [&](const std::vector<Fate>& fates) {
     ForEachOrder(fates, ReachesResponder, [&](const std::vector<std::size_t>& out) {
       ForEachOrder(fates, ComesBack, [&](const std::vector<std::size_t>& back) {
@@ -123,8 +129,10 @@ int CheckUdpRuns(std::size_t count, std::size_t choices) {
     if (testing::Test::HasFailure()) return;
     Ring records = run.ring;
     SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
-    CalcJitterMetrics(kPatternsTask, records, &metrics, run.responder_count, kPatternsBudgetMs, false);
-    EXPECT_TRUE(SameMetrics(ModelUdpJitter(run.ring, run.responder_count, kPatternsBudgetMs, false), metrics));
+    CalcJitterMetrics(kPatternsTask, records, &metrics, run.responder_count, kPatternsBudgetMs,
+                      false);
+    EXPECT_TRUE(SameMetrics(ModelUdpJitter(run.ring, run.responder_count, kPatternsBudgetMs, false),
+                            metrics));
     EXPECT_EQ(ModelUdpStates(run.ring, kPatternsBudgetMs), StatesBySlot(records));
     const auto lost = std::ranges::count_if(fates, [](Fate fate) { return !ComesBack(fate); });
     EXPECT_EQ(lost, metrics.sd_loss + metrics.ds_loss);
@@ -148,17 +156,20 @@ TEST(UdpJitterPatterns, AgreeWithTheModelForFourProbesLostDoubledAndReordered) {
 int CheckIcmpRuns(std::size_t count, std::uint64_t responder_step) {
   int runs = 0;
   constexpr std::size_t kLostOrAnswered = 3;
-  ForEachRun(count, kLostOrAnswered, 1, responder_step, [&](const std::vector<Fate>& fates, const Run& run) {
-    if (testing::Test::HasFailure()) return;
-    Ring records = run.ring;
-    SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kIcmpJitter);
-    CalcIcmpMetric(kPatternsTask, records, &metrics);
-    EXPECT_TRUE(SameMetrics(ModelIcmpJitter(run.ring), metrics));
-    const auto lost = std::ranges::count_if(fates, [](Fate fate) { return !ComesBack(fate); });
-    EXPECT_EQ(lost, metrics.sd_loss);
-    EXPECT_EQ(lost, std::ranges::count(records, SlaPacketState::kLossDs, &SlaPacketRecord::state));
-    ++runs;
-  });
+  ForEachRun(
+      count, kLostOrAnswered, 1, responder_step,
+      [&](const std::vector<Fate>& fates, const Run& run) {
+        if (testing::Test::HasFailure()) return;
+        Ring records = run.ring;
+        SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kIcmpJitter);
+        CalcIcmpMetric(kPatternsTask, records, &metrics);
+        EXPECT_TRUE(SameMetrics(ModelIcmpJitter(run.ring), metrics));
+        const auto lost = std::ranges::count_if(fates, [](Fate fate) { return !ComesBack(fate); });
+        EXPECT_EQ(lost, metrics.sd_loss);
+        EXPECT_EQ(lost,
+                  std::ranges::count(records, SlaPacketState::kLossDs, &SlaPacketRecord::state));
+        ++runs;
+      });
   return runs;
 }
 
@@ -184,7 +195,8 @@ class HostileValues {
       case 1:
         return 0x7FFFFFFEU + static_cast<std::uint32_t>(Below(4));
       case 2:
-        return 0xFFFFFFF8U + static_cast<std::uint32_t>(Below(7));  // the largest is outside the model's domain
+        return 0xFFFFFFF8U +
+               static_cast<std::uint32_t>(Below(7));  // the largest is outside the model's domain
       default:
         return static_cast<std::uint32_t>(Below(0xFFFFFFFFU));
     }
@@ -243,7 +255,8 @@ TEST(JitterMetrics, AgreeWithTheModelForWhateverAHostilePeerLeavesInTheRecords) 
       Ring records = ring;
       SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kUdpJitter);
       CalcJitterMetrics(kPatternsTask, records, &metrics, responder_count, budget_ms, ntp);
-      EXPECT_TRUE(SameMetrics(ModelUdpJitter(ring, responder_count, budget_ms, ntp), metrics)) << "ntp " << ntp;
+      EXPECT_TRUE(SameMetrics(ModelUdpJitter(ring, responder_count, budget_ms, ntp), metrics))
+          << "ntp " << ntp;
     }
     Ring records = ring;
     SlaTaskMetrics metrics = FreshMetrics(SlaTestType::kIcmpJitter);

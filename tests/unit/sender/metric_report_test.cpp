@@ -66,21 +66,27 @@ SlaTaskMetrics SampleRun() {
 
 std::string Header(const char* type_and_number) {
   return std::string("SLA task:\n\tID: #4308\tType: ") + type_and_number +
-         "\t\n\tStatus: successful\t\n\tStart time: 15.07.2024 12:00:00\tFinish time: 15.07.2024 12:01:03\n"
+         "\t\n\tStatus: successful\t\n\tStart time: 15.07.2024 12:00:00\tFinish time: 15.07.2024 "
+         "12:01:03\n"
          "\tOperation time: ~63 seconds";
 }
 
-const char* const kPackets = "Packets Values:\n\tNumber of SD Packets: 10\n\tNumber of DS Packets: 9";
-const char* const kRtt = "RTT Values:\n\tNumber Of RTT: 8\tRTT Min/Avg/Max: 0.500000/1.250000/2.000000 milliseconds";
+const char* const kPackets =
+    "Packets Values:\n\tNumber of SD Packets: 10\n\tNumber of DS Packets: 9";
+const char* const kRtt =
+    "RTT Values:\n\tNumber Of RTT: 8\tRTT Min/Avg/Max: 0.500000/1.250000/2.000000 milliseconds";
 const char* const kOneWay =
     "Latency one-way time:\n\tNumber of Latency one-way Samples: 8\n"
     "\tSource to Destination Latency one way Min/Avg/Max: 0.100000/0.200000/0.300000 milliseconds\n"
     "\tDestination to Source Latency one way Min/Avg/Max: 0.400000/0.500000/0.600000 milliseconds\n"
     "Jitter time:\n\tNumber of SD Jitter Samples: 7\n\tNumber of DS Jitter Samples: 6\n"
-    "\tSource to Destination Jitter Min/Avg/SD/Max: 1.100000/1.200000/1.300000/1.400000 milliseconds\n"
-    "\tDestination to Source Jitter Min/Avg/SD/Max: 1.500000/1.600000/1.700000/1.800000 milliseconds";
+    "\tSource to Destination Jitter Min/Avg/SD/Max: 1.100000/1.200000/1.300000/1.400000 "
+    "milliseconds\n"
+    "\tDestination to Source Jitter Min/Avg/SD/Max: 1.500000/1.600000/1.700000/1.800000 "
+    "milliseconds";
 const char* const kLoss =
-    "Packet Loss Values:\n\tLoss Source to Destination: 1 (12.35%)\tLoss Destination to Source: 2 (100.00%)\n"
+    "Packet Loss Values:\n\tLoss Source to Destination: 1 (12.35%)\tLoss Destination to Source: 2 "
+    "(100.00%)\n"
     "\tPacket Late Arrival: 3\tPacket Skipped: 4\tDuplicate packets: 5";
 const char* const kOrder =
     "Out Of Sequence Values:\n\tSource to Destination Out Of Sequence: 11"
@@ -110,9 +116,10 @@ class PrintMetricTest : public testing::Test {
 };
 
 TEST_F(PrintMetricTest, OfAJitterRunHasEverySectionInBothCopies) {
-  const std::pair<SlaTestType, const char*> types[] = {{SlaTestType::kUdpJitter, "udp-jitter (#2)"},
-                                                       {SlaTestType::kUdpJitterNtp, "udp-jitter-ntp (#3)"},
-                                                       {SlaTestType::kIcmpJitter, "icmp-jitter (#5)"}};
+  const std::pair<SlaTestType, const char*> types[] = {
+      {SlaTestType::kUdpJitter, "udp-jitter (#2)"},
+      {SlaTestType::kUdpJitterNtp, "udp-jitter-ntp (#3)"},
+      {SlaTestType::kIcmpJitter, "icmp-jitter (#5)"}};
   for (const auto& [type, name] : types) {
     FreshLogFile(kReportTask);
     PrintMetric(Task(type), SampleRun());
@@ -128,7 +135,8 @@ TEST_F(PrintMetricTest, OfAnEchoRunIsShorterInTheFileThanInTheSystemLog) {
   for (const auto& [type, name] : types) {
     FreshLogFile(kReportTask);
     PrintMetric(Task(type), SampleRun());
-    EXPECT_THAT(TakeSyslogTexts(), ElementsAre(Header(name), kPackets, kRtt, kOneWay, kLoss, kOrder));
+    EXPECT_THAT(TakeSyslogTexts(),
+                ElementsAre(Header(name), kPackets, kRtt, kOneWay, kLoss, kOrder));
     EXPECT_THAT(ReadLogFile(kReportTask), ElementsAreArray(Lines({Header(name), kPackets, kRtt})));
   }
 }
@@ -139,8 +147,10 @@ TEST_F(PrintMetricTest, OfAFailedRunIsTheHeaderWithTheReason) {
   failed.error_description = "timeout, no samples";
   PrintMetric(Task(SlaTestType::kUdpJitter), failed);
   const std::string header =
-      "SLA task:\n\tID: #4308\tType: udp-jitter (#2)\t\n\tStatus: fail\tError: timeout, no samples\n"
-      "\tStart time: 15.07.2024 12:00:00\tFinish time: 15.07.2024 12:01:03\n\tOperation time: ~63 seconds";
+      "SLA task:\n\tID: #4308\tType: udp-jitter (#2)\t\n\tStatus: fail\tError: timeout, no "
+      "samples\n"
+      "\tStart time: 15.07.2024 12:00:00\tFinish time: 15.07.2024 12:01:03\n\tOperation time: ~63 "
+      "seconds";
   EXPECT_THAT(TakeSyslogTexts(), ElementsAre(header));
   EXPECT_THAT(ReadLogFile(kReportTask), ElementsAreArray(Lines({header})));
 }
@@ -159,13 +169,17 @@ TEST_F(PrintMetricTest, PrintsWhatARunWithoutUsableRepliesLeaves) {
   run.latency_sd_max = -kMax;
   PrintMetric(Task(SlaTestType::kUdpJitter), run);
   const std::string largest =
-      "1797693134862315708145274237317043567980705675258449965989174768031572607800285387605895586327668781"
-      "7154045895351438246423432132688946418276846754670353751698604991057655128207624549009038932894407586"
-      "8508455133942304583236903222948165808559332123348274797826204144723168738177180919299881250404026184"
+      "17976931348623157081452742373170435679807056752584499659891747680315726078002853876058955863"
+      "27668781"
+      "71540458953514382464234321326889464182768467546703537516986049910576551282076245490090389328"
+      "94407586"
+      "85084551339423045832369032229481658085593321233482747978262041447231687381771809192998812504"
+      "04026184"
       "124858368.000000";
   const std::vector<std::string> texts = TakeSyslogTexts();
   ASSERT_EQ(6U, texts.size());
-  EXPECT_THAT(texts[3], HasSubstr("Latency one way Min/Avg/Max: " + largest + "/nan/-" + largest + " milliseconds"));
+  EXPECT_THAT(texts[3], HasSubstr("Latency one way Min/Avg/Max: " + largest + "/nan/-" + largest +
+                                  " milliseconds"));
 }
 
 TEST(OperationTimeText, GivesTheNearestWholeSecond) {

@@ -18,8 +18,8 @@ constexpr const char* kKolkata = "IST-5:30";
 constexpr const char* kUtc = "UTC0";
 constexpr std::time_t kBerlinNoon = 1721037600;  // 15 July 2024, 12:00:00 in Berlin
 
-std::optional<FirstStart> Compute(const std::string& start, const std::string& life, std::time_t now,
-                                  long nanoseconds = 0) {
+std::optional<FirstStart> Compute(const std::string& start, const std::string& life,
+                                  std::time_t now, long nanoseconds = 0) {
   SlaSchedulerConfig scheduler;
   scheduler.start_time = start;
   scheduler.life_time = life;
@@ -43,9 +43,11 @@ TEST(ComputeFirstStart, NowAndForeverStartAtOnceAndNeverEnd) {
 }
 
 TEST(ComputeFirstStart, CountsLifeFromTheExactStart) {
-  EXPECT_EQ(kBerlinNoon * kSecond + 7 + 3600 * kSecond, Compute("now", "3600", kBerlinNoon, 7)->end_of_life);
+  EXPECT_EQ(kBerlinNoon * kSecond + 7 + 3600 * kSecond,
+            Compute("now", "3600", kBerlinNoon, 7)->end_of_life);
   const LocalTimeZone zone(kBerlin);
-  EXPECT_EQ((1721039400 + 3600) * kSecond, Compute("12:30:00", "3600", kBerlinNoon, 7)->end_of_life);
+  EXPECT_EQ((1721039400 + 3600) * kSecond,
+            Compute("12:30:00", "3600", kBerlinNoon, 7)->end_of_life);
 }
 
 struct StartCase {
@@ -71,7 +73,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         // Today at a time.
         StartCase{kBerlin, kBerlinNoon, "12:30:00", 1721039400},
-        StartCase{kBerlin, kBerlinNoon, "11:59:50", 1721037590}, StartCase{kBerlin, kBerlinNoon, "8:00:00", 1721023200},
+        StartCase{kBerlin, kBerlinNoon, "11:59:50", 1721037590},
+        StartCase{kBerlin, kBerlinNoon, "8:00:00", 1721023200},
         StartCase{kBerlin, kBerlinNoon, "12:30:00 sharp", 1721039400},
         StartCase{kUtc, 1709200800, "12:30:00", 1709209800},      // on a leap day
         StartCase{kKolkata, 1704049200, "12:30:00", 1704092400},  // already the new year there
@@ -79,7 +82,8 @@ INSTANTIATE_TEST_SUITE_P(
         StartCase{kBerlin, kBerlinNoon, "March 05", 1709593200},
         StartCase{kBerlin, kBerlinNoon, "March 05 12:00:00", 1709636400},
         StartCase{kBerlin, kBerlinNoon, "December 24 18:00:00", 1735059600},
-        StartCase{kBerlin, kBerlinNoon, "Mar 5", 1709593200}, StartCase{kKolkata, 1704049200, "March 05", 1709577000},
+        StartCase{kBerlin, kBerlinNoon, "Mar 5", 1709593200},
+        StartCase{kKolkata, 1704049200, "March 05", 1709577000},
         StartCase{kNewYork, 1704078000, "March 05", 1677992400},  // 2023 there, 2024 in UTC
         StartCase{kNewYork, 1704078000, "July 04", 1688443200},
         // The leap day, and what a year without one makes of it.
@@ -87,7 +91,8 @@ INSTANTIATE_TEST_SUITE_P(
         StartCase{kBerlin, kBerlinNoon, "February 29 23:59:59", 1709247599},
         StartCase{kBerlin, 1689415200, "February 29", 1677625200},  // 1 March 2023
         // On the day the clocks go forward, before and after it.
-        StartCase{kBerlin, 1711879200, "01:30:00", 1711845000}, StartCase{kBerlin, 1711879200, "23:00:00", 1711918800},
+        StartCase{kBerlin, 1711879200, "01:30:00", 1711845000},
+        StartCase{kBerlin, 1711879200, "23:00:00", 1711918800},
         // A time that does not match leaves nothing behind: midnight.
         StartCase{kBerlin, kBerlinNoon, "March 05 12:30", 1709593200}));
 
@@ -112,8 +117,8 @@ TEST(ComputeFirstStart, WrapsADelayBeyond32Bits) {
 }
 
 TEST(ComputeFirstStart, RejectsOtherStartTexts) {
-  for (const std::string text : {"", "Now", "now ", "tomorrow", "12:30", "24:00:00", "12:60:00", "05 March", "March",
-                                 "March 32", "Marchember 5"}) {
+  for (const std::string text : {"", "Now", "now ", "tomorrow", "12:30", "24:00:00", "12:60:00",
+                                 "05 March", "March", "March 32", "Marchember 5"}) {
     EXPECT_EQ("Cannot parse time string: " + text, ErrorOf(text, "forever"));
   }
 }

@@ -40,7 +40,8 @@ TEST(ResetMetrics, ClearsEverythingButTheStartTimeForEchoTypes) {
 }
 
 TEST(ResetMetrics, PresetsTheThreeCalculatedTriplesForJitterTypes) {
-  for (const SlaTestType type : {SlaTestType::kUdpJitter, SlaTestType::kUdpJitterNtp, SlaTestType::kIcmpJitter}) {
+  for (const SlaTestType type :
+       {SlaTestType::kUdpJitter, SlaTestType::kUdpJitterNtp, SlaTestType::kIcmpJitter}) {
     SlaTaskMetrics metrics = UsedMetrics();
     ResetMetrics(type, &metrics);
     SlaTaskMetrics expected;
@@ -51,7 +52,8 @@ TEST(ResetMetrics, PresetsTheThreeCalculatedTriplesForJitterTypes) {
   }
 }
 
-SlaPacketRecord EchoRecord(std::uint32_t ss, SlaPacketState state, double send_ms, double receive_ms) {
+SlaPacketRecord EchoRecord(std::uint32_t ss, SlaPacketState state, double send_ms,
+                           double receive_ms) {
   SlaPacketRecord record;
   record.ss = ss;
   record.state = state;
@@ -88,7 +90,8 @@ TEST(CalcEchoMetric, AlwaysReportsMinimumZeroFromARunStart) {
 TEST(CalcEchoMetric, CountsUnansweredProbesOnTheWayOutOnlyAndLeavesTheirState) {
   std::array records{EchoRecord(1, SlaPacketState::kSent, 1000, 0),
                      EchoRecord(2, SlaPacketState::kReceived, 1020, 1022),
-                     EchoRecord(3, SlaPacketState::kSkipped, 1040, 1041), EchoRecord(4, SlaPacketState::kLossSd, 1, 2)};
+                     EchoRecord(3, SlaPacketState::kSkipped, 1040, 1041),
+                     EchoRecord(4, SlaPacketState::kLossSd, 1, 2)};
   SlaTaskMetrics metrics;
   CalcEchoMetric(4302, records, &metrics);
   SlaTaskMetrics expected;
@@ -117,10 +120,12 @@ TEST(CalcEchoMetric, LogsEveryAnsweredPacketToBothCopies) {
                      EchoRecord(1, SlaPacketState::kSent, 980, 0)};
   SlaTaskMetrics metrics;
   CalcEchoMetric(kEchoTask, records, &metrics);
-  EXPECT_THAT(TakeSyslogTexts(), ElementsAre("Packet #2\n\t[      S     ] ---- (   SDS  ) ---- [      S     ]\n"
-                                             "\t[1000.250    ] ---- (12.500  ) ---- [1012.750    ]"));
-  EXPECT_THAT(ReadLogFile(kEchoTask), ElementsAre("Packet #2", "\t[      S     ] ---- (   SDS  ) ---- [      S     ]",
-                                                  "\t[1000.250    ] ---- (12.500  ) ---- [1012.750    ]"));
+  EXPECT_THAT(TakeSyslogTexts(),
+              ElementsAre("Packet #2\n\t[      S     ] ---- (   SDS  ) ---- [      S     ]\n"
+                          "\t[1000.250    ] ---- (12.500  ) ---- [1012.750    ]"));
+  EXPECT_THAT(ReadLogFile(kEchoTask),
+              ElementsAre("Packet #2", "\t[      S     ] ---- (   SDS  ) ---- [      S     ]",
+                          "\t[1000.250    ] ---- (12.500  ) ---- [1012.750    ]"));
 }
 
 SlaTaskMetrics StoredRun(RunResult status, double sd_min, double sd_avg, double sd_max) {
@@ -146,8 +151,8 @@ TEST(AggregateHistory, OfOneRunKeepsItsExtremesAndDoublesItsAverages) {
 }
 
 TEST(AggregateHistory, CountsTheNewestRunTwiceInTheAverages) {
-  const SlaTaskMetrics result =
-      AggregateHistory({StoredRun(RunResult::kSuccessful, 0.5, 1, 9), StoredRun(RunResult::kSuccessful, 2, 5, 7)});
+  const SlaTaskMetrics result = AggregateHistory(
+      {StoredRun(RunResult::kSuccessful, 0.5, 1, 9), StoredRun(RunResult::kSuccessful, 2, 5, 7)});
   EXPECT_EQ(0.5, result.jitter_sd_min);
   EXPECT_EQ(5.5, result.jitter_sd_avg);  // (5 + 1 + 5) / 2
   EXPECT_EQ(9, result.jitter_sd_max);
@@ -157,17 +162,17 @@ TEST(AggregateHistory, CountsTheNewestRunTwiceInTheAverages) {
 }
 
 TEST(AggregateHistory, LeavesFailedRunsOut) {
-  const SlaTaskMetrics result =
-      AggregateHistory({StoredRun(RunResult::kSuccessful, 3, 4, 5), StoredRun(RunResult::kFail, 0, 100, 200),
-                        StoredRun(RunResult::kSuccessful, 2, 6, 8)});
+  const SlaTaskMetrics result = AggregateHistory({StoredRun(RunResult::kSuccessful, 3, 4, 5),
+                                                  StoredRun(RunResult::kFail, 0, 100, 200),
+                                                  StoredRun(RunResult::kSuccessful, 2, 6, 8)});
   EXPECT_EQ(2, result.jitter_sd_min);
   EXPECT_EQ(8, result.jitter_sd_avg);  // (6 + 4 + 6) / 2
   EXPECT_EQ(8, result.jitter_sd_max);
 }
 
 TEST(AggregateHistory, WithoutASuccessfulRunIsZero) {
-  const SlaTaskMetrics result =
-      AggregateHistory({StoredRun(RunResult::kFail, 1, 2, 3), StoredRun(RunResult::kFail, 4, 5, 6)});
+  const SlaTaskMetrics result = AggregateHistory(
+      {StoredRun(RunResult::kFail, 1, 2, 3), StoredRun(RunResult::kFail, 4, 5, 6)});
   EXPECT_EQ(0, result.jitter_sd_min);
   EXPECT_EQ(0, result.jitter_sd_avg);
   EXPECT_EQ(0, result.jitter_sd_max);

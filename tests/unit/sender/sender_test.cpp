@@ -10,12 +10,12 @@
 #include <thread>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/ip/address_v4.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/smart_ptr/make_shared.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "env/time_values.h"
 #include "log/log.h"
@@ -33,10 +33,12 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
-// A test without sockets: a run does what `script` says, and ends when the script or the timer ends it.
+// A test without sockets: a run does what `script` says, and ends when the script or the timer ends
+// it.
 class ScriptedTest final : public Sender {
  public:
-  ScriptedTest(boost::asio::io_context& worker, const SlaTaskConfig& task, const SenderContext& context)
+  ScriptedTest(boost::asio::io_context& worker, const SlaTaskConfig& task,
+               const SenderContext& context)
       : Sender(worker, task, context) {}
 
   // What a run does once it has begun; called with the test's lock held.
@@ -85,7 +87,9 @@ class ScriptedTest final : public Sender {
     script(*this);
   }
   void CalcTestMetric() override { metrics_.rtt_avg = static_cast<double>(starts); }
-  [[nodiscard]] SlaTaskMetrics GetMetrics(const std::list<SlaTaskMetrics>&) const override { return metrics_; }
+  [[nodiscard]] SlaTaskMetrics GetMetrics(const std::list<SlaTaskMetrics>&) const override {
+    return metrics_;
+  }
   void CloseSockets() override {
     ++closes;
     if (close_fails) throw std::runtime_error("close: scripted");
@@ -136,7 +140,8 @@ TEST_F(SenderTest, NextRunIsMeasuredFromTheStartOfTheLast) {
   const auto armed = ArmedStarts();
   ASSERT_EQ(armed.size(), 1U);
   // 10 s less the 4 s (one less when the second changed meanwhile).
-  EXPECT_TRUE(armed[0] == "func 'NewStart' timeout 6000 ms" || armed[0] == "func 'NewStart' timeout 5000 ms");
+  EXPECT_TRUE(armed[0] == "func 'NewStart' timeout 6000 ms" ||
+              armed[0] == "func 'NewStart' timeout 5000 ms");
 }
 
 TEST_F(SenderTest, RunLongerThanThePeriodWrapsToALongWait) {
@@ -149,8 +154,8 @@ TEST_F(SenderTest, RunLongerThanThePeriodWrapsToALongWait) {
   test->Schedule();
   ArmedStarts();
   ASSERT_TRUE(context.RunUntil([&] { return context.RunsOf(7) == 1; }));
-  EXPECT_THAT(ArmedStarts(),
-              Each(testing::AnyOf("func 'NewStart' timeout -1000 ms", "func 'NewStart' timeout -2000 ms")));
+  EXPECT_THAT(ArmedStarts(), Each(testing::AnyOf("func 'NewStart' timeout -1000 ms",
+                                                 "func 'NewStart' timeout -2000 ms")));
 }
 
 TEST_F(SenderTest, NegativeLifeTimeNeverStarts) {
@@ -206,7 +211,8 @@ TEST_F(SenderTest, RunWithoutRepliesIsStoredAsTimeoutAndRepeatsAfterThePeriod) {
   EXPECT_GE(stored.last.finish_time, stored.last.start_time);
   const auto armed = ArmedStarts();
   ASSERT_EQ(armed.size(), 2U);
-  EXPECT_TRUE(armed[1] == "func 'NewStart' timeout 10000 ms" || armed[1] == "func 'NewStart' timeout 9000 ms");
+  EXPECT_TRUE(armed[1] == "func 'NewStart' timeout 10000 ms" ||
+              armed[1] == "func 'NewStart' timeout 9000 ms");
 }
 
 TEST_F(SenderTest, RunThatFailedToStartRepeatsAfterRetry) {
@@ -215,7 +221,8 @@ TEST_F(SenderTest, RunThatFailedToStartRepeatsAfterRetry) {
   test->Schedule();
   ASSERT_TRUE(context.RunUntil([&] { return context.RunsOf(7) == 1; }));
   EXPECT_EQ(context.StatisticsOf(7).last.error_description, "Start test failed");
-  EXPECT_THAT(ArmedStarts(), ElementsAre("func 'NewStart' timeout 0 ms", "func 'NewStart' timeout 3000 ms"));
+  EXPECT_THAT(ArmedStarts(),
+              ElementsAre("func 'NewStart' timeout 0 ms", "func 'NewStart' timeout 3000 ms"));
 }
 
 TEST_F(SenderTest, FiveFailedStartsAreLoggedOnce) {
@@ -245,7 +252,8 @@ TEST_F(SenderTest, MissingSourceStoresAFailedRunAndRepeatsAfterThePeriod) {
   test->Schedule();
   ASSERT_TRUE(context.RunUntil([&] { return context.RunsOf(7) == 1; }));
   EXPECT_EQ(test->starts, 0);
-  EXPECT_EQ(context.StatisticsOf(7).last.error_description, "source address or interface not exist");
+  EXPECT_EQ(context.StatisticsOf(7).last.error_description,
+            "source address or interface not exist");
   EXPECT_THAT(ArmedStarts(), Contains(HasSubstr("timeout 10000 ms")));
 }
 
@@ -254,7 +262,8 @@ TEST_F(SenderTest, SourceOnAnInterfaceThatIsNotRunningIsMissing) {
   const auto test = Make(task);
   test->Schedule();
   ASSERT_TRUE(context.RunUntil([&] { return context.RunsOf(7) == 1; }));
-  EXPECT_EQ(context.StatisticsOf(7).last.error_description, "source address or interface not exist");
+  EXPECT_EQ(context.StatisticsOf(7).last.error_description,
+            "source address or interface not exist");
 }
 
 TEST_F(SenderTest, MissingSourceCarriesNothingOfAnEarlierRun) {
@@ -282,7 +291,8 @@ TEST_F(SenderTest, SourceMayAppearInATestsOwnVrfOnly) {
   const auto test = Make(in_vrf);
   test->Schedule();
   ASSERT_TRUE(context.RunUntil([&] { return context.RunsOf(7) == 1; }));
-  EXPECT_EQ(context.StatisticsOf(7).last.error_description, "source address or interface not exist");
+  EXPECT_EQ(context.StatisticsOf(7).last.error_description,
+            "source address or interface not exist");
 }
 
 TEST_F(SenderTest, HistoryKeepsTheNewestRuns) {
@@ -347,7 +357,8 @@ TEST_F(SenderTest, StoppedTestStoresNothingMore) {
   test->Stop(true);
   EXPECT_TRUE(test->IsStopped());
   EXPECT_GE(test->closes, 1);
-  EXPECT_FALSE(context.RunUntil([&] { return context.RunsOf(7) > 0; }, std::chrono::milliseconds(50)));
+  EXPECT_FALSE(
+      context.RunUntil([&] { return context.RunsOf(7) > 0; }, std::chrono::milliseconds(50)));
 }
 
 TEST_F(SenderTest, WaitThatExpiredBeforeItWasReplacedDoesNothing) {
@@ -358,7 +369,8 @@ TEST_F(SenderTest, WaitThatExpiredBeforeItWasReplacedDoesNothing) {
   // The time-out has expired, its handler may be queued; the restart must win.
   std::this_thread::sleep_for(std::chrono::milliseconds(2));
   test->Restart();
-  EXPECT_FALSE(context.RunUntil([&] { return context.RunsOf(7) > 0; }, std::chrono::milliseconds(50)));
+  EXPECT_FALSE(
+      context.RunUntil([&] { return context.RunsOf(7) > 0; }, std::chrono::milliseconds(50)));
 }
 
 TEST_F(SenderTest, RestartWaitsOnePeriod) {
@@ -393,7 +405,8 @@ TEST_F(SenderTest, LifeThatEndsDuringARunStoresItOnlyByItsLastReply) {
   by_timeout->script = [](ScriptedTest& self) { self.ArmTestStop(1200); };
   by_timeout->Schedule();
   ASSERT_TRUE(context.RunUntil([&] { return by_timeout->starts == 1 && by_timeout->IsStopped(); }));
-  EXPECT_FALSE(context.RunUntil([&] { return context.RunsOf(7) > 0; }, std::chrono::milliseconds(400)));
+  EXPECT_FALSE(
+      context.RunUntil([&] { return context.RunsOf(7) > 0; }, std::chrono::milliseconds(400)));
   {
     const std::lock_guard lock(by_timeout->mutex_);
     by_timeout->Answer(1);
@@ -438,15 +451,16 @@ TEST_P(AddressChangeTest, ConcernsTheEndpointsOfThatInterface) {
   EXPECT_EQ(test->closes > closes, change.restarted);
 }
 
-INSTANTIATE_TEST_SUITE_P(Sender, AddressChangeTest,
-                         testing::Values(AddressChange{"both", 5, 5, 10, 10, 5, 0, 10, 0, 0, true},
-                                         AddressChange{"back", 5, 5, 0, 0, 5, 10, 0, 10, 10, true},
-                                         AddressChange{"neither", 5, 6, 10, 10, 7, 0, 10, 10, 10, false},
-                                         AddressChange{"control_only", 5, 6, 10, 10, 5, 0, 10, 0, 10, true},
-                                         AddressChange{"measurement_only", 5, 6, 10, 10, 6, 0, 10, 10, 0, true},
-                                         AddressChange{"another_address_of_the_interface", 5, 5, 10, 10, 5, 0, 11, 10,
-                                                       10, true}),
-                         [](const auto& instance) { return std::string(instance.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Sender, AddressChangeTest,
+    testing::Values(AddressChange{"both", 5, 5, 10, 10, 5, 0, 10, 0, 0, true},
+                    AddressChange{"back", 5, 5, 0, 0, 5, 10, 0, 10, 10, true},
+                    AddressChange{"neither", 5, 6, 10, 10, 7, 0, 10, 10, 10, false},
+                    AddressChange{"control_only", 5, 6, 10, 10, 5, 0, 10, 0, 10, true},
+                    AddressChange{"measurement_only", 5, 6, 10, 10, 6, 0, 10, 10, 0, true},
+                    AddressChange{"another_address_of_the_interface", 5, 5, 10, 10, 5, 0, 11, 10,
+                                  10, true}),
+    [](const auto& instance) { return std::string(instance.param.name); });
 
 TEST_F(SenderTest, UnknownInterfaceIsLearnedWithoutRestart) {
   SlaTaskConfig unknown = task;
@@ -519,8 +533,9 @@ TEST_F(SenderTest, TestWithoutAnOwnerCannotBeArmed) {
   EXPECT_THROW(unowned.test.StartFuncTimeout(ScriptedTest::kNewStart, 0), boost::bad_weak_ptr);
 }
 
-// Replies, time-outs, restarts and address changes on four threads at once: each run is stored at most once, every run
-// that its last reply ended is stored as successful, and nothing is stored after the final stop.
+// Replies, time-outs, restarts and address changes on four threads at once: each run is stored at
+// most once, every run that its last reply ended is stored as successful, and nothing is stored
+// after the final stop.
 TEST_F(SenderTest, ConcurrentEventsStoreEachRunOnce) {
   SlaTaskConfig eager = task;
   eager.scheduler.time = 0;
@@ -549,14 +564,16 @@ TEST_F(SenderTest, ConcurrentEventsStoreEachRunOnce) {
     }
   });
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (context.RunsOf(7) < 300 && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  while (context.RunsOf(7) < 300 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::yield();
   done = true;
   service.join();
   test->Stop(true);
   const SlaTaskStatistics stored = context.StatisticsOf(7);
   EXPECT_GE(stored.successful_count, 1U);
   EXPECT_EQ(stored.successful_count, answered);
-  EXPECT_LE(stored.successful_count + stored.failed_count, static_cast<std::uint32_t>(test->starts));
+  EXPECT_LE(stored.successful_count + stored.failed_count,
+            static_cast<std::uint32_t>(test->starts));
   work.reset();
   context.worker.stop();
   for (std::thread& thread : threads) thread.join();

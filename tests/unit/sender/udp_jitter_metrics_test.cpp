@@ -21,7 +21,8 @@ using testing::Contains;
 using testing::ElementsAre;
 
 constexpr std::uint16_t kUdpJitterTask = 4304;
-constexpr std::uint32_t kRunBudgetMs = 1270;  // "timeout" 1000, "interval" 20, "num-packets" 10: 1000 + (20 + 7) x 10
+constexpr std::uint32_t kRunBudgetMs =
+    1270;  // "timeout" 1000, "interval" 20, "num-packets" 10: 1000 + (20 + 7) x 10
 constexpr const char* kBeforeSending =
     "Received the package before sending it ... Change state received -> SLA_PACKET_SKIP_STATE";
 constexpr const char* kAfterTimeout =
@@ -35,8 +36,10 @@ SlaPacketRecord Sent(std::uint32_t ss) {
   return record;
 }
 
-// A probe sent at ss seconds that reached the responder `sd` ms later and came back after another `ds` ms.
-SlaPacketRecord Answered(std::uint32_t ss, std::uint32_t id, std::uint32_t rs, std::uint64_t sd, std::uint64_t ds) {
+// A probe sent at ss seconds that reached the responder `sd` ms later and came back after another
+// `ds` ms.
+SlaPacketRecord Answered(std::uint32_t ss, std::uint32_t id, std::uint32_t rs, std::uint64_t sd,
+                         std::uint64_t ds) {
   SlaPacketRecord record = Sent(ss);
   record.id = id;
   record.rs = rs;
@@ -55,8 +58,8 @@ SlaTaskMetrics Calculate(std::vector<SlaPacketRecord> records, std::uint32_t res
 
 TEST(CalcJitterMetrics, AveragesAnUndisturbedRun) {
   // Slots 0, 1, 2 hold probes 3, 1, 2. SD 10, 14, 12; DS 20, 22, 12; RTT 30, 36, 24.
-  const SlaTaskMetrics metrics =
-      Calculate({Answered(3, 2, 3, 12, 12), Answered(1, 0, 1, 10, 20), Answered(2, 1, 2, 14, 22)}, 3);
+  const SlaTaskMetrics metrics = Calculate(
+      {Answered(3, 2, 3, 12, 12), Answered(1, 0, 1, 10, 20), Answered(2, 1, 2, 14, 22)}, 3);
   SlaTaskMetrics expected;
   expected.sd_smp_count = expected.ds_smp_count = expected.rtt_smp_count = 3;
   expected.rtt_min = 24;
@@ -74,9 +77,11 @@ TEST(CalcJitterMetrics, AveragesAnUndisturbedRun) {
 }
 
 TEST(CalcJitterMetrics, TellsTheDirectionOfALossByTheRespondersCounter) {
-  // Probe 2 lost on the way out, probe 4 on the way back: counters 1, 2, 4 come back with probes 1, 3, 5.
-  const SlaTaskMetrics metrics =
-      Calculate({Answered(5, 2, 4, 12, 12), Answered(1, 0, 1, 10, 20), Sent(2), Answered(3, 1, 2, 14, 22), Sent(4)}, 4);
+  // Probe 2 lost on the way out, probe 4 on the way back: counters 1, 2, 4 come back with probes 1,
+  // 3, 5.
+  const SlaTaskMetrics metrics = Calculate({Answered(5, 2, 4, 12, 12), Answered(1, 0, 1, 10, 20),
+                                            Sent(2), Answered(3, 1, 2, 14, 22), Sent(4)},
+                                           4);
   SlaTaskMetrics expected;
   expected.sd_smp_count = 5;
   expected.ds_smp_count = expected.rtt_smp_count = 3;
@@ -94,17 +99,19 @@ TEST(CalcJitterMetrics, TellsTheDirectionOfALossByTheRespondersCounter) {
   expected.latency_ds_min = 12;
   expected.latency_ds_avg = 18;
   expected.latency_ds_max = 22;
-  // By arrival order (lost probes have 0, like the first reply) the positions are 1, 2, 4, 3, 5; of the three visited
-  // only the first holds a sample: sqrt((10 - 12)^2 / 3) and sqrt((20 - 18)^2 / 3).
+  // By arrival order (lost probes have 0, like the first reply) the positions are 1, 2, 4, 3, 5; of
+  // the three visited only the first holds a sample: sqrt((10 - 12)^2 / 3) and sqrt((20 - 18)^2 /
+  // 3).
   expected.jitter_sd_sd = 1.1547005383792515;
   expected.jitter_ds_sd = 1.1547005383792515;
   EXPECT_TRUE(SameMetrics(expected, metrics));
 }
 
 TEST(CalcJitterMetrics, CountsAReplyOvertakenOnTheWayBackAsLate) {
-  // The replies to 1, 3, 2 arrive in this order; the third has a lower counter than the one before it: no sample.
-  const SlaTaskMetrics metrics =
-      Calculate({Answered(3, 1, 3, 12, 12), Answered(1, 0, 1, 10, 20), Answered(2, 2, 2, 14, 22)}, 3);
+  // The replies to 1, 3, 2 arrive in this order; the third has a lower counter than the one before
+  // it: no sample.
+  const SlaTaskMetrics metrics = Calculate(
+      {Answered(3, 1, 3, 12, 12), Answered(1, 0, 1, 10, 20), Answered(2, 2, 2, 14, 22)}, 3);
   SlaTaskMetrics expected;
   expected.sd_smp_count = 3;
   expected.ds_smp_count = 2;  // 3 - 1
@@ -126,9 +133,10 @@ TEST(CalcJitterMetrics, CountsAReplyOvertakenOnTheWayBackAsLate) {
 }
 
 TEST(CalcJitterMetrics, CountsAProbeOvertakenOnTheWayOutAsLate) {
-  // The responder sees 1, 3, 2 and answers in this order: every reply is a sample, one sequence number is out of order.
-  const SlaTaskMetrics metrics =
-      Calculate({Answered(3, 1, 2, 12, 12), Answered(1, 0, 1, 10, 20), Answered(2, 2, 3, 14, 22)}, 3);
+  // The responder sees 1, 3, 2 and answers in this order: every reply is a sample, one sequence
+  // number is out of order.
+  const SlaTaskMetrics metrics = Calculate(
+      {Answered(3, 1, 2, 12, 12), Answered(1, 0, 1, 10, 20), Answered(2, 2, 3, 14, 22)}, 3);
   SlaTaskMetrics expected;
   expected.sd_smp_count = 2;  // 3 - 1
   expected.ds_smp_count = 3;
@@ -185,7 +193,8 @@ TEST(CalcJitterMetrics, SkipsAReplyBeyondTheTimeBudgetOnly) {
 }
 
 TEST(CalcJitterMetrics, ComparesTheBudgetIn64Bits) {
-  // 42950 ms are 4295000000 stamps, more than 32 bits hold; a budget cut to 32 bits would be 32704 stamps.
+  // 42950 ms are 4295000000 stamps, more than 32 bits hold; a budget cut to 32 bits would be 32704
+  // stamps.
   const SlaTaskMetrics metrics = Calculate({Answered(1, 0, 1, 20000, 22000)}, 1, 42950);
   EXPECT_EQ(0, metrics.skipped);
   EXPECT_EQ(42000, metrics.rtt_avg);
@@ -213,8 +222,8 @@ TEST(CalcJitterMetrics, SplitsTheRoundTripEvenlyWhenTheRespondersStampLiesOutsid
 }
 
 TEST(CalcJitterMetrics, ComparesTheRespondersStampInWholeMilliseconds) {
-  // Sent at 1000.5, answered at 1000.2 of the responder's clock, received at 1003: the same whole millisecond counts as
-  // inside, and distances are absolute.
+  // Sent at 1000.5, answered at 1000.2 of the responder's clock, received at 1003: the same whole
+  // millisecond counts as inside, and distances are absolute.
   SlaPacketRecord record = Answered(1, 0, 1, 0, 0);
   record.send_stamp = 1000 * kMs + 50000;
   record.remote_transmit_stamp = 1000 * kMs + 20000;
@@ -260,9 +269,10 @@ TEST(CalcJitterMetrics, LeavesPercentagesZeroWithoutASample) {
 }
 
 TEST(CalcJitterMetrics, WrapsCountersIn32Bits) {
-  // Counters 2^32 - 1 and then 5: the number expected after the largest one is 0, so 5 leaves out 5 more.
-  // Left out: (2^32 - 1) - 0 - 1 = 2^32 - 2, plus 5: 3 in 32 bits.
-  const SlaTaskMetrics metrics = Calculate({Answered(2, 1, 5, 1, 1), Answered(1, 0, 0xFFFFFFFFU, 1, 1)}, 0xFFFFFFFFU);
+  // Counters 2^32 - 1 and then 5: the number expected after the largest one is 0, so 5 leaves out 5
+  // more. Left out: (2^32 - 1) - 0 - 1 = 2^32 - 2, plus 5: 3 in 32 bits.
+  const SlaTaskMetrics metrics =
+      Calculate({Answered(2, 1, 5, 1, 1), Answered(1, 0, 0xFFFFFFFFU, 1, 1)}, 0xFFFFFFFFU);
   EXPECT_EQ(3, metrics.ds_out_of_sequence);
   EXPECT_EQ(3, metrics.sd_loss);  // 2 - (2^32 - 1)
   EXPECT_EQ(-3, metrics.ds_loss);
@@ -280,7 +290,8 @@ TEST(CalcJitterMetrics, TakesRepeatedCountersAsSamples) {
 }
 
 TEST(CalcJitterMetrics, VisitsOnlyTheFirstPositionsForDeviationsAndLeavesZerosOut) {
-  // SD 0 (left out, exactly 0), 4; DS 6, 2: averages 2 and 4. SD: sqrt((4 - 2)^2 / 2); DS: sqrt((4 + 4) / 2).
+  // SD 0 (left out, exactly 0), 4; DS 6, 2: averages 2 and 4. SD: sqrt((4 - 2)^2 / 2); DS: sqrt((4
+  // + 4) / 2).
   const SlaTaskMetrics metrics = Calculate({Answered(2, 1, 2, 4, 2), Answered(1, 0, 1, 0, 6)}, 2);
   EXPECT_DOUBLE_EQ(1.4142135623730951, metrics.jitter_sd_sd);
   EXPECT_DOUBLE_EQ(2, metrics.jitter_ds_sd);
@@ -363,18 +374,20 @@ TEST(CalcJitterMetrics, LogsPacketsAndTableToBothCopies) {
   EXPECT_THAT(
       TakeSyslogTexts(),
       ElementsAre("  ID  |  SS  |  RS  |  STATE  ",
-                  "Packet #70000\n\t<-------------------------------[30.000  ]------------------------------->\n"
+                  "Packet #70000\n\t<-------------------------------[30.000  "
+                  "]------------------------------->\n"
                   "\t[    S   ] ---- (   SD   ) ---- [    D   ] ---- (   DS   ) ---- [    S   ]\n"
                   "\t[100000000] ---- (10.000  ) ---- [101000000] ---- (20.000  ) ---- [103000000]",
                   "\n  ID  |  SS  |  RS  |  STATE  ", " 0    | 2    | 0    | loss ds",
                   " 0    | 1    | 70000 | received"));
-  EXPECT_THAT(ReadLogFile(kLoggedId),
-              ElementsAre("  ID  |  SS  |  RS  |  STATE  ", "Packet #70000",
-                          "\t<-------------------------------[30.000  ]------------------------------->",
-                          "\t[    S   ] ---- (   SD   ) ---- [    D   ] ---- (   DS   ) ---- [    S   ]",
-                          "\t[100000000] ---- (10.000  ) ---- [101000000] ---- (20.000  ) ---- [103000000]", "",
-                          "  ID  |  SS  |  RS  |  STATE  ", " 0    | 2    | 0    | loss ds",
-                          " 0    | 1    | 70000 | received"));
+  EXPECT_THAT(
+      ReadLogFile(kLoggedId),
+      ElementsAre("  ID  |  SS  |  RS  |  STATE  ", "Packet #70000",
+                  "\t<-------------------------------[30.000  ]------------------------------->",
+                  "\t[    S   ] ---- (   SD   ) ---- [    D   ] ---- (   DS   ) ---- [    S   ]",
+                  "\t[100000000] ---- (10.000  ) ---- [101000000] ---- (20.000  ) ---- [103000000]",
+                  "", "  ID  |  SS  |  RS  |  STATE  ", " 0    | 2    | 0    | loss ds",
+                  " 0    | 1    | 70000 | received"));
 }
 
 TEST(CalcJitterMetrics, KeepsRingOrderAmongEqualKeys) {

@@ -24,15 +24,19 @@ void WriteFile(const std::string& path, const std::string& text) {
 
 std::string TaskEntry::Json() const {
   const std::string endpoints =
-      R"("src-address": ")" + source + R"(", "src-port": "any", "dst-address": "127.0.0.1", "dst-port": 1967)";
+      R"("src-address": ")" + source +
+      R"(", "src-port": "any", "dst-address": "127.0.0.1", "dst-port": 1967)";
   return R"({"sla-id": )" + std::to_string(id) +
          R"(, "schedule": true, "num-rep-hist": 3,
              "scheduler": {"time": 3600, "Start-time": ")" +
-         start + R"(", "life-time": "forever"},)" + (vrf.empty() ? "" : R"("vrf-instance": ")" + vrf + R"(",)") +
-         R"("control-phase": {"timeout": 1000, "retry": 5, "authentication": {"mode": "no"}, )" + endpoints + R"(},
+         start + R"(", "life-time": "forever"},)" +
+         (vrf.empty() ? "" : R"("vrf-instance": ")" + vrf + R"(",)") +
+         R"("control-phase": {"timeout": 1000, "retry": 5, "authentication": {"mode": "no"}, )" +
+         endpoints + R"(},
              "sla-type": "icmp-echo",
              "icmp-echo": {"num-packets": 3, "packet-size": 100, "interval": )" +
-         std::to_string(interval) + R"(, "timeout": 1000, "ttl": 64, "dscp": 0, "cos": 0, )" + endpoints + "}}";
+         std::to_string(interval) + R"(, "timeout": 1000, "ttl": 64, "dscp": 0, "cos": 0, )" +
+         endpoints + "}}";
 }
 
 ApiFixture::ApiFixture() {
@@ -117,11 +121,11 @@ std::vector<std::uint8_t> ApiFixture::Exchange(const std::vector<std::uint8_t>& 
 
 std::vector<std::uint8_t> RequestBytes(std::uint16_t command, const std::string& json) {
   std::vector<std::uint8_t> bytes = {'p', 'r',  'e',  'f',  'i', 'x', '-', '8',  // prefix
-                                     1,   0xFE, 0xAB, 0xCD,                      // marker, flags, reserved
-                                     1,   2,    3,    4,                         // fragment number
-                                     9,   9,    9,    9,                         // datagram length: anything goes
-                                     0,   0,    0,    0,                         // command, result
-                                     7,   7,    7,    7};                        // block length: likewise
+                                     1,   0xFE, 0xAB, 0xCD,  // marker, flags, reserved
+                                     1,   2,    3,    4,     // fragment number
+                                     9,   9,    9,    9,     // datagram length: anything goes
+                                     0,   0,    0,    0,     // command, result
+                                     7,   7,    7,    7};    // block length: likewise
   std::memcpy(&bytes[20], &command, sizeof command);
   if (json.empty()) return bytes;
   bytes.insert(bytes.end(), json.begin(), json.end());

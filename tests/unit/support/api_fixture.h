@@ -1,4 +1,5 @@
-// The daemon's central object for tests: configuration files, a service context run by the calling thread, a client.
+// The daemon's central object for tests: configuration files, a service context run by the calling
+// thread, a client.
 
 #ifndef IPSLA_TESTS_UNIT_SUPPORT_API_FIXTURE_H_
 #define IPSLA_TESTS_UNIT_SUPPORT_API_FIXTURE_H_
@@ -16,7 +17,8 @@
 
 namespace ipsla::test {
 
-/// A task of the tasks file: icmp-echo on loopback, every 3600 seconds, unless a test says otherwise.
+/// A task of the tasks file: icmp-echo on loopback, every 3600 seconds, unless a test says
+/// otherwise.
 struct TaskEntry {
   int id = 1;
   int interval = 20;
@@ -27,8 +29,8 @@ struct TaskEntry {
   [[nodiscard]] std::string Json() const;
 };
 
-/// Files, service context and (once Start() was called) the object itself. Port 10101 is free in the test program's own
-/// network namespace, so there is one such object at a time.
+/// Files, service context and (once Start() was called) the object itself. Port 10101 is free in
+/// the test program's own network namespace, so there is one such object at a time.
 class ApiFixture {
  public:
   ApiFixture();
@@ -71,8 +73,10 @@ class ApiFixture {
   int client_ = -1;
 };
 
-/// A request with this command, text (NUL included) and distinct bytes in every field that is echoed.
-[[nodiscard]] std::vector<std::uint8_t> RequestBytes(std::uint16_t command, const std::string& json);
+/// A request with this command, text (NUL included) and distinct bytes in every field that is
+/// echoed.
+[[nodiscard]] std::vector<std::uint8_t> RequestBytes(std::uint16_t command,
+                                                     const std::string& json);
 
 }  // namespace ipsla::test
 

@@ -1,5 +1,6 @@
-// For the child process of an EXPECT_EXIT: what cannot be done in the test program itself (exiting, becoming another
-// user, crashing, changing the environment) is checked there, and the verdict is its exit status.
+// For the child process of an EXPECT_EXIT: what cannot be done in the test program itself (exiting,
+// becoming another user, crashing, changing the environment) is checked there, and the verdict is
+// its exit status.
 
 #ifndef IPSLA_TESTS_UNIT_SUPPORT_CHILD_PROCESS_H_
 #define IPSLA_TESTS_UNIT_SUPPORT_CHILD_PROCESS_H_

@@ -1,13 +1,14 @@
 #include "support/crypto_faults.h"
 
 #include <dlfcn.h>
-#include <openssl/err.h>
-#include <openssl/evp.h>
-#include <openssl/rand.h>
 
 #include <cerrno>
 #include <type_traits>
 #include <utility>
+
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
 
 namespace {
 
@@ -30,7 +31,8 @@ bool Fails(CryptoCall call) {
 
 // Calls the library's own version of a function that this file replaces.
 template <typename Result, typename... Parameters>
-Result Library(Result (*)(Parameters...), const char* name, std::type_identity_t<Parameters>... arguments) {
+Result Library(Result (*)(Parameters...), const char* name,
+               std::type_identity_t<Parameters>... arguments) {
   auto* const function = reinterpret_cast<Result (*)(Parameters...)>(dlsym(RTLD_NEXT, name));
   struct Inside {
     Inside() { ++depth; }
@@ -46,7 +48,8 @@ extern "C" {
 int RAND_bytes(unsigned char* buffer, int count) {
   if (Fails(CryptoCall::kRandBytes)) return 0;
   if (!fixed_random.empty()) {
-    for (int i = 0; i < count; ++i) buffer[i] = fixed_random[static_cast<std::size_t>(i) % fixed_random.size()];
+    for (int i = 0; i < count; ++i)
+      buffer[i] = fixed_random[static_cast<std::size_t>(i) % fixed_random.size()];
     return 1;
   }
   return Library(&RAND_bytes, "RAND_bytes", buffer, count);
@@ -78,10 +81,11 @@ int EVP_DigestFinal_ex(EVP_MD_CTX* context, unsigned char* out, unsigned int* le
   return Library(&EVP_DigestFinal_ex, "EVP_DigestFinal_ex", context, out, length);
 }
 
-int EVP_DigestSignInit(EVP_MD_CTX* context, EVP_PKEY_CTX** key_context, const EVP_MD* method, ENGINE* engine,
-                       EVP_PKEY* key) {
+int EVP_DigestSignInit(EVP_MD_CTX* context, EVP_PKEY_CTX** key_context, const EVP_MD* method,
+                       ENGINE* engine, EVP_PKEY* key) {
   if (Fails(CryptoCall::kSignInit)) return 0;
-  return Library(&EVP_DigestSignInit, "EVP_DigestSignInit", context, key_context, method, engine, key);
+  return Library(&EVP_DigestSignInit, "EVP_DigestSignInit", context, key_context, method, engine,
+                 key);
 }
 
 int EVP_DigestSignFinal(EVP_MD_CTX* context, unsigned char* out, size_t* length) {

@@ -1,5 +1,6 @@
-// Failures of the cryptographic library on demand: the test program's own versions of the calls that the sender's
-// digest functions make pass everything on to the library, unless the calling thread has asked for a failure.
+// Failures of the cryptographic library on demand: the test program's own versions of the calls
+// that the sender's digest functions make pass everything on to the library, unless the calling
+// thread has asked for a failure.
 
 #ifndef IPSLA_TESTS_UNIT_SUPPORT_CRYPTO_FAULTS_H_
 #define IPSLA_TESTS_UNIT_SUPPORT_CRYPTO_FAULTS_H_
@@ -21,8 +22,8 @@ enum class CryptoCall {
   kNewMacKey,
 };
 
-/// While it lives, `call` fails on this thread and queues two library errors, with the codes kFirstError and
-/// kSecondError, in that order; errno becomes EIO.
+/// While it lives, `call` fails on this thread and queues two library errors, with the codes
+/// kFirstError and kSecondError, in that order; errno becomes EIO.
 class CryptoFault {
  public:
   static constexpr unsigned long kFirstError = 0x40000065;

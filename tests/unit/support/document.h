@@ -3,11 +3,11 @@
 #ifndef IPSLA_TESTS_UNIT_SUPPORT_DOCUMENT_H_
 #define IPSLA_TESTS_UNIT_SUPPORT_DOCUMENT_H_
 
-#include <gtest/gtest.h>
-
 #include <fstream>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/bytes.h"
 #include "support/paths.h"
@@ -23,8 +23,9 @@ inline std::vector<std::string> DocumentLines(const std::string& path) {
   return lines;
 }
 
-/// The bytes of the block that begins with "```hex NAME". A line is "OFFSET: digits  # comment", of which offset and
-/// comment may be missing; an offset that is not where the line's bytes begin is a failure.
+/// The bytes of the block that begins with "```hex NAME". A line is "OFFSET: digits  # comment", of
+/// which offset and comment may be missing; an offset that is not where the line's bytes begin is a
+/// failure.
 inline std::vector<std::uint8_t> DocumentBytes(const std::string& path, const std::string& name) {
   std::vector<std::uint8_t> bytes;
   bool inside = false;

@@ -1,5 +1,6 @@
-// Complete requests of one task per UDP type and way of authentication, with a fixed nonce. The digests were computed
-// with "openssl dgst -sha256" and Python's hashlib over the bytes written down here.
+// Complete requests of one task per UDP type and way of authentication, with a fixed nonce. The
+// digests were computed with "openssl dgst -sha256" and Python's hashlib over the bytes written
+// down here.
 
 #ifndef IPSLA_TESTS_UNIT_SUPPORT_GOLDEN_REQUESTS_H_
 #define IPSLA_TESTS_UNIT_SUPPORT_GOLDEN_REQUESTS_H_
@@ -26,105 +27,112 @@ inline constexpr GoldenRequest kGoldenRequests[] = {
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpJitterOpen", SlaTestType::kUdpJitter, SlaAuthMode::kNone, SlaAuthAlgorithm::kUndefined, 0, "",
+    {"UdpJitterOpen", SlaTestType::kUdpJitter, SlaAuthMode::kNone, SlaAuthAlgorithm::kUndefined, 0,
+     "",
      "0200000000000000000000ac0000000000000000000100000000003c01000000"
      "0000000000000000000000000000000000000000000000000000000000000000"
      "00000000000000000000000000000000000200000000005c0201020000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpJitterNtpOpen", SlaTestType::kUdpJitterNtp, SlaAuthMode::kNone, SlaAuthAlgorithm::kUndefined, 0, "",
+    {"UdpJitterNtpOpen", SlaTestType::kUdpJitterNtp, SlaAuthMode::kNone,
+     SlaAuthAlgorithm::kUndefined, 0, "",
      "0200000000000000000000ac0000000000000000000100000000003c01000000"
      "0000000000000000000000000000000000000000000000000000000000000000"
      "00000000000000000000000000000000000200000000005c0201030000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpEchoPasswordSha256", SlaTestType::kUdpEcho, SlaAuthMode::kPassword, SlaAuthAlgorithm::kSha256, 0, "abc",
+    {"UdpEchoPasswordSha256", SlaTestType::kUdpEcho, SlaAuthMode::kPassword,
+     SlaAuthAlgorithm::kSha256, 0, "abc",
      "0200000000000000000000ac0000000000000000000100000000003c02010000"
      "a0a1a2a3a4a5a6a7a8a9aaabacadaeaf0d691d795bfba4dcc1700a29940f7257"
      "97fec708cd79dec25d12a39616bbd640000200000000005c0201010000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpJitterPasswordSha256", SlaTestType::kUdpJitter, SlaAuthMode::kPassword, SlaAuthAlgorithm::kSha256, 0, "abc",
+    {"UdpJitterPasswordSha256", SlaTestType::kUdpJitter, SlaAuthMode::kPassword,
+     SlaAuthAlgorithm::kSha256, 0, "abc",
      "0200000000000000000000ac0000000000000000000100000000003c02010000"
      "a0a1a2a3a4a5a6a7a8a9aaabacadaeafeb869eb175279f99c2daf19247bade1e"
      "06a904d05bd8f98baee55b40772c2574000200000000005c0201020000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpJitterNtpPasswordSha256", SlaTestType::kUdpJitterNtp, SlaAuthMode::kPassword, SlaAuthAlgorithm::kSha256, 0,
-     "abc",
+    {"UdpJitterNtpPasswordSha256", SlaTestType::kUdpJitterNtp, SlaAuthMode::kPassword,
+     SlaAuthAlgorithm::kSha256, 0, "abc",
      "0200000000000000000000ac0000000000000000000100000000003c02010000"
      "a0a1a2a3a4a5a6a7a8a9aaabacadaeaf9b14248e68e110f9c8a8a9f6016ca273"
      "21540d51458ab4566030333b2835682f000200000000005c0201030000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpEchoPasswordHmac", SlaTestType::kUdpEcho, SlaAuthMode::kPassword, SlaAuthAlgorithm::kHmacSha256, 0, "abc",
+    {"UdpEchoPasswordHmac", SlaTestType::kUdpEcho, SlaAuthMode::kPassword,
+     SlaAuthAlgorithm::kHmacSha256, 0, "abc",
      "0200000000000000000000ac0000000000000000000100000000003c02020000"
      "a0a1a2a3a4a5a6a7a8a9aaabacadaeaf82088f5d6713532eb49f3ff6d97770f7"
      "1949acbc5d0b069ab51a1a42871a0e88000200000000005c0201010000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpJitterPasswordHmac", SlaTestType::kUdpJitter, SlaAuthMode::kPassword, SlaAuthAlgorithm::kHmacSha256, 0, "abc",
+    {"UdpJitterPasswordHmac", SlaTestType::kUdpJitter, SlaAuthMode::kPassword,
+     SlaAuthAlgorithm::kHmacSha256, 0, "abc",
      "0200000000000000000000ac0000000000000000000100000000003c02020000"
      "a0a1a2a3a4a5a6a7a8a9aaabacadaeafefa055f6fd61f02ba6b56b6bbac0a0bb"
      "ea1cb41de52c738c55944ac6132a4701000200000000005c0201020000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpJitterNtpPasswordHmac", SlaTestType::kUdpJitterNtp, SlaAuthMode::kPassword, SlaAuthAlgorithm::kHmacSha256, 0,
-     "abc",
+    {"UdpJitterNtpPasswordHmac", SlaTestType::kUdpJitterNtp, SlaAuthMode::kPassword,
+     SlaAuthAlgorithm::kHmacSha256, 0, "abc",
      "0200000000000000000000ac0000000000000000000100000000003c02020000"
      "a0a1a2a3a4a5a6a7a8a9aaabacadaeaf237cf233236c72d625302da17b328576"
      "43a4185049447a9d9c7d77b875077f69000200000000005c0201030000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpEchoKeychainSha256", SlaTestType::kUdpEcho, SlaAuthMode::kKeychain, SlaAuthAlgorithm::kSha256, 5, "chain-key",
+    {"UdpEchoKeychainSha256", SlaTestType::kUdpEcho, SlaAuthMode::kKeychain,
+     SlaAuthAlgorithm::kSha256, 5, "chain-key",
      "0200000000000000000000ac0000000000000000000100000000003c03010005"
      "a0a1a2a3a4a5a6a7a8a9aaabacadaeaf83d1676ef4b7a8b289f398f29d779b4d"
      "1a712ade02da9acdbc36ab9ed03f52c6000200000000005c0201010000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpJitterKeychainSha256", SlaTestType::kUdpJitter, SlaAuthMode::kKeychain, SlaAuthAlgorithm::kSha256, 5,
-     "chain-key",
+    {"UdpJitterKeychainSha256", SlaTestType::kUdpJitter, SlaAuthMode::kKeychain,
+     SlaAuthAlgorithm::kSha256, 5, "chain-key",
      "0200000000000000000000ac0000000000000000000100000000003c03010005"
      "a0a1a2a3a4a5a6a7a8a9aaabacadaeaf0a2d0cb6d347719459c055114dccacd7"
      "060d141ee7d9463960c12b413acf8c0b000200000000005c0201020000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpJitterNtpKeychainSha256", SlaTestType::kUdpJitterNtp, SlaAuthMode::kKeychain, SlaAuthAlgorithm::kSha256, 5,
-     "chain-key",
+    {"UdpJitterNtpKeychainSha256", SlaTestType::kUdpJitterNtp, SlaAuthMode::kKeychain,
+     SlaAuthAlgorithm::kSha256, 5, "chain-key",
      "0200000000000000000000ac0000000000000000000100000000003c03010005"
      "a0a1a2a3a4a5a6a7a8a9aaabacadaeafe16ce910277a8e426e2a32c804ac4261"
      "049115b5d464b4be7d72092bfd695fc4000200000000005c0201030000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpEchoKeychainHmac", SlaTestType::kUdpEcho, SlaAuthMode::kKeychain, SlaAuthAlgorithm::kHmacSha256, 5,
-     "chain-key",
+    {"UdpEchoKeychainHmac", SlaTestType::kUdpEcho, SlaAuthMode::kKeychain,
+     SlaAuthAlgorithm::kHmacSha256, 5, "chain-key",
      "0200000000000000000000ac0000000000000000000100000000003c03020005"
      "a0a1a2a3a4a5a6a7a8a9aaabacadaeaf8a793aa090537a9c66713c60a53e5267"
      "4a121a2f386b7217d20eaa9e60c7f2f6000200000000005c0201010000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpJitterKeychainHmac", SlaTestType::kUdpJitter, SlaAuthMode::kKeychain, SlaAuthAlgorithm::kHmacSha256, 5,
-     "chain-key",
+    {"UdpJitterKeychainHmac", SlaTestType::kUdpJitter, SlaAuthMode::kKeychain,
+     SlaAuthAlgorithm::kHmacSha256, 5, "chain-key",
      "0200000000000000000000ac0000000000000000000100000000003c03020005"
      "a0a1a2a3a4a5a6a7a8a9aaabacadaeaf107aadb1f08bbe72b7acef5753366b4a"
      "85c82689afffd78a8fdc1dd4018e18b5000200000000005c0201020000000000"
      "c0000201000000000000000000000000c6336407000000000000000000000000"
      "c0000221000000000000000000000000c6336408000000000000000000000000"
      "9c4100009c42c35a000004f6"},
-    {"UdpJitterNtpKeychainHmac", SlaTestType::kUdpJitterNtp, SlaAuthMode::kKeychain, SlaAuthAlgorithm::kHmacSha256, 5,
-     "chain-key",
+    {"UdpJitterNtpKeychainHmac", SlaTestType::kUdpJitterNtp, SlaAuthMode::kKeychain,
+     SlaAuthAlgorithm::kHmacSha256, 5, "chain-key",
      "0200000000000000000000ac0000000000000000000100000000003c03020005"
      "a0a1a2a3a4a5a6a7a8a9aaabacadaeaf7cfcbffedd200e3c82fa5e485a543f9d"
      "852c92910091899934ea1e500ffbcd4f000200000000005c0201030000000000"

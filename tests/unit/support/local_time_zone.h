@@ -12,8 +12,8 @@
 
 namespace ipsla::test {
 
-/// `zone` as TZ takes it, for example "CET-1CEST,M3.5.0,M10.5.0/3". Only while no other thread looks at local time; the
-/// log's writer thread is brought to rest first.
+/// `zone` as TZ takes it, for example "CET-1CEST,M3.5.0,M10.5.0/3". Only while no other thread
+/// looks at local time; the log's writer thread is brought to rest first.
 class LocalTimeZone {
  public:
   explicit LocalTimeZone(const char* zone) {

@@ -53,8 +53,8 @@ inline Bytes Message(std::uint16_t type, const Bytes& body) {
   return bytes;
 }
 
-inline Bytes LinkMessage(std::uint16_t type, std::int32_t index, std::uint32_t flags, const Bytes& attributes,
-                         std::uint8_t family = 0) {
+inline Bytes LinkMessage(std::uint16_t type, std::int32_t index, std::uint32_t flags,
+                         const Bytes& attributes, std::uint8_t family = 0) {
   Bytes body{family, 0, 0, 0};
   Append(&body, index);
   Append(&body, flags);
@@ -63,7 +63,8 @@ inline Bytes LinkMessage(std::uint16_t type, std::int32_t index, std::uint32_t f
   return Message(type, body);
 }
 
-inline Bytes AddressMessage(std::uint16_t type, std::uint8_t family, std::uint32_t index, const Bytes& attributes) {
+inline Bytes AddressMessage(std::uint16_t type, std::uint8_t family, std::uint32_t index,
+                            const Bytes& attributes) {
   Bytes body{family, 24, 0, 0};
   Append(&body, index);
   body.insert(body.end(), attributes.begin(), attributes.end());

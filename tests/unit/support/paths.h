@@ -1,5 +1,5 @@
-// Where the source tree and the built libraries are. Only paths.cpp knows them at compile time, so that the other files
-// compile to the same objects wherever the tree stands.
+// Where the source tree and the built libraries are. Only paths.cpp knows them at compile time, so
+// that the other files compile to the same objects wherever the tree stands.
 
 #ifndef IPSLA_TESTS_UNIT_SUPPORT_PATHS_H_
 #define IPSLA_TESTS_UNIT_SUPPORT_PATHS_H_

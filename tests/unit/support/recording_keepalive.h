@@ -1,4 +1,5 @@
-// The calls of the watchdog library, recorded: the test program's own functions take the library's place.
+// The calls of the watchdog library, recorded: the test program's own functions take the library's
+// place.
 
 #ifndef IPSLA_TESTS_UNIT_SUPPORT_RECORDING_KEEPALIVE_H_
 #define IPSLA_TESTS_UNIT_SUPPORT_RECORDING_KEEPALIVE_H_

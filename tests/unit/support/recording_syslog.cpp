@@ -73,7 +73,8 @@ std::vector<std::string> ReadLogFile(std::uint16_t id) {
   std::vector<std::string> lines;
   constexpr std::size_t kTimeLength = 21;  // "dd-mm-yyyy hh:mm:ss: "
   for (std::string line; std::getline(in, line);) {
-    const bool has_time = line.size() >= kTimeLength && line[2] == '-' && line[5] == '-' && line[19] == ':';
+    const bool has_time =
+        line.size() >= kTimeLength && line[2] == '-' && line[5] == '-' && line[19] == ':';
     lines.push_back(has_time ? line.substr(kTimeLength) : line);
   }
   return lines;

@@ -1,4 +1,5 @@
-// The system-log side of every message, recorded: the test program's own SYSLOG_message takes the library's place.
+// The system-log side of every message, recorded: the test program's own SYSLOG_message takes the
+// library's place.
 
 #ifndef IPSLA_TESTS_UNIT_SUPPORT_RECORDING_SYSLOG_H_
 #define IPSLA_TESTS_UNIT_SUPPORT_RECORDING_SYSLOG_H_
@@ -25,8 +26,8 @@ std::vector<SyslogRecord> TakeSyslog();
 /// The texts of TakeSyslog().
 std::vector<std::string> TakeSyslogTexts();
 
-/// The lines of the log file of `id` since it was created, without their time prefix; a message of several lines stays
-/// one entry per line. Flushes the log first.
+/// The lines of the log file of `id` since it was created, without their time prefix; a message of
+/// several lines stays one entry per line. Flushes the log first.
 std::vector<std::string> ReadLogFile(std::uint16_t id);
 
 /// Closes and deletes the log file of `id` and opens it anew, empty.

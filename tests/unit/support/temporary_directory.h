@@ -25,7 +25,9 @@ class TemporaryDirectory {
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
   [[nodiscard]] std::filesystem::path Path() const { return path_; }
-  [[nodiscard]] std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+  [[nodiscard]] std::filesystem::path operator/(const std::string& name) const {
+    return path_ / name;
+  }
 
  private:
   std::filesystem::path path_;

@@ -12,7 +12,8 @@ TestContext::TestContext() {
   interfaces->Set(boost::asio::ip::address_v4::loopback(), "1", {IFF_UP | IFF_RUNNING, 1, "lo"});
 }
 
-bool TestContext::RunUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
+bool TestContext::RunUntil(const std::function<bool()>& condition,
+                           std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;

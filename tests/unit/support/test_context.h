@@ -1,5 +1,5 @@
-// What a test of the daemon shares with its surroundings, made for unit tests: stores, a loopback source, an event
-// loop.
+// What a test of the daemon shares with its surroundings, made for unit tests: stores, a loopback
+// source, an event loop.
 
 #ifndef IPSLA_TESTS_UNIT_SUPPORT_TEST_CONTEXT_H_
 #define IPSLA_TESTS_UNIT_SUPPORT_TEST_CONTEXT_H_
@@ -20,7 +20,8 @@
 
 namespace ipsla::test {
 
-/// Stores and an event loop run by the calling thread. 127.0.0.1 is a running source in the default VRF.
+/// Stores and an event loop run by the calling thread. 127.0.0.1 is a running source in the default
+/// VRF.
 class TestContext {
  public:
   TestContext();
@@ -46,7 +47,8 @@ class TestContext {
   std::shared_ptr<KeyStore> keys = std::make_shared<KeyStore>();
 };
 
-/// A valid task on loopback: "now", "forever", time 10 s, retry 3 s, 2 probes 0 ms apart, time-out 300 ms.
+/// A valid task on loopback: "now", "forever", time 10 s, retry 3 s, 2 probes 0 ms apart, time-out
+/// 300 ms.
 [[nodiscard]] SlaTaskConfig LoopbackTask(std::uint16_t id, SlaTestType type);
 
 }  // namespace ipsla::test

@@ -17,7 +17,8 @@ inline sockaddr_in Endpoint(const char* address, std::uint16_t port) {
   return endpoint;
 }
 
-/// A udp-jitter task without authentication: four different addresses, four different ports, a duration of 1270 ms.
+/// A udp-jitter task without authentication: four different addresses, four different ports, a
+/// duration of 1270 ms.
 inline SlaTaskConfig UdpTask() {
   SlaTaskConfig task;
   task.sla_id = 7;

@@ -1,12 +1,13 @@
-// VRFs for tests: named network namespaces below /run/netns, joined to the test program's own by veth pairs.
+// VRFs for tests: named network namespaces below /run/netns, joined to the test program's own by
+// veth pairs.
 //
-//   VrfFixture vrfs;                                       // the program's own namespace is registered as "1"
-//   vrfs.AddVrf("blue");
-//   vrfs.AddLink("blue", {"near0", "10.9.0.1/24"}, {"far0", "10.9.0.2/24"});
-//   vrfs.RunInVrf("blue", [] { ... });                     // a responder, for instance
+//   VrfFixture vrfs;                                       // the program's own namespace is
+//   registered as "1" vrfs.AddVrf("blue"); vrfs.AddLink("blue", {"near0", "10.9.0.1/24"}, {"far0",
+//   "10.9.0.2/24"}); vrfs.RunInVrf("blue", [] { ... });                     // a responder, for
+//   instance
 //
-// Everything is undone at the end. The test program already has private mount and network namespaces (see main.cpp).
-// Any failure throws std::runtime_error.
+// Everything is undone at the end. The test program already has private mount and network
+// namespaces (see main.cpp). Any failure throws std::runtime_error.
 
 #ifndef IPSLA_TESTS_UNIT_SUPPORT_VRF_FIXTURE_H_
 #define IPSLA_TESTS_UNIT_SUPPORT_VRF_FIXTURE_H_
@@ -27,7 +28,8 @@ void RunIp(const std::vector<std::string>& arguments);
 
 class VrfFixture {
  public:
-  /// One end of a veth pair. An empty address (with prefix length) leaves the interface without one.
+  /// One end of a veth pair. An empty address (with prefix length) leaves the interface without
+  /// one.
   struct Interface {
     std::string name;
     std::string address;
@@ -46,10 +48,12 @@ class VrfFixture {
   /// Joins the own namespace (`near`) and `vrf` (`far`) by a veth pair, both ends up.
   void AddLink(const std::string& vrf, const Interface& near, const Interface& far);
 
-  /// Runs `body` on a thread of its own inside `vrf` and waits for it. What it throws is thrown here.
+  /// Runs `body` on a thread of its own inside `vrf` and waits for it. What it throws is thrown
+  /// here.
   static void RunInVrf(const std::string& vrf, const std::function<void()>& body);
 
-  /// Takes one name out of /run/netns, "1" for example; the namespace itself stays as long as it is used.
+  /// Takes one name out of /run/netns, "1" for example; the namespace itself stays as long as it is
+  /// used.
   void Unregister(const std::string& name);
 
  private:

@@ -1,5 +1,3 @@
-#include "client/api_client.h"
-
 #include <arpa/inet.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -10,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "client/api_client.h"
 #include "client/sender_client.h"
 
 namespace ipsla::client {
@@ -24,7 +23,8 @@ class FakeDaemon {
   using Handler = std::function<void(FakeDaemon&, const ApiHeader&, const std::string&)>;
 
   FakeDaemon() : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    const timeval patience{.tv_sec = 60, .tv_usec = 0};  // a client that does not ask fails the test, not the run
+    const timeval patience{.tv_sec = 60,
+                           .tv_usec = 0};  // a client that does not ask fails the test, not the run
     EXPECT_EQ(setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience)), 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -54,8 +54,8 @@ class FakeDaemon {
       for (int request = 0; request < requests; ++request) {
         ApiBytes buffer(kApiMaxDatagram);
         socklen_t length = sizeof(peer_);
-        const ssize_t size =
-            recvfrom(fd_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&peer_), &length);
+        const ssize_t size = recvfrom(fd_, buffer.data(), buffer.size(), 0,
+                                      reinterpret_cast<sockaddr*>(&peer_), &length);
         ASSERT_GT(size, 0);
         buffer.resize(static_cast<std::size_t>(size));
         handler(*this, DecodeApiHeader(buffer), std::string(ApiPayloadText(buffer)));
@@ -64,9 +64,9 @@ class FakeDaemon {
   }
 
   void Send(const ApiBytes& datagram) {
-    EXPECT_EQ(
-        sendto(fd_, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&peer_), sizeof(peer_)),
-        static_cast<ssize_t>(datagram.size()));
+    EXPECT_EQ(sendto(fd_, datagram.data(), datagram.size(), 0,
+                     reinterpret_cast<const sockaddr*>(&peer_), sizeof(peer_)),
+              static_cast<ssize_t>(datagram.size()));
   }
 
   void Close() {
@@ -103,7 +103,8 @@ TEST(ApiClient, SendsTheRequestAndReturnsTheText) {
     EXPECT_EQ(text, R"({"tasks":[1]})");
     self.Send(BuildJsonReply(request, R"({"tasks":[]})").front());
   });
-  EXPECT_EQ(ApiClient(daemon.Options()).Query(ApiCommand::kGetTaskStatus, R"({"tasks":[1]})"), R"({"tasks":[]})");
+  EXPECT_EQ(ApiClient(daemon.Options()).Query(ApiCommand::kGetTaskStatus, R"({"tasks":[1]})"),
+            R"({"tasks":[]})");
 }
 
 TEST(ApiClient, JoinsReorderedAndRepeatedFragmentsAndIgnoresStrangers) {
@@ -132,7 +133,9 @@ TEST(ApiClient, AsksAgainWhenAFragmentWasLost) {
       self.Send(datagrams[0]);
     }
   });
-  EXPECT_TRUE(ApiClient(daemon.Options(milliseconds(300))).Query(ApiCommand::kGetTaskStatistics, "{}") == text);
+  EXPECT_TRUE(
+      ApiClient(daemon.Options(milliseconds(300))).Query(ApiCommand::kGetTaskStatistics, "{}") ==
+      text);
   EXPECT_EQ(requests, 2);
 }
 
@@ -164,7 +167,8 @@ TEST(ApiClient, TellsThatNothingListens) {
   daemon.Close();
   EXPECT_FALSE(client.DaemonListens());
   EXPECT_EQ(KindOf([&] { (void)client.Query(ApiCommand::kGetTaskStatus, "{}"); }), Kind::kNoDaemon);
-  EXPECT_EQ(KindOf([&] { client.Execute(ApiCommand::kParseTasksConfig, milliseconds(20000)); }), Kind::kNoDaemon);
+  EXPECT_EQ(KindOf([&] { client.Execute(ApiCommand::kParseTasksConfig, milliseconds(20000)); }),
+            Kind::kNoDaemon);
 }
 
 TEST(ApiClient, TellsARefusal) {
@@ -172,8 +176,11 @@ TEST(ApiClient, TellsARefusal) {
   daemon.Serve(1, [](FakeDaemon& self, const ApiHeader& request, const std::string&) {
     self.Send(BuildHeaderReply(request, kApiFailure));
   });
-  EXPECT_EQ(KindOf([&] { ApiClient(daemon.Options()).Execute(ApiCommand::kParseTasksConfig, milliseconds(20000)); }),
-            Kind::kRefused);
+  EXPECT_EQ(
+      KindOf([&] {
+        ApiClient(daemon.Options()).Execute(ApiCommand::kParseTasksConfig, milliseconds(20000));
+      }),
+      Kind::kRefused);
 }
 
 TEST(ApiClient, TellsAReplyThatMakesNoSense) {
@@ -183,8 +190,9 @@ TEST(ApiClient, TellsAReplyThatMakesNoSense) {
     datagram.push_back(0);
     self.Send(datagram);
   });
-  EXPECT_EQ(KindOf([&] { (void)ApiClient(daemon.Options()).Query(ApiCommand::kGetTaskStatus, "{}"); }),
-            Kind::kMalformed);
+  EXPECT_EQ(
+      KindOf([&] { (void)ApiClient(daemon.Options()).Query(ApiCommand::kGetTaskStatus, "{}"); }),
+      Kind::kMalformed);
 }
 
 TEST(ApiClient, ReturnsWhenAHeaderAloneSaysDone) {
@@ -194,30 +202,38 @@ TEST(ApiClient, ReturnsWhenAHeaderAloneSaysDone) {
     EXPECT_EQ(text, "");
     self.Send(BuildHeaderReply(request, kApiSuccess));
   });
-  EXPECT_NO_THROW(ApiClient(daemon.Options()).Execute(ApiCommand::kParseKeychainConfig, milliseconds(20000)));
+  EXPECT_NO_THROW(
+      ApiClient(daemon.Options()).Execute(ApiCommand::kParseKeychainConfig, milliseconds(20000)));
 }
 
 TEST(ApiClient, NoticesThatTheDaemonEndedWithoutAnAnswer) {
   FakeDaemon daemon;
   daemon.Serve(1, [](FakeDaemon& self, const ApiHeader&, const std::string&) { self.Close(); });
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(KindOf([&] { ApiClient(daemon.Options()).Execute(ApiCommand::kParseKeychainConfig, milliseconds(60000)); }),
-            Kind::kEnded);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30)) << "it waited for the timeout";
+  EXPECT_EQ(
+      KindOf([&] {
+        ApiClient(daemon.Options()).Execute(ApiCommand::kParseKeychainConfig, milliseconds(60000));
+      }),
+      Kind::kEnded);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30))
+      << "it waited for the timeout";
 }
 
 TEST(ApiClient, EndsWaitingWhenInterrupted) {
   const FakeDaemon daemon;
   ClientOptions options = daemon.Options(milliseconds(60000));
   options.interrupt_fd = eventfd(1, EFD_CLOEXEC);
-  EXPECT_EQ(KindOf([&] { (void)ApiClient(options).Query(ApiCommand::kGetTaskStatus, "{}"); }), Kind::kInterrupted);
+  EXPECT_EQ(KindOf([&] { (void)ApiClient(options).Query(ApiCommand::kGetTaskStatus, "{}"); }),
+            Kind::kInterrupted);
   close(options.interrupt_fd);
 }
 
 TEST(ApiClient, RefusesARequestThatTheDaemonCannotReadWhole) {
   const FakeDaemon daemon;
   const std::string text(8164, 'x');
-  EXPECT_EQ(KindOf([&] { (void)ApiClient(daemon.Options()).Query(ApiCommand::kGetTaskStatus, text); }), Kind::kSystem);
+  EXPECT_EQ(
+      KindOf([&] { (void)ApiClient(daemon.Options()).Query(ApiCommand::kGetTaskStatus, text); }),
+      Kind::kSystem);
 }
 
 TEST(SenderClient, JoinsTheRepliesToSeveralRequests) {
@@ -228,7 +244,8 @@ TEST(SenderClient, JoinsTheRepliesToSeveralRequests) {
     ids.insert(id);
   }
   daemon.Serve(2, [&requests](FakeDaemon& self, const ApiHeader& request, const std::string&) {
-    self.Send(BuildJsonReply(request, R"({"tasks":[{"sla-id":)" + std::to_string(++requests) + R"(,"status":true}]})")
+    self.Send(BuildJsonReply(request, R"({"tasks":[{"sla-id":)" + std::to_string(++requests) +
+                                          R"(,"status":true}]})")
                   .front());
   });
   EXPECT_EQ(SenderClient(daemon.Options()).Statuses(ids), (StatusMap{{1, true}, {2, true}}));
@@ -239,7 +256,8 @@ TEST(SenderClient, TellsAReplyThatIsNoSuchDocument) {
   daemon.Serve(1, [](FakeDaemon& self, const ApiHeader& request, const std::string&) {
     self.Send(BuildJsonReply(request, "[]").front());
   });
-  EXPECT_EQ(KindOf([&] { (void)SenderClient(daemon.Options()).ActiveStatistics({}); }), Kind::kMalformed);
+  EXPECT_EQ(KindOf([&] { (void)SenderClient(daemon.Options()).ActiveStatistics({}); }),
+            Kind::kMalformed);
 }
 
 }  // namespace

@@ -1,11 +1,11 @@
-#include "client/reply_assembler.h"
-
 #include <algorithm>
 #include <numeric>
 #include <random>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "client/reply_assembler.h"
 
 namespace ipsla::client {
 namespace {
@@ -56,7 +56,8 @@ TEST(ReplyAssembler, JoinsFragmentsInEveryOrder) {
   do {
     ReplyAssembler assembler(kTag, kCommand);
     for (std::size_t step = 0; step < order.size(); ++step) {
-      EXPECT_EQ(assembler.Add(datagrams[order[step]]), step == 3 ? Outcome::kComplete : Outcome::kMore);
+      EXPECT_EQ(assembler.Add(datagrams[order[step]]),
+                step == 3 ? Outcome::kComplete : Outcome::kMore);
     }
     EXPECT_TRUE(assembler.Text() == NumberedText(30000));
   } while (std::next_permutation(order.begin(), order.end()));
@@ -157,7 +158,8 @@ TEST(ReplyAssembler, RefusesFragmentsThatContradictEachOther) {
       {"a fragment behind the last", Fragment(2, false, end), Fragment(3, true, full)},
       {"two last ones", Fragment(3, false, end), Fragment(2, false, end)},
       {"a last one before a known one", Fragment(3, true, full), Fragment(2, false, end)},
-      {"a header alone among fragments", Fragment(1, true, full), BuildHeaderReply(RequestHeader(), kApiSuccess)},
+      {"a header alone among fragments", Fragment(1, true, full),
+       BuildHeaderReply(RequestHeader(), kApiSuccess)},
   };
   for (const auto& one : cases) {
     ReplyAssembler assembler(kTag, kCommand);

@@ -1,5 +1,3 @@
-#include "client/request_texts.h"
-
 #include <numeric>
 
 #include <cjson/cJSON.h>
@@ -7,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "api/sender_api_message.h"
+#include "client/request_texts.h"
 #include "client/sender_client.h"
 #include "config/json_text.h"
 
@@ -39,7 +38,8 @@ std::vector<int> IdsIn(const std::vector<std::string>& requests) {
     const JsonDocument document(cJSON_Parse(request.c_str()));
     const cJSON* element = nullptr;
     cJSON_ArrayForEach(element, cJSON_GetObjectItem(document.get(), "tasks")) {
-      const cJSON* id = cJSON_IsObject(element) != 0 ? cJSON_GetObjectItem(element, "sla-id") : element;
+      const cJSON* id =
+          cJSON_IsObject(element) != 0 ? cJSON_GetObjectItem(element, "sla-id") : element;
       ids.push_back(id->valueint);
     }
   }

@@ -1,5 +1,3 @@
-#include "client/task_results.h"
-
 #include <cmath>
 #include <limits>
 
@@ -8,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "api/statistics_json.h"
+#include "client/task_results.h"
 
 namespace ipsla::client {
 namespace {
@@ -57,20 +56,26 @@ TEST(TaskResults, ReadsEveryKey) {
 TEST(TaskResults, ReadsEveryGroup) {
   const TaskStatistics task = ReadOne(kFull);
   ASSERT_TRUE(task.jitter && task.loss && task.latency && task.out_of_sequence && task.rtt);
-  EXPECT_THAT((std::vector{task.jitter->sd.min, task.jitter->sd.avg, task.jitter->sd.deviation, task.jitter->sd.max}),
+  EXPECT_THAT((std::vector{task.jitter->sd.min, task.jitter->sd.avg, task.jitter->sd.deviation,
+                           task.jitter->sd.max}),
               ElementsAre(41, 42, 43, 44));
-  EXPECT_THAT((std::vector{task.jitter->ds.min, task.jitter->ds.avg, task.jitter->ds.deviation, task.jitter->ds.max}),
+  EXPECT_THAT((std::vector{task.jitter->ds.min, task.jitter->ds.avg, task.jitter->ds.deviation,
+                           task.jitter->ds.max}),
               ElementsAre(45, 46, 47, 48));
-  EXPECT_THAT((std::vector{task.loss->sd_loss, task.loss->ds_loss, task.loss->late_arrival, task.loss->skipped,
-                           task.loss->duplicate}),
+  EXPECT_THAT((std::vector{task.loss->sd_loss, task.loss->ds_loss, task.loss->late_arrival,
+                           task.loss->skipped, task.loss->duplicate}),
               ElementsAre(21, 22, 23, 24, 25));
-  EXPECT_THAT((std::vector{task.loss->sd_percent, task.loss->ds_percent}), ElementsAre(26.5, 27.25));
-  EXPECT_THAT((std::vector{task.latency->sd.min, task.latency->sd.avg, task.latency->sd.max}), ElementsAre(51, 52, 53));
-  EXPECT_THAT((std::vector{task.latency->ds.min, task.latency->ds.avg, task.latency->ds.max}), ElementsAre(54, 55, 56));
+  EXPECT_THAT((std::vector{task.loss->sd_percent, task.loss->ds_percent}),
+              ElementsAre(26.5, 27.25));
+  EXPECT_THAT((std::vector{task.latency->sd.min, task.latency->sd.avg, task.latency->sd.max}),
+              ElementsAre(51, 52, 53));
+  EXPECT_THAT((std::vector{task.latency->ds.min, task.latency->ds.avg, task.latency->ds.max}),
+              ElementsAre(54, 55, 56));
   EXPECT_EQ(task.latency->sd.deviation, std::nullopt);
   EXPECT_EQ(task.out_of_sequence->sd, 31);
   EXPECT_EQ(task.out_of_sequence->ds, 32);
-  EXPECT_THAT((std::vector{task.rtt->min, task.rtt->avg, task.rtt->max}), ElementsAre(61, 62.125, 63));
+  EXPECT_THAT((std::vector{task.rtt->min, task.rtt->avg, task.rtt->max}),
+              ElementsAre(61, 62.125, 63));
 }
 
 TEST(TaskResults, KeepsTheObjectsText) {
@@ -79,7 +84,8 @@ TEST(TaskResults, KeepsTheObjectsText) {
 }
 
 TEST(TaskResults, LeavesOutGroupsThatWereNotAskedFor) {
-  const TaskStatistics task = ReadOne(R"({"tasks":[{"sla-id":3,"status":"fail","rtt-values":{"min":1}}]})");
+  const TaskStatistics task =
+      ReadOne(R"({"tasks":[{"sla-id":3,"status":"fail","rtt-values":{"min":1}}]})");
   EXPECT_TRUE(task.Failed());
   EXPECT_FALSE(task.jitter || task.loss || task.latency || task.out_of_sequence);
   ASSERT_TRUE(task.rtt);
@@ -111,7 +117,8 @@ TEST(TaskResults, TakesNonFiniteAndPresetValuesAsNone) {
 
 TEST(TaskResults, ReadsStatuses) {
   StatusMap tasks;
-  EXPECT_TRUE(ReadStatuses(R"({"tasks":[{"sla-id":7,"status":true},{"sla-id":3,"status":false}]})", &tasks));
+  EXPECT_TRUE(ReadStatuses(R"({"tasks":[{"sla-id":7,"status":true},{"sla-id":3,"status":false}]})",
+                           &tasks));
   EXPECT_THAT(tasks, ElementsAre(Pair(3, false), Pair(7, true)));
 }
 
@@ -123,9 +130,9 @@ TEST(TaskResults, AddsOneRepliesTasksToAnothers) {
 }
 
 TEST(TaskResults, RefusesWhatIsNoSuchDocument) {
-  for (const char* json :
-       {"", "nonsense", "[]", "5", "{}", R"({"tasks":5})", R"({"tasks":[5]})", R"({"tasks":[{}]})",
-        R"({"tasks":[{"sla-id":"3"}]})", R"({"tasks":[{"sla-id":1e99}]})", R"({"tasks":[{"sla-id":null}]})"}) {
+  for (const char* json : {"", "nonsense", "[]", "5", "{}", R"({"tasks":5})", R"({"tasks":[5]})",
+                           R"({"tasks":[{}]})", R"({"tasks":[{"sla-id":"3"}]})",
+                           R"({"tasks":[{"sla-id":1e99}]})", R"({"tasks":[{"sla-id":null}]})"}) {
     StatisticsMap statistics;
     EXPECT_FALSE(ReadStatistics(json, &statistics)) << json;
     StatusMap statuses;
@@ -134,9 +141,9 @@ TEST(TaskResults, RefusesWhatIsNoSuchDocument) {
 }
 
 TEST(TaskResults, ReadsValuesOfWrongTypesAsNone) {
-  const TaskStatistics task =
-      ReadOne(R"({"tasks":[{"sla-id":3,"status":5,"start-time":"x","test-type":9,"failed-count":1e300,"rtt-values":[],)"
-              R"("loss-values":{"sd-loss":"many","sd-loss-pct":"all"}}]})");
+  const TaskStatistics task = ReadOne(
+      R"({"tasks":[{"sla-id":3,"status":5,"start-time":"x","test-type":9,"failed-count":1e300,"rtt-values":[],)"
+      R"("loss-values":{"sd-loss":"many","sd-loss-pct":"all"}}]})");
   EXPECT_EQ(task.status, "");
   EXPECT_TRUE(task.Failed());
   EXPECT_EQ(task.start_time, 0);

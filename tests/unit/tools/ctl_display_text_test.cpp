@@ -1,8 +1,8 @@
-#include "ctl/display_text.h"
-
 #include <cmath>
 
 #include <gtest/gtest.h>
+
+#include "ctl/display_text.h"
 
 namespace ipsla::ctl {
 namespace {

@@ -1,8 +1,7 @@
-#include "ctl/reload.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "ctl/reload.h"
 #include "tools/ctl_tasks.h"
 
 namespace ipsla::ctl {
@@ -28,8 +27,8 @@ std::vector<std::int32_t> Restarted(const TaskView& before, const TaskView& afte
 }
 
 TEST(Reload, TellsAddedRemovedAndUnchangedTasks) {
-  const ReloadChanges changes =
-      CompareSnapshots(Snapshot({test::JitterTask(), test::FailedTask()}), Snapshot({test::JitterTask(), {.id = 9}}));
+  const ReloadChanges changes = CompareSnapshots(Snapshot({test::JitterTask(), test::FailedTask()}),
+                                                 Snapshot({test::JitterTask(), {.id = 9}}));
   EXPECT_THAT(changes.added, ElementsAre(9));
   EXPECT_THAT(changes.removed, ElementsAre(5));
   EXPECT_THAT(changes.restarted, IsEmpty());
@@ -43,7 +42,8 @@ TEST(Reload, TakesATaskThatRanOnAsUnchanged) {
   after.last->finish_time += 4;
   EXPECT_THAT(Restarted(test::JitterTask(), after), IsEmpty());
   EXPECT_THAT(Restarted({.id = 3}, {.id = 3}), IsEmpty());
-  EXPECT_THAT(Restarted({.id = 3}, test::JitterTask()), IsEmpty()) << "its first result came meanwhile";
+  EXPECT_THAT(Restarted({.id = 3}, test::JitterTask()), IsEmpty())
+      << "its first result came meanwhile";
 }
 
 TEST(Reload, SeesARestartByWhatStartedAfresh) {
@@ -63,9 +63,10 @@ TEST(Reload, SeesARestartByWhatStartedAfresh) {
 
 TEST(Reload, WritesWhatWasApplied) {
   EXPECT_THAT(ReloadLines({{9, 10}, {5}, {3}, {1, 2}}),
-              ElementsAre("tasks reloaded: 2 added, 1 removed, 1 restarted, 2 unchanged", "added:     9 10",
-                          "removed:   5", "restarted: 3"));
-  EXPECT_THAT(ReloadLines({}), ElementsAre("tasks reloaded: 0 added, 0 removed, 0 restarted, 0 unchanged"));
+              ElementsAre("tasks reloaded: 2 added, 1 removed, 1 restarted, 2 unchanged",
+                          "added:     9 10", "removed:   5", "restarted: 3"));
+  EXPECT_THAT(ReloadLines({}),
+              ElementsAre("tasks reloaded: 0 added, 0 removed, 0 restarted, 0 unchanged"));
   EXPECT_EQ(ReloadJson({{9, 10}, {5}, {3}, {}}),
             R"({"reloaded":"tasks","added":[9,10],"removed":[5],"restarted":[3],"unchanged":[]})");
 }

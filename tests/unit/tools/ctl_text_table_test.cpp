@@ -1,7 +1,7 @@
-#include "ctl/text_table.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "ctl/text_table.h"
 
 namespace ipsla::ctl {
 namespace {
@@ -10,7 +10,8 @@ using testing::ElementsAre;
 
 TextTable Table() {
   return {{{"ID", true}, {"VRF"}, {"RTT/ms", true}, {"ERROR"}},
-          {{{"1"}, {"größe"}, {"0.100"}, {"-"}}, {{"12"}, {"-"}, {"-"}, {"timeout, no samples", CellStyle::kBad}}}};
+          {{{"1"}, {"größe"}, {"0.100"}, {"-"}},
+           {{"12"}, {"-"}, {"-"}, {"timeout, no samples", CellStyle::kBad}}}};
 }
 
 TEST(TextTable, AlignsColumnsByWhatIsSeen) {
@@ -30,9 +31,10 @@ TEST(TextTable, FitsTheTerminalExactly) {
 }
 
 TEST(TextTable, ShortensTheLastColumnFirst) {
-  EXPECT_THAT(RenderTable(Table(), {.width = 36}), ElementsAre("ID  VRF    RTT/ms  ERROR",  //
-                                                               " 1  größe   0.100  -",      //
-                                                               "12  -           -  timeout, no samp…"));
+  EXPECT_THAT(RenderTable(Table(), {.width = 36}),
+              ElementsAre("ID  VRF    RTT/ms  ERROR",  //
+                          " 1  größe   0.100  -",      //
+                          "12  -           -  timeout, no samp…"));
 }
 
 TEST(TextTable, WritesBlocksWhereATableDoesNotFit) {
@@ -56,10 +58,12 @@ TEST(TextTable, ColoursCellsWithoutMovingThem) {
   TextTable table = Table();
   table.rows[0][1].style = CellStyle::kGood;
   table.rows[0][2].style = CellStyle::kChanged;
-  EXPECT_THAT(RenderTable(table, {.colour = true}),
-              ElementsAre("\x1b[1mID\x1b[0m  \x1b[1mVRF\x1b[0m    \x1b[1mRTT/ms\x1b[0m  \x1b[1mERROR\x1b[0m",
-                          " 1  \x1b[32mgröße\x1b[0m   \x1b[7m0.100\x1b[0m  -",
-                          "12  -           -  \x1b[1;31mtimeout, no samples\x1b[0m"));
+  EXPECT_THAT(
+      RenderTable(table, {.colour = true}),
+      ElementsAre(
+          "\x1b[1mID\x1b[0m  \x1b[1mVRF\x1b[0m    \x1b[1mRTT/ms\x1b[0m  \x1b[1mERROR\x1b[0m",
+          " 1  \x1b[32mgröße\x1b[0m   \x1b[7m0.100\x1b[0m  -",
+          "12  -           -  \x1b[1;31mtimeout, no samples\x1b[0m"));
 }
 
 TEST(TextTable, StylesText) {

@@ -11,7 +11,8 @@
 
 namespace ipsla::test {
 
-inline std::vector<std::uint8_t> Probe(SlaTestType type, std::uint32_t sequence, std::size_t size = 64) {
+inline std::vector<std::uint8_t> Probe(SlaTestType type, std::uint32_t sequence,
+                                       std::size_t size = 64) {
   std::vector<std::uint8_t> probe(size, 0);
   EncodeProbe(type, sequence, probe);
   return probe;

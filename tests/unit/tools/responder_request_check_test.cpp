@@ -1,10 +1,10 @@
-#include "responder/request_check.h"
-
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 
+#include <gtest/gtest.h>
+
+#include "responder/request_check.h"
 #include "support/bytes.h"
 #include "support/golden_requests.h"
 #include "udp/digest.h"
@@ -52,7 +52,8 @@ struct Statuses {
 };
 
 void PrintTo(const Statuses& statuses, std::ostream* out) {
-  *out << ControlStatusToString(statuses.header) << " / " << ControlStatusToString(statuses.authentication) << " / "
+  *out << ControlStatusToString(statuses.header) << " / "
+       << ControlStatusToString(statuses.authentication) << " / "
        << ControlStatusToString(statuses.measurement);
 }
 
@@ -80,7 +81,8 @@ struct FaultRow {
 void ExpectFaults(std::span<const FaultRow> rows, const Bytes& good, const AuthPolicy& policy) {
   ASSERT_EQ(CheckRequest(good, policy, kEveryAddress).verdict, Verdict::kAccepted);
   for (const FaultRow& row : rows) {
-    const CheckedRequest checked = CheckRequest(With(good, row.offset, row.hex), policy, kEveryAddress);
+    const CheckedRequest checked =
+        CheckRequest(With(good, row.offset, row.hex), policy, kEveryAddress);
     EXPECT_EQ(checked.verdict, Verdict::kRefused) << row.what;
     EXPECT_EQ(StatusesOf(checked), row.expected) << row.what;
   }
@@ -158,8 +160,8 @@ TEST(CheckRequest, WantsBothResponderAddressesToBeOurs) {
   const Bytes request = Golden("UdpJitterOpen");
   for (const char* foreign : {"198.51.100.7", "198.51.100.8"}) {
     const in_addr not_ours = {inet_addr(foreign)};
-    const CheckedRequest checked =
-        CheckRequest(request, {}, [not_ours](in_addr address) { return address.s_addr != not_ours.s_addr; });
+    const CheckedRequest checked = CheckRequest(
+        request, {}, [not_ours](in_addr address) { return address.s_addr != not_ours.s_addr; });
     EXPECT_EQ(StatusesOf(checked), Measurement(Status::kUnsupportedAddress)) << foreign;
   }
 }
@@ -205,8 +207,8 @@ TEST(CheckRequest, ServesTheModesThatAreConfigured) {
     if (row.keychain) policy.keychain = KeychainStorage{{5, "chain-key"}};
     policy.allow_open = row.allow_open;
     const CheckedRequest checked = CheckRequest(Golden(row.request), policy, kEveryAddress);
-    const Statuses expected =
-        row.served ? Header(Status::kSuccessful) : Authentication(Status::kUnsupportedAuthenticationMode);
+    const Statuses expected = row.served ? Header(Status::kSuccessful)
+                                         : Authentication(Status::kUnsupportedAuthenticationMode);
     EXPECT_EQ(StatusesOf(checked), expected) << row.name;
   }
 }
@@ -224,7 +226,8 @@ TEST(CheckRequest, AnswersEveryOtherLengthWithNoMoreThanCameIn) {
   request.resize(400, 0);
   for (std::size_t size = 0; size <= request.size(); ++size) {
     if (size == kControlMessageSize) continue;
-    const CheckedRequest checked = CheckRequest(std::span(request).first(size), PasswordPolicy(), kEveryAddress);
+    const CheckedRequest checked =
+        CheckRequest(std::span(request).first(size), PasswordPolicy(), kEveryAddress);
     if (size < 4) {
       EXPECT_EQ(checked.verdict, Verdict::kIgnored) << size;
       continue;
@@ -240,8 +243,9 @@ TEST(CheckRequest, TwoRespondersCannotKeepEachOtherBusy) {
   const Bytes good = Golden("UdpJitterPasswordHmac");
   Bytes short_request = good;
   short_request.resize(90);
-  for (const Bytes& first : {good, short_request, With(good, 0, "07"), With(good, 20, "0009"), With(good, 90, "04"),
-                             With(good, 2, "0006"), With(good, 2, "0001"), With(good, 79, "00")}) {
+  for (const Bytes& first :
+       {good, short_request, With(good, 0, "07"), With(good, 20, "0009"), With(good, 90, "04"),
+        With(good, 2, "0006"), With(good, 2, "0001"), With(good, 79, "00")}) {
     Bytes datagram = first;
     int answers = 0;
     for (; answers < 10; ++answers) {
@@ -262,8 +266,8 @@ TEST(EncodeAnswer, RepeatsTheRequestWithItsStatusesAndIsSigned) {
   const Bytes answer = EncodeAnswer(checked, request.size());
   ASSERT_EQ(answer.size(), kControlMessageSize);
   Bytes expected = With(With(request, 92, "01020304"), 166, "1234");
-  const auto digest =
-      MessageDigest(SlaAuthAlgorithm::kHmacSha256, std::span(expected).first<kControlMessageSize>(), "abc");
+  const auto digest = MessageDigest(SlaAuthAlgorithm::kHmacSha256,
+                                    std::span(expected).first<kControlMessageSize>(), "abc");
   ASSERT_TRUE(digest.has_value());
   std::ranges::copy(*digest, expected.begin() + kDigestOffset);
   EXPECT_EQ(test::ToHex(answer), test::ToHex(expected));
@@ -271,8 +275,10 @@ TEST(EncodeAnswer, RepeatsTheRequestWithItsStatusesAndIsSigned) {
 
 TEST(EncodeAnswer, IsNotSignedForWhoHasNotShownTheKey) {
   const Bytes request = With(Golden("UdpJitterPasswordHmac"), 79, "00");
-  const Bytes answer = EncodeAnswer(CheckRequest(request, PasswordPolicy(), kEveryAddress), request.size());
-  EXPECT_TRUE(std::all_of(answer.begin() + 48, answer.begin() + 80, [](std::uint8_t byte) { return byte == 0; }));
+  const Bytes answer =
+      EncodeAnswer(CheckRequest(request, PasswordPolicy(), kEveryAddress), request.size());
+  EXPECT_TRUE(std::all_of(answer.begin() + 48, answer.begin() + 80,
+                          [](std::uint8_t byte) { return byte == 0; }));
   EXPECT_EQ(answer[3], 1);
   EXPECT_EQ(answer[23], 2);
 }

@@ -3,14 +3,15 @@
 #include "responder/responder.h"
 
 #include <arpa/inet.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "support/bytes.h"
 #include "tools/responder_probe.h"
@@ -45,7 +46,8 @@ class Peer {
 
   [[nodiscard]] std::uint16_t Port() const { return port_; }
 
-  void Send(std::uint16_t port, std::span<const std::uint8_t> bytes, std::uint32_t address = kLoopback) const {
+  void Send(std::uint16_t port, std::span<const std::uint8_t> bytes,
+            std::uint32_t address = kLoopback) const {
     const sockaddr_in to = ToSockaddr({.address = address, .port = port});
     const auto* name = reinterpret_cast<const sockaddr*>(&to);
     EXPECT_EQ(sendto(socket_.Get(), bytes.data(), bytes.size(), 0, name, sizeof to),
@@ -62,8 +64,8 @@ class Peer {
     std::vector<std::uint8_t> buffer(4096);
     sockaddr_in from{};
     socklen_t length = sizeof from;
-    const ssize_t received =
-        recvfrom(socket_.Get(), buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &length);
+    const ssize_t received = recvfrom(socket_.Get(), buffer.data(), buffer.size(), 0,
+                                      reinterpret_cast<sockaddr*>(&from), &length);
     buffer.resize(static_cast<std::size_t>(std::max<ssize_t>(received, 0)));
     if (source != nullptr) *source = FromSockaddr(from);
     return buffer;
@@ -78,7 +80,8 @@ class ResponderTest : public testing::Test {
  protected:
   void Start(ResponderOptions options = {}) {
     options.control_port = 0;
-    responder_ = std::make_unique<Responder>(std::move(options), [this](const std::string& line) { Print(line); });
+    responder_ = std::make_unique<Responder>(std::move(options),
+                                             [this](const std::string& line) { Print(line); });
     thread_ = std::thread([this] { responder_->Run([this] { return Load(); }); });
     EXPECT_TRUE(WaitForLine("listening on "));
   }
@@ -93,12 +96,14 @@ class ResponderTest : public testing::Test {
   }
 
   // A request to this responder, answered on `port` (0: its choice).
-  static ControlPhaseMessage Request(SlaTestType type, const Peer& measurement, std::uint16_t port = 0) {
+  static ControlPhaseMessage Request(SlaTestType type, const Peer& measurement,
+                                     std::uint16_t port = 0) {
     ControlPhaseMessage request;
     request.auth_mode = SlaAuthMode::kNone;
     request.operation_type = static_cast<std::uint8_t>(type);
-    for (in_addr* address : {&request.control_sender_address, &request.control_responder_address,
-                             &request.measurement_sender_address, &request.measurement_responder_address}) {
+    for (in_addr* address :
+         {&request.control_sender_address, &request.control_responder_address,
+          &request.measurement_sender_address, &request.measurement_responder_address}) {
       address->s_addr = htonl(kLoopback);
     }
     request.measurement_sender_port = measurement.Port();
@@ -120,7 +125,8 @@ class ResponderTest : public testing::Test {
   bool WaitForLine(const std::string& start) {
     std::unique_lock lock(mutex_);
     return printed_.wait_for(lock, std::chrono::milliseconds(kDeadlineMs), [&] {
-      return std::ranges::any_of(lines_, [&](const std::string& line) { return line.starts_with(start); });
+      return std::ranges::any_of(lines_,
+                                 [&](const std::string& line) { return line.starts_with(start); });
     });
   }
 
@@ -154,7 +160,8 @@ class ResponderTest : public testing::Test {
 
 TEST_F(ResponderTest, AnswersProbesOfEveryTypeFromTheSocketTheyCameTo) {
   Start();
-  for (const SlaTestType type : {SlaTestType::kUdpEcho, SlaTestType::kUdpJitter, SlaTestType::kUdpJitterNtp}) {
+  for (const SlaTestType type :
+       {SlaTestType::kUdpEcho, SlaTestType::kUdpJitter, SlaTestType::kUdpJitterNtp}) {
     const Peer measurement;
     const ControlPhaseMessage answer = Ask(Request(type, measurement));
     ASSERT_EQ(answer.status, Status::kSuccessful);
@@ -164,7 +171,8 @@ TEST_F(ResponderTest, AnswersProbesOfEveryTypeFromTheSocketTheyCameTo) {
       measurement.Send(answer.measurement_responder_port, Probe(type, sequence));
       Endpoint source;
       const std::vector<std::uint8_t> bytes = measurement.Receive(&source);
-      EXPECT_EQ(source, (Endpoint{.address = kLoopback, .port = answer.measurement_responder_port}));
+      EXPECT_EQ(source,
+                (Endpoint{.address = kLoopback, .port = answer.measurement_responder_port}));
       EXPECT_EQ(bytes.size(), 64U);
       const ProbeReply reply = DecodeReply(bytes);
       EXPECT_EQ(reply.type, static_cast<std::uint16_t>(type));
@@ -205,7 +213,8 @@ TEST_F(ResponderTest, IgnoresProbesOfNoSessionAndOfAnotherType) {
   EXPECT_EQ(DecodeReply(measurement.Receive()).sequence, 7U);
   Stop();
   EXPECT_THAT(Lines(),
-              Contains(HasSubstr("received 1, distinct 1, duplicates 0, out of order 0, replies 1, errors 2")));
+              Contains(HasSubstr(
+                  "received 1, distinct 1, duplicates 0, out of order 0, replies 1, errors 2")));
   EXPECT_THAT(Lines(), Contains("stopped, requests refused 0, requests ignored 0, stray probes 1"));
 }
 
@@ -219,7 +228,8 @@ TEST_F(ResponderTest, EndsASessionAtItsDurationAndClosesItsPort) {
   ASSERT_TRUE(WaitForLine("session 1 ended: udp-jitter from 127.0.0.1:"));
   int error = 0;
   const auto closed = [&] {
-    return OpenUdpSocket({.address = kLoopback, .port = answer.measurement_responder_port}, &error).IsOpen();
+    return OpenUdpSocket({.address = kLoopback, .port = answer.measurement_responder_port}, &error)
+        .IsOpen();
   };
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDeadlineMs);
   while (!closed() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
@@ -264,7 +274,8 @@ TEST_F(ResponderTest, AnswersBusyWhenItHasNoRoomForAnotherSession) {
   const Peer first;
   const Peer second;
   EXPECT_EQ(Ask(Request(SlaTestType::kUdpJitter, first)).status, Status::kSuccessful);
-  EXPECT_EQ(Ask(Request(SlaTestType::kUdpJitter, second)).measurement_status, Status::kRequestedPortIsBusy);
+  EXPECT_EQ(Ask(Request(SlaTestType::kUdpJitter, second)).measurement_status,
+            Status::kRequestedPortIsBusy);
   EXPECT_EQ(Ask(Request(SlaTestType::kUdpJitter, first)).status, Status::kSuccessful);
 }
 
@@ -325,13 +336,15 @@ TEST_F(ResponderTest, TakesNewKeysOnReloadAndKeepsTheOldOnesWhenThereAreNone) {
   responder_->Reload();
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDeadlineMs);
   ControlPhaseMessage answer = Ask(request);
-  while (answer.status == Status::kSuccessful && std::chrono::steady_clock::now() < deadline) answer = Ask(request);
+  while (answer.status == Status::kSuccessful && std::chrono::steady_clock::now() < deadline)
+    answer = Ask(request);
   EXPECT_EQ(answer.auth_status, Status::kUnsupportedAuthenticationMode);
 
   ControlPhaseMessage signed_request = request;
   signed_request.auth_mode = SlaAuthMode::kPassword;
   signed_request.auth_algorithm = SlaAuthAlgorithm::kSha256;
-  const auto digest = MessageDigest(SlaAuthAlgorithm::kSha256, EncodeControlMessage(signed_request), "abc");
+  const auto digest =
+      MessageDigest(SlaAuthAlgorithm::kSha256, EncodeControlMessage(signed_request), "abc");
   ASSERT_TRUE(digest.has_value());
   signed_request.digest = *digest;
   EXPECT_EQ(Ask(signed_request).status, Status::kSuccessful);
@@ -347,9 +360,11 @@ TEST_F(ResponderTest, SaysMoreWhenItIsVerbose) {
   request.role = Role::kSender;
   EXPECT_EQ(Ask(request).measurement_status, Status::kUnsupportedRole);
   Stop();
-  EXPECT_THAT(Lines(), ElementsAre(StartsWith("listening on 0.0.0.0:"), StartsWith("session 1 opened: udp-echo from "),
+  EXPECT_THAT(Lines(), ElementsAre(StartsWith("listening on 0.0.0.0:"),
+                                   StartsWith("session 1 opened: udp-echo from "),
                                    testing::EndsWith(": measurement: unsupported role"),
-                                   StartsWith("session 1 stopped: "), StartsWith("stopped, requests refused 1")));
+                                   StartsWith("session 1 stopped: "),
+                                   StartsWith("stopped, requests refused 1")));
 }
 
 TEST_F(ResponderTest, CannotStartOnAnAddressThisHostDoesNotHave) {

@@ -1,9 +1,9 @@
-#include "responder/sequence_window.h"
+#include <set>
+#include <vector>
 
 #include <gtest/gtest.h>
 
-#include <set>
-#include <vector>
+#include "responder/sequence_window.h"
 
 namespace ipsla::responder {
 namespace {
@@ -47,9 +47,12 @@ TEST(SequenceWindow, AgreesWithAnUnboundedMemoryInsideItsWindow) {
   std::uint64_t highest = 0;
   for (int i = 0; i < 50000; ++i) {
     state = state * 6364136223846793005U + 1442695040888963407U;
-    const std::uint64_t sequence = highest + (state >> 33U) % 40 - std::min<std::uint64_t>(highest, 30);
+    const std::uint64_t sequence =
+        highest + (state >> 33U) % 40 - std::min<std::uint64_t>(highest, 30);
     const bool first = seen.insert(sequence).second;
-    const Seen expected = !first ? Seen::kBefore : sequence >= highest ? Seen::kFirst : Seen::kFirstOutOfOrder;
+    const Seen expected = !first                ? Seen::kBefore
+                          : sequence >= highest ? Seen::kFirst
+                                                : Seen::kFirstOutOfOrder;
     ASSERT_EQ(window.Note(sequence), expected) << i << " " << sequence;
     highest = std::max(highest, sequence);
   }
@@ -73,7 +76,8 @@ TEST(ExtendSequence, GoesOnCountingAfter65535) {
       {32768, 0, 32768},
       {40000, 40010, 40000},
   };
-  for (const Row& row : kRows) EXPECT_EQ(ExtendSequence(row.low, row.highest), row.expected) << row.low;
+  for (const Row& row : kRows)
+    EXPECT_EQ(ExtendSequence(row.low, row.highest), row.expected) << row.low;
 }
 
 }  // namespace

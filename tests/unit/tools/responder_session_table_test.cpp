@@ -1,6 +1,6 @@
-#include "responder/session_table.h"
-
 #include <gtest/gtest.h>
+
+#include "responder/session_table.h"
 
 namespace ipsla::responder {
 namespace {

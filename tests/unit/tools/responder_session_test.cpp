@@ -1,9 +1,8 @@
-#include "responder/session.h"
+#include <vector>
 
 #include <gtest/gtest.h>
 
-#include <vector>
-
+#include "responder/session.h"
 #include "support/bytes.h"
 #include "tools/responder_probe.h"
 #include "udp/probe_message.h"
@@ -21,7 +20,8 @@ Session MakeSession(SlaTestType type) {
   Session session;
   session.id = 3;
   session.type = type;
-  session.key = {.local = {.address = 0x7f000001, .port = 50001}, .peer = {.address = 0xc0000201, .port = 40002}};
+  session.key = {.local = {.address = 0x7f000001, .port = 50001},
+                 .peer = {.address = 0xc0000201, .port = 40002}};
   return session;
 }
 
@@ -94,7 +94,8 @@ TEST(AnswerProbe, CountsReorderedProbes) {
 }
 
 TEST(AnswerProbe, RefusesEveryLengthBelowTheHeaderAndOtherTypes) {
-  for (const SlaTestType type : {SlaTestType::kUdpEcho, SlaTestType::kUdpJitter, SlaTestType::kUdpJitterNtp}) {
+  for (const SlaTestType type :
+       {SlaTestType::kUdpEcho, SlaTestType::kUdpJitter, SlaTestType::kUdpJitterNtp}) {
     Session session = MakeSession(type);
     std::uint64_t refused = 0;
     for (std::size_t size = 0; size < ProbeHeaderSize(type); ++size) {
@@ -128,9 +129,15 @@ TEST(AnswerProbe, EndsALoopOfRepliesByTheNumberOfDuplicates) {
 
 TEST(StatisticsLine, NamesTheSessionAndItsCounts) {
   Session session = MakeSession(SlaTestType::kUdpJitter);
-  session.statistics = {.received = 12, .distinct = 10, .duplicates = 2, .out_of_order = 1, .replies = 11, .errors = 4};
+  session.statistics = {.received = 12,
+                        .distinct = 10,
+                        .duplicates = 2,
+                        .out_of_order = 1,
+                        .replies = 11,
+                        .errors = 4};
   EXPECT_EQ(StatisticsLine(session, "ended"),
-            "session 3 ended: udp-jitter from 192.0.2.1:40002 to 127.0.0.1:50001, received 12, distinct 10, "
+            "session 3 ended: udp-jitter from 192.0.2.1:40002 to 127.0.0.1:50001, received 12, "
+            "distinct 10, "
             "duplicates 2, out of order 1, replies 11, errors 4");
 }
 

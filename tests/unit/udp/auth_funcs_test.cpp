@@ -1,12 +1,12 @@
 #include "udp/auth_funcs.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <openssl/err.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/err.h>
 
 #include "support/bytes.h"
 #include "support/crypto_faults.h"
@@ -37,7 +37,8 @@ struct KeyDeleter {
 using Key = std::unique_ptr<EVP_PKEY, KeyDeleter>;
 
 Key MakeKey(std::string_view text) {
-  return Key(EVP_PKEY_new_mac_key(EVP_PKEY_HMAC, nullptr, reinterpret_cast<const unsigned char*>(text.data()),
+  return Key(EVP_PKEY_new_mac_key(EVP_PKEY_HMAC, nullptr,
+                                  reinterpret_cast<const unsigned char*>(text.data()),
                                   static_cast<int>(text.size())));
 }
 
@@ -78,7 +79,9 @@ TEST_F(AuthFuncsTest, GetHashGivesSha256AndItsLength) {
 TEST_F(AuthFuncsTest, GetHmacGivesHmacSha256AndItsLength) {
   const auto data = BytesOf("what do ya want for nothing?");
   const Key key = MakeKey("Jefe");
-  EXPECT_EQ(GetHmac(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_, key.get()), 0);
+  EXPECT_EQ(
+      GetHmac(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_, key.get()),
+      0);
   EXPECT_EQ(ToHex(out_), "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
   EXPECT_EQ(length_, 32U);
   ExpectNoLine();
@@ -92,21 +95,25 @@ TEST_F(AuthFuncsTest, GetHashRefusesEveryMissingArgument) {
   EXPECT_EQ(GetHash(kAuthTask, sha, data.data(), 0, out_.data(), &length_), -1);
   EXPECT_EQ(GetHash(kAuthTask, sha, data.data(), data.size(), nullptr, &length_), -1);
   EXPECT_EQ(GetHash(kAuthTask, sha, data.data(), data.size(), out_.data(), nullptr), -1);
-  EXPECT_THAT(ReadLogFile(kAuthTask), ElementsAre("no args", "no args", "no args", "no args", "no args"));
-  EXPECT_THAT(TakeSyslogTexts(), ElementsAre("no args", "no args", "no args", "no args", "no args"));
+  EXPECT_THAT(ReadLogFile(kAuthTask),
+              ElementsAre("no args", "no args", "no args", "no args", "no args"));
+  EXPECT_THAT(TakeSyslogTexts(),
+              ElementsAre("no args", "no args", "no args", "no args", "no args"));
 }
 
 TEST_F(AuthFuncsTest, GetHmacRefusesEveryMissingArgument) {
   const auto data = BytesOf("abc");
   const EVP_MD* sha = EVP_sha256();
   const Key key = MakeKey("k");
-  EXPECT_EQ(GetHmac(kAuthTask, nullptr, data.data(), data.size(), out_.data(), &length_, key.get()), -1);
+  EXPECT_EQ(GetHmac(kAuthTask, nullptr, data.data(), data.size(), out_.data(), &length_, key.get()),
+            -1);
   EXPECT_EQ(GetHmac(kAuthTask, sha, nullptr, data.size(), out_.data(), &length_, key.get()), -1);
   EXPECT_EQ(GetHmac(kAuthTask, sha, data.data(), 0, out_.data(), &length_, key.get()), -1);
   EXPECT_EQ(GetHmac(kAuthTask, sha, data.data(), data.size(), nullptr, &length_, key.get()), -1);
   EXPECT_EQ(GetHmac(kAuthTask, sha, data.data(), data.size(), out_.data(), nullptr, key.get()), -1);
   EXPECT_EQ(GetHmac(kAuthTask, sha, data.data(), data.size(), out_.data(), &length_, nullptr), -1);
-  EXPECT_THAT(ReadLogFile(kAuthTask), ElementsAre("no args", "no args", "no args", "no args", "no args", "no args"));
+  EXPECT_THAT(ReadLogFile(kAuthTask),
+              ElementsAre("no args", "no args", "no args", "no args", "no args", "no args"));
   EXPECT_EQ(TakeSyslogTexts().size(), 6U);
 }
 
@@ -137,7 +144,8 @@ TEST_F(AuthFuncsTest, GetHashLogsTheStepThatFailedWithOneErrorCodePerCopy) {
   for (const FaultRow& row : kRows) {
     SetUp();
     const CryptoFault fault(row.call);
-    EXPECT_EQ(GetHash(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_), -1);
+    EXPECT_EQ(GetHash(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_),
+              -1);
     // The file copy shows the first queued error, the system-log copy the next one.
     ExpectLines(std::string(row.text) + "0x40000065", std::string(row.text) + "0x40000066");
     EXPECT_EQ(ERR_peek_error(), 0U);
@@ -158,7 +166,9 @@ TEST_F(AuthFuncsTest, GetHmacLogsTheStepThatFailedWithOneErrorCodePerCopy) {
   for (const FaultRow& row : kRows) {
     SetUp();
     const CryptoFault fault(row.call);
-    EXPECT_EQ(GetHmac(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_, key.get()), -1);
+    EXPECT_EQ(GetHmac(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_,
+                      key.get()),
+              -1);
     ExpectLines(std::string(row.text) + "0x40000065", std::string(row.text) + "0x40000066");
     EXPECT_EQ(test::LiveDigestContexts(), 0);
   }
@@ -171,7 +181,9 @@ TEST_F(AuthFuncsTest, SystemLogCopyShowsZeroWhenOneErrorIsQueued) {
   const Key key(EVP_PKEY_Q_keygen(nullptr, nullptr, "X25519"));
   ASSERT_NE(key, nullptr);
   ERR_clear_error();
-  EXPECT_EQ(GetHmac(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_, key.get()), -1);
+  EXPECT_EQ(
+      GetHmac(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_, key.get()),
+      -1);
   const auto file = ReadLogFile(kAuthTask);
   ASSERT_EQ(file.size(), 1U);
   EXPECT_THAT(file[0], testing::StartsWith("EVP_DigestSignInit() failed: error 0x"));
@@ -183,7 +195,9 @@ TEST_F(AuthFuncsTest, GetHmacGivesLengthZeroWhenTheLastStepFails) {
   const auto data = BytesOf("abc");
   const Key key = MakeKey("k");
   const CryptoFault fault(CryptoCall::kSignFinal);
-  EXPECT_EQ(GetHmac(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_, key.get()), -1);
+  EXPECT_EQ(
+      GetHmac(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_, key.get()),
+      -1);
   EXPECT_EQ(length_, 0U);
 }
 
@@ -191,7 +205,9 @@ TEST_F(AuthFuncsTest, DestroysItsContextOnSuccess) {
   const auto data = BytesOf("abc");
   const Key key = MakeKey("k");
   EXPECT_EQ(GetHash(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_), 0);
-  EXPECT_EQ(GetHmac(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_, key.get()), 0);
+  EXPECT_EQ(
+      GetHmac(kAuthTask, EVP_sha256(), data.data(), data.size(), out_.data(), &length_, key.get()),
+      0);
   EXPECT_EQ(test::LiveDigestContexts(), 0);
 }
 
@@ -218,7 +234,8 @@ TEST_F(AuthFuncsTest, SignedRequestsAreTheGoldenBytesOfEveryTypeAndMode) {
 }
 
 TEST_F(AuthFuncsTest, EverySignatureHasItsOwnNonceAndDigest) {
-  for (const SlaAuthAlgorithm algorithm : {SlaAuthAlgorithm::kSha256, SlaAuthAlgorithm::kHmacSha256}) {
+  for (const SlaAuthAlgorithm algorithm :
+       {SlaAuthAlgorithm::kSha256, SlaAuthAlgorithm::kHmacSha256}) {
     ControlPhaseMessage first = BuildControlRequest(test::UdpTask());
     ControlPhaseMessage second = first;
     ASSERT_TRUE(SignControlRequest(kAuthTask, algorithm, "abc", &first));
@@ -231,18 +248,22 @@ TEST_F(AuthFuncsTest, EverySignatureHasItsOwnNonceAndDigest) {
 
 TEST_F(AuthFuncsTest, AnEmptyKeyLeavesTheMessageAloneUnderTheHash) {
   ControlPhaseMessage request = BuildControlRequest(test::UdpTask());
-  ASSERT_TRUE(SignControlRequest(kAuthTask, SlaAuthAlgorithm::kSha256, std::string_view(), &request));
-  EXPECT_EQ(MessageDigest(SlaAuthAlgorithm::kSha256, EncodeControlMessage(request), ""), request.digest);
+  ASSERT_TRUE(
+      SignControlRequest(kAuthTask, SlaAuthAlgorithm::kSha256, std::string_view(), &request));
+  EXPECT_EQ(MessageDigest(SlaAuthAlgorithm::kSha256, EncodeControlMessage(request), ""),
+            request.digest);
   ExpectNoLine();
 }
 
 // Whether there is a MAC key of length 0 is the library's decision; some versions refuse it.
 TEST_F(AuthFuncsTest, AnEmptyKeyIsOfferedToTheLibraryAsAKeyOfLengthZero) {
   ControlPhaseMessage request = BuildControlRequest(test::UdpTask());
-  const bool accepted = SignControlRequest(kAuthTask, SlaAuthAlgorithm::kHmacSha256, std::string_view(), &request);
+  const bool accepted =
+      SignControlRequest(kAuthTask, SlaAuthAlgorithm::kHmacSha256, std::string_view(), &request);
   EXPECT_EQ(test::LastMacKeyLength(), 0);
   if (accepted) {
-    EXPECT_EQ(MessageDigest(SlaAuthAlgorithm::kHmacSha256, EncodeControlMessage(request), ""), request.digest);
+    EXPECT_EQ(MessageDigest(SlaAuthAlgorithm::kHmacSha256, EncodeControlMessage(request), ""),
+              request.digest);
     ExpectNoLine();
   } else {
     ExpectLine("EVP_PKEY_new_mac_key() failed for 311");
@@ -261,8 +282,9 @@ TEST_F(AuthFuncsTest, FailedHashIsLoggedWithTheSystemErrorText) {
   ControlPhaseMessage request;
   request.digest.fill(0x77);
   EXPECT_FALSE(SignControlRequest(kAuthTask, SlaAuthAlgorithm::kSha256, "abc", &request));
-  EXPECT_THAT(ReadLogFile(kAuthTask), ElementsAre("EVP_DigestUpdate() failed: error 0x40000065",
-                                                  "GetHash() failed for test 311: Input/output error"));
+  EXPECT_THAT(ReadLogFile(kAuthTask),
+              ElementsAre("EVP_DigestUpdate() failed: error 0x40000065",
+                          "GetHash() failed for test 311: Input/output error"));
   EXPECT_THAT(TakeSyslogTexts(), ElementsAre("EVP_DigestUpdate() failed: error 0x40000066",
                                              "GetHash() failed for test 311: Input/output error"));
   EXPECT_TRUE(std::ranges::all_of(request.digest, [](std::uint8_t byte) { return byte == 0; }));
@@ -291,7 +313,8 @@ TEST_F(AuthFuncsTest, UnknownAlgorithmEndsTheSigningAfterTheNonce) {
     SetUp();
     ControlPhaseMessage request;
     request.digest.fill(0x77);
-    EXPECT_FALSE(SignControlRequest(kAuthTask, static_cast<SlaAuthAlgorithm>(algorithm), "abc", &request));
+    EXPECT_FALSE(
+        SignControlRequest(kAuthTask, static_cast<SlaAuthAlgorithm>(algorithm), "abc", &request));
     ExpectLine("Unknown authentication algorithm on test 311");
     EXPECT_EQ(ToHex(request.nonce), test::kGoldenNonce);
     EXPECT_TRUE(std::ranges::all_of(request.digest, [](std::uint8_t byte) { return byte == 0; }));

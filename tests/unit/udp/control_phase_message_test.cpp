@@ -1,9 +1,9 @@
 #include "udp/control_phase_message.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <utility>
+
+#include <gtest/gtest.h>
 
 #include "support/bytes.h"
 #include "support/golden_requests.h"
@@ -60,16 +60,18 @@ TEST(BuildControlRequest, DurationOfTenProbesAtTwentyMillisecondsIs1270) {
 
 TEST(BuildControlRequest, LeavesNonceAndDigestZeroWithoutAuthentication) {
   const ControlMessageBytes bytes = EncodeControlMessage(BuildControlRequest(UdpTask()));
-  EXPECT_TRUE(std::all_of(bytes.begin() + 32, bytes.begin() + 80, [](std::uint8_t byte) { return byte == 0; }));
+  EXPECT_TRUE(std::all_of(bytes.begin() + 32, bytes.begin() + 80,
+                          [](std::uint8_t byte) { return byte == 0; }));
 }
 
 TEST(BuildControlRequest, ReservedBytesAreZero) {
-  constexpr std::pair<std::size_t, std::size_t> kReserved[] = {{1, 1},   {4, 7},   {12, 19},  {30, 30},
-                                                               {91, 91}, {92, 95}, {162, 163}};
+  constexpr std::pair<std::size_t, std::size_t> kReserved[] = {
+      {1, 1}, {4, 7}, {12, 19}, {30, 30}, {91, 91}, {92, 95}, {162, 163}};
   for (const test::GoldenRequest& golden : test::kGoldenRequests) {
     const ControlMessageBytes bytes = EncodeControlMessage(BuildControlRequest(TaskOf(golden)));
     for (const auto& [first, last] : kReserved) {
-      for (std::size_t i = first; i <= last; ++i) EXPECT_EQ(bytes[i], 0) << golden.name << " byte " << i;
+      for (std::size_t i = first; i <= last; ++i)
+        EXPECT_EQ(bytes[i], 0) << golden.name << " byte " << i;
     }
   }
 }
@@ -98,7 +100,8 @@ TEST(SessionDuration, WrapsInUnsigned32Bits) {
     task.interval = row.interval;
     task.num_packets = row.count;
     task.timeout = row.timeout;
-    EXPECT_EQ(SessionDuration(task), row.expected) << row.interval << " " << row.count << " " << row.timeout;
+    EXPECT_EQ(SessionDuration(task), row.expected)
+        << row.interval << " " << row.count << " " << row.timeout;
   }
 }
 
@@ -116,7 +119,8 @@ TEST(DecodeControlMessage, ReadsEveryFieldAtItsOffset) {
   EXPECT_EQ(static_cast<unsigned>(message.auth_algorithm), 0x1eU);
   EXPECT_EQ(message.key_id, 0x20);
   EXPECT_EQ(ToHex(message.nonce), "2122232425262728292a2b2c2d2e2f30");
-  EXPECT_EQ(ToHex(message.digest), "3132333435363738393a3b3c3d3e3f404142434445464748494a4b4c4d4e4f50");
+  EXPECT_EQ(ToHex(message.digest),
+            "3132333435363738393a3b3c3d3e3f404142434445464748494a4b4c4d4e4f50");
   EXPECT_EQ(static_cast<unsigned>(message.measurement_command), 0x5152U);
   EXPECT_EQ(static_cast<unsigned>(message.measurement_status), 0x5354U);
   EXPECT_EQ(message.measurement_length, 0x55565758U);
@@ -152,7 +156,8 @@ TEST(DecodeControlMessage, IsUndoneByEncodingButForUnusedBytes) {
 TEST(DecodeControlMessage, ReadsBytesThatWereNotReceivedAsZero) {
   const std::vector<std::uint8_t> whole = CountingBytes();
   for (std::size_t length = 0; length < whole.size(); ++length) {
-    const std::vector<std::uint8_t> received(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
+    const std::vector<std::uint8_t> received(whole.begin(),
+                                             whole.begin() + static_cast<std::ptrdiff_t>(length));
     std::vector<std::uint8_t> padded = received;
     padded.resize(kControlMessageSize, 0);
     ASSERT_EQ(ToHex(EncodeControlMessage(DecodeControlMessage(received))),

@@ -26,7 +26,8 @@ TEST(ControlProtocolPage, RequestIsWhatTheSenderSends) {
   task.auth.mode = SlaAuthMode::kPassword;
   task.auth.algorithm = SlaAuthAlgorithm::kHmacSha256;
   ControlPhaseMessage request = BuildControlRequest(task);
-  const test::FixedRandomBytes random({page.begin() + kNonceOffset, page.begin() + kNonceOffset + kNonceSize});
+  const test::FixedRandomBytes random(
+      {page.begin() + kNonceOffset, page.begin() + kNonceOffset + kNonceSize});
   ASSERT_TRUE(SignControlRequest(7, task.auth.algorithm, "abc", &request));
   EXPECT_EQ(ToHex(EncodeControlMessage(request)), ToHex(page));
 }
@@ -34,7 +35,8 @@ TEST(ControlProtocolPage, RequestIsWhatTheSenderSends) {
 TEST(ControlProtocolPage, DigestOfTheOtherAlgorithmIsRight) {
   ControlPhaseMessage request = DecodeControlMessage(DocumentBytes(kPage, "request"));
   request.auth_algorithm = SlaAuthAlgorithm::kSha256;
-  const auto digest = MessageDigest(SlaAuthAlgorithm::kSha256, EncodeControlMessage(request), "abc");
+  const auto digest =
+      MessageDigest(SlaAuthAlgorithm::kSha256, EncodeControlMessage(request), "abc");
   ASSERT_TRUE(digest.has_value());
   EXPECT_EQ(ToHex(*digest), ToHex(DocumentBytes(kPage, "sha256")));
 }
@@ -44,7 +46,9 @@ TEST(ControlProtocolPage, AnswerIsSignedWithTheSameKey) {
   ASSERT_EQ(page.size(), kControlMessageSize);
   const ControlPhaseMessage answer = DecodeControlMessage(page);
   EXPECT_EQ(answer.session_id, 7U);
-  EXPECT_EQ(MessageDigest(answer.auth_algorithm, std::span(page).first<kControlMessageSize>(), "abc"), answer.digest);
+  EXPECT_EQ(
+      MessageDigest(answer.auth_algorithm, std::span(page).first<kControlMessageSize>(), "abc"),
+      answer.digest);
 }
 
 TEST(ControlProtocolPage, ProbeAndReplyAreWhatBothEndsSend) {
@@ -54,7 +58,8 @@ TEST(ControlProtocolPage, ProbeAndReplyAreWhatBothEndsSend) {
   probe.insert(probe.end(), {0x11, 0x22, 0x33, 0x44});
   EXPECT_EQ(ToHex(probe), ToHex(page_probe));
 
-  const ReplyFields fields = {.sequence = 3, .counter = 2, .receive_stamp = 3'723'012'345'678, .ntp_receive = 0};
+  const ReplyFields fields = {
+      .sequence = 3, .counter = 2, .receive_stamp = 3'723'012'345'678, .ntp_receive = 0};
   EncodeReply(SlaTestType::kUdpJitter, fields, probe);
   EXPECT_EQ(ToHex(probe), ToHex(DocumentBytes(kPage, "reply")));
 }
@@ -62,13 +67,15 @@ TEST(ControlProtocolPage, ProbeAndReplyAreWhatBothEndsSend) {
 TEST(ControlProtocolPage, NamesEveryStatus) {
   std::vector<std::string> expected;
   for (std::uint16_t code = 0; code < 14; ++code) {
-    expected.push_back("| " + std::to_string(code) + " | " + ControlStatusToString(SlaControlStatus{code}) + " |");
+    expected.push_back("| " + std::to_string(code) + " | " +
+                       ControlStatusToString(SlaControlStatus{code}) + " |");
   }
   std::vector<std::string> rows;
   bool inside = false;
   for (const std::string& line : test::DocumentLines(kPage)) {
     if (line.starts_with("#")) inside = line == "### Statuses";
-    if (inside && line.starts_with("| ") && line.size() > 2 && line[2] >= '0' && line[2] <= '9') rows.push_back(line);
+    if (inside && line.starts_with("| ") && line.size() > 2 && line[2] >= '0' && line[2] <= '9')
+      rows.push_back(line);
   }
   EXPECT_THAT(rows, testing::ElementsAreArray(expected));
 }

@@ -1,8 +1,8 @@
 #include "udp/digest.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
+
+#include <gtest/gtest.h>
 
 #include "support/bytes.h"
 #include "support/golden_requests.h"
@@ -32,7 +32,8 @@ ControlMessageBytes UnsignedMessage(SlaAuthAlgorithm algorithm) {
   return {};
 }
 
-std::string DigestText(SlaAuthAlgorithm algorithm, const ControlMessageBytes& message, std::string_view key) {
+std::string DigestText(SlaAuthAlgorithm algorithm, const ControlMessageBytes& message,
+                       std::string_view key) {
   const std::optional<Digest> digest = MessageDigest(algorithm, message, key);
   return digest ? ToHex(*digest) : "none";
 }
@@ -62,12 +63,14 @@ TEST(MessageDigest, EmptyKeyIsAKeyOfLengthZeroUnderTheHmac) {
 TEST(MessageDigest, TakesKeysLongerThanABlockAndWithZeroBytes) {
   std::string key;
   for (int i = 0; i < 30; ++i) key.append("\x0a\x00\xff", 3);
-  EXPECT_EQ(DigestText(SlaAuthAlgorithm::kHmacSha256, UnsignedMessage(SlaAuthAlgorithm::kHmacSha256), key),
+  EXPECT_EQ(DigestText(SlaAuthAlgorithm::kHmacSha256,
+                       UnsignedMessage(SlaAuthAlgorithm::kHmacSha256), key),
             "d46db28ada37c11faeedfacd8f2cea21d3a36e8ae2884fc74037422a348a1441");
 }
 
 TEST(MessageDigest, DependsOnEveryByteButTheDigestField) {
-  for (const SlaAuthAlgorithm algorithm : {SlaAuthAlgorithm::kSha256, SlaAuthAlgorithm::kHmacSha256}) {
+  for (const SlaAuthAlgorithm algorithm :
+       {SlaAuthAlgorithm::kSha256, SlaAuthAlgorithm::kHmacSha256}) {
     const ControlMessageBytes message = UnsignedMessage(algorithm);
     const std::string original = DigestText(algorithm, message, "abc");
     for (std::size_t i = 0; i < message.size(); ++i) {

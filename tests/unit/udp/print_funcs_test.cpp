@@ -1,9 +1,9 @@
 #include "udp/print_funcs.h"
 
+#include <sstream>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <sstream>
 
 #include "support/bytes.h"
 #include "support/golden_requests.h"
@@ -56,7 +56,8 @@ constexpr const char* kOpenHeader =
 
 constexpr const char* kOpenMeasurement =
     "   .  |- Rand number               : 00000000000000000000000000000000\n"
-    "   .  |- Authentication digest     : 0000000000000000000000000000000000000000000000000000000000000000\n"
+    "   .  |- Authentication digest     : "
+    "0000000000000000000000000000000000000000000000000000000000000000\n"
     "   .  -\n"
     "   |- Measurement CSLD\n"
     "   .  |- Command                   : measurement CSLD (#2)\n"
@@ -81,8 +82,10 @@ class PrintCtlPhPktTest : public testing::Test {
     TakeSyslog();
   }
 
-  static void Print(const std::vector<std::uint8_t>& bytes, const SlaAuthConfig& auth, bool is_response = false) {
-    PrintCtlPhPkt(kPrintTask, bytes.data(), static_cast<std::uint16_t>(bytes.size()), is_response, auth, kKeychain);
+  static void Print(const std::vector<std::uint8_t>& bytes, const SlaAuthConfig& auth,
+                    bool is_response = false) {
+    PrintCtlPhPkt(kPrintTask, bytes.data(), static_cast<std::uint16_t>(bytes.size()), is_response,
+                  auth, kKeychain);
   }
 
   static SlaAuthConfig Auth(SlaAuthMode mode) {
@@ -114,9 +117,10 @@ TEST_F(PrintCtlPhPktTest, ShowsTheKeyIdOfAPasswordTaskOnlyInTheSystemLog) {
   EXPECT_EQ(system[2], "   .  .  |- ID                     : #0");
   EXPECT_EQ(system[3], "   .  .  |- Value                  : \"abc\"\n   .  .  -\n   .  -");
   EXPECT_THAT(system[4],
-              testing::StartsWith("   .  |- Rand number               : a0a1a2a3a4a5a6a7a8a9aaabacadaeaf\n"
-                                  "   .  |- Authentication digest     : "
-                                  "82088f5d6713532eb49f3ff6d97770f71949acbc5d0b069ab51a1a42871a0e88\n   .  -\n"));
+              testing::StartsWith(
+                  "   .  |- Rand number               : a0a1a2a3a4a5a6a7a8a9aaabacadaeaf\n"
+                  "   .  |- Authentication digest     : "
+                  "82088f5d6713532eb49f3ff6d97770f71949acbc5d0b069ab51a1a42871a0e88\n   .  -\n"));
   EXPECT_EQ(ReadLogFile(kPrintTask), Lines({system[0], system[1], system[3], system[4]}));
 }
 
@@ -136,7 +140,8 @@ TEST_F(PrintCtlPhPktTest, SaysWhichKeyIsMissing) {
   SlaAuthConfig auth = Auth(SlaAuthMode::kKeychain);
   auth.key_id = 77;
   Print(GoldenBytes("UdpJitterKeychainHmac"), auth);
-  EXPECT_EQ(TakeSyslogTexts().at(3), "   .  .  |- Value                  : \"no key\"\n   .  .  -\n   .  -");
+  EXPECT_EQ(TakeSyslogTexts().at(3),
+            "   .  .  |- Value                  : \"no key\"\n   .  .  -\n   .  -");
 }
 
 TEST_F(PrintCtlPhPktTest, ChoosesTheSecondBlockByTheTasksModeNotByTheMessages) {
@@ -164,7 +169,8 @@ TEST_F(PrintCtlPhPktTest, NamesEveryStatusOfAResponse) {
     std::uint8_t code;
     const char* name;
   };
-  constexpr Row kRows[] = {{0, "successful (#0)"}, {13, "unknown internal error (#13)"}, {14, "undefined (#14)"}};
+  constexpr Row kRows[] = {
+      {0, "successful (#0)"}, {13, "unknown internal error (#13)"}, {14, "undefined (#14)"}};
   for (const Row& row : kRows) {
     std::vector<std::uint8_t> response = GoldenBytes("UdpJitterOpen");
     response[3] = response[23] = response[83] = row.code;
@@ -227,7 +233,8 @@ TEST_F(PrintCtlPhPktTest, PrintsTheWholeTreeFrom24BytesWithZerosBehind) {
   Print(bytes, Auth(SlaAuthMode::kNone));
   const std::vector<std::string> system = TakeSyslogTexts();
   ASSERT_EQ(system.size(), 3U);
-  EXPECT_THAT(system[0], HasSubstr("   .  |- Command                   : authentication CSLD (#1)\n"));
+  EXPECT_THAT(system[0],
+              HasSubstr("   .  |- Command                   : authentication CSLD (#1)\n"));
   EXPECT_THAT(system[0], HasSubstr("   .  |- CSLD length               : 0 bytes\n"
                                    "   .  |- Mode                      : undefined (#0)"));
   EXPECT_THAT(system[2], HasSubstr("   .  |- Control sender address    : 0.0.0.0:0\n"));
@@ -237,8 +244,9 @@ TEST_F(PrintCtlPhPktTest, PrintsTheWholeTreeFrom24BytesWithZerosBehind) {
 TEST_F(PrintCtlPhPktTest, NamesItsSourceInTheSystemLog) {
   Print(GoldenBytes("UdpJitterOpen"), Auth(SlaAuthMode::kNone));
   for (const test::SyslogRecord& record : TakeSyslog()) {
-    EXPECT_THAT(record.line,
-                testing::MatchesRegex("%IP_SLA-D-DEBUG: print_funcs\\.cpp:[0-9]+:PrintCtlPhPkt\\(\\): .*"));
+    EXPECT_THAT(
+        record.line,
+        testing::MatchesRegex("%IP_SLA-D-DEBUG: print_funcs\\.cpp:[0-9]+:PrintCtlPhPkt\\(\\): .*"));
     EXPECT_EQ(record.severity, 7);
   }
 }

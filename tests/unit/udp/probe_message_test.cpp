@@ -1,9 +1,9 @@
 #include "udp/probe_message.h"
 
-#include <gtest/gtest.h>
-
 #include <bit>
 #include <cstring>
+
+#include <gtest/gtest.h>
 
 #include "support/bytes.h"
 
@@ -13,7 +13,8 @@ namespace {
 using test::FromHex;
 using test::ToHex;
 
-constexpr SlaTestType kUdpTypes[] = {SlaTestType::kUdpEcho, SlaTestType::kUdpJitter, SlaTestType::kUdpJitterNtp};
+constexpr SlaTestType kUdpTypes[] = {SlaTestType::kUdpEcho, SlaTestType::kUdpJitter,
+                                     SlaTestType::kUdpJitterNtp};
 
 std::string Zeros(std::size_t bytes) {
   return std::string(bytes * 2, '0');
@@ -53,7 +54,9 @@ TEST(EncodeProbe, WritesNothingBehindAShortBuffer) {
     for (std::size_t size = 0; size < ProbeHeaderSize(type); ++size) {
       std::vector<std::uint8_t> memory(64, 0xee);
       EncodeProbe(type, 0x01020304, std::span(memory).first(size));
-      EXPECT_EQ(ToHex(std::span(memory).subspan(size)), ToHex(std::vector<std::uint8_t>(64 - size, 0xee))) << size;
+      EXPECT_EQ(ToHex(std::span(memory).subspan(size)),
+                ToHex(std::vector<std::uint8_t>(64 - size, 0xee)))
+          << size;
     }
   }
 }
@@ -96,7 +99,8 @@ TEST(DecodeReply, ReadsEveryFieldAtItsOffset) {
 TEST(DecodeReply, ReadsBytesBeyondTheBufferAsZeroAtEveryLength) {
   const std::vector<std::uint8_t> whole = CountingBytes(kReplyReadSize);
   for (std::size_t size = 0; size < whole.size(); ++size) {
-    std::vector<std::uint8_t> padded(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
+    std::vector<std::uint8_t> padded(whole.begin(),
+                                     whole.begin() + static_cast<std::ptrdiff_t>(size));
     const std::vector<std::uint8_t> received = padded;
     padded.resize(kReplyReadSize, 0);
     const ProbeReply reply = DecodeReply(received);
@@ -126,9 +130,10 @@ constexpr ReplyFields kFields = {.sequence = 0x01020304,
 TEST(EncodeReply, GivesTheGoldenBytesOfEveryType) {
   const std::pair<SlaTestType, std::string> rows[] = {
       {SlaTestType::kUdpEcho, "0001ffff" + Zeros(16) + "0102030411121314" + Zeros(30)},
-      {SlaTestType::kUdpJitter, "0002ffff" + Zeros(8) + "2122232425262728" + "0102030411121314" + Zeros(30)},
-      {SlaTestType::kUdpJitterNtp,
-       "0003ffff" + Zeros(8) + "3132333435363738" + "0102030411121314" + Zeros(26) + "1314" + Zeros(2)},
+      {SlaTestType::kUdpJitter,
+       "0002ffff" + Zeros(8) + "2122232425262728" + "0102030411121314" + Zeros(30)},
+      {SlaTestType::kUdpJitterNtp, "0003ffff" + Zeros(8) + "3132333435363738" + "0102030411121314" +
+                                       Zeros(26) + "1314" + Zeros(2)},
   };
   for (const auto& [type, expected] : rows) {
     std::vector<std::uint8_t> probe(58, 0);

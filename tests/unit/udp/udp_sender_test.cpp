@@ -9,11 +9,11 @@
 #include <map>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <boost/asio/ip/udp.hpp>
 #include <boost/endian/conversion.hpp>
 #include <boost/smart_ptr/make_shared.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "env/time_values.h"
 #include "log/log.h"
@@ -83,14 +83,15 @@ class ScriptedResponder {
   void Receive(udp::socket& socket, std::function<std::vector<Bytes>(const Bytes&)> answer) {
     auto buffer = std::make_shared<std::array<std::uint8_t, 2048>>();
     auto from = std::make_shared<udp::endpoint>();
-    socket.async_receive_from(boost::asio::buffer(*buffer), *from,
-                              [this, &socket, answer, buffer, from](const auto& error, std::size_t bytes) {
-                                if (error) return;
-                                for (const Bytes& reply : answer(Bytes(buffer->begin(), buffer->begin() + bytes))) {
-                                  socket.send_to(boost::asio::buffer(reply), *from);
-                                }
-                                Receive(socket, answer);
-                              });
+    socket.async_receive_from(
+        boost::asio::buffer(*buffer), *from,
+        [this, &socket, answer, buffer, from](const auto& error, std::size_t bytes) {
+          if (error) return;
+          for (const Bytes& reply : answer(Bytes(buffer->begin(), buffer->begin() + bytes))) {
+            socket.send_to(boost::asio::buffer(reply), *from);
+          }
+          Receive(socket, answer);
+        });
   }
 
   udp::socket control_;
@@ -164,7 +165,8 @@ TEST_F(UdpSenderTest, EchoIsMatchedAtOffset20) {
   EXPECT_GT(last.rtt_avg, 0);
 }
 
-// The 4-byte payload has no room for a sequence number at offset 20: it reads as 0, the slot of the last probe.
+// The 4-byte payload has no room for a sequence number at offset 20: it reads as 0, the slot of the
+// last probe.
 TEST_F(UdpSenderTest, ShortestEchoFallsOnTheLastSlot) {
   SlaTaskConfig task = Task(SlaTestType::kUdpEcho);
   task.packet_size = 4;
@@ -180,8 +182,9 @@ TEST_F(UdpSenderTest, NtpRepliesAreAllSkipped) {
   EXPECT_EQ(last.ds_pkt_count, 2);
   EXPECT_EQ(last.skipped, 2);
   EXPECT_EQ(last.sd_smp_count, 0);
-  EXPECT_THAT(test::TakeSyslogTexts(), Contains("Received the package before sending it ... Change state received -> "
-                                                "SLA_PACKET_SKIP_STATE"));
+  EXPECT_THAT(test::TakeSyslogTexts(),
+              Contains("Received the package before sending it ... Change state received -> "
+                       "SLA_PACKET_SKIP_STATE"));
 }
 
 TEST_F(UdpSenderTest, ProbesCountFromOneAndKeepTheirPadding) {
@@ -199,7 +202,8 @@ TEST_F(UdpSenderTest, ProbesCountFromOneAndKeepTheirPadding) {
     header[1] = 2;
     header[23] = static_cast<std::uint8_t>(i + 1);
     EXPECT_EQ(Bytes(probes[i].begin(), probes[i].begin() + 28), header);
-    EXPECT_EQ(Bytes(probes[i].begin() + 28, probes[i].end()), Bytes(probes[0].begin() + 28, probes[0].end()));
+    EXPECT_EQ(Bytes(probes[i].begin() + 28, probes[i].end()),
+              Bytes(probes[0].begin() + 28, probes[0].end()));
   }
 }
 
@@ -255,7 +259,8 @@ TEST_F(UdpSenderTest, RequestIsSentFromTheBoundPortsAndSigned) {
   EXPECT_EQ(request.control_responder_port, 0);
   EXPECT_EQ(request.key_id, 5);
   const auto expected =
-      MessageDigest(SlaAuthAlgorithm::kHmacSha256, std::span<const std::uint8_t, kControlMessageSize>(bytes), "secret");
+      MessageDigest(SlaAuthAlgorithm::kHmacSha256,
+                    std::span<const std::uint8_t, kControlMessageSize>(bytes), "secret");
   ASSERT_TRUE(expected);
   EXPECT_EQ(request.digest, *expected);
 }
@@ -274,11 +279,13 @@ TEST_F(UdpSenderTest, EveryControlPhaseHasAFreshNonceAndTheCurrentKey) {
   const Bytes& last = responder.requests.back();
   const ControlPhaseMessage request = DecodeControlMessage(last);
   EXPECT_NE(request.nonce, DecodeControlMessage(responder.requests.front()).nonce);
-  EXPECT_EQ(request.digest, MessageDigest(SlaAuthAlgorithm::kSha256,
-                                          std::span<const std::uint8_t, kControlMessageSize>(last), "second"));
+  EXPECT_EQ(request.digest,
+            MessageDigest(SlaAuthAlgorithm::kSha256,
+                          std::span<const std::uint8_t, kControlMessageSize>(last), "second"));
   context.keys->Replace({});
   ASSERT_TRUE(context.RunUntil([&] { return context.StatisticsOf(kId).failed_count >= 1; }));
-  EXPECT_EQ(context.StatisticsOf(kId).last.error_description, "Start test failed") << "the key is gone";
+  EXPECT_EQ(context.StatisticsOf(kId).last.error_description, "Start test failed")
+      << "the key is gone";
   test->Stop(true);
 }
 
@@ -321,8 +328,10 @@ TEST_F(UdpSenderTest, SilenceIsAHostThatIsNotResponding) {
   responder.control = [](const Bytes&) { return std::vector<Bytes>{}; };
   SlaTaskConfig task = Task(SlaTestType::kUdpEcho);
   task.control_timeout = 50;
-  EXPECT_EQ(FirstRun(task).last.error_description, "control phase failed: destination host is not responding");
-  EXPECT_THAT(Errors(), testing::ElementsAre("(test 60) Control phase failed: destination host is not responding"));
+  EXPECT_EQ(FirstRun(task).last.error_description,
+            "control phase failed: destination host is not responding");
+  EXPECT_THAT(Errors(), testing::ElementsAre(
+                            "(test 60) Control phase failed: destination host is not responding"));
 }
 
 TEST_F(UdpSenderTest, ClosedPortIsARefusal) {
@@ -331,8 +340,9 @@ TEST_F(UdpSenderTest, ClosedPortIsARefusal) {
   task.control_timeout = 10000;
   EXPECT_EQ(FirstRun(task).last.error_description, "control phase failed: connection refused");
   EXPECT_THAT(Errors(),
-              testing::ElementsAre("(test 60) Control phase failed: connection refused. The responder may not "
-                                   "be running or is using a different port"));
+              testing::ElementsAre(
+                  "(test 60) Control phase failed: connection refused. The responder may not "
+                  "be running or is using a different port"));
 }
 
 TEST_F(UdpSenderTest, ForeignVersionIsRejected) {
@@ -340,8 +350,10 @@ TEST_F(UdpSenderTest, ForeignVersionIsRejected) {
   message.version = 1;
   const std::string text = "control phase failed: invalid response control phase protocol version";
   EXPECT_EQ(RunAnsweredWith(ScriptedResponder::Encoded(message)).error_description, text);
-  EXPECT_THAT(Errors(), testing::ElementsAre("(test 60) Control phase failed: invalid response control phase protocol "
-                                             "version"));
+  EXPECT_THAT(Errors(),
+              testing::ElementsAre(
+                  "(test 60) Control phase failed: invalid response control phase protocol "
+                  "version"));
 }
 
 TEST_F(UdpSenderTest, HeaderStatusIsReported) {
@@ -350,7 +362,8 @@ TEST_F(UdpSenderTest, HeaderStatusIsReported) {
   EXPECT_EQ(RunAnsweredWith(ScriptedResponder::Encoded(message)).error_description,
             "control phase failed: command header status: unknown internal error");
   EXPECT_THAT(Errors(),
-              testing::ElementsAre("(test 60) Control phase failed: command header status: unknown internal error"));
+              testing::ElementsAre(
+                  "(test 60) Control phase failed: command header status: unknown internal error"));
 }
 
 TEST_F(UdpSenderTest, LaterFindingsOverwriteEarlierOnes) {
@@ -360,8 +373,9 @@ TEST_F(UdpSenderTest, LaterFindingsOverwriteEarlierOnes) {
   EXPECT_EQ(RunAnsweredWith(ScriptedResponder::Encoded(message)).error_description,
             "control phase authentication failed: authentication fail");
   EXPECT_THAT(Errors(),
-              testing::ElementsAre("(test 60) Control phase failed: command header status: requested port is busy",
-                                   "(test 60) Control phase authentication failed: authentication fail"));
+              testing::ElementsAre(
+                  "(test 60) Control phase failed: command header status: requested port is busy",
+                  "(test 60) Control phase authentication failed: authentication fail"));
 }
 
 TEST_F(UdpSenderTest, MeasurementStatusIsReported) {
@@ -387,7 +401,8 @@ TEST_F(UdpSenderTest, EmptyResponseFailsWithoutAText) {
   EXPECT_EQ(last.error_description, "");
 }
 
-// One byte 2 reads as a successful response with measurement port 0: probes to port 0 cannot be sent.
+// One byte 2 reads as a successful response with measurement port 0: probes to port 0 cannot be
+// sent.
 TEST_F(UdpSenderTest, OneByteOfVersionTwoPassesAsAResponse) {
   const SlaTaskMetrics last = RunAnsweredWith({2});
   EXPECT_EQ(last.error_description, "timeout, no samples");
@@ -405,7 +420,9 @@ TEST_F(UdpSenderTest, ShortResponseAfterALongOneSeesZeros) {
   task.control_retry = 0;
   task.timeout = 50;
   int phases = 0;
-  responder.control = [&](const Bytes&) { return std::vector<Bytes>{++phases == 1 ? responder.Accept() : Bytes{2}}; };
+  responder.control = [&](const Bytes&) {
+    return std::vector<Bytes>{++phases == 1 ? responder.Accept() : Bytes{2}};
+  };
   const auto test = boost::make_shared<UdpSender>(context.worker, task, context.Shared());
   test->Schedule();
   ASSERT_TRUE(context.RunUntil([&] { return context.RunsOf(kId) >= 2; }));
@@ -424,8 +441,9 @@ TEST_F(UdpSenderTest, FirstDumpShowsNoNonce) {
   SlaTaskConfig task = Task(SlaTestType::kUdpEcho);
   task.auth = {SlaAuthMode::kPassword, SlaAuthAlgorithm::kSha256, 0, "key"};
   FirstRun(task);
-  EXPECT_THAT(test::TakeSyslogTexts(),
-              Contains(HasSubstr("Rand number               : 00000000000000000000000000000000\n")));
+  EXPECT_THAT(
+      test::TakeSyslogTexts(),
+      Contains(HasSubstr("Rand number               : 00000000000000000000000000000000\n")));
 }
 
 TEST_F(UdpSenderTest, FixedSourcePortIsFreeForTheNextRun) {
