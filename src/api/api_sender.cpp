@@ -16,6 +16,7 @@
 #include <boost/thread/lock_guard.hpp>
 
 #include "api/receive_outcome.h"
+#include "api/sender_factory.h"
 #include "config/print_funcs.h"
 #include "config/sender_help_funcs.h"
 #include "env/environment.h"

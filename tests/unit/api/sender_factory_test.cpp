@@ -1,9 +1,9 @@
+#include "api/sender_factory.h"
+
 #include <stdexcept>
 
 #include <gtest/gtest.h>
 
-#include "config/sender_help_funcs.h"
-#include "sender/sender.h"
 #include "support/test_context.h"
 
 namespace ipsla {

@@ -1,10 +1,9 @@
-// The test factory: the one place below the tests' own floors that names them.
+#include "api/sender_factory.h"
 
 #include <stdexcept>
 
 #include <boost/smart_ptr/make_shared.hpp>
 
-#include "config/sender_help_funcs.h"
 #include "sender/icmp_sender.h"
 #include "udp/udp_sender.h"
 
