@@ -219,6 +219,10 @@ std::int32_t PacketHeaderSize(SlaTestType type) {
   }
 }
 
+std::int64_t PlainRunMs(const SlaTaskConfig& task) {
+  return std::int64_t{task.timeout} + std::int64_t{task.interval} * task.num_packets;
+}
+
 bool IsJitterType(SlaTestType type) {
   return type == SlaTestType::kUdpJitter || type == SlaTestType::kUdpJitterNtp ||
          type == SlaTestType::kIcmpJitter;

@@ -170,6 +170,11 @@ using SlaTaskMap = std::map<std::int32_t, SlaTaskConfig>;
 /// icmp-jitter is deliberately counted differently from icmp-echo.
 [[nodiscard]] std::int32_t PacketHeaderSize(SlaTestType type);
 
+/// Time from the first probe of a run to its end when no probe of it is answered, in milliseconds
+/// and without any allowance: "timeout" + "interval" x "num-packets". The parser holds it against
+/// the period, and it is the ICMP types' measurement timer; both in 32 bits, to which they cut it.
+[[nodiscard]] std::int64_t PlainRunMs(const SlaTaskConfig& task);
+
 /// True for the three types whose one-way latency and jitter are computed.
 [[nodiscard]] bool IsJitterType(SlaTestType type);
 

@@ -400,9 +400,7 @@ void TaskReader::ReadParameters() {
 void TaskReader::CheckBudget() {
   if (!has_period_ || !has_duration_) return;
   const SlaTaskConfig& config = result_.config;
-  const auto run_ms =
-      static_cast<std::uint32_t>(config.timeout) +
-      static_cast<std::uint32_t>(config.interval) * static_cast<std::uint32_t>(config.num_packets);
+  const auto run_ms = static_cast<std::uint32_t>(PlainRunMs(config));
   const std::uint32_t period_ms = static_cast<std::uint32_t>(config.scheduler.time) * 1000U;
   Member place = task_.Find("schedule");
   if (config.schedule)

@@ -69,9 +69,7 @@ void IcmpSender::StartTest() {
     OpenSocket();
     ArmReceive();
     ArmSend();
-    StartFuncTimeout(kTestStop, static_cast<std::uint32_t>(config_.timeout) +
-                                    static_cast<std::uint32_t>(config_.num_packets) *
-                                        static_cast<std::uint32_t>(config_.interval));
+    StartFuncTimeout(kTestStop, static_cast<std::uint32_t>(PlainRunMs(config_)));
   } catch (const std::exception& error) {
     FailStart(error.what());
   }

@@ -156,11 +156,12 @@ ControlPhaseMessage BuildControlRequest(const SlaTaskConfig& task) {
   return request;
 }
 
+std::int64_t SessionMs(const SlaTaskConfig& task) {
+  return PlainRunMs(task) + std::int64_t{kIntervalSlackMs} * task.num_packets;
+}
+
 std::uint32_t SessionDuration(const SlaTaskConfig& task) {
-  const auto interval = static_cast<std::uint32_t>(task.interval);
-  const auto count = static_cast<std::uint32_t>(task.num_packets);
-  const auto timeout = static_cast<std::uint32_t>(task.timeout);
-  return (interval + kIntervalSlackMs) * count + timeout;  // wraps, as unsigned arithmetic does
+  return static_cast<std::uint32_t>(SessionMs(task));
 }
 
 }  // namespace ipsla

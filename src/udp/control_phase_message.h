@@ -109,8 +109,10 @@ struct ControlPhaseMessage {
 /// task holds them now.
 [[nodiscard]] ControlPhaseMessage BuildControlRequest(const SlaTaskConfig& task);
 
-/// Length of a measurement session, milliseconds: ("interval" + 7) x "num-packets" + "timeout",
-/// wrapping in unsigned 32 bits. It is the request's duration and the length of the sender's
+/// Length of a measurement session, milliseconds: ("interval" + 7) x "num-packets" + "timeout".
+[[nodiscard]] std::int64_t SessionMs(const SlaTaskConfig& task);
+
+/// The same, wrapped in unsigned 32 bits: the request's duration and the length of the sender's
 /// measurement timer.
 [[nodiscard]] std::uint32_t SessionDuration(const SlaTaskConfig& task);
 

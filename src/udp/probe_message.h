@@ -29,6 +29,9 @@ namespace ipsla {
 /// Furthest byte that is read from a reply, plus one: buffers for replies are at least this long.
 inline constexpr std::size_t kReplyReadSize = 56;
 
+/// End of the sequence number in a reply of any type: a shorter reply to a probe reads as number 0.
+inline constexpr std::size_t kReplySequenceEnd = 24;
+
 /// Writes type and sequence number into a probe whose other header bytes are zero. `probe` is at
 /// least the header long (callers keep buffers of 64 bytes or more).
 void EncodeProbe(SlaTestType type, std::uint32_t sequence, std::span<std::uint8_t> probe);

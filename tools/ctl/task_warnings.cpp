@@ -1,6 +1,8 @@
 #include "ctl/task_warnings.h"
 
 #include <arpa/inet.h>
+#include <netinet/ip.h>
+#include <netinet/udp.h>
 
 #include <cstdlib>
 #include <limits>
@@ -15,23 +17,22 @@
 #include "config/json_text.h"
 #include "ctl/display_text.h"
 #include "env/time_values.h"
+#include "sender/icmp_message.h"
 #include "sender/schedule.h"
+#include "udp/control_phase_message.h"
+#include "udp/probe_message.h"
 
 namespace ipsla::ctl {
 namespace {
 
-/// Slack that a UDP test adds to each probe's interval.
-constexpr std::int64_t kIntervalSlackMs = 7;
 /// Waits are counted in unsigned 32-bit milliseconds: what is negative or longer comes out as
 /// something else.
 constexpr std::int64_t kWrapMs = std::int64_t{1} << 32;
 constexpr std::int64_t kNanosecondsPerMs = 1000000;
-constexpr std::int64_t kMaxUdpPayload = 65507;
-constexpr std::int64_t kMaxIcmpMessage = 65515;
-constexpr std::int64_t kIpHeaderSize = 20;
-/// Where a UDP reply's sequence number ends; an echo reply without it is taken for sequence number
-/// 0.
-constexpr std::int64_t kSequenceEnd = 24;
+constexpr std::int64_t kIpHeaderBytes = kIpv4HeaderSize;
+constexpr std::int64_t kMaxIcmpMessage = IP_MAXPACKET - kIpHeaderBytes;
+constexpr std::int64_t kMaxUdpPayload = kMaxIcmpMessage - std::int64_t{sizeof(udphdr)};
+constexpr std::int64_t kSequenceEnd = kReplySequenceEnd;
 
 bool IsIcmp(SlaTestType type) {
   return type == SlaTestType::kIcmpEcho || type == SlaTestType::kIcmpJitter;
@@ -218,8 +219,9 @@ void TaskInspector::CheckPacketSize() {
   const std::int64_t payload = configured - PacketHeaderSize(task_.sla_type);
   if (IsIcmp(task_.sla_type)) {
     // The message is shorter than the payload by an IP header.
-    const std::int64_t message = payload - kIpHeaderSize;
-    const std::int64_t header = task_.sla_type == SlaTestType::kIcmpEcho ? 8 : 20;
+    const std::int64_t message = payload - kIpHeaderBytes;
+    const std::int64_t header =
+        task_.sla_type == SlaTestType::kIcmpEcho ? kIcmpHeaderSize : kIcmpTimestampHeaderSize;
     if (message < header) {
       Warn(key,
            fmt::format("leaves {} of the {} bytes of the ICMP message's header; the smallest that "
@@ -288,11 +290,7 @@ void TaskInspector::CheckDuration() {
 }  // namespace
 
 std::int64_t LongestRunMs(const SlaTaskConfig& task) {
-  if (IsIcmp(task.sla_type)) {
-    return std::int64_t{task.timeout} + std::int64_t{task.num_packets} * task.interval;
-  }
-  return std::int64_t{task.control_timeout} + task.timeout +
-         std::int64_t{task.num_packets} * (task.interval + kIntervalSlackMs);
+  return IsIcmp(task.sla_type) ? PlainRunMs(task) : task.control_timeout + SessionMs(task);
 }
 
 std::vector<TaskFault> TaskWarnings(const cJSON* element, const SlaTaskConfig& task,

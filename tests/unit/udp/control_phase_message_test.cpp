@@ -105,6 +105,15 @@ TEST(SessionDuration, WrapsInUnsigned32Bits) {
   }
 }
 
+TEST(SessionMs, DoesNotWrap) {
+  SlaTaskConfig task;
+  task.interval = 60000;
+  task.num_packets = 100000;
+  task.timeout = 5000;
+  EXPECT_EQ(PlainRunMs(task), 6000005000);
+  EXPECT_EQ(SessionMs(task), 6000705000);
+}
+
 TEST(DecodeControlMessage, ReadsEveryFieldAtItsOffset) {
   const ControlPhaseMessage message = DecodeControlMessage(CountingBytes());
   EXPECT_EQ(message.version, 0x01);
