@@ -19,7 +19,9 @@
 #include "api/sender_factory.h"
 #include "config/print_funcs.h"
 #include "config/sender_help_funcs.h"
-#include "env/environment.h"
+#include "env/network_namespace.h"
+#include "env/packet_stamps.h"
+#include "env/process.h"
 #include "env/time_values.h"
 #include "log/log.h"
 

@@ -16,7 +16,8 @@
 
 #include "api/interface_query.h"
 #include "api/receive_outcome.h"
-#include "env/environment.h"
+#include "env/namespace_scope.h"
+#include "env/network_namespace.h"
 #include "log/log.h"
 
 namespace ipsla {

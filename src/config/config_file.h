@@ -36,10 +36,6 @@ struct ConfigFile {
 /// (ParseJson).
 [[nodiscard]] ConfigFile ReadConfigFile(const std::string& filename, const char* key);
 
-/// Logs (debug, id 0) why a file could not be read or parsed; `what` names it in the line of an
-/// empty file name. Nothing for kNone and kNoArray, of which each reader has its own line.
-void LogFileFault(const ConfigFile& file, const char* what);
-
 }  // namespace ipsla
 
 #endif  // IPSLA_CONFIG_CONFIG_FILE_H_

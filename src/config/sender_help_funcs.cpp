@@ -5,8 +5,9 @@
 #include <cjson/cJSON.h>
 
 #include "config/config_file.h"
+#include "config/file_fault_log.h"
 #include "config/task_parser.h"
-#include "env/environment.h"
+#include "env/interface_lookup.h"
 #include "log/log.h"
 
 namespace ipsla {
@@ -47,6 +48,7 @@ int ParseTaskConfigs(const std::string& filename, SlaTaskMap* tasks,
   cJSON_ArrayForEach(element, file.array) {
     TaskParse task = ParseTask(element, *tasks, keychain, GetIfaceData);
     if (task.abandoned) return -1;
+    if (task.conversion_failure) LOG_DEBUG(0, "%s", task.conversion_failure->c_str());
     if (task.fault) {
       LOG_DEBUG(0, "SLA task ID #%u parse skipped: %s", unsigned{task.config.sla_id},
                 task.fault->c_str());

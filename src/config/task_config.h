@@ -1,5 +1,4 @@
-// One measurement task as configured, and the tables that turn its numeric codes into words and
-// back.
+// One measurement task as configured, and the sizes that its type implies.
 //
 // Everything here is plain data with value semantics and pure functions: no I/O, no globals, any
 // thread.
@@ -12,62 +11,10 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <type_traits>
+
+#include "config/names.h"
 
 namespace ipsla {
-
-/// An enumeration's number, in the type that it is stored and sent in.
-template <typename Enumeration>
-[[nodiscard]] constexpr std::underlying_type_t<Enumeration> NumberOf(Enumeration value) {
-  return static_cast<std::underlying_type_t<Enumeration>>(value);
-}
-
-enum class SlaTestType : std::int32_t {
-  kNone = -1,
-  kUdpEcho = 1,
-  kUdpJitter = 2,
-  kUdpJitterNtp = 3,
-  kIcmpEcho = 4,
-  kIcmpJitter = 5,
-};
-
-enum class SlaAuthMode : std::uint8_t { kUndefined = 0, kNone = 1, kPassword = 2, kKeychain = 3 };
-
-enum class SlaAuthAlgorithm : std::uint8_t { kUndefined = 0, kSha256 = 1, kHmacSha256 = 2 };
-
-/// Status codes carried in control-phase messages.
-enum class SlaControlStatus : std::uint16_t {
-  kSuccessful = 0,
-  kFail = 1,
-  kAuthenticationFail = 2,
-  kFormatError = 3,
-  kRequestedPortIsBusy = 4,
-  kUnsupportedProtocolVersion = 5,
-  kInvalidStatus = 6,
-  kInvalidLength = 7,
-  kUnsupportedAddress = 8,
-  kUnsupportedRole = 9,
-  kUnsupportedAuthenticationMode = 10,
-  kUnsupportedAuthenticationAlgorithm = 11,
-  kUnsupportedOperationType = 12,
-  kUnknownInternalError = 13,
-};
-
-enum class CsldType : std::uint16_t { kAuthentication = 1, kMeasurement = 2 };
-enum class AddressType : std::uint8_t { kIpv4 = 2, kIpv6 = 3 };
-enum class Role : std::uint8_t { kResponder = 1, kSender = 2 };
-
-/// Result of a run.
-enum class RunResult : std::uint32_t { kSuccessful = 0, kFail = 1 };
-
-/// State of one probe.
-enum class SlaPacketState : std::uint8_t {
-  kSent = 0,      ///< went out (or not yet), no reply accepted
-  kReceived = 1,  ///< a reply was accepted
-  kSkipped = 2,   ///< the reply was not usable
-  kLossSd = 3,
-  kLossDs = 4,
-};
 
 /// When a task runs.
 struct SlaSchedulerConfig {
@@ -154,15 +101,6 @@ using SlaTaskMap = std::map<std::int32_t, SlaTaskConfig>;
 /// Dotted text of an IPv4 address in network byte order.
 [[nodiscard]] std::string Ipv4ToString(in_addr address);
 
-// Words of the configuration files, compared exactly.
-
-/// kNone for an unknown word.
-[[nodiscard]] SlaTestType TestTypeFromString(const std::string& word);
-/// "no", "password", "keychain"; kUndefined for anything else.
-[[nodiscard]] SlaAuthMode AuthModeFromString(const std::string& word);
-/// "sha256", "hmac-sha256"; kUndefined for anything else.
-[[nodiscard]] SlaAuthAlgorithm AuthAlgorithmFromString(const std::string& word);
-
 /// Smallest accepted "packet-size", headers included.
 [[nodiscard]] std::int32_t MinPacketSize(SlaTestType type);
 
@@ -174,9 +112,6 @@ using SlaTaskMap = std::map<std::int32_t, SlaTaskConfig>;
 /// and without any allowance: "timeout" + "interval" x "num-packets". The parser holds it against
 /// the period, and it is the ICMP types' measurement timer; both in 32 bits, to which they cut it.
 [[nodiscard]] std::int64_t PlainRunMs(const SlaTaskConfig& task);
-
-/// True for the three types whose one-way latency and jitter are computed.
-[[nodiscard]] bool IsJitterType(SlaTestType type);
 
 /// Turns a password "key-string" into the key's bytes: hexadecimal text, with or without a leading
 /// "0x", is converted in two-character pieces from position 0 (pieces equal to "0x" are skipped,

@@ -11,7 +11,6 @@
 #include <cjson/cJSON.h>
 
 #include "config/json_text.h"
-#include "log/log.h"
 
 namespace ipsla {
 namespace {
@@ -81,12 +80,12 @@ in_port_t NetworkPort(std::int32_t port) {
 }
 
 // Converts dotted text. Text that is no IPv4 address deliberately counts as 0.0.0.0; false is only
-// the (logged) failure of the conversion itself.
-bool ReadAddress(const char* text, in_addr* address) {
+// the failure of the conversion itself, which inet_pton(3) has for an unknown address family alone.
+bool ReadAddress(const char* text, in_addr* address, std::optional<std::string>* failure) {
   in_addr converted{};
   const int status = inet_pton(AF_INET, text, &converted);
   if (status == -1) {
-    LOG_DEBUG(0, "inet_pton() failed: %s", std::strerror(errno));
+    *failure = std::string("inet_pton() failed: ") + std::strerror(errno);
     return false;
   }
   *address = status == 1 ? converted : in_addr{};
@@ -249,16 +248,19 @@ void TaskReader::ReadSource(const Object& phase, const PhaseReasons& reasons,
                             SlaEndpointConfig* endpoint) {
   const Member address = phase.Find("src-address");
   if (address.HasNonEmptyText()) {
-    Require(ReadAddress(address.Text(), &endpoint->src.sin_addr), address, reasons.source_address);
+    Require(ReadAddress(address.Text(), &endpoint->src.sin_addr, &result_.conversion_failure),
+            address, reasons.source_address);
     return;
   }
   std::int32_t status = kInterfaceFound;
-  const InterfaceAddress found = lookup_(result_.config.control_phase.vrf, phase.json, &status);
+  const Member interface = phase.Find("src-interface");
+  const InterfaceAddress found = lookup_(result_.config.control_phase.vrf,
+                                         interface.HasText() ? interface.Text() : "", &status);
   if (status == kInterfaceEnvironmentFailed) {
     result_.abandoned = true;
     return;
   }
-  if (!Require(status != kInterfaceNotConfigured, phase.Find("src-interface"), kNoSource)) return;
+  if (!Require(status != kInterfaceNotConfigured, interface, kNoSource)) return;
   endpoint->if_index = found.index;
   endpoint->if_name = found.name;
   endpoint->src = found.address;
@@ -291,8 +293,8 @@ void TaskReader::ReadDestination(const Object& phase, const PhaseReasons& reason
   endpoint->dst.sin_family = AF_INET;
   if (has_port) endpoint->dst.sin_port = NetworkPort(port.Int());
   if (!address.HasText()) return;
-  Require(ReadAddress(address.Text(), &endpoint->dst.sin_addr), address,
-          reasons.destination_address);
+  Require(ReadAddress(address.Text(), &endpoint->dst.sin_addr, &result_.conversion_failure),
+          address, reasons.destination_address);
 }
 
 void TaskReader::ReadAuthentication() {
@@ -410,12 +412,10 @@ void TaskReader::CheckBudget() {
 
 }  // namespace
 
-InterfaceAddress ConfiguredInterface(const std::string& /*vrf*/, const cJSON* phase,
+InterfaceAddress ConfiguredInterface(const std::string& /*vrf*/, const std::string& name,
                                      std::int32_t* status) {
-  const char* name = cJSON_GetStringValue(cJSON_GetObjectItem(phase, "src-interface"));
-  const bool usable = name != nullptr && *name != '\0';
-  *status = usable ? kInterfaceFound : kInterfaceNotConfigured;
-  return {.name = usable ? name : ""};
+  *status = name.empty() ? kInterfaceNotConfigured : kInterfaceFound;
+  return {.name = name};
 }
 
 TaskParse ParseTask(const cJSON* element, const SlaTaskMap& accepted,
@@ -425,6 +425,7 @@ TaskParse ParseTask(const cJSON* element, const SlaTaskMap& accepted,
   TaskParse parse;
   parse.config = std::move(check.config);
   if (!check.faults.empty()) parse.fault = std::move(check.faults.front().reason);
+  parse.conversion_failure = std::move(check.conversion_failure);
   parse.abandoned = check.abandoned;
   return parse;
 }

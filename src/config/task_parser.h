@@ -15,23 +15,23 @@
 #include <string>
 #include <vector>
 
-#include "config/keychain.h"
+#include "config/keychain_rules.h"
 #include "config/task_config.h"
-#include "env/environment.h"
+#include "env/interface_lookup.h"
 
 struct cJSON;
 
 namespace ipsla {
 
-/// Looks up the "src-interface" of a phase object: GetIfaceData in the daemon, a substitute in
-/// tests and checkers.
-using InterfaceLookup = std::function<InterfaceAddress(const std::string& vrf, const cJSON* phase,
-                                                       std::int32_t* status)>;
+/// Looks up the interface that a phase names as "src-interface" (empty when it names none):
+/// GetIfaceData in the daemon, a substitute in tests and checkers.
+using InterfaceLookup = std::function<InterfaceAddress(
+    const std::string& vrf, const std::string& name, std::int32_t* status)>;
 
 /// An InterfaceLookup that needs no privileges and asks the system nothing: the name as configured
 /// with index 0 and address 0.0.0.0, or status kInterfaceNotConfigured by the same rule as
 /// GetIfaceData. Logs nothing.
-[[nodiscard]] InterfaceAddress ConfiguredInterface(const std::string& vrf, const cJSON* phase,
+[[nodiscard]] InterfaceAddress ConfiguredInterface(const std::string& vrf, const std::string& name,
                                                    std::int32_t* status);
 
 /// One failed check.
@@ -47,16 +47,17 @@ struct TaskFault {
 struct TaskParse {
   SlaTaskConfig config;              ///< as far as it was filled when a fault was found
   std::optional<std::string> fault;  ///< the reason of the first failed check
-  bool abandoned =
-      false;  ///< the interface lookup reported an environment failure: give up the whole file
+  /// To be logged before the fault: what inet_pton(3) said when it failed itself.
+  std::optional<std::string> conversion_failure;
+  /// The interface lookup reported an environment failure: give up the whole file.
+  bool abandoned = false;
 
   [[nodiscard]] bool Accepted() const { return !fault && !abandoned; }
 };
 
 /// Checks one element of "IP-SLA-tasks" against the rules, in their order. `accepted` holds the
 /// tasks accepted so far (for duplicates), `keychain` the keys. The fault's id is config.sla_id: 0
-/// until the third check has passed, deliberately. Logs nothing itself except a failed
-/// inet_pton(3).
+/// until the third check has passed, deliberately. Logs nothing.
 [[nodiscard]] TaskParse ParseTask(const cJSON* element, const SlaTaskMap& accepted,
                                   const KeychainStorage& keychain, const InterfaceLookup& lookup);
 
@@ -64,7 +65,8 @@ struct TaskParse {
 struct TaskCheck {
   SlaTaskConfig config;           ///< complete when there is no fault; otherwise what could be read
   std::vector<TaskFault> faults;  ///< in the order of the rules
-  bool abandoned = false;         ///< as in TaskParse
+  std::optional<std::string> conversion_failure;  ///< as in TaskParse
+  bool abandoned = false;                         ///< as in TaskParse
 };
 
 /// As ParseTask, but names every fault. Behind a fault it skips only what depends on it: the

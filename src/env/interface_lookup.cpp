@@ -1,15 +1,16 @@
+#include "env/interface_lookup.h"
+
 #include <net/if.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <optional>
 
-#include <cjson/cJSON.h>
-
-#include "env/environment.h"
+#include "env/descriptor.h"
+#include "env/namespace_scope.h"
+#include "env/network_namespace.h"
 #include "log/log.h"
 
 namespace ipsla {
@@ -18,8 +19,8 @@ namespace {
 // Asks the kernel in the namespace of the calling thread. False when there is no socket to ask
 // through.
 bool LookUp(InterfaceAddress* interface) {
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
+  const Descriptor fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!fd) {
     LOG_DEBUG(0, "socket failed: %s", std::strerror(errno));
     return false;
   }
@@ -27,10 +28,9 @@ bool LookUp(InterfaceAddress* interface) {
   ifreq request{};
   interface->name.copy(request.ifr_name, IFNAMSIZ - 1);
   // Not checked, deliberately: the address of an interface without one stays all zero.
-  ioctl(fd, SIOCGIFADDR, &request);
+  ioctl(fd.Get(), SIOCGIFADDR, &request);
   static_assert(sizeof interface->address == sizeof request.ifr_addr);
   std::memcpy(&interface->address, &request.ifr_addr, sizeof request.ifr_addr);
-  close(fd);
   return true;
 }
 
@@ -66,10 +66,10 @@ void Leave(std::optional<NetworkNamespaceScope>* scope, std::int32_t* status) {
 
 }  // namespace
 
-InterfaceAddress GetIfaceData(const std::string& vrf, const cJSON* phase, std::int32_t* status) {
+InterfaceAddress GetIfaceData(const std::string& vrf, const std::string& name,
+                              std::int32_t* status) {
   *status = kInterfaceFound;
-  const char* name = cJSON_GetStringValue(cJSON_GetObjectItem(phase, "src-interface"));
-  if (name == nullptr || *name == '\0') {
+  if (name.empty()) {
     LOG_DEBUG(0, "GetIfaceData failed: invalid task config");
     *status = kInterfaceNotConfigured;
     return {};

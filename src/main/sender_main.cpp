@@ -14,8 +14,8 @@
 #include <openssl/crypto.h>
 
 #include "api/api_sender.h"
-#include "env/environment.h"
 #include "env/keep_alive.h"
+#include "env/process.h"
 #include "log/log.h"
 #include "main/command_line.h"
 #include "platform/crashtrace.h"

@@ -13,7 +13,7 @@
 #include <boost/asio/ip/address_v4.hpp>
 #include <boost/thread/lock_guard.hpp>
 
-#include "env/environment.h"
+#include "env/network_namespace.h"
 #include "env/time_values.h"
 #include "log/log.h"
 #include "sender/metric_report.h"

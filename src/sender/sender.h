@@ -23,7 +23,7 @@
 
 #include "config/keychain.h"
 #include "config/task_config.h"
-#include "env/environment.h"
+#include "env/packet_stamps.h"
 #include "sender/interface_table.h"
 #include "sender/task_metrics.h"
 

@@ -10,7 +10,10 @@
 
 #include <boost/asio/buffer.hpp>
 
-#include "env/environment.h"
+#include "env/namespace_scope.h"
+#include "env/network_namespace.h"
+#include "env/packet_stamps.h"
+#include "env/socket_options.h"
 #include "env/time_values.h"
 #include "log/log.h"
 #include "sender/sender_metric_funcs.h"

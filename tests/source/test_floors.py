@@ -47,7 +47,7 @@ def test_no_include_points_up():
     "name, target, expected",
     [
         ("log/log.cpp", "api/api_sender.h", True),
-        ("env/environment.h", "config/keychain.h", True),
+        ("env/process.h", "config/keychain.h", True),
         ("api/sender_factory.cpp", "udp/udp_sender.h", False),
         ("config/task_parser.cpp", "udp/udp_sender.h", True),
         ("api/api_sender.cpp", "log/log.h", False),

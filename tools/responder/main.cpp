@@ -16,9 +16,10 @@
 
 #include <CLI/CLI.hpp>
 
-#include "config/keychain.h"
+#include "config/config_file.h"
+#include "config/keychain_rules.h"
 #include "config/task_config.h"
-#include "env/environment.h"
+#include "env/network_namespace.h"
 #include "responder/responder.h"
 
 namespace ipsla::responder {
@@ -151,7 +152,9 @@ std::optional<AuthPolicy> LoadPolicy(const CommandLine& line, bool has_password)
   }
   if (!line.keychain.empty()) {
     KeychainStorage keys;
-    if (ParseKeychainConfig(line.keychain, &keys) != 0) return std::nullopt;
+    const ConfigFile file = ReadConfigFile(line.keychain, kKeychainKey);
+    if (file.fault != ConfigFileFault::kNone) return std::nullopt;
+    static_cast<void>(ReadKeys(file.array, &keys));
     policy.keychain = std::move(keys);
   }
   return policy;

@@ -12,7 +12,7 @@
 
 #include <fmt/format.h>
 
-#include "env/environment.h"
+#include "env/packet_stamps.h"
 #include "env/time_values.h"
 
 namespace ipsla::responder {

@@ -9,7 +9,8 @@
 #include <cstring>
 #include <memory>
 
-#include "env/environment.h"
+#include "env/packet_stamps.h"
+#include "env/socket_options.h"
 
 namespace ipsla::responder {
 

@@ -45,9 +45,8 @@ struct RecordingLookup {
   std::vector<std::string> asked;  ///< "vrf/interface"
 
   InterfaceLookup Function() {
-    return [this](const std::string& vrf, const cJSON* phase, std::int32_t* out) {
-      const char* name = cJSON_GetStringValue(cJSON_GetObjectItem(phase, "src-interface"));
-      asked.push_back(vrf + "/" + (name != nullptr ? name : "none"));
+    return [this](const std::string& vrf, const std::string& name, std::int32_t* out) {
+      asked.push_back(vrf + "/" + name);
       *out = status;
       return answer;
     };

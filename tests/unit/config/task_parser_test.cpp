@@ -178,12 +178,11 @@ TEST(TaskParserTest, TakesTextThatIsNoAddressAsZero) {
   EXPECT_EQ(parse.config.measurement.dst.sin_addr.s_addr, 0U);
 }
 
-TEST(TaskParserTest, LogsAFailedAddressConversion) {
-  static_cast<void>(test::TakeSyslog());
-  EXPECT_EQ(Reason({{"udp-jitter.dst-address", kFailingAddress}}),
-            "invalid measurement phase destination ip address");
-  EXPECT_THAT(test::TakeSyslogTexts(),
-              ElementsAre("inet_pton() failed: Address family not supported by protocol"));
+TEST(TaskParserTest, HandsOutWhatAFailedAddressConversionSaid) {
+  const TaskParse parse = Parse({{"udp-jitter.dst-address", kFailingAddress}});
+  EXPECT_EQ(parse.fault, "invalid measurement phase destination ip address");
+  EXPECT_EQ(parse.conversion_failure,
+            "inet_pton() failed: Address family not supported by protocol");
 }
 
 TEST(TaskParserTest, NeedsNoAlgorithmForModeNo) {
@@ -278,6 +277,17 @@ InterfaceAddress SomeInterface() {
   found.address.sin_family = AF_INET;
   found.address.sin_addr.s_addr = htonl(0xc0000209);
   return found;
+}
+
+TEST(TaskParserTest, AsksForNoNameWhereTheInterfaceIsNoText) {
+  for (const char* interface : {"5", "null", "\"\"", "[\"lo\"]"}) {
+    RecordingLookup lookup{.status = kInterfaceNotConfigured, .answer = {}, .asked = {}};
+    const JsonDocument task = Edited(ValidTask(), {{"control-phase.src-address", ""},
+                                                   {"control-phase.src-interface", interface}});
+    const TaskParse parse = ParseTask(task.get(), {}, {}, lookup.Function());
+    EXPECT_THAT(lookup.asked, ElementsAre("blue/")) << interface;
+    EXPECT_TRUE(parse.fault) << interface;
+  }
 }
 
 TEST(TaskParserTest, TakesTheSourceFromItsInterface) {

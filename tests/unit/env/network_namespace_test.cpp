@@ -1,3 +1,5 @@
+#include "env/network_namespace.h"
+
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include "env/environment.h"
+#include "env/namespace_scope.h"
 #include "support/text_files.h"
 #include "support/vrf_fixture.h"
 
@@ -50,6 +52,11 @@ class NetworkNamespaceTest : public testing::Test {
   ino_t blue_ = 0;
   std::size_t descriptors_ = 0;
 };
+
+TEST(VrfKeyTest, NamesTheDaemonsOwnNamespaceForNoName) {
+  EXPECT_EQ(VrfKey(""), "1");
+  EXPECT_EQ(VrfKey("blue"), "blue");
+}
 
 TEST_F(NetworkNamespaceTest, MovesTheCallingThreadOnly) {
   ASSERT_NE(own_, blue_);

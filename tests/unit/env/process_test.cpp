@@ -1,4 +1,4 @@
-#include "env/environment.h"
+#include "env/process.h"
 
 #include <pthread.h>
 #include <sched.h>
@@ -18,11 +18,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-TEST(VrfKeyTest, NamesTheDaemonsOwnNamespaceForNoName) {
-  EXPECT_EQ(VrfKey(""), "1");
-  EXPECT_EQ(VrfKey("blue"), "blue");
-}
 
 TEST(CheckRootPrivTest, AcceptsRoot) {
   EXPECT_EQ(CheckRootPriv(), 1);

@@ -1,4 +1,4 @@
-#include "env/environment.h"
+#include "env/process.h"
 
 #include <sched.h>
 #include <unistd.h>
@@ -7,10 +7,6 @@
 #include "log/thread_stack.h"
 
 namespace ipsla {
-
-std::string VrfKey(const std::string& vrf) {
-  return vrf.empty() ? kDefaultVrf : vrf;
-}
 
 int CheckRootPriv() {
   return getuid() == 0 ? 1 : -1;
