@@ -240,15 +240,15 @@ void ApiSender::CreateNetlinkSocketInVrf(const std::string& vrf) {
   netlink_.CreateNetlinkSocketInVrf(vrf);
 }
 
-void ApiSender::UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address,
-                                   std::uint32_t old_address) {
+void ApiSender::UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
+                                   std::uint32_t new_address, std::uint32_t old_address) {
   for (const auto& [id, test] : tests_)
-    test->UpdateLocalAddress(if_index, new_address, old_address);
+    test->UpdateLocalAddress(vrf_key, if_index, new_address, old_address);
 }
 
-void ApiSender::SetInterfaceIndex(std::uint32_t if_index,
+void ApiSender::SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,
                                   const std::optional<std::string>& if_name) {
-  for (const auto& [id, test] : tests_) test->SetInterfaceIndex(if_index, if_name);
+  for (const auto& [id, test] : tests_) test->SetInterfaceIndex(vrf_key, if_index, if_name);
 }
 
 void ApiSender::Stop() {

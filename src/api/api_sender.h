@@ -136,9 +136,9 @@ class ApiSender : private InterfaceObserver {
 
   // InterfaceObserver: every change goes to every test in ascending id; each test knows whether it
   // is concerned.
-  void UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address,
-                          std::uint32_t old_address) override;
-  void SetInterfaceIndex(std::uint32_t if_index,
+  void UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
+                          std::uint32_t new_address, std::uint32_t old_address) override;
+  void SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,
                          const std::optional<std::string>& if_name) override;
 
   const std::string tasks_file_;

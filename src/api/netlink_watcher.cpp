@@ -114,7 +114,7 @@ void NetlinkWatcher::Release(const std::string& vrf) {
   if (found == watches_.end()) return;
   if (found->second) found->second->Close();
   watches_.erase(found);
-  for (const auto& [address, record] : table_->OfVrf(key)) table_->Erase(address, key);
+  table_->EraseVrf(key);
 }
 
 void NetlinkWatcher::Close() {
@@ -170,11 +170,11 @@ void NetlinkWatcher::Apply(const NetlinkMessage& message, const WatchPtr& watch)
       table_->SetFlags(watch->vrf_key, index, static_cast<std::int32_t>(message.flags));
       // A message that does not name the link says nothing about its name; passed on without one it
       // would mean that the link is gone.
-      if (message.name) observer_.SetInterfaceIndex(message.index, message.name);
+      if (message.name) observer_.SetInterfaceIndex(watch->vrf_key, message.index, message.name);
       return;
     case NetlinkEvent::kLinkGone:
       table_->EraseInterface(watch->vrf_key, index);
-      observer_.SetInterfaceIndex(message.index, std::nullopt);
+      observer_.SetInterfaceIndex(watch->vrf_key, message.index, std::nullopt);
       return;
     case NetlinkEvent::kAddressAdded:
       SetAddresses(message, watch->vrf_key);
@@ -203,25 +203,26 @@ void NetlinkWatcher::SetAddresses(const NetlinkMessage& message, const std::stri
     table_->Set(address, vrf_key, record);
     if (address.is_v4()) latest = address;
   }
-  if (latest) TellAddress(*latest, record.index, true);
+  if (latest) TellAddress(vrf_key, *latest, record.index, true);
 }
 
 void NetlinkWatcher::EraseAddresses(const NetlinkMessage& message, const std::string& vrf_key) {
   std::optional<boost::asio::ip::address> latest;
   for (const auto& address : message.addresses) {
-    table_->Erase(address, vrf_key);
+    table_->Erase(address, vrf_key, static_cast<std::int32_t>(message.index));
     if (address.is_v4()) latest = address;
   }
-  if (latest) TellAddress(*latest, static_cast<std::int32_t>(message.index), false);
+  if (latest) TellAddress(vrf_key, *latest, static_cast<std::int32_t>(message.index), false);
 }
 
-void NetlinkWatcher::TellAddress(const boost::asio::ip::address& address, std::int32_t index,
+void NetlinkWatcher::TellAddress(const std::string& vrf_key,
+                                 const boost::asio::ip::address& address, std::int32_t index,
                                  bool added) {
   if (!address.is_v4()) return;
   std::uint32_t wire = 0;  // network byte order: the bytes as they stand in a packet
   const auto bytes = address.to_v4().to_bytes();
   std::memcpy(&wire, bytes.data(), sizeof wire);
-  observer_.UpdateLocalAddress(static_cast<std::uint32_t>(index), added ? wire : 0,
+  observer_.UpdateLocalAddress(vrf_key, static_cast<std::uint32_t>(index), added ? wire : 0,
                                added ? 0 : wire);
 }
 
@@ -252,21 +253,22 @@ void NetlinkWatcher::ResyncNow(const std::string& vrf_key) {
   for (const auto& [address, record] : before) {
     const auto index = static_cast<std::uint32_t>(record.index);
     if (!now.links.contains(index)) links_gone.insert(index);
-    if (!now.addresses.contains(address)) table_->Erase(address, vrf_key);
+    if (!now.addresses.contains(address)) table_->Erase(address, vrf_key, record.index);
   }
   for (const auto& [address, record] : now.addresses) table_->Set(address, vrf_key, record);
 
-  for (const std::uint32_t index : links_gone) observer_.SetInterfaceIndex(index, std::nullopt);
-  for (const auto& [index, name] : now.links) observer_.SetInterfaceIndex(index, name);
+  for (const std::uint32_t index : links_gone)
+    observer_.SetInterfaceIndex(vrf_key, index, std::nullopt);
+  for (const auto& [index, name] : now.links) observer_.SetInterfaceIndex(vrf_key, index, name);
   for (const auto& [address, record] : before) {
     const auto found = now.addresses.find(address);
     if (found == now.addresses.end() || found->second.index != record.index)
-      TellAddress(address, record.index, false);
+      TellAddress(vrf_key, address, record.index, false);
   }
   for (const auto& [address, record] : now.addresses) {
     const auto found = before.find(address);
     if (found == before.end() || found->second.index != record.index)
-      TellAddress(address, record.index, true);
+      TellAddress(vrf_key, address, record.index, true);
   }
 }
 

@@ -30,9 +30,9 @@ class InterfaceObserver {
   InterfaceObserver(const InterfaceObserver&) = delete;
   InterfaceObserver& operator=(const InterfaceObserver&) = delete;
 
-  virtual void UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address,
-                                  std::uint32_t old_address) = 0;
-  virtual void SetInterfaceIndex(std::uint32_t if_index,
+  virtual void UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
+                                  std::uint32_t new_address, std::uint32_t old_address) = 0;
+  virtual void SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,
                                  const std::optional<std::string>& if_name) = 0;
 };
 
@@ -78,7 +78,8 @@ class NetlinkWatcher {
   void EraseAddresses(const NetlinkMessage& message, const std::string& vrf_key);
   void Resync(const WatchPtr& watch);
   void ResyncNow(const std::string& vrf_key);
-  void TellAddress(const boost::asio::ip::address& address, std::int32_t index, bool added);
+  void TellAddress(const std::string& vrf_key, const boost::asio::ip::address& address,
+                   std::int32_t index, bool added);
 
   boost::asio::io_context& service_;
   const std::shared_ptr<InterfaceTable> table_;

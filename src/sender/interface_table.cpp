@@ -16,9 +16,11 @@ void InterfaceTable::Set(const boost::asio::ip::address& address, const std::str
   records_.insert_or_assign({address, vrf_key}, std::move(record));
 }
 
-void InterfaceTable::Erase(const boost::asio::ip::address& address, const std::string& vrf_key) {
+void InterfaceTable::Erase(const boost::asio::ip::address& address, const std::string& vrf_key,
+                           std::int32_t index) {
   const std::lock_guard lock(mutex_);
-  records_.erase({address, vrf_key});
+  const auto found = records_.find({address, vrf_key});
+  if (found != records_.end() && found->second.index == index) records_.erase(found);
 }
 
 void InterfaceTable::SetFlags(const std::string& vrf_key, std::int32_t index, std::int32_t flags) {
@@ -35,6 +37,11 @@ void InterfaceTable::EraseInterface(const std::string& vrf_key, std::int32_t ind
   });
 }
 
+void InterfaceTable::EraseVrf(const std::string& vrf_key) {
+  const std::lock_guard lock(mutex_);
+  std::erase_if(records_, [&](const auto& entry) { return entry.first.second == vrf_key; });
+}
+
 std::map<boost::asio::ip::address, InterfaceRecord> InterfaceTable::OfVrf(
     const std::string& vrf_key) const {
   const std::lock_guard lock(mutex_);
@@ -43,11 +50,6 @@ std::map<boost::asio::ip::address, InterfaceRecord> InterfaceTable::OfVrf(
     if (key.second == vrf_key) result.emplace(key.first, record);
   }
   return result;
-}
-
-std::size_t InterfaceTable::Size() const {
-  const std::lock_guard lock(mutex_);
-  return records_.size();
 }
 
 }  // namespace ipsla

@@ -3,14 +3,12 @@
 #ifndef IPSLA_SENDER_INTERFACE_TABLE_H_
 #define IPSLA_SENDER_INTERFACE_TABLE_H_
 
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include <boost/asio/ip/address.hpp>
 
@@ -38,8 +36,10 @@ class InterfaceTable {
   void Set(const boost::asio::ip::address& address, const std::string& vrf_key,
            InterfaceRecord record);
 
-  /// Removes one address; an unknown one is no error.
-  void Erase(const boost::asio::ip::address& address, const std::string& vrf_key);
+  /// Removes one address of one interface. No error, and nothing happens, when the address is
+  /// unknown or is another interface's by now: one that moves may come before it goes.
+  void Erase(const boost::asio::ip::address& address, const std::string& vrf_key,
+             std::int32_t index);
 
   /// Sets the flags of every record of this VRF with that interface index.
   void SetFlags(const std::string& vrf_key, std::int32_t index, std::int32_t flags);
@@ -47,12 +47,12 @@ class InterfaceTable {
   /// Removes every record of this VRF with that interface index.
   void EraseInterface(const std::string& vrf_key, std::int32_t index);
 
+  /// Removes every record of this VRF.
+  void EraseVrf(const std::string& vrf_key);
+
   /// All records of one VRF, by address.
   [[nodiscard]] std::map<boost::asio::ip::address, InterfaceRecord> OfVrf(
       const std::string& vrf_key) const;
-
-  /// Number of records of all VRFs.
-  [[nodiscard]] std::size_t Size() const;
 
  private:
   mutable std::mutex mutex_;

@@ -225,9 +225,15 @@ void Sender::Restart() {
   }
 }
 
-void Sender::UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address,
-                                std::uint32_t old_address) {
+// Both phases of a task run in one VRF.
+bool Sender::IsInVrf(const std::string& vrf_key) const {
+  return VrfKey(config_.measurement.vrf) == vrf_key;
+}
+
+void Sender::UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
+                                std::uint32_t new_address, std::uint32_t old_address) {
   const std::lock_guard lock(mutex_);
+  if (!IsInVrf(vrf_key)) return;
   SlaEndpointConfig& control = config_.control_phase;
   SlaEndpointConfig& measurement = config_.measurement;
   if (control.if_index == kUnknownInterface && measurement.if_index == kUnknownInterface &&
@@ -253,8 +259,10 @@ void Sender::UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_addres
   }
 }
 
-void Sender::SetInterfaceIndex(std::uint32_t if_index, const std::optional<std::string>& if_name) {
+void Sender::SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,
+                               const std::optional<std::string>& if_name) {
   const std::lock_guard lock(mutex_);
+  if (!IsInVrf(vrf_key)) return;
   for (SlaEndpointConfig* endpoint : {&config_.control_phase, &config_.measurement}) {
     if (if_name) {
       if (endpoint->if_name == *if_name) endpoint->if_index = if_index;

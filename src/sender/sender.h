@@ -76,15 +76,19 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   /// Never throws.
   void Restart();
 
+  // What the interface watcher saw in one VRF. Indexes and addresses repeat from VRF to VRF, so a
+  // test of another one is not concerned.
+
   /// An IPv4 address of an interface came (`old_address` 0), went (`new_address` 0) or changed;
   /// addresses in network byte order. When the interface is one of the test's, the test takes the
   /// new source address and restarts at once. Never throws.
-  void UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address,
-                          std::uint32_t old_address);
+  void UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
+                          std::uint32_t new_address, std::uint32_t old_address);
 
   /// A link appeared under `if_name` with this index, or (without a name) the link with this index
   /// is gone.
-  void SetInterfaceIndex(std::uint32_t if_index, const std::optional<std::string>& if_name);
+  void SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,
+                         const std::optional<std::string>& if_name);
 
   /// True when the end of life has passed or Stop(true) was called.
   [[nodiscard]] bool IsStopped() const;
@@ -218,6 +222,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   void OnTimer(const boost::system::error_code& error, std::uint64_t ticket,
                const TimerHandler& handler);
   void NewStart();
+  [[nodiscard]] bool IsInVrf(const std::string& vrf_key) const;
   [[nodiscard]] bool CheckSourceAddress();
   void CompleteSourceInterface(SlaEndpointConfig* endpoint) const;
   void StopLocked(bool final);

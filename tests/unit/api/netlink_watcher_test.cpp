@@ -14,6 +14,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,16 +43,19 @@ using testing::Not;
 // Writes down what it is told, as text.
 class ObserverRecorder : public InterfaceObserver {
  public:
-  void UpdateLocalAddress(std::uint32_t if_index, std::uint32_t new_address,
-                          std::uint32_t old_address) override {
+  void UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
+                          std::uint32_t new_address, std::uint32_t old_address) override {
+    vrf_keys.insert(vrf_key);
     calls.push_back("address " + std::to_string(if_index) + " " + Text(new_address) + " " +
                     Text(old_address));
   }
-  void SetInterfaceIndex(std::uint32_t if_index,
+  void SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,
                          const std::optional<std::string>& if_name) override {
+    vrf_keys.insert(vrf_key);
     calls.push_back("link " + std::to_string(if_index) + " " + if_name.value_or("gone"));
   }
   std::vector<std::string> calls;
+  std::set<std::string> vrf_keys;  // of all calls
 
  private:
   static std::string Text(std::uint32_t address) {
@@ -206,6 +210,7 @@ TEST_F(NetlinkWatcherTest, WatchesEachVrfThroughASocketInIt) {
   EXPECT_FALSE(table->Find(make_address("10.9.0.2"), "1"));
   EXPECT_FALSE(table->Find(make_address("10.9.0.2"), "blue"));
   EXPECT_EQ(table->Find(make_address("10.9.0.2"), "red")->name, "far0");
+  EXPECT_THAT(observer.vrf_keys, ElementsAre("1", "red")) << "both ends of the link were told";
   EXPECT_EQ(test::CurrentNetworkNamespace(), own);
 }
 
@@ -214,7 +219,7 @@ TEST_F(NetlinkWatcherTest, TwoTasksInOneVrfShareOneSocket) {
   vrfs.AddVrf("red");
   watcher.CreateNetlinkSocketInVrf("red");
   const int fd = watcher.NativeHandle("red");
-  table->Erase(make_address("127.0.0.1"), "red");
+  table->Erase(make_address("127.0.0.1"), "red", 1);
   watcher.CreateNetlinkSocketInVrf("red");
   EXPECT_EQ(watcher.NativeHandle("red"), fd);
   EXPECT_FALSE(table->Find(make_address("127.0.0.1"), "red")) << "the interfaces were read again";
@@ -253,7 +258,7 @@ TEST_F(NetlinkWatcherTest, UnknownVrfFailsAndLeavesNothingBehind) {
   EXPECT_THAT(test::TakeSyslogTexts(),
               Contains(HasSubstr("Catch exception SetNetworkNamespacenowherefailed")));
   EXPECT_EQ(watcher.NativeHandle("nowhere"), -1);
-  EXPECT_EQ(table->Size(), 0U);
+  EXPECT_THAT(table->OfVrf("nowhere"), IsEmpty());
   EXPECT_EQ(test::CurrentNetworkNamespace(), own);
 }
 
@@ -264,7 +269,7 @@ TEST_F(NetlinkWatcherTest, VrfWithoutAWayBackFailsAndLeavesTheThreadAtHome) {
   const ino_t own = test::CurrentNetworkNamespace();
   EXPECT_THROW(watcher.CreateNetlinkSocketInVrf("red"), std::runtime_error);
   EXPECT_EQ(watcher.NativeHandle("red"), -1);
-  EXPECT_EQ(table->Size(), 0U);
+  EXPECT_THAT(table->OfVrf("red"), IsEmpty());
   EXPECT_EQ(test::CurrentNetworkNamespace(), own);
 }
 
@@ -272,12 +277,13 @@ TEST_F(NetlinkWatcherTest, ReleaseClosesTheSocketAndForgetsTheAddresses) {
   VrfFixture vrfs;
   vrfs.AddVrf("red");
   watcher.CreateNetlinkSocketInVrf("");
-  const std::size_t own_addresses = table->Size();
+  const auto own_addresses = table->OfVrf("1");
   watcher.CreateNetlinkSocketInVrf("red");
-  EXPECT_GT(table->Size(), own_addresses);
+  EXPECT_THAT(table->OfVrf("red"), Not(IsEmpty()));
   watcher.Release("red");
   EXPECT_EQ(watcher.NativeHandle("red"), -1);
-  EXPECT_EQ(table->Size(), own_addresses);
+  EXPECT_THAT(table->OfVrf("red"), IsEmpty());
+  EXPECT_EQ(table->OfVrf("1"), own_addresses);
   watcher.Release("red");  // unknown by now: no error
   watcher.CreateNetlinkSocketInVrf("red");
   EXPECT_NE(watcher.NativeHandle("red"), -1);

@@ -31,17 +31,35 @@ TEST(InterfaceTable, SetReplacesTheRecordOfAnAddress) {
   table.Set(kFirst, "1", kEth0);
   table.Set(kFirst, "1", kEth1);
   EXPECT_EQ(kEth1, table.Find(kFirst, "1"));
-  EXPECT_EQ(1U, table.Size());
+  EXPECT_THAT(table.OfVrf("1"), ElementsAre(Pair(kFirst, kEth1)));
 }
 
 TEST(InterfaceTable, EraseRemovesOneAddressAndIgnoresAnUnknownOne) {
   InterfaceTable table;
   table.Set(kFirst, "1", kEth0);
   table.Set(kFirst, "blue", kEth0);
-  table.Erase(kFirst, "1");
-  table.Erase(kSecond, "1");
+  table.Erase(kFirst, "1", kEth0.index);
+  table.Erase(kSecond, "1", kEth0.index);
   EXPECT_EQ(std::nullopt, table.Find(kFirst, "1"));
   EXPECT_EQ(kEth0, table.Find(kFirst, "blue"));
+}
+
+TEST(InterfaceTable, AddressThatMovedStaysWithItsNewInterface) {
+  InterfaceTable table;
+  table.Set(kFirst, "1", kEth0);
+  table.Set(kFirst, "1", kEth1);
+  table.Erase(kFirst, "1", kEth0.index);
+  EXPECT_EQ(kEth1, table.Find(kFirst, "1"));
+}
+
+TEST(InterfaceTable, EraseVrfRemovesAllOfThatVrf) {
+  InterfaceTable table;
+  table.Set(kFirst, "1", kEth0);
+  table.Set(kFirst, "blue", kEth0);
+  table.Set(kSecond, "blue", kEth1);
+  table.EraseVrf("blue");
+  EXPECT_TRUE(table.OfVrf("blue").empty());
+  EXPECT_EQ(kEth0, table.Find(kFirst, "1"));
 }
 
 TEST(InterfaceTable, SetFlagsReachesEveryAddressOfTheInterfaceInOneVrf) {

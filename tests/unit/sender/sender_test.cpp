@@ -165,7 +165,7 @@ TEST_F(SenderTest, NegativeLifeTimeNeverStarts) {
   test->Schedule();
   EXPECT_TRUE(ArmedStarts().empty());
   // Neither a clock change nor an address change starts it.
-  test->UpdateLocalAddress(1, 0, 0);
+  test->UpdateLocalAddress("1", 1, 0, 0);
   context.RunReady();
   EXPECT_EQ(test->starts, 0);
   EXPECT_EQ(context.RunsOf(7), 0U);
@@ -247,7 +247,7 @@ TEST_F(SenderTest, FiveFailedStartsAreLoggedOnce) {
 }
 
 TEST_F(SenderTest, MissingSourceStoresAFailedRunAndRepeatsAfterThePeriod) {
-  context.interfaces->Erase(boost::asio::ip::address_v4::loopback(), "1");
+  context.interfaces->Erase(boost::asio::ip::address_v4::loopback(), "1", 1);
   const auto test = Make(task);
   test->Schedule();
   ASSERT_TRUE(context.RunUntil([&] { return context.RunsOf(7) == 1; }));
@@ -272,7 +272,7 @@ TEST_F(SenderTest, MissingSourceCarriesNothingOfAnEarlierRun) {
   const auto test = Make(eager);
   test->script = [this](ScriptedTest& self) {
     self.Answer(1);
-    context.interfaces->Erase(boost::asio::ip::address_v4::loopback(), "1");
+    context.interfaces->Erase(boost::asio::ip::address_v4::loopback(), "1", 1);
     self.CalcMetric();
   };
   test->Schedule();
@@ -394,7 +394,7 @@ TEST_F(SenderTest, FailingCloseIsLoggedAndNothingIsStored) {
   EXPECT_THAT(test::TakeSyslogTexts(), Contains("Catch exception on test 7: close: scripted."));
   test->Restart();
   EXPECT_THAT(test::TakeSyslogTexts(), Contains("Catch exception on test 7: close: scripted."));
-  test->UpdateLocalAddress(1, 0, 0);
+  test->UpdateLocalAddress("1", 1, 0, 0);
   EXPECT_THAT(test::TakeSyslogTexts(), Contains("Catch exception on test 7: close: scripted."));
 }
 
@@ -444,7 +444,7 @@ TEST_P(AddressChangeTest, ConcernsTheEndpointsOfThatInterface) {
   task.measurement.src.sin_addr.s_addr = change.measurement_source;
   const auto test = boost::make_shared<ScriptedTest>(context.worker, task, context.Shared());
   const int closes = test->closes;
-  test->UpdateLocalAddress(change.if_index, change.new_address, change.old_address);
+  test->UpdateLocalAddress("1", change.if_index, change.new_address, change.old_address);
   const SlaTaskConfig after = test->Config();
   EXPECT_EQ(after.control_phase.src.sin_addr.s_addr, change.control_after);
   EXPECT_EQ(after.measurement.src.sin_addr.s_addr, change.measurement_after);
@@ -467,7 +467,7 @@ TEST_F(SenderTest, UnknownInterfaceIsLearnedWithoutRestart) {
   unknown.control_phase.if_index = std::numeric_limits<std::uint32_t>::max();
   unknown.measurement.if_index = std::numeric_limits<std::uint32_t>::max();
   const auto test = Make(unknown);
-  test->UpdateLocalAddress(4, unknown.measurement.src.sin_addr.s_addr, 0);
+  test->UpdateLocalAddress("1", 4, unknown.measurement.src.sin_addr.s_addr, 0);
   EXPECT_EQ(test->Config().control_phase.if_index, 4U);
   EXPECT_EQ(test->Config().measurement.if_index, 4U);
   EXPECT_EQ(test->closes, 0);
@@ -475,13 +475,23 @@ TEST_F(SenderTest, UnknownInterfaceIsLearnedWithoutRestart) {
 
 TEST_F(SenderTest, LinkEventsMoveTheInterfaceIndex) {
   const auto test = Make(task);
-  test->SetInterfaceIndex(1, std::nullopt);
+  test->SetInterfaceIndex("1", 1, std::nullopt);
   EXPECT_EQ(test->Config().measurement.if_index, 0U);
-  test->SetInterfaceIndex(9, "eth0");
+  test->SetInterfaceIndex("1", 9, "eth0");
   EXPECT_EQ(test->Config().measurement.if_index, 0U);
-  test->SetInterfaceIndex(9, "lo");
+  test->SetInterfaceIndex("1", 9, "lo");
   EXPECT_EQ(test->Config().measurement.if_index, 9U);
   EXPECT_EQ(test->Config().control_phase.if_index, 9U);
+}
+
+TEST_F(SenderTest, EventsOfAnotherVrfDoNotConcernIt) {
+  const auto test = Make(task);
+  const SlaTaskConfig before = test->Config();
+  test->UpdateLocalAddress("red", 1, 0, before.measurement.src.sin_addr.s_addr);
+  test->SetInterfaceIndex("red", 1, std::nullopt);
+  test->SetInterfaceIndex("red", 9, "lo");
+  EXPECT_EQ(test->Config(), before);
+  EXPECT_EQ(test->closes, 0);
 }
 
 TEST_F(SenderTest, PacedSendKeepsTheIntervalAndEndsWithItsRun) {
@@ -559,7 +569,7 @@ TEST_F(SenderTest, ConcurrentEventsStoreEachRunOnce) {
   std::thread service([&] {
     while (!done) {
       test->Restart();
-      test->UpdateLocalAddress(1, 0, 0xFFFFFFFF);
+      test->UpdateLocalAddress("1", 1, 0, 0xFFFFFFFF);
       std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
   });
