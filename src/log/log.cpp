@@ -1,12 +1,18 @@
 #include "log/log.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdlib>
+#include <memory>
+#include <vector>
 
 #include <boost/thread/exceptions.hpp>
 
 namespace ipsla {
 namespace {
+
+// The logger that file lines go to, null while there is none.
+std::atomic<Logger*> process_logger{nullptr};
 
 void ShutdownAtExit() {
   try {
@@ -17,46 +23,49 @@ void ShutdownAtExit() {
   }
 }
 
-Logger& CreateProcessLogger() {
-  // Never destroyed: other threads go on while one of them exits, and what they log must meet a
-  // living object.
-  auto& logger = *new Logger("/var/log/ip-sla/");
-  std::atexit(ShutdownAtExit);
-  return logger;
+// Loggers are never destroyed: other threads go on while one of them shuts the log down, and what
+// they log must meet a living object.
+void KeepForEver(std::unique_ptr<Logger> logger) {
+  static auto& kept = *new std::vector<std::unique_ptr<Logger>>;
+  kept.push_back(std::move(logger));
 }
-
-// Makes the logger, and with it the writer thread, before main runs and raises the process to
-// real-time priority.
-[[maybe_unused]] const Logger& created_before_main = ProcessLogger();
 
 }  // namespace
 
-Logger& ProcessLogger() {
-  static Logger& logger = CreateProcessLogger();
-  return logger;
+void StartLog() {
+  if (process_logger != nullptr) return;
+  auto logger = std::make_unique<Logger>("/var/log/ip-sla/");
+  process_logger = logger.get();
+  KeepForEver(std::move(logger));
+  [[maybe_unused]] static const int registered = std::atexit(ShutdownAtExit);
 }
 
 void Log(std::uint16_t id, int flag, const char* format, ...) {
+  Logger* const logger = process_logger;
+  if (logger == nullptr) return;
   va_list arguments;
   va_start(arguments, format);
-  ProcessLogger().LogV(id, flag, format, arguments);
+  logger->LogV(id, flag, format, arguments);
   va_end(arguments);
 }
 
 void OpenLogFile(std::uint16_t id) {
-  ProcessLogger().OpenLogFile(id);
+  if (Logger* const logger = process_logger; logger != nullptr) logger->OpenLogFile(id);
 }
 
 void CloseLogFile(std::uint16_t id) {
-  ProcessLogger().CloseLogFile(id);
+  if (Logger* const logger = process_logger; logger != nullptr) logger->CloseLogFile(id);
 }
 
 void FlushLog() {
-  ProcessLogger().Flush();
+  if (Logger* const logger = process_logger; logger != nullptr) logger->Flush();
 }
 
 void ShutdownLog() {
-  ProcessLogger().Shutdown();
+  Logger* const logger = process_logger;
+  if (logger == nullptr) return;
+  logger->Shutdown();
+  process_logger = nullptr;
 }
 
 }  // namespace ipsla

@@ -23,12 +23,12 @@
 
 namespace ipsla {
 
-/// The process-wide logger, writing below "/var/log/ip-sla/". Created before main runs and never
-/// destroyed: at exit it is shut down, and whatever a thread still logs after that reaches only the
-/// system log.
-Logger& ProcessLogger();
+/// Starts the process's log files below "/var/log/ip-sla/" and their writer thread, which takes
+/// neither the priority nor the stack size of the caller. Without it, and after ShutdownLog, every
+/// message reaches only the system log and the calls below do nothing. Main thread.
+void StartLog();
 
-/// The file half of one message on the process-wide logger (Logger::Log). `flag` is always 1 and
+/// The file half of one message (Logger::Log). `flag` is always 1 and
 /// has no effect.
 void Log(std::uint16_t id, int flag, const char* format, ...) __attribute__((format(printf, 3, 4)));
 

@@ -25,8 +25,10 @@ namespace {
 
 constexpr int kRealTimePriority = 99;
 
+// Before real-time scheduling: the log's writer thread stays an ordinary one.
 void OpenLog() {
   try {
+    ipsla::StartLog();
     ipsla::OpenLogFile(0);
   } catch (const std::exception& exception) {
     // There is no log to say it in.

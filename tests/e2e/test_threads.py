@@ -1,13 +1,19 @@
-"""The daemon's threads: how many, on which CPU, with which priority and which stack."""
+"""The daemon's threads: how many, on which CPU, with which priority and which stack. And that its
+tools have one.
+"""
 
 import os
 import re
+import socket
+import subprocess
 
 import pytest
 
+from support.api_client import ADDRESS
+from support.ctl import Ctl
 from support.daemon import BASE_THREADS, WORKERS_PER_CPU
 from support.tasks import icmp_echo
-from support.waiting import holds_for, wait_for
+from support.waiting import DEFAULT_DEADLINE, holds_for, wait_for
 
 SCHED_OTHER, SCHED_RR = 0, 2
 STACK_BYTES = 131072
@@ -131,3 +137,18 @@ def stack_sizes(pid):
             is_guard = permissions.startswith("---") and end - begin == os.sysconf("SC_PAGESIZE")
             guard_end = end if is_guard else None
     return sizes
+
+
+def test_control_client_runs_one_thread(plain_build, lab):
+    server = lab.socket(socket.AF_INET, socket.SOCK_DGRAM, bind=ADDRESS)
+    server.settimeout(DEFAULT_DEADLINE)
+    client = lab.popen(*Ctl(lab).command("--timeout", "60", "status"))
+    server.recv(1024)  # it waits for the answer now
+    assert os.listdir(f"/proc/{client.pid}/task") == [str(client.pid)]
+
+
+def test_responder_runs_one_thread(plain_build, lab):
+    program = plain_build.program("ip-sla-responder")
+    responder = lab.popen(program, "--control-port", "0", stdout=subprocess.PIPE, text=True)
+    assert responder.stdout.readline().startswith("listening on ")
+    assert os.listdir(f"/proc/{responder.pid}/task") == [str(responder.pid)]

@@ -1,9 +1,6 @@
 // The unit tests run in network and mount namespaces of their own, so that no test touches the
 // machine's logs, ports or interfaces: /var/log and /run are private, empty file systems and only a
 // loopback interface exists.
-//
-// Only the calling thread moves into new namespaces, and the log's writer thread is there before
-// main. So the program starts itself again once it is inside, and every thread begins there.
 
 #include <net/if.h>
 #include <sched.h>
@@ -19,6 +16,8 @@
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "log/log.h"
 
 namespace {
 
@@ -50,14 +49,9 @@ bool EnterPrivateNamespaces() {
   return BringLoopbackUp();
 }
 
-// The process that made the private mount namespace, and that namespace, so that a variable left
-// over from elsewhere is not believed.
-constexpr const char* kMaker = "IPSLA_UNIT_TESTS_OF";
+// The mount namespace of the test program, for the children of its tests. The number tells a
+// variable that was left over from elsewhere.
 constexpr const char* kPlace = "IPSLA_UNIT_TESTS_IN";
-
-std::string ProcessId() {
-  return std::to_string(getpid());
-}
 
 std::string MountNamespace() {
   struct stat status {};
@@ -65,35 +59,33 @@ std::string MountNamespace() {
   return std::to_string(status.st_ino);
 }
 
-bool Holds(const char* variable, const std::string& value) {
-  const char* text = std::getenv(variable);
-  return text != nullptr && text == value;
+// A child of a test (a death test) shares its parent's logs, which the parent reads, but not its
+// ports.
+bool EnterNamespaces() {
+  const char* place = std::getenv(kPlace);
+  if (place != nullptr && place == MountNamespace())
+    return (unshare(CLONE_NEWNET) == 0 || Failed("unshare")) && BringLoopbackUp();
+  if (!EnterPrivateNamespaces()) return false;
+  setenv(kPlace, MountNamespace().c_str(), 1);
+  return true;
 }
 
-// Starts the program anew in namespaces of its own: threads that exist already stay in the old
-// ones.
-int RestartIsolated(char** argv) {
-  if (!EnterPrivateNamespaces()) {
-    std::fputs("the unit tests need root: they run in namespaces of their own\n", stderr);
-    return 2;
-  }
-  setenv(kMaker, ProcessId().c_str(), 1);
-  setenv(kPlace, MountNamespace().c_str(), 1);
-  execv("/proc/self/exe", argv);
-  std::perror("execv");
-  return 2;
-}
+// The log of a test ends with it, so that its thread looks at nothing that the next test changes.
+class LogEnd : public testing::EmptyTestEventListener {
+  void OnTestEnd(const testing::TestInfo& /*test*/) override { ipsla::ShutdownLog(); }
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (!Holds(kPlace, MountNamespace())) return RestartIsolated(argv);
-  // A child of a test (a death test): it shares its parent's logs, which the parent reads, but not
-  // its ports.
-  if (!Holds(kMaker, ProcessId()) && (unshare(CLONE_NEWNET) != 0 || !BringLoopbackUp())) return 2;
+  if (!EnterNamespaces()) {
+    std::fputs("the unit tests need root: they run in namespaces of their own\n", stderr);
+    return 2;
+  }
   testing::InitGoogleTest(&argc, argv);
+  testing::UnitTest::GetInstance()->listeners().Append(new LogEnd);
   // A child process of a test starts from the beginning: a plain fork would leave it without the
-  // log's writer thread.
+  // threads that the test has started.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   return RUN_ALL_TESTS();
 }

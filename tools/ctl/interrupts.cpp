@@ -1,7 +1,7 @@
 #include "ctl/interrupts.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,38 +13,27 @@
 #include "client/api_client.h"
 
 namespace ipsla::ctl {
-namespace {
 
-/// What the handler writes to; set before the handlers are and closed after they are gone.
-volatile sig_atomic_t handler_fd = -1;
-
-void OnSignal(int /*signal*/) {
-  const int saved_errno = errno;
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = write(handler_fd, &one, sizeof(one));
-  errno = saved_errno;
-}
-
-}  // namespace
-
-Interrupts::Interrupts() : event_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (event_fd_ < 0) {
-    throw client::ClientError(client::ClientError::Kind::kSystem,
-                              std::string("eventfd: ") + std::strerror(errno));
-  }
-  handler_fd = event_fd_;
-  struct sigaction action {};
-  action.sa_handler = OnSignal;
-  sigemptyset(&action.sa_mask);
-  sigaction(SIGINT, &action, &previous_interrupt_);
-  sigaction(SIGTERM, &action, &previous_terminate_);
+Interrupts::Interrupts() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  sigprocmask(SIG_BLOCK, &signals, &previous_mask_);
+  fd_ = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (fd_ >= 0) return;
+  const int error = errno;
+  sigprocmask(SIG_SETMASK, &previous_mask_, nullptr);
+  throw client::ClientError(client::ClientError::Kind::kSystem,
+                            std::string("signalfd: ") + std::strerror(error));
 }
 
 Interrupts::~Interrupts() {
-  sigaction(SIGINT, &previous_interrupt_, nullptr);
-  sigaction(SIGTERM, &previous_terminate_, nullptr);
-  close(event_fd_);
-  handler_fd = -1;
+  // What came is dealt with: it must not end the process now.
+  signalfd_siginfo taken{};
+  while (read(fd_, &taken, sizeof taken) > 0) continue;
+  close(fd_);
+  sigprocmask(SIG_SETMASK, &previous_mask_, nullptr);
 }
 
 bool Interrupts::WaitFor(std::chrono::milliseconds duration) const {

@@ -8,9 +8,8 @@
 
 namespace ipsla::ctl {
 
-/// Takes the two signals over while it lives; one at a time. Handlers, not a blocked mask: the log
-/// of the daemon's library has a thread of its own, on which an unblocked signal would still end
-/// the process.
+/// Takes the two signals over while it lives. Only in a process of one thread: another one would
+/// still take them the usual way.
 class Interrupts {
  public:
   /// Throws ClientError.
@@ -20,15 +19,14 @@ class Interrupts {
   Interrupts& operator=(const Interrupts&) = delete;
 
   /// Readable from the first signal on.
-  [[nodiscard]] int Fd() const { return event_fd_; }
+  [[nodiscard]] int Fd() const { return fd_; }
 
   /// True when interrupted before `duration` has passed.
   [[nodiscard]] bool WaitFor(std::chrono::milliseconds duration) const;
 
  private:
-  int event_fd_;
-  struct sigaction previous_interrupt_ {};
-  struct sigaction previous_terminate_ {};
+  sigset_t previous_mask_{};
+  int fd_ = -1;
 };
 
 }  // namespace ipsla::ctl

@@ -195,7 +195,6 @@ void HandleSignal(int signal_number) {
   }
 }
 
-// Handlers, not a descriptor of signals: the log's writer thread does not block them.
 void InstallHandlers(Responder* responder) {
   signalled = responder;
   struct sigaction action {};

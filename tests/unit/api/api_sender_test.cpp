@@ -190,6 +190,7 @@ TEST_F(ApiSenderTest, NewTaskIsStartedAndTheOthersGoOn) {
 }
 
 TEST_F(ApiSenderTest, RemovedTaskIsGoneFromTestsStatisticsAndLogs) {
+  test::FreshLogFile(2);
   daemon.WriteTasks({{.id = 1}, {.id = 2}});
   ASSERT_EQ(daemon.Start(), 0);
   const auto removed = daemon.sender->Tests().at(2);

@@ -28,12 +28,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// Logs before main: the process logger has to be there.
-const bool logged_before_main = [] {
-  LOG_DEBUG(0, "before main");
-  return true;
-}();
-
 class LogTest : public testing::Test {
  protected:
   LogTest() {
@@ -96,25 +90,52 @@ TEST_F(LogTest, LeavesErrnoAsItWas) {
   }
 }
 
-// The child starts from the beginning and finds the thread although it has logged nothing yet.
-TEST(ProcessLoggerTest, HasItsWriterThreadAtNormalPriorityFromBeforeMain) {
-  const auto run = [] {
-    sched_param parameters{};
-    parameters.sched_priority = 1;
-    sched_setscheduler(0, SCHED_RR, &parameters);
-    // The thread is there, but may not have come to naming itself.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < deadline) {
-      for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        if (ReadText(task.path() / "comm") != "log-writer\n") continue;
-        const int policy = sched_getscheduler(std::stoi(task.path().filename()));
-        FinishChild(policy == SCHED_OTHER ? "" : "policy " + std::to_string(policy));
-      }
-    }
-    FinishChild("there is no writer thread");
-  };
-  ASSERT_TRUE(logged_before_main);
-  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+// Scheduling policies of this process's threads that are the log's.
+std::vector<int> WriterPolicies() {
+  std::vector<int> policies;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    if (ReadText(task.path() / "comm") == "log-writer\n")
+      policies.push_back(sched_getscheduler(std::stoi(task.path().filename())));
+  }
+  return policies;
+}
+
+TEST(ProcessLoggerTest, HasNoThreadBeforeItIsStarted) {
+  TakeSyslog();
+  LOG_DEBUG(0, "no log");
+  OpenLogFile(11);
+  LOG_DEBUG(11, "no log");
+  FlushLog();
+  CloseLogFile(11);
+  ShutdownLog();
+  EXPECT_THAT(WriterPolicies(), IsEmpty());
+  EXPECT_FALSE(std::filesystem::exists("/var/log/ip-sla/test_11.log"));
+  EXPECT_THAT(TakeSyslogTexts(), ElementsAre("no log", "no log"));
+}
+
+TEST(ProcessLoggerTest, HasOneWriterThreadAtNormalPriority) {
+  StartLog();
+  StartLog();
+  // The thread is there, but may not have come to naming itself.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (WriterPolicies().empty() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  EXPECT_THAT(WriterPolicies(), ElementsAre(SCHED_OTHER));
+  ShutdownLog();
+  EXPECT_THAT(WriterPolicies(), IsEmpty());
+}
+
+TEST(ProcessLoggerTest, StartsAgainAfterItsShutdown) {
+  FreshLogFile(5);
+  LOG_DEBUG_FILE(5, "before");
+  ShutdownLog();
+  LOG_DEBUG_FILE(5, "between");
+  StartLog();
+  LOG_DEBUG_FILE(5, "not open");
+  OpenLogFile(5);
+  LOG_DEBUG_FILE(5, "after");
+  EXPECT_THAT(ReadLogFile(5), ElementsAre("before", "after"));
 }
 
 TEST(ProcessLoggerTest, ReachesOnlyTheSystemLogAfterItsShutdown) {

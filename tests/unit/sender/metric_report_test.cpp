@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "log/log.h"
 #include "sender/jitter_fixture.h"
 #include "support/local_time_zone.h"
 #include "support/recording_syslog.h"
@@ -110,6 +111,8 @@ class PrintMetricTest : public testing::Test {
     FreshLogFile(kReportTask);
     TakeSyslog();
   }
+  // Before the time zone goes back, which the log's writer looks at too.
+  ~PrintMetricTest() override { ShutdownLog(); }
 
  private:
   LocalTimeZone zone_{"CET-1CEST,M3.5.0,M10.5.0/3"};

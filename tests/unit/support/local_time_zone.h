@@ -8,22 +8,18 @@
 #include <optional>
 #include <string>
 
-#include "log/log.h"
-
 namespace ipsla::test {
 
 /// `zone` as TZ takes it, for example "CET-1CEST,M3.5.0,M10.5.0/3". Only while no other thread
-/// looks at local time; the log's writer thread is brought to rest first.
+/// looks at local time.
 class LocalTimeZone {
  public:
   explicit LocalTimeZone(const char* zone) {
-    FlushLog();
     if (const char* before = std::getenv("TZ"); before != nullptr) before_ = before;
     setenv("TZ", zone, 1);
     tzset();
   }
   ~LocalTimeZone() {
-    FlushLog();
     if (before_) {
       setenv("TZ", before_->c_str(), 1);
     } else {

@@ -81,6 +81,7 @@ std::vector<std::string> ReadLogFile(std::uint16_t id) {
 }
 
 void FreshLogFile(std::uint16_t id) {
+  StartLog();
   FlushLog();
   CloseLogFile(id);
   std::filesystem::remove(LogPath(id));

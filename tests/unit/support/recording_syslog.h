@@ -30,7 +30,7 @@ std::vector<std::string> TakeSyslogTexts();
 /// several lines stays one entry per line. Flushes the log first.
 std::vector<std::string> ReadLogFile(std::uint16_t id);
 
-/// Closes and deletes the log file of `id` and opens it anew, empty.
+/// Starts the log, which ends with the test, and opens the log file of `id` anew, empty.
 void FreshLogFile(std::uint16_t id);
 
 }  // namespace ipsla::test
