@@ -50,14 +50,21 @@ std::string GroupArray(const std::set<std::string>& groups) {
 
 }  // namespace
 
-std::vector<std::string> StatisticsRequests(const std::set<std::int32_t>& ids,
-                                            const std::set<std::string>& groups) {
-  const std::string metrics = GroupArray(groups);
+std::vector<std::string> StatisticsRequests(const StatisticsRequest& request) {
   TaskLists lists;
-  for (const std::int32_t id : ids) {
-    lists.Add(R"({"sla-id":)" + std::to_string(id) + R"(,"metrics":)" + metrics + '}');
+  for (const auto& [id, groups] : request) {
+    lists.Add(R"({"sla-id":)" + std::to_string(id) + R"(,"metrics":)" + GroupArray(groups) + '}');
   }
   return lists.Take();
+}
+
+std::vector<std::string> StatisticsRequests(const std::set<std::int32_t>& ids,
+                                            const std::set<std::string>& groups) {
+  StatisticsRequest request;
+  for (const std::int32_t id : ids) {
+    request.emplace_hint(request.end(), id, groups);
+  }
+  return StatisticsRequests(request);
 }
 
 std::string ActiveStatisticsRequest(const std::set<std::string>& groups) {

@@ -8,9 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "api/sender_api_message.h"
+
 namespace ipsla::client {
 
-/// Bodies of GET_TASK_STATISTICS for these tasks, the same groups for each.
+/// Bodies of GET_TASK_STATISTICS for these tasks, each with its groups.
+[[nodiscard]] std::vector<std::string> StatisticsRequests(const StatisticsRequest& request);
+/// The same groups for each.
 [[nodiscard]] std::vector<std::string> StatisticsRequests(const std::set<std::int32_t>& ids,
                                                           const std::set<std::string>& groups);
 

@@ -32,13 +32,21 @@ StatisticsMap SenderClient::ActiveStatistics(const std::set<std::string>& groups
   return tasks;
 }
 
-StatisticsMap SenderClient::Statistics(const std::set<std::int32_t>& ids,
-                                       const std::set<std::string>& groups) const {
+StatisticsMap SenderClient::QueryStatistics(const std::vector<std::string>& requests) const {
   StatisticsMap tasks;
-  for (const std::string& request : StatisticsRequests(ids, groups)) {
+  for (const std::string& request : requests) {
     Require(ReadStatistics(api_.Query(ApiCommand::kGetTaskStatistics, request), &tasks));
   }
   return tasks;
+}
+
+StatisticsMap SenderClient::Statistics(const StatisticsRequest& request) const {
+  return QueryStatistics(StatisticsRequests(request));
+}
+
+StatisticsMap SenderClient::Statistics(const std::set<std::int32_t>& ids,
+                                       const std::set<std::string>& groups) const {
+  return QueryStatistics(StatisticsRequests(ids, groups));
 }
 
 StatusMap SenderClient::Statuses(const std::set<std::int32_t>& ids) const {

@@ -34,7 +34,7 @@ struct TwoWayValues {
 
 struct LossValues {
   std::int64_t sd_loss = 0, ds_loss = 0;  ///< probes
-  Value sd_percent, ds_percent;
+  Value sd_percent{}, ds_percent{};
   std::int64_t late_arrival = 0, skipped = 0, duplicate = 0;
 };
 

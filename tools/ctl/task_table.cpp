@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "ctl/display_text.h"
 #include "ctl/task_view.h"
 
@@ -32,38 +30,6 @@ std::vector<TableCell> TaskRow(const TaskView& task, std::int64_t now) {
 }
 
 }  // namespace
-
-TaskFigures Figures(const TaskStatistics& task) {
-  TaskFigures figures;
-  if (task.Failed()) {
-    return figures;
-  }
-  if (task.rtt) {
-    figures.rtt = task.rtt->avg;
-  }
-  if (task.sd_packets > 0) {
-    const auto lost =
-        static_cast<double>(std::max<std::int64_t>(task.sd_packets - task.ds_packets, 0));
-    figures.loss = 100.0 * lost / static_cast<double>(task.sd_packets);
-  }
-  // An echo test measures the round trip only; what it reports of one direction are zeros.
-  if (!IsJitterType(task.type)) {
-    return figures;
-  }
-  if (task.latency) {
-    figures.latency_sd = task.latency->sd.avg;
-    figures.latency_ds = task.latency->ds.avg;
-  }
-  if (task.jitter) {
-    figures.jitter_sd = task.jitter->sd.deviation;
-    figures.jitter_ds = task.jitter->ds.deviation;
-  }
-  if (task.loss) {
-    figures.loss_sd = task.loss->sd_percent;
-    figures.loss_ds = task.loss->ds_percent;
-  }
-  return figures;
-}
 
 std::string TypeText(const TaskStatistics& task) {
   return task.type == SlaTestType::kNone ? kNoValue : TestTypeToString(task.type);

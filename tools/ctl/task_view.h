@@ -4,35 +4,17 @@
 #define IPSLA_TOOLS_CTL_TASK_VIEW_H_
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "client/task_results.h"
+#include "client/task_view.h"
 #include "ctl/text_table.h"
 
 namespace ipsla::ctl {
 
-/// A configured task, with its last result when it has one.
-struct TaskView {
-  std::int32_t id = 0;
-  bool scheduled = true;
-  std::optional<client::TaskStatistics> last{};
-
-  [[nodiscard]] bool Failed() const { return last && last->Failed(); }
-};
-
-/// The figures of one result. None for what the type does not measure, and for all of a failed run.
-struct TaskFigures {
-  client::Value rtt;                     ///< average, ms
-  client::Value latency_sd, latency_ds;  ///< averages, ms
-  /// Standard deviations of the latency, ms: the jitter's own minimum, average and maximum are kept
-  /// but not measured.
-  client::Value jitter_sd, jitter_ds;
-  client::Value loss;              ///< probes without a reply, percent of those sent
-  client::Value loss_sd, loss_ds;  ///< percent
-};
-[[nodiscard]] TaskFigures Figures(const client::TaskStatistics& task);
+using client::Figures;
+using client::TaskFigures;
+using client::TaskView;
 
 /// "udp-jitter"; kNoValue for a task that is not configured.
 [[nodiscard]] std::string TypeText(const client::TaskStatistics& task);

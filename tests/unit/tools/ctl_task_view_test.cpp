@@ -88,7 +88,7 @@ TEST(TaskDetails, ShowsEveryValueOfAJitterTask) {
           "  probes                    SD        DS", "  packets                   10         7",
           "  samples                    9         7", "  lost                       1         2",
           "  lost %                    10      22.2", "  out of sequence            4         5",
-          "  late 6, skipped 7, duplicate 8"));
+          "  late 6, skipped 0, duplicate 8"));
 }
 
 TEST(TaskDetails, ShowsWhatAnEchoTaskMeasures) {

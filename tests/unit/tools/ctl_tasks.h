@@ -32,7 +32,7 @@ inline ctl::TaskView JitterTask() {
   last.rtt = {1.0, 1.2, 1.5};
   last.latency = {{0.4, 0.5, 0.6, std::nullopt}, {std::nullopt, 0.7, 0.8, std::nullopt}};
   last.jitter = {{0.01, 0.02, 0.03, 0.04}, {0.01, 0.02, 0.03, 0.05}};
-  last.loss = {1, 2, 10.0, 22.22, 6, 7, 8};
+  last.loss = {1, 2, 10.0, 22.22, 6, 0, 8};
   last.out_of_sequence = {4, 5};
   return {.id = 3, .last = last};
 }
