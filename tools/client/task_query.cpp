@@ -15,7 +15,7 @@ std::set<std::string> Intersection(const std::set<std::string>& one,
   return both;
 }
 
-std::optional<TaskPlan> PlanOf(const TaskPlans& plans, std::int32_t id) {
+std::optional<TaskPlan> FindPlan(const TaskPlans& plans, std::int32_t id) {
   const auto plan = plans.find(id);
   return plan == plans.end() ? std::nullopt : std::optional(plan->second);
 }
@@ -46,7 +46,7 @@ StatisticsMap ResultsOf(const SenderClient& sender, const StatusMap& configured,
   StatisticsRequest request;
   for (const auto& [id, scheduled] : configured) {
     // A file that was edited since the daemon read it may name another type.
-    const auto plan = PlanOf(plans, id);
+    const auto plan = FindPlan(plans, id);
     const auto& measured = MeasuredGroups(plan ? plan->type : SlaTestType::kNone);
     request.emplace_hint(request.end(), id, Intersection(wanted, measured));
   }
@@ -84,7 +84,7 @@ std::set<std::int32_t> Candidates(const TaskSelection& selection, const TaskPlan
 TaskAnswer Assemble(const StatusMap& configured, StatisticsMap results, const TaskPlans& plans) {
   TaskAnswer answer;
   for (const auto& [id, scheduled] : configured) {
-    TaskView view{.id = id, .scheduled = scheduled, .plan = PlanOf(plans, id)};
+    TaskView view{.id = id, .scheduled = scheduled, .plan = FindPlan(plans, id)};
     if (const auto result = results.find(id); result != results.end()) {
       view.last = std::move(result->second);
     }

@@ -174,9 +174,14 @@ PluginResult JudgeTask(const TaskView& task, const Thresholds& warning, const Th
   const TaskFigures figures = Figures(last);
   AddPerformance(figures, age, &judgement);
   if (last.Failed()) {
-    PluginResult result =
-        judgement.Finish(subject, last.error.empty() ? "the last run failed" : last.error);
+    PluginResult result = judgement.Finish(subject, client::ReasonOf(task));
     result.state = PluginState::kCritical;
+    return result;
+  }
+  if (client::HasNoUsableReplies(last)) {
+    judgement.Check("age", age);
+    PluginResult result = judgement.Finish(subject, client::ReasonOf(task));
+    result.state = result.state == PluginState::kOk ? PluginState::kUnknown : result.state;
     return result;
   }
   for (const std::string& name : ThresholdNames()) {

@@ -33,7 +33,8 @@ struct PluginResult {
 };
 
 /// Judges the last result of a task. A failed run is critical, a task without a result unknown; so
-/// is a threshold whose value was not measured, unless another threshold is exceeded.
+/// are a run without usable replies, and a threshold whose value was not measured, unless another
+/// threshold is exceeded.
 [[nodiscard]] PluginResult JudgeTask(const TaskView& task, const Thresholds& warning,
                                      const Thresholds& critical, std::int64_t now);
 

@@ -6,14 +6,14 @@
 namespace ipsla::client {
 namespace {
 
-TaskPlan ReadOne(const std::string& task) {
+TaskPlan ReadPlan(const std::string& task) {
   const auto plans = ReadTaskPlans(R"({"IP-SLA-tasks":[)" + task + "]}");
   EXPECT_TRUE(plans && plans->size() == 1) << task;
   return plans && !plans->empty() ? plans->begin()->second : TaskPlan{};
 }
 
 TEST(TaskPlan, ReadsWhatTheApiDoesNotTell) {
-  const TaskPlan plan = ReadOne(
+  const TaskPlan plan = ReadPlan(
       R"({"sla-id":3,"sla-type":"udp-jitter","vrf-instance":"blue",)"
       R"("scheduler":{"time":60,"Start-time":"now","life-time":"3600"},)"
       R"("control-phase":{"dst-address":"10.9.9.9"},)"
@@ -28,14 +28,14 @@ TEST(TaskPlan, ReadsWhatTheApiDoesNotTell) {
 }
 
 TEST(TaskPlan, ReadsTheSourceInterface) {
-  EXPECT_EQ(ReadOne(R"({"sla-id":3,"sla-type":"icmp-echo","icmp-echo":{"src-interface":"eth0"}})")
+  EXPECT_EQ(ReadPlan(R"({"sla-id":3,"sla-type":"icmp-echo","icmp-echo":{"src-interface":"eth0"}})")
                 .interface,
             "eth0");
 }
 
 TEST(TaskPlan, ReadsALifeAsTheDaemonDoes) {
   const auto life = [](const std::string& value) {
-    return ReadOne(R"({"sla-id":3,"scheduler":{"life-time":)" + value + "}}").life_s;
+    return ReadPlan(R"({"sla-id":3,"scheduler":{"life-time":)" + value + "}}").life_s;
   };
   EXPECT_EQ(life(R"("forever")"), std::nullopt);
   EXPECT_EQ(life("60"), 60);
@@ -53,7 +53,7 @@ TEST(TaskPlan, KeepsTheFirstOfTasksWithOneId) {
 }
 
 TEST(TaskPlan, TakesAnythingElseAsNotGiven) {
-  const TaskPlan plan = ReadOne(R"({"sla-id":0,"sla-type":7,"scheduler":{"time":"60"}})");
+  const TaskPlan plan = ReadPlan(R"({"sla-id":0,"sla-type":7,"scheduler":{"time":"60"}})");
   EXPECT_EQ(plan.type, SlaTestType::kNone);
   EXPECT_EQ(plan.period_s, 0);
   EXPECT_EQ(plan.life_s, std::nullopt);

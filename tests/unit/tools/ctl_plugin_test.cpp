@@ -98,7 +98,7 @@ TEST(Plugin, KnowsNothingWithoutAResult) {
 
 TEST(Plugin, KnowsNothingOfAThresholdWithoutItsValue) {
   TaskView task = JitterTask();
-  task.last->rtt->avg = std::nullopt;
+  task.last->rtt.reset();
   EXPECT_EQ(StateFor(task, {{"rtt", 5}}), PluginState::kUnknown);
   EXPECT_EQ(StateFor(task, {{"rtt", 5}}, {{"loss", 5}}), PluginState::kCritical);
   EXPECT_EQ(StateFor(task, {{"loss", 50}}), PluginState::kOk);
@@ -107,6 +107,14 @@ TEST(Plugin, KnowsNothingOfAThresholdWithoutItsValue) {
             "UNKNOWN - task 3 udp-jitter: loss 30%, no rtt value | latency_sd=0.5ms;;;; "
             "latency_ds=0.7ms;;;; "
             "jitter_sd=0.04ms;;;; jitter_ds=0.05ms;;;; loss=30%;;;0;100 age=12s;;;;");
+}
+
+TEST(Plugin, KnowsNothingWithoutAUsableReply) {
+  TaskView task = JitterTask();
+  task.last->type = SlaTestType::kUdpJitterNtp;
+  EXPECT_EQ(LineFor(task, {{"rtt", 5}}),
+            "UNKNOWN - task 3 udp-jitter-ntp: no usable replies | age=12s;;;;");
+  EXPECT_EQ(StateFor(task, {{"age", 10}}), PluginState::kWarning);
 }
 
 TEST(Plugin, KeepsTheLineInOnePiece) {
