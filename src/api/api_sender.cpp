@@ -23,6 +23,7 @@
 #include "env/packet_stamps.h"
 #include "env/process.h"
 #include "env/time_values.h"
+#include "log/error_limiter.h"
 #include "log/log.h"
 
 namespace ipsla {

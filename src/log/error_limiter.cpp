@@ -27,13 +27,11 @@ void ErrorLimiter::Remove(std::uint16_t id) {
   tests_.erase(id);
 }
 
-bool ErrorLimiter::IsAllowed(std::uint16_t id, int kind) {
-  if (kind < 0 || kind >= kErrorKinds) return true;  // there is nothing to count it in
+bool ErrorLimiter::IsAllowed(std::uint16_t id, ErrorKind kind) {
   const std::lock_guard lock(mutex_);
   Slot& slot = tests_.try_emplace(id, NewSlots()).first->second.at(static_cast<std::size_t>(kind));
   const std::time_t now = clock_();
   const std::time_t elapsed = now - slot.last;
-  // A clock that was set back ends the period as well.
   if (elapsed >= 0 && elapsed < static_cast<std::time_t>(slot.span)) {
     ++slot.count;
   } else {
@@ -51,7 +49,7 @@ void RemoveErrorLimits(std::uint16_t id) {
   ProcessLimiter().Remove(id);
 }
 
-bool IsErrorLogAllowed(std::uint16_t id, int kind) {
+bool IsErrorLogAllowed(std::uint16_t id, ErrorKind kind) {
   return ProcessLimiter().IsAllowed(id, kind);
 }
 

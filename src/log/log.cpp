@@ -8,6 +8,8 @@
 
 #include <boost/thread/exceptions.hpp>
 
+#include "log/logger.h"
+
 namespace ipsla {
 namespace {
 

@@ -8,8 +8,6 @@
 #include <fstream>
 #include <vector>
 
-#include "log/logger.h"
-
 namespace ipsla {
 namespace {
 
@@ -46,7 +44,7 @@ std::string LogFile::CheckLogFileSize(const LogFileCalls& calls) {
   if (!stream_) return {};
   const long position = calls.tell(stream_.get());
   if (position == -1) return std::string("ftell failed: ") + std::strerror(errno);
-  if (position <= Logger::kMaxFileBytes) return {};
+  if (position <= kMaxBytes) return {};
   std::array<char, 128> path{};
   const std::string link = "/proc/self/fd/" + std::to_string(fileno(stream_.get()));
   if (calls.read_link(link.c_str(), path.data(), path.size() - 1) == -1) {

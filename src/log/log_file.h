@@ -25,10 +25,13 @@ struct LogFileCalls {
 /// A stream opened for appending. Threads: any; one lock per file.
 class LogFile {
  public:
+  /// A file longer than this is cut before the next line is written.
+  static constexpr long kMaxBytes = 1048576;
+
   /// Opens `path` for appending. Null when that fails.
   [[nodiscard]] static std::shared_ptr<LogFile> Open(const std::string& path);
 
-  /// Cuts the file to the newer half of its lines when it is longer than Logger::kMaxFileBytes.
+  /// Cuts the file to the newer half of its lines when it is longer than kMaxBytes.
   /// Returns the text of the failure when its length or its name cannot be found out, else an empty
   /// text. Does nothing after Close().
   [[nodiscard]] std::string CheckLogFileSize(const LogFileCalls& calls);

@@ -22,8 +22,8 @@
 #include <boost/thread/thread.hpp>
 
 #include "log/format.h"
-#include "log/log.h"
 #include "log/log_file.h"
+#include "log/system_log.h"
 #include "log/thread_stack.h"
 
 namespace ipsla {

@@ -17,14 +17,10 @@ struct LogFileCalls;
 /// in one directory. A file longer than 1 MiB is cut to the newer half of its lines before the next
 /// line is appended.
 ///
-/// Threads: any. Callers only format the text and queue it; the writer thread does all disk work,
-/// under a lock of the file alone, so that a slow disk never stops a caller. Lines of one file are
-/// written in the order they were queued.
+/// Threads: any. Whoever logs formats and queues; the disk is the writer thread's business, so that
+/// a slow one stops nobody. A file has its lines in the order in which they were logged.
 class Logger {
  public:
-  /// A file longer than this is cut before the next line is written.
-  static constexpr long kMaxFileBytes = 1048576;
-
   /// Starts the writer thread. `directory` ends in "/"; it is created (mode 0755) by the first
   /// OpenLogFile.
   explicit Logger(std::string directory);
@@ -47,8 +43,8 @@ class Logger {
   /// again before their turn. Waits for a line being written to it.
   void CloseLogFile(std::uint16_t id);
 
-  /// Queues one line for the file of `id`; does nothing when that file is not open. `flag` has no
-  /// effect.
+  /// Queues one line for the file of `id`; does nothing when that file is not open. Nothing depends
+  /// on `flag`.
   void Log(std::uint16_t id, int flag, const char* format, ...)
       __attribute__((format(printf, 4, 5)));
 

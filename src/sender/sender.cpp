@@ -15,6 +15,7 @@
 
 #include "env/network_namespace.h"
 #include "env/time_values.h"
+#include "log/error_limiter.h"
 #include "log/log.h"
 #include "sender/metric_report.h"
 #include "sender/schedule.h"
@@ -31,9 +32,6 @@ constexpr std::uint32_t kUnknownInterface = 0xFFFFFFFFU;
 constexpr std::int64_t kMaxSleepNanoseconds = 100'000'000;
 
 constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
-
-// The limiter's kind of a run that failed to start.
-constexpr int kStartError = 0;
 
 boost::asio::ip::address ToAddress(in_addr address) {
   return boost::asio::ip::make_address_v4(ntohl(address.s_addr));
@@ -303,7 +301,7 @@ void Sender::AcceptReply(SlaPacketRecord* record) {
 }
 
 void Sender::FailStart(const std::string& reason) {
-  if (IsErrorLogAllowed(config_.sla_id, kStartError)) {
+  if (IsErrorLogAllowed(config_.sla_id, ErrorKind::kStart)) {
     LOG_ERROR(config_.sla_id, "(test %d) %s", config_.sla_id, reason.c_str());
   }
   FailRun("Start test failed");

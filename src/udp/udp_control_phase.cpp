@@ -18,11 +18,6 @@
 namespace ipsla {
 namespace {
 
-// The limiter's kinds of control-phase errors.
-constexpr int kRequestError = 3;
-constexpr int kResponseError = 4;
-constexpr int kAbortError = 5;
-
 constexpr const char* kInternalError = "control phase failed: internal error";
 
 // With IP_RECVERR each ICMP error also stands in the error queue, which keeps the socket readable
@@ -75,11 +70,11 @@ void UdpSender::ControlPhase() {
                             control_destination_);
     StartFuncTimeout(kControlPhaseTimer, static_cast<std::uint32_t>(config_.control_timeout));
   } catch (const std::exception& error) {
-    FailControlPhase(kRequestError, error.what());
+    FailControlPhase(ErrorKind::kControlRequest, error.what());
   }
 }
 
-void UdpSender::FailControlPhase(int kind, const std::string& reason) {
+void UdpSender::FailControlPhase(ErrorKind kind, const std::string& reason) {
   if (IsErrorLogAllowed(config_.sla_id, kind)) {
     LOG_ERROR(config_.sla_id, "(test %d) Control phase failed: %s", config_.sla_id, reason.c_str());
   }
@@ -123,7 +118,7 @@ void UdpSender::HandleResponse() {
                 *context_.keys->Snapshot());
   const ControlPhaseMessage response = DecodeControlMessage(response_);
   if (response.version != kControlProtocolVersion) {
-    if (IsErrorLogAllowed(config_.sla_id, kResponseError)) {
+    if (IsErrorLogAllowed(config_.sla_id, ErrorKind::kControlResponse)) {
       LOG_ERROR(config_.sla_id,
                 "(test %d) Control phase failed: invalid response control phase protocol version",
                 config_.sla_id);
@@ -145,12 +140,12 @@ void UdpSender::StartMeasurement(const ControlPhaseMessage& response) {
     ArmSend();
     StartFuncTimeout(kTestStop, SessionDuration(config_));
   } catch (const std::exception& error) {
-    FailControlPhase(kResponseError, error.what());
+    FailControlPhase(ErrorKind::kControlResponse, error.what());
   }
 }
 
 void UdpSender::RejectResponse(const ControlPhaseMessage& response) {
-  const bool log = IsErrorLogAllowed(config_.sla_id, kResponseError);
+  const bool log = IsErrorLogAllowed(config_.sla_id, ErrorKind::kControlResponse);
   std::string description = metrics_.error_description;
   // Each later finding overwrites the text of an earlier one; header status "fail" only points to
   // the other two.
@@ -185,14 +180,14 @@ void UdpSender::ControlReceiveFailed(const boost::system::error_code& error) {
   if (metrics_.status == RunResult::kFail) return;
   std::string description = metrics_.error_description;
   if (error == boost::asio::error::operation_aborted) {
-    if (IsErrorLogAllowed(config_.sla_id, kResponseError)) {
+    if (IsErrorLogAllowed(config_.sla_id, ErrorKind::kControlResponse)) {
       LOG_ERROR(config_.sla_id,
                 "(test %d) Control phase failed: destination host is not responding",
                 config_.sla_id);
     }
     description = "control phase failed: destination host is not responding";
   } else if (error == boost::asio::error::connection_refused) {
-    if (IsErrorLogAllowed(config_.sla_id, kResponseError)) {
+    if (IsErrorLogAllowed(config_.sla_id, ErrorKind::kControlResponse)) {
       LOG_ERROR(config_.sla_id,
                 "(test %d) Control phase failed: connection refused. The responder may not be "
                 "running or is using a "
@@ -212,7 +207,7 @@ void UdpSender::AbortControlPhase() {
   try {
     control_socket_.cancel();
   } catch (const std::exception& error) {
-    FailControlPhase(kAbortError, error.what());
+    FailControlPhase(ErrorKind::kControlTimeOut, error.what());
     return;
   }
   // Reported here and not from the cancelled wait, which may just have completed otherwise and

@@ -26,9 +26,6 @@ using boost::asio::ip::udp;
 
 constexpr std::int64_t kMicrosecond = 1000;
 
-// The limiter's kind of a probe that could not be sent.
-constexpr int kSendError = 2;
-
 static_assert(kReplyReadSize <= 64, "replies are read within the shortest buffer");
 
 udp::endpoint ToEndpoint(const sockaddr_in& address) {
@@ -164,7 +161,7 @@ bool UdpSender::SendProbe() {
   measurement_socket_.send_to(boost::asio::buffer(send_buffer_.data(), config_.packet_size),
                               measurement_destination_, 0, error);
   if (error) {
-    if (IsErrorLogAllowed(config_.sla_id, kSendError)) {
+    if (IsErrorLogAllowed(config_.sla_id, ErrorKind::kSend)) {
       LOG_ERROR(config_.sla_id, "(test %d) %s", config_.sla_id, error.message().c_str());
     }
     return false;

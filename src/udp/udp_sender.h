@@ -15,6 +15,7 @@
 #include <boost/asio/ip/udp.hpp>
 #include <boost/system/error_code.hpp>
 
+#include "log/error_limiter.h"
 #include "sender/sender.h"
 #include "udp/control_phase_message.h"
 
@@ -62,7 +63,7 @@ class UdpSender final : public Sender {
   void RejectResponse(const ControlPhaseMessage& response);
   void ControlReceiveFailed(const boost::system::error_code& error);
   void AbortControlPhase();
-  void FailControlPhase(int kind, const std::string& reason);
+  void FailControlPhase(ErrorKind kind, const std::string& reason);
 
   // Measurement. All require mutex_ except the two handlers, which take it.
   void ArmSend();

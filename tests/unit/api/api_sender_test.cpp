@@ -17,6 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "log/error_limiter.h"
 #include "log/log.h"
 #include "support/api_fixture.h"
 #include "support/recording_syslog.h"
@@ -195,14 +196,14 @@ TEST_F(ApiSenderTest, RemovedTaskIsGoneFromTestsStatisticsAndLogs) {
   ASSERT_EQ(daemon.Start(), 0);
   const auto removed = daemon.sender->Tests().at(2);
   StoreStatistics({1, 2});
-  EXPECT_TRUE(IsErrorLogAllowed(2, 0));
-  EXPECT_FALSE(IsErrorLogAllowed(2, 0));
+  EXPECT_TRUE(IsErrorLogAllowed(2, ErrorKind::kStart));
+  EXPECT_FALSE(IsErrorLogAllowed(2, ErrorKind::kStart));
   Reload({{.id = 1}});
   EXPECT_FALSE(daemon.sender->Tests().contains(2));
   EXPECT_FALSE(daemon.sender->Tasks().contains(2));
   EXPECT_TRUE(removed->IsStopped());
   EXPECT_THAT(IdsWithStatistics(), ElementsAre(1));
-  EXPECT_TRUE(IsErrorLogAllowed(2, 0)) << "the limiter forgot the task";
+  EXPECT_TRUE(IsErrorLogAllowed(2, ErrorKind::kStart)) << "the limiter forgot the task";
   const auto lines = test::ReadLogFile(2);
   LOG_DEBUG(2, "written after the file was closed");
   EXPECT_EQ(test::ReadLogFile(2), lines);

@@ -16,7 +16,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "log/log.h"
+#include "log/error_limiter.h"
 #include "sender/icmp_identifier.h"
 #include "sender/icmp_message.h"
 #include "support/recording_syslog.h"

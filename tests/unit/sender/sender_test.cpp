@@ -18,7 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "env/time_values.h"
-#include "log/log.h"
+#include "log/error_limiter.h"
 #include "support/recording_syslog.h"
 #include "support/test_context.h"
 
