@@ -1,27 +1,19 @@
 #include "api/api_sender.h"
 
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <exception>
 #include <set>
 #include <utility>
+#include <vector>
 
-#include <boost/asio/buffer.hpp>
-#include <boost/asio/ip/address_v4.hpp>
-#include <boost/date_time/posix_time/posix_time_duration.hpp>
 #include <boost/system/system_error.hpp>
-#include <boost/thread/exceptions.hpp>
 #include <boost/thread/lock_guard.hpp>
 
-#include "api/receive_outcome.h"
 #include "api/sender_factory.h"
 #include "config/print_funcs.h"
 #include "config/sender_help_funcs.h"
+#include "env/descriptor.h"
 #include "env/network_namespace.h"
-#include "env/packet_stamps.h"
-#include "env/process.h"
 #include "env/time_values.h"
 #include "log/error_limiter.h"
 #include "log/log.h"
@@ -29,21 +21,7 @@
 namespace ipsla {
 namespace {
 
-using boost::asio::ip::udp;
-
 constexpr std::int64_t kReloadPauseNanoseconds = 10'000'000;
-constexpr long kIdleSeconds = 99999999;
-
-// A burst of 1000 requests of full size waits in the socket while a long reply goes out. The kernel
-// counts about 17 kB for a datagram of 8192 bytes and doubles the figure that it is given.
-constexpr int kApiReceiveBufferBytes = 16 * 1024 * 1024;
-
-void EnlargeReceiveBuffer(int fd) {
-  const int bytes = kApiReceiveBufferBytes;
-  // The first needs privilege, the second is cut to the system's limit; both are only an attempt.
-  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) == 0) return;
-  static_cast<void>(setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes));
-}
 
 // Both phases of a task run in one VRF.
 const std::string& VrfOf(const SlaTaskConfig& task) {
@@ -56,12 +34,14 @@ ApiSender::ApiSender(boost::asio::io_context& service, std::string tasks_file,
                      std::string keychain_file)
     : tasks_file_(std::move(tasks_file)),
       keychain_file_(std::move(keychain_file)),
-      idle_timer_(worker_),
-      channel_(std::make_shared<Channel>(service)),
+      server_(service, {.tasks = tasks_,
+                        .statistics = *statistics_,
+                        .reload_tasks = [this] { return ReloadTasks(); },
+                        .reload_keychain = [this] { return ReloadKeychain(); }}),
       clock_(std::make_shared<ClockWatch>(service, tests_)),
       netlink_(service, interfaces_, *this) {
   try {
-    OpenApiSocket();
+    server_.Open();
     OpenClockWatch();
   } catch (const std::exception& exception) {
     LOG_DEBUG(0, "Sender api creation failed: %s", exception.what());
@@ -76,36 +56,13 @@ ApiSender::~ApiSender() {  // NOLINT(bugprone-exception-escape): a log call does
   }
 }
 
-void ApiSender::OpenApiSocket() {
-  udp::socket& socket = channel_->socket;
-  socket.open(udp::v4());
-  EnlargeReceiveBuffer(socket.native_handle());
-  // Not for this socket's sake: the kernel stamps packets at all only while some socket asks for
-  // it, and takes a moment to begin. This one lives as long as the daemon and so keeps the stamping
-  // on between the runs of the tests.
-  EnableReceiveStamps(socket.native_handle());
-  socket.bind(udp::endpoint(boost::asio::ip::address_v4::loopback(), kApiPort));
-  ArmReceive();
-}
-
 void ApiSender::OpenClockWatch() {
-  const int fd = CreateClockDescriptor();
+  Descriptor timer = CreateClockDescriptor();
   boost::system::error_code error;
-  clock_->descriptor.assign(fd, error);
-  if (error) {
-    close(fd);
-    throw boost::system::system_error(error, "assign");
-  }
+  clock_->descriptor.assign(timer.Get(), error);
+  if (error) throw boost::system::system_error(error, "assign");
+  static_cast<void>(timer.Release());  // the watch's now
   WaitForClockChange(clock_);
-}
-
-void ApiSender::ArmReceive() {
-  channel_->socket.async_receive_from(
-      boost::asio::buffer(channel_->buffer), channel_->requester,
-      [this, channel = channel_](const boost::system::error_code& error, std::size_t bytes) {
-        // Checked first: once the socket is closed, the object itself may be gone.
-        if (channel->socket.is_open()) ReceivePacket(error, bytes);
-      });
 }
 
 int ApiSender::ParseConfigsAndStart() {
@@ -129,51 +86,37 @@ int ApiSender::ReadTasksFile(SlaTaskMap* tasks) {
     LOG_DEBUG(0, "ParseTaskConfigs() failed");
     return -1;
   }
-  const std::lock_guard lock(main_loop_mutex_);
-  cpus_ = std::move(cpus);
+  workers_.SetCpus(std::move(cpus));
   return 0;
 }
 
-void ApiSender::StartMainLoop() {
-  const std::lock_guard lock(main_loop_mutex_);
-  if (started_ || cpus_.empty()) return;
-  started_ = true;
-  idle_timer_.expires_from_now(boost::posix_time::seconds(kIdleSeconds));
-  WaitIdle();
-  boost::thread::attributes attributes;
-  attributes.set_stack_size(ThreadStackBytes());
-  try {
-    for (const std::uint8_t cpu : cpus_) {
-      for (std::size_t count = 0; count < kThreadsPerCpu; ++count) {
-        auto thread = std::make_unique<boost::thread>(attributes, [this] { worker_.run(); });
-        SetCpuNum(thread->native_handle(), cpu);
-        worker_threads_.add_thread(thread.get());
-        static_cast<void>(thread.release());  // the group's now
-      }
-    }
-  } catch (const boost::thread_resource_error& exception) {
-    LOG_DEBUG(0, "Start main loop failed: %s", exception.what());
+bool ApiSender::ReloadTasks() {
+  SlaTaskMap new_tasks;
+  if (ReadTasksFile(&new_tasks) != 0) return false;
+  StartMainLoop();
+  if (UpdateTaskConfigs(new_tasks) != 0) {
+    LOG_DEBUG(0, "UpdateTaskConfigs() failen");
+    return false;
   }
+  PrintTaskConfigs(tasks_, *keys_->Snapshot());
+  return true;
 }
 
-std::size_t ApiSender::WorkerThreadCount() const {
-  const std::lock_guard lock(main_loop_mutex_);
-  return worker_threads_.size();
-}
-
-// Keeps the worker context from running out of work while no test waits for anything.
-void ApiSender::WaitIdle() {
-  idle_timer_.async_wait([this](const boost::system::error_code& error) {
-    if (error == boost::asio::error::operation_aborted) return;
-    idle_timer_.expires_at(idle_timer_.expires_at() + boost::posix_time::seconds(kIdleSeconds));
-    WaitIdle();
-  });
+bool ApiSender::ReloadKeychain() {
+  KeychainStorage keys;
+  if (ParseKeychainConfig(keychain_file_, &keys) != 0) {
+    LOG_DEBUG(0, "ParseKeychainConfigs() failed");
+    ExitDaemon(EXIT_FAILURE);
+  }
+  keys_->Replace(std::move(keys));
+  PrintKeychain(*keys_->Snapshot());
+  return true;
 }
 
 void ApiSender::StartTest(const SlaTaskConfig& task) {
-  CreateNetlinkSocketInVrf(VrfOf(task));
+  netlink_.CreateNetlinkSocketInVrf(VrfOf(task));
   const boost::shared_ptr<Sender> test =
-      CreateSender(worker_, task, {statistics_, interfaces_, keys_});
+      CreateSender(workers_.Context(), task, {statistics_, interfaces_, keys_});
   tests_[task.sla_id] = test;
   AddErrorLimits(task.sla_id);
   test->Schedule();
@@ -237,10 +180,6 @@ void ApiSender::ReleaseNetlinkSocket(const std::string& vrf) {
   netlink_.Release(vrf);
 }
 
-void ApiSender::CreateNetlinkSocketInVrf(const std::string& vrf) {
-  netlink_.CreateNetlinkSocketInVrf(vrf);
-}
-
 void ApiSender::UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
                                    std::uint32_t new_address, std::uint32_t old_address) {
   for (const auto& [id, test] : tests_)
@@ -262,15 +201,8 @@ void ApiSender::Stop() {
       LOG_DEBUG(0, "Catch exception on test %d: %s.", static_cast<int>(id), exception.what());
     }
   }
-  worker_.stop();
-  {
-    const std::lock_guard lock(main_loop_mutex_);
-    started_ = true;  // none is started any more
-    worker_threads_.join_all();
-  }
-  // Only now: while worker threads run, the timer is theirs.
-  idle_timer_.cancel();
-  channel_->socket.close();
+  workers_.Stop();
+  server_.Close();
 }
 
 void ExitDaemon(int status) {

@@ -1,28 +1,19 @@
-// The daemon's central object: configuration, running tests, event loops, the Sender API.
+// The daemon's central object: the configuration and the running tests.
 
 #ifndef IPSLA_API_API_SENDER_H_
 #define IPSLA_API_API_SENDER_H_
 
-#include <array>
-#include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <vector>
 
-#include <boost/asio/deadline_timer.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/udp.hpp>
-#include <boost/system/error_code.hpp>
-#include <boost/thread/thread.hpp>
 
+#include "api/api_server.h"
 #include "api/help_funcs.h"
 #include "api/netlink_watcher.h"
-#include "api/sender_api_message.h"
-#include "config/json_text.h"
+#include "api/worker_threads.h"
 #include "config/keychain.h"
 #include "config/task_config.h"
 #include "sender/interface_table.h"
@@ -31,28 +22,24 @@
 
 namespace ipsla {
 
-/// Worker threads started for every CPU that the tasks file lists.
-inline constexpr std::size_t kThreadsPerCpu = 15;
-
-/// Owns the tests, the worker context on which they run, and everything that the service context
-/// serves: the API socket, the netlink sockets, the wall-clock watcher.
+/// Starts one test for each task, follows reloads of the two files, and tells the tests what the
+/// watchers of interfaces and clock see.
 ///
 /// Threads: unless it says otherwise, an operation belongs to the service thread: the API thread
 /// once it runs the service context, the main thread before that and after it has ended. Only that
 /// thread changes the task map, the test map, the netlink sockets and the interface table.
 ///
-/// Failures: a configuration that cannot be read is a status; a test or a VRF that cannot be set up
-/// is an exception that nothing here catches. It ends the process, also from a reload: a
-/// configuration that passed the parser but cannot be started is deliberately fatal.
+/// Failures: a file that cannot be read is a status. A test or a VRF that cannot be set up throws,
+/// and nobody catches it, at start as at a reload: the process ends, because a task that looks
+/// right but cannot run is not to be lost silently.
 ///
 /// The service context must outlive the object. A handler still queued there after Stop() does
 /// nothing.
 class ApiSender : private InterfaceObserver {
  public:
-  /// Opens the API socket on 127.0.0.1 port 10101 and the wall-clock watcher. A failure is logged
-  /// ("Sender api creation failed: ...") and leaves the object half set up: the daemon goes on
-  /// measuring, but no request ever arrives (or, when only the watcher failed, the tests do not
-  /// learn that the clock was set).
+  /// Opens the API socket, then the wall-clock watcher. A failure is logged ("Sender api creation
+  /// failed: ...") and the daemon measures all the same: with the port taken no request arrives,
+  /// and in either case the tests do not learn that the clock was set.
   ApiSender(boost::asio::io_context& service, std::string tasks_file, std::string keychain_file);
 
   /// Stop().
@@ -65,74 +52,31 @@ class ApiSender : private InterfaceObserver {
   /// logging the reason.
   [[nodiscard]] int ParseConfigsAndStart();
 
-  /// Starts the worker threads, the first time that there is a CPU to run them on. Threads: any.
-  void StartMainLoop();
+  /// Starts the worker threads (WorkerThreads::Start). Threads: any.
+  void StartMainLoop() { workers_.Start(); }
 
-  /// Applies a reloaded tasks file: tests of new tasks start, tests of removed ones end, a changed
-  /// task gets a new test and empty statistics, an unchanged one is not touched. Takes 10 ms per
-  /// task. Always 0.
-  [[nodiscard]] int UpdateTaskConfigs(const SlaTaskMap& new_tasks);
-
-  /// Ends everything: stops all tests, closes every descriptor, joins the worker threads (within
-  /// 100 ms or so: a sender between two probes wakes that often). Throws
+  /// Ends everything: stops all tests, closes every descriptor, joins the worker threads. Throws
   /// boost::system::system_error naming "cancel" or "close". May be called twice; nothing can be
   /// started again.
   void Stop();
 
-  /// Begins to watch the interfaces of a VRF (NetlinkWatcher).
-  void CreateNetlinkSocketInVrf(const std::string& vrf);
-
-  /// The completion of the API socket's receive: executes one request and answers it.
-  void ReceivePacket(const boost::system::error_code& error, std::size_t bytes);
-
-  // What is there, for the service thread.
-
-  [[nodiscard]] const SlaTaskMap& Tasks() const { return tasks_; }
-  [[nodiscard]] const TestMap& Tests() const { return tests_; }
-  [[nodiscard]] StatisticsStore& Statistics() { return *statistics_; }
-  [[nodiscard]] const InterfaceTable& Interfaces() const { return *interfaces_; }
-  [[nodiscard]] std::size_t WorkerThreadCount() const;
-  /// Descriptor of the VRF's netlink socket, or -1 when the VRF is not watched.
-  [[nodiscard]] int NetlinkHandle(const std::string& vrf) { return netlink_.NativeHandle(vrf); }
-
  private:
-  // The API socket with what its pending receive writes to; the receive shares its ownership.
-  struct Channel {
-    explicit Channel(boost::asio::io_context& service) : socket(service) {}
-
-    boost::asio::ip::udp::socket socket;
-    boost::asio::ip::udp::endpoint requester;  // of the last request: where its reply goes
-    std::array<std::uint8_t, kApiMaxDatagram> buffer{};
-  };
-
-  // A command's answer: failed, or a document to send, or (neither) the bare header.
-  struct Answer {
-    bool failed = false;
-    JsonDocument document;
-  };
-
-  void OpenApiSocket();
   void OpenClockWatch();
-  void ArmReceive();
-  void WaitIdle();
 
   // Reads the tasks file and takes over its CPU list. 0, or -1 after logging.
   [[nodiscard]] int ReadTasksFile(SlaTaskMap* tasks);
+  [[nodiscard]] bool ReloadTasks();
+  [[nodiscard]] bool ReloadKeychain();
+
+  // Applies a reloaded tasks file: tests of new tasks start, tests of removed ones end, a changed
+  // task gets a new test and empty statistics, an unchanged one is not touched. Takes 10 ms per
+  // task. Always 0.
+  [[nodiscard]] int UpdateTaskConfigs(const SlaTaskMap& new_tasks);
   void StartTest(const SlaTaskConfig& task);
   void RemoveTask(std::uint16_t id);
   void ReplaceTask(const SlaTaskConfig& task);
   void EraseStatistics(std::uint16_t id);
   void ReleaseNetlinkSocket(const std::string& vrf);
-
-  void HandleRequest(std::size_t bytes);
-  [[nodiscard]] Answer Execute(std::uint16_t command, std::string_view text);
-  [[nodiscard]] Answer AnswerQuery(ApiCommand command, std::string_view text);
-  [[nodiscard]] Answer ReportStatistics(const std::optional<StatisticsRequest>& request);
-  [[nodiscard]] Answer ReportStatus(const cJSON* body) const;
-  [[nodiscard]] Answer ReloadTasks();
-  [[nodiscard]] Answer ReloadKeychain();
-  void SendJson(const ApiHeader& request, const cJSON* document);
-  void SendHeader(const ApiHeader& request, std::uint16_t result);
 
   // InterfaceObserver: every change goes to every test in ascending id; each test knows whether it
   // is concerned.
@@ -149,19 +93,11 @@ class ApiSender : private InterfaceObserver {
   const std::shared_ptr<KeyStore> keys_ = std::make_shared<KeyStore>();
   SlaTaskMap tasks_;
 
-  // Declared before the tests, whose timers and sockets live on it.
-  boost::asio::io_context worker_;
+  // Declared before the tests, whose timers and sockets live on its context.
+  WorkerThreads workers_;
   TestMap tests_;
 
-  // The main thread starts the worker threads when the API thread runs already, and may at once
-  // handle a reload.
-  mutable std::mutex main_loop_mutex_;
-  std::vector<std::uint8_t> cpus_;      // guarded by main_loop_mutex_
-  bool started_ = false;                // likewise: the worker threads were started
-  boost::thread_group worker_threads_;  // likewise
-  boost::asio::deadline_timer idle_timer_;
-
-  const std::shared_ptr<Channel> channel_;
+  ApiServer server_;
   const std::shared_ptr<ClockWatch> clock_;
   NetlinkWatcher netlink_;
 };

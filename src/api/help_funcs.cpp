@@ -38,20 +38,19 @@ ClockWatch::ClockWatch(boost::asio::io_context& context, const TestMap& running)
       read(::read),
       kick(StartKeepAlive) {}
 
-int CreateClockDescriptor() {
-  const int fd = timerfd_create(CLOCK_REALTIME, 0);
-  if (fd < 0) throw std::runtime_error("Create timer fd failed");
+Descriptor CreateClockDescriptor() {
+  Descriptor timer(timerfd_create(CLOCK_REALTIME, 0));
+  if (!timer) throw std::runtime_error("Create timer fd failed");
   itimerspec never{};
   static_assert(sizeof never.it_value.tv_sec == sizeof(std::int64_t));
   never.it_value.tv_sec = std::numeric_limits<std::int64_t>::max();
   // Deliberately without TFD_TIMER_ABSTIME. The kernel documents cancel-on-set for absolute timers
   // only, so it is up to the kernel whether a change of the clock is reported with these settings;
   // they are the ones this system uses.
-  if (timerfd_settime(fd, TFD_TIMER_CANCEL_ON_SET, &never, nullptr) < 0) {
-    close(fd);
+  if (timerfd_settime(timer.Get(), TFD_TIMER_CANCEL_ON_SET, &never, nullptr) < 0) {
     throw std::runtime_error("Set time for timer fd failed");
   }
-  return fd;
+  return timer;
 }
 
 void WaitForClockChange(const std::shared_ptr<ClockWatch>& watch) {

@@ -17,6 +17,8 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/system/error_code.hpp>
 
+#include "env/descriptor.h"
+
 namespace ipsla {
 
 class Sender;
@@ -39,9 +41,9 @@ struct ClockWatch {
   std::function<void(boost::asio::io_context&)> kick;                   ///< StartKeepAlive
 };
 
-/// Creates the timer descriptor, armed never to expire. Throws std::runtime_error "Create timer fd
+/// The timer descriptor, armed never to expire. Throws std::runtime_error "Create timer fd
 /// failed" or "Set time for timer fd failed".
-[[nodiscard]] int CreateClockDescriptor();
+[[nodiscard]] Descriptor CreateClockDescriptor();
 
 /// Waits until the descriptor is readable; TimeChanged follows.
 void WaitForClockChange(const std::shared_ptr<ClockWatch>& watch);

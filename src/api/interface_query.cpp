@@ -5,13 +5,14 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+
+#include "env/descriptor.h"
 
 namespace ipsla {
 namespace {
@@ -57,13 +58,12 @@ InterfaceRecord QueryInterface(std::uint32_t index) {
   std::array<char, IF_NAMESIZE> name{};
   if (if_indextoname(index, name.data()) == nullptr) return record;
   record.name = name.data();
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return record;
+  const Descriptor socket_to_ask(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!socket_to_ask) return record;
   ifreq request{};
   std::memcpy(request.ifr_name, name.data(), name.size());
-  if (ioctl(fd, SIOCGIFFLAGS, &request) == 0)
+  if (ioctl(socket_to_ask.Get(), SIOCGIFFLAGS, &request) == 0)
     record.flags = static_cast<std::uint16_t>(request.ifr_flags);
-  close(fd);
   return record;
 }
 

@@ -201,13 +201,12 @@ TEST_F(TimeChangedTest, HandlerQueuedWhenTheWatchIsClosedTouchesNothing) {
 }
 
 TEST(ClockDescriptorTest, IsATimerThatNeverExpires) {
-  const int fd = CreateClockDescriptor();
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(fcntl(fd, F_SETFL, O_NONBLOCK), 0);
+  const Descriptor timer = CreateClockDescriptor();
+  ASSERT_TRUE(timer);
+  ASSERT_EQ(fcntl(timer.Get(), F_SETFL, O_NONBLOCK), 0);
   std::uint64_t count = 0;
-  EXPECT_EQ(read(fd, &count, sizeof count), -1);
+  EXPECT_EQ(read(timer.Get(), &count, sizeof count), -1);
   EXPECT_EQ(errno, EAGAIN);
-  close(fd);
 }
 
 TEST(ClockDescriptorTest, FailureNamesTheStep) {
@@ -217,7 +216,7 @@ TEST(ClockDescriptorTest, FailureNamesTheStep) {
     fillers.push_back(fd);
   std::string what;
   try {
-    close(CreateClockDescriptor());
+    static_cast<void>(CreateClockDescriptor());
   } catch (const std::runtime_error& error) {
     what = error.what();
   }

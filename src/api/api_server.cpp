@@ -1,73 +1,86 @@
-// The Sender API of ApiSender: requests and their answers.
+#include "api/api_server.h"
 
-#include <cstdlib>
-#include <optional>
-#include <set>
-#include <span>
-#include <string>
+#include <sys/socket.h>
+
+#include <array>
 #include <utility>
+#include <vector>
 
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/ip/address_v4.hpp>
+#include <boost/asio/ip/udp.hpp>
 #include <boost/system/system_error.hpp>
 #include <cjson/cJSON.h>
 
-#include "api/api_sender.h"
 #include "api/receive_outcome.h"
+#include "api/request_bodies.h"
 #include "api/statistics_json.h"
-#include "config/print_funcs.h"
+#include "env/packet_stamps.h"
 #include "env/time_values.h"
 #include "log/log.h"
 
 namespace ipsla {
 namespace {
 
+using boost::asio::ip::udp;
+
 // Lets the requester keep up with the fragments of a long reply.
 constexpr std::int64_t kFragmentPauseNanoseconds = 10'000'000;
+
+// A burst of 1000 requests of full size waits in the socket while a long reply goes out. The kernel
+// counts about 17 kB for a datagram of 8192 bytes and doubles the figure that it is given.
+constexpr int kApiReceiveBufferBytes = 16 * 1024 * 1024;
+
+void EnlargeReceiveBuffer(int fd) {
+  const int bytes = kApiReceiveBufferBytes;
+  // The first needs privilege, the second is cut to the system's limit; both are only an attempt.
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) == 0) return;
+  static_cast<void>(setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes));
+}
 
 const char* TextOrEmpty(const JsonText& text) {
   return text ? text.get() : "";
 }
 
-std::optional<std::set<std::string>> RequestedGroups(const cJSON* object) {
-  auto groups = ReadMetricGroups(cJSON_GetObjectItem(object, "metrics"));
-  if (!groups) LOG_DEBUG(0, "cJSON_IsArray() failed: invalid requested metrics");
-  return groups;
-}
-
-// {"tasks": [{"sla-id": number, "metrics": [...]}, ...]}. Deliberately lenient: whatever integer an
-// "sla-id" holds is taken as it is, an element without one is skipped, and an id asked for twice
-// keeps its first groups.
-std::optional<StatisticsRequest> ReadTasksToReport(const cJSON* body) {
-  const cJSON* tasks = cJSON_GetObjectItem(body, "tasks");
-  if (cJSON_IsArray(tasks) == 0) {
-    LOG_DEBUG(0, "cJSON_IsArray() failed: invalid sla task object");
-    return std::nullopt;
-  }
-  StatisticsRequest request;
-  for (const cJSON* element = tasks->child; element != nullptr; element = element->next) {
-    const cJSON* id = cJSON_GetObjectItem(element, "sla-id");
-    if (id == nullptr) continue;
-    auto groups = RequestedGroups(element);
-    if (!groups) return std::nullopt;
-    request.emplace(id->valueint, std::move(*groups));
-  }
-  return request;
-}
-
-// {"metrics": [...]}, for every scheduled task.
-std::optional<StatisticsRequest> ReadGroupsToReport(const cJSON* body, const SlaTaskMap& tasks) {
-  const auto groups = RequestedGroups(body);
-  if (!groups) return std::nullopt;
-  StatisticsRequest request;
-  for (const auto& [id, task] : tasks) {
-    if (task.schedule) request.emplace(id, *groups);
-  }
-  return request;
-}
-
 }  // namespace
 
-void ApiSender::ReceivePacket(const boost::system::error_code& error, std::size_t bytes) {
+struct ApiServer::Channel {
+  explicit Channel(boost::asio::io_context& service) : socket(service) {}
+
+  udp::socket socket;
+  udp::endpoint requester;  // of the last request: where its reply goes
+  std::array<std::uint8_t, kApiMaxDatagram> buffer{};
+};
+
+ApiServer::ApiServer(boost::asio::io_context& service, ApiSubjects subjects)
+    : subjects_(std::move(subjects)), channel_(std::make_shared<Channel>(service)) {}
+
+void ApiServer::Open() {
+  udp::socket& socket = channel_->socket;
+  socket.open(udp::v4());
+  EnlargeReceiveBuffer(socket.native_handle());
+  // Not for this socket's sake: the kernel stamps packets at all only while some socket asks for
+  // it, and takes a moment to begin. This one lives as long as the daemon and so keeps the stamping
+  // on between the runs of the tests.
+  EnableReceiveStamps(socket.native_handle());
+  socket.bind(udp::endpoint(boost::asio::ip::address_v4::loopback(), kApiPort));
+  ArmReceive();
+}
+
+void ApiServer::Close() {
+  channel_->socket.close();
+}
+
+void ApiServer::ArmReceive() {
+  channel_->socket.async_receive_from(
+      boost::asio::buffer(channel_->buffer), channel_->requester,
+      [this, channel = channel_](const boost::system::error_code& error, std::size_t bytes) {
+        // Checked first: once the socket is closed, the server itself may be gone.
+        if (channel->socket.is_open()) ReceivePacket(error, bytes);
+      });
+}
+
+void ApiServer::ReceivePacket(const boost::system::error_code& error, std::size_t bytes) {
   switch (ClassifyReceive(error, bytes)) {
     case ReceiveOutcome::kEnd:
       if (error != boost::asio::error::operation_aborted) {
@@ -75,7 +88,7 @@ void ApiSender::ReceivePacket(const boost::system::error_code& error, std::size_
       }
       return;
     case ReceiveOutcome::kData:
-      HandleRequest(bytes);
+      HandleRequest(std::span<const std::uint8_t>(channel_->buffer).first(bytes));
       break;
     case ReceiveOutcome::kAgain:
     case ReceiveOutcome::kLost:
@@ -84,8 +97,7 @@ void ApiSender::ReceivePacket(const boost::system::error_code& error, std::size_
   ArmReceive();
 }
 
-void ApiSender::HandleRequest(std::size_t bytes) {
-  const auto received = std::span<const std::uint8_t>(channel_->buffer).first(bytes);
+void ApiServer::HandleRequest(std::span<const std::uint8_t> received) {
   const ApiHeader request = DecodeApiHeader(received);
   if (request.request_marker != kApiRequestMarker || request.result != kApiSuccess) {
     SendHeader(request, kApiFailure);
@@ -102,21 +114,21 @@ void ApiSender::HandleRequest(std::size_t bytes) {
   }
 }
 
-ApiSender::Answer ApiSender::Execute(std::uint16_t command, std::string_view text) {
+ApiServer::Answer ApiServer::Execute(std::uint16_t command, std::string_view text) {
   switch (const auto known = static_cast<ApiCommand>(command)) {
     case ApiCommand::kGetTaskStatistics:
     case ApiCommand::kGetAllActiveTaskStatistics:
     case ApiCommand::kGetTaskStatus:
       return AnswerQuery(known, text);
     case ApiCommand::kParseTasksConfig:
-      return ReloadTasks();
+      return {.failed = !subjects_.reload_tasks(), .document = nullptr};
     case ApiCommand::kParseKeychainConfig:
-      return ReloadKeychain();
+      return {.failed = !subjects_.reload_keychain(), .document = nullptr};
   }
   return {};  // an unknown command is answered as done, deliberately
 }
 
-ApiSender::Answer ApiSender::AnswerQuery(ApiCommand command, std::string_view text) {
+ApiServer::Answer ApiServer::AnswerQuery(ApiCommand command, std::string_view text) {
   const JsonParse parse = ParseJson(text);
   if (!parse.document) {
     LOG_DEBUG(0, "JSON parse error at line: %s", parse.error_text.value_or("").c_str());
@@ -128,18 +140,19 @@ ApiSender::Answer ApiSender::AnswerQuery(ApiCommand command, std::string_view te
     case ApiCommand::kGetTaskStatistics:
       return ReportStatistics(ReadTasksToReport(body));
     case ApiCommand::kGetAllActiveTaskStatistics:
-      return ReportStatistics(ReadGroupsToReport(body, tasks_));
+      return ReportStatistics(ReadGroupsToReport(body, subjects_.tasks));
     default:
       return ReportStatus(body);
   }
 }
 
-ApiSender::Answer ApiSender::ReportStatistics(const std::optional<StatisticsRequest>& request) {
+ApiServer::Answer ApiServer::ReportStatistics(const std::optional<StatisticsRequest>& request) {
   Answer answer;
   answer.failed = true;
   if (!request) return answer;
   answer.document.reset(cJSON_CreateObject());
-  if (SerializeTasksMetrics(answer.document.get(), *request, tasks_, *statistics_) != 0) {
+  if (SerializeTasksMetrics(answer.document.get(), *request, subjects_.tasks,
+                            subjects_.statistics) != 0) {
     LOG_DEBUG(0, "SerializeTasksMetrics() failed");
     return answer;
   }
@@ -147,18 +160,15 @@ ApiSender::Answer ApiSender::ReportStatistics(const std::optional<StatisticsRequ
   return answer;
 }
 
-ApiSender::Answer ApiSender::ReportStatus(const cJSON* body) const {
-  const cJSON* wanted = cJSON_GetObjectItem(body, "tasks");
-  if (cJSON_IsArray(wanted) == 0) {
-    LOG_DEBUG(0, "cJSON_IsArray() failed: invalid requested tasks");
-    return {.failed = true, .document = nullptr};
-  }
+ApiServer::Answer ApiServer::ReportStatus(const cJSON* body) const {
+  const auto ids = ReadTasksToList(body);
+  if (!ids) return {.failed = true, .document = nullptr};
   Answer answer;
   answer.document.reset(cJSON_CreateObject());
   cJSON* tasks = cJSON_AddArrayToObject(answer.document.get(), "tasks");
-  for (const cJSON* element = wanted->child; element != nullptr; element = element->next) {
-    const auto found = tasks_.find(element->valueint);
-    if (found == tasks_.end()) continue;
+  for (const std::int32_t id : *ids) {
+    const auto found = subjects_.tasks.find(id);
+    if (found == subjects_.tasks.end()) continue;
     cJSON* status = cJSON_CreateObject();
     cJSON_AddNumberToObject(status, "sla-id", found->first);
     cJSON_AddBoolToObject(status, "status", found->second.schedule ? 1 : 0);
@@ -167,30 +177,7 @@ ApiSender::Answer ApiSender::ReportStatus(const cJSON* body) const {
   return answer;
 }
 
-ApiSender::Answer ApiSender::ReloadTasks() {
-  SlaTaskMap new_tasks;
-  if (ReadTasksFile(&new_tasks) != 0) return {.failed = true, .document = nullptr};
-  StartMainLoop();
-  if (UpdateTaskConfigs(new_tasks) != 0) {
-    LOG_DEBUG(0, "UpdateTaskConfigs() failen");
-    return {.failed = true, .document = nullptr};
-  }
-  PrintTaskConfigs(tasks_, *keys_->Snapshot());
-  return {};
-}
-
-ApiSender::Answer ApiSender::ReloadKeychain() {
-  KeychainStorage keys;
-  if (ParseKeychainConfig(keychain_file_, &keys) != 0) {
-    LOG_DEBUG(0, "ParseKeychainConfigs() failed");
-    ExitDaemon(EXIT_FAILURE);
-  }
-  keys_->Replace(std::move(keys));
-  PrintKeychain(*keys_->Snapshot());
-  return {};
-}
-
-void ApiSender::SendJson(const ApiHeader& request, const cJSON* document) {
+void ApiServer::SendJson(const ApiHeader& request, const cJSON* document) {
   LOG_DEBUG(0, "SenderAPI response JSON:\n%s", TextOrEmpty(JsonText(cJSON_Print(document))));
   const JsonText text(cJSON_PrintUnformatted(document));
   for (const ApiBytes& datagram : BuildJsonReply(request, TextOrEmpty(text))) {
@@ -204,7 +191,7 @@ void ApiSender::SendJson(const ApiHeader& request, const cJSON* document) {
   }
 }
 
-void ApiSender::SendHeader(const ApiHeader& request, std::uint16_t result) {
+void ApiServer::SendHeader(const ApiHeader& request, std::uint16_t result) {
   try {
     channel_->socket.send_to(boost::asio::buffer(BuildHeaderReply(request, result)),
                              channel_->requester);

@@ -1,4 +1,6 @@
-// The Sender API over its real socket, in raw bytes.
+// Requests over the real socket, in raw bytes.
+
+#include "api/api_server.h"
 
 #include <netinet/ip.h>
 #include <netinet/udp.h>
@@ -10,20 +12,18 @@
 #include <random>
 #include <string>
 
-#include <boost/thread/lock_guard.hpp>
+#include <boost/system/system_error.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "api/api_sender.h"
-#include "support/api_fixture.h"
+#include "support/api_client.h"
 #include "support/recording_syslog.h"
 
 namespace ipsla {
 namespace {
 
-using test::ApiFixture;
+using test::ApiClient;
 using test::RequestBytes;
-using test::TaskEntry;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -31,13 +31,15 @@ using testing::Not;
 
 using Datagram = std::vector<std::uint8_t>;
 
-class ApiRequestsTest : public testing::Test {
+class ApiServerTest : public testing::Test {
  protected:
-  ApiRequestsTest() {
-    daemon.WriteTasks({{.id = 1}, {.id = 10}});
-    EXPECT_EQ(daemon.Start(), 0);
-    const boost::lock_guard<boost::mutex> lock(daemon.sender->Statistics().mutex);
-    daemon.sender->Statistics().tasks[1].successful_count = 4;
+  ApiServerTest() {
+    for (const std::uint16_t id : std::vector<std::uint16_t>{1, 10}) {
+      tasks[id].sla_id = id;
+      tasks[id].schedule = true;
+    }
+    statistics.tasks[1].successful_count = 4;
+    server.Open();
     test::TakeSyslog();
   }
 
@@ -52,36 +54,46 @@ class ApiRequestsTest : public testing::Test {
 
   // The text of a reply that fits one datagram.
   std::string JsonReply(std::uint16_t command, const std::string& json) {
-    const Datagram reply = daemon.Exchange(RequestBytes(command, json));
+    const Datagram reply = client.Exchange(RequestBytes(command, json));
     EXPECT_GE(reply.size(), kApiHeaderSize);
     EXPECT_EQ(DecodeApiHeader(reply).result, kApiSuccess);
     return std::string(ApiPayloadText(reply));
   }
 
-  ApiFixture daemon;
+  ApiClient client;
+  SlaTaskMap tasks;
+  StatisticsStore statistics;
+  int task_reloads = 0;
+  int keychain_reloads = 0;
+  bool reload_succeeds = true;
+  ApiServer server{client.service,
+                   {.tasks = tasks,
+                    .statistics = statistics,
+                    .reload_tasks = [this] { return ++task_reloads, reload_succeeds; },
+                    .reload_keychain = [this] { return ++keychain_reloads, reload_succeeds; }}};
 };
 
-TEST_F(ApiRequestsTest, RequestMarkerZeroFails) {
+TEST_F(ApiServerTest, RequestMarkerZeroFails) {
   Datagram request = RequestBytes(2, R"({"tasks": []})");
   request[8] = 0;
   Datagram expected = HeaderReply(2, 4);
   expected[8] = 0;
-  EXPECT_EQ(daemon.Exchange(request), expected);
+  EXPECT_EQ(client.Exchange(request), expected);
   EXPECT_THAT(test::TakeSyslogTexts(), Not(Contains(HasSubstr("Recive"))));
 }
 
-TEST_F(ApiRequestsTest, ResultSevenFails) {
+TEST_F(ApiServerTest, ResultSevenFails) {
   Datagram request = RequestBytes(2, R"({"tasks": []})");
   const std::uint16_t seven = 7;
   std::memcpy(&request[22], &seven, sizeof seven);
-  EXPECT_EQ(daemon.Exchange(request), HeaderReply(2, 4));
+  EXPECT_EQ(client.Exchange(request), HeaderReply(2, 4));
 }
 
-TEST_F(ApiRequestsTest, DatagramsShorterThanTheHeaderAreReadAsZeros) {
+TEST_F(ApiServerTest, DatagramsShorterThanTheHeaderAreReadAsZeros) {
   const Datagram whole = RequestBytes(0, "");
   for (std::size_t size = 1; size < kApiHeaderSize; ++size) {
     const Datagram reply =
-        daemon.Exchange({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)});
+        client.Exchange({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)});
     ASSERT_EQ(reply.size(), kApiHeaderSize) << size;
     EXPECT_EQ(DecodeApiHeader(reply).result, kApiFailure) << size;
     EXPECT_TRUE(std::equal(
@@ -91,14 +103,14 @@ TEST_F(ApiRequestsTest, DatagramsShorterThanTheHeaderAreReadAsZeros) {
   }
 }
 
-TEST_F(ApiRequestsTest, EmptyDatagramIsNotAnswered) {
-  daemon.Send({});
-  EXPECT_EQ(daemon.Exchange(RequestBytes(7, "")), HeaderReply(7, 0))
+TEST_F(ApiServerTest, EmptyDatagramIsNotAnswered) {
+  client.Send({});
+  EXPECT_EQ(client.Exchange(RequestBytes(7, "")), HeaderReply(7, 0))
       << "the first reply is the second request's";
 }
 
-TEST_F(ApiRequestsTest, UnknownCommandIsAnsweredAsDone) {
-  EXPECT_EQ(daemon.Exchange(RequestBytes(7, "")), HeaderReply(7, 0));
+TEST_F(ApiServerTest, UnknownCommandIsAnsweredAsDone) {
+  EXPECT_EQ(client.Exchange(RequestBytes(7, "")), HeaderReply(7, 0));
   EXPECT_THAT(test::TakeSyslogTexts(), ElementsAre("Recive commad unknown command"));
 }
 
@@ -109,11 +121,11 @@ struct FailingRequest {
   const char* line;
 };
 
-class FailingRequestTest : public ApiRequestsTest,
+class FailingRequestTest : public ApiServerTest,
                            public testing::WithParamInterface<FailingRequest> {};
 
 TEST_P(FailingRequestTest, GetsResultFourAndItsLine) {
-  EXPECT_EQ(daemon.Exchange(RequestBytes(GetParam().command, GetParam().json)),
+  EXPECT_EQ(client.Exchange(RequestBytes(GetParam().command, GetParam().json)),
             HeaderReply(GetParam().command, 4));
   EXPECT_THAT(test::TakeSyslogTexts(), Contains(GetParam().line));
 }
@@ -138,28 +150,28 @@ const FailingRequest kFailingRequests[] = {
 INSTANTIATE_TEST_SUITE_P(Table, FailingRequestTest, testing::ValuesIn(kFailingRequests),
                          [](const auto& row) { return row.param.name; });
 
-TEST_F(ApiRequestsTest, JsonEndsWithWhatWasReceived) {
+TEST_F(ApiServerTest, JsonEndsWithWhatWasReceived) {
   // A long request first: its rest must not complete the short one.
   EXPECT_EQ(JsonReply(2, R"({"tasks": [1                                   ]})"),
             R"({"tasks":[{"sla-id":1,"status":true}]})");
   Datagram unterminated = RequestBytes(2, R"({"tasks": [1)");
   unterminated.pop_back();
-  EXPECT_EQ(daemon.Exchange(unterminated), HeaderReply(2, 4));
+  EXPECT_EQ(client.Exchange(unterminated), HeaderReply(2, 4));
   Datagram complete = RequestBytes(2, R"({"tasks": [1]})");
   complete.pop_back();
-  EXPECT_EQ(daemon.Exchange(complete).size(), kApiHeaderSize + 39);
+  EXPECT_EQ(client.Exchange(complete).size(), kApiHeaderSize + 39);
 }
 
-TEST_F(ApiRequestsTest, DeepNestingIsRefused) {
+TEST_F(ApiServerTest, DeepNestingIsRefused) {
   const std::string deep(4000, '[');
-  EXPECT_EQ(daemon.Exchange(RequestBytes(0, deep)), HeaderReply(0, 4));
+  EXPECT_EQ(client.Exchange(RequestBytes(0, deep)), HeaderReply(0, 4));
   const std::string closed =
       R"({"tasks": [)" + std::string(1000, '[') + std::string(1000, ']') + "]}";
-  EXPECT_EQ(daemon.Exchange(RequestBytes(2, closed)), HeaderReply(2, 4));
+  EXPECT_EQ(client.Exchange(RequestBytes(2, closed)), HeaderReply(2, 4));
 }
 
-TEST_F(ApiRequestsTest, StatusOfKnownTasksOnly) {
-  const Datagram reply = daemon.Exchange(RequestBytes(2, R"({"tasks": [1, 999]})"));
+TEST_F(ApiServerTest, StatusOfKnownTasksOnly) {
+  const Datagram reply = client.Exchange(RequestBytes(2, R"({"tasks": [1, 999]})"));
   Datagram expected = HeaderReply(2, 0);
   const std::string text = R"({"tasks":[{"sla-id":1,"status":true}]})";
   expected[12] = 0;  // fragment 1 ...
@@ -177,11 +189,11 @@ TEST_F(ApiRequestsTest, StatusOfKnownTasksOnly) {
   EXPECT_THAT(texts, Contains(HasSubstr("SenderAPI response JSON:\n{\n\t\"tasks\":\t[{")));
 }
 
-TEST_F(ApiRequestsTest, NoTasksAskedForNoneReported) {
+TEST_F(ApiServerTest, NoTasksAskedForNoneReported) {
   EXPECT_EQ(JsonReply(0, R"({"tasks": []})"), R"({"tasks":[]})");
 }
 
-TEST_F(ApiRequestsTest, GroupsComeSortedOnceAndUnknownNamesAreDropped) {
+TEST_F(ApiServerTest, GroupsComeSortedOnceAndUnknownNamesAreDropped) {
   const std::string reply = JsonReply(
       0,
       R"({"tasks": [{"sla-id": 1, "metrics": ["loss-values", "rtt-values", "loss-values", "weather", 5]}]})");
@@ -195,7 +207,7 @@ TEST_F(ApiRequestsTest, GroupsComeSortedOnceAndUnknownNamesAreDropped) {
   EXPECT_EQ(reply.find("jitter-values"), std::string::npos);
 }
 
-TEST_F(ApiRequestsTest, ElementsAreReadLeniently) {
+TEST_F(ApiServerTest, ElementsAreReadLeniently) {
   // An element without an id is skipped, even with bad metrics; an id asked for twice keeps its
   // first groups.
   const std::string reply = JsonReply(
@@ -207,7 +219,7 @@ TEST_F(ApiRequestsTest, ElementsAreReadLeniently) {
   EXPECT_EQ(reply.find("sla-id"), reply.rfind("sla-id"));
 }
 
-TEST_F(ApiRequestsTest, AllActiveTasksWithStatisticsAreReported) {
+TEST_F(ApiServerTest, AllActiveTasksWithStatisticsAreReported) {
   const std::string reply = JsonReply(1, R"({"metrics": []})");
   EXPECT_THAT(reply, HasSubstr(R"("sla-id":1,)"));
   EXPECT_THAT(reply, HasSubstr(R"("successful-count":4)"));
@@ -229,10 +241,10 @@ struct Fragments {
   std::string text;
 };
 
-Fragments ReceiveFragments(ApiFixture* daemon, std::size_t count) {
+Fragments ReceiveFragments(ApiClient* client, std::size_t count) {
   Fragments fragments;
   for (std::uint32_t number = 1; number <= count; ++number) {
-    const Datagram datagram = daemon->ReceiveReply();
+    const Datagram datagram = client->ReceiveReply();
     const ApiHeader header = DecodeApiHeader(datagram);
     EXPECT_EQ(header.fragment_number, number);
     EXPECT_EQ(header.datagram_length, datagram.size());
@@ -244,63 +256,75 @@ Fragments ReceiveFragments(ApiFixture* daemon, std::size_t count) {
   return fragments;
 }
 
-TEST_F(ApiRequestsTest, ReplyOfTwentyThousandCharactersGoesOutInThreeFragments) {
-  daemon.Send(RequestBytes(2, StatusRequest(731, 9)));
-  const Fragments fragments = ReceiveFragments(&daemon, 3);
+TEST_F(ApiServerTest, ReplyOfTwentyThousandCharactersGoesOutInThreeFragments) {
+  client.Send(RequestBytes(2, StatusRequest(731, 9)));
+  const Fragments fragments = ReceiveFragments(&client, 3);
   EXPECT_THAT(fragments.sizes, ElementsAre(8164U, 8164U, 3673U));
   EXPECT_THAT(fragments.more, ElementsAre(true, true, false));
   EXPECT_EQ(fragments.text.size(), 20001U);
   EXPECT_EQ(fragments.text.find('\0'), 20000U);
   EXPECT_THAT(fragments.text, testing::StartsWith(R"({"tasks":[{"sla-id":1,)"));
-  EXPECT_FALSE(daemon.TakeReply());
+  EXPECT_FALSE(client.TakeReply());
 }
 
-TEST_F(ApiRequestsTest, LastFragmentOfFullSizeStillSaysMore) {
-  daemon.Send(RequestBytes(2, StatusRequest(276, 25)));
-  const Fragments fragments = ReceiveFragments(&daemon, 1);
+TEST_F(ApiServerTest, LastFragmentOfFullSizeStillSaysMore) {
+  client.Send(RequestBytes(2, StatusRequest(276, 25)));
+  const Fragments fragments = ReceiveFragments(&client, 1);
   EXPECT_THAT(fragments.sizes, ElementsAre(8164U));
   EXPECT_THAT(fragments.more, ElementsAre(true));
-  EXPECT_EQ(daemon.Exchange(RequestBytes(7, "")), HeaderReply(7, 0)) << "no empty fragment follows";
+  EXPECT_EQ(client.Exchange(RequestBytes(7, "")), HeaderReply(7, 0)) << "no empty fragment follows";
 }
 
-TEST_F(ApiRequestsTest, ReloadWritesItsOneDump) {
-  EXPECT_EQ(daemon.Exchange(RequestBytes(3, "ignored")), HeaderReply(3, 0));
-  auto texts = test::TakeSyslogTexts();
-  EXPECT_THAT(texts, Contains("Recive commad SENDER_API_CSLD_PARSE_TASKS_CONFIG"));
-  EXPECT_THAT(texts, Contains("List IP SLA operations: 2 tasks"));
-  EXPECT_THAT(texts, Not(Contains(HasSubstr("List of keys"))));
-  daemon.WriteKeychain(R"({"keychain-storage": [{"key-id": 1, "key-string": "secret"}]})");
-  EXPECT_EQ(daemon.Exchange(RequestBytes(4, "")), HeaderReply(4, 0));
-  texts = test::TakeSyslogTexts();
-  EXPECT_THAT(texts, Contains("Recive commad SENDER_API_CSLD_PARSE_KEYCHAIN_CONFIG"));
-  EXPECT_THAT(texts, Contains("List of keys in the storage: 1 keys"));
-  EXPECT_THAT(texts, Not(Contains(HasSubstr("List IP SLA operations"))));
+TEST_F(ApiServerTest, ReloadCommandsReloadWhatTheyName) {
+  EXPECT_EQ(client.Exchange(RequestBytes(3, "ignored")), HeaderReply(3, 0));
+  EXPECT_EQ(task_reloads, 1);
+  EXPECT_EQ(keychain_reloads, 0);
+  EXPECT_EQ(client.Exchange(RequestBytes(4, "")), HeaderReply(4, 0));
+  EXPECT_EQ(task_reloads, 1);
+  EXPECT_EQ(keychain_reloads, 1);
+  EXPECT_THAT(test::TakeSyslogTexts(),
+              ElementsAre("Recive commad SENDER_API_CSLD_PARSE_TASKS_CONFIG",
+                          "Recive commad SENDER_API_CSLD_PARSE_KEYCHAIN_CONFIG"));
 }
 
-TEST_F(ApiRequestsTest, FailedReloadOfTasksChangesNothing) {
-  const TestMap before = daemon.sender->Tests();
-  daemon.WriteTasksText("{");
-  EXPECT_EQ(daemon.Exchange(RequestBytes(3, "")), HeaderReply(3, 4));
-  EXPECT_THAT(test::TakeSyslogTexts(), Contains("ParseTaskConfigs() failed"));
-  EXPECT_EQ(daemon.sender->Tests(), before);
-  EXPECT_EQ(daemon.sender->Tasks().size(), 2U);
+TEST_F(ApiServerTest, FailedReloadIsAnsweredSo) {
+  reload_succeeds = false;
+  EXPECT_EQ(client.Exchange(RequestBytes(3, "")), HeaderReply(3, 4));
+  EXPECT_EQ(client.Exchange(RequestBytes(4, "")), HeaderReply(4, 4));
 }
 
-TEST_F(ApiRequestsTest, FailedReloadOfKeysEndsTheDaemonWithStatusOne) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
-  daemon.WriteTasks({{.id = 1}, {.id = 10}}, "[0]");
-  EXPECT_EQ(daemon.Exchange(RequestBytes(3, "")), HeaderReply(3, 0))
-      << "worker threads are running from here on";
-  daemon.WriteKeychain("{");
-  EXPECT_EXIT(
-      {
-        daemon.Send(RequestBytes(4, ""));
-        static_cast<void>(daemon.ReceiveReply());
-      },
-      testing::ExitedWithCode(1), "");
+TEST_F(ApiServerTest, HandlerQueuedWhenTheServerEndsTouchesNothing) {
+  {
+    server.Close();
+    ApiServer passing(client.service, {.tasks = tasks,
+                                       .statistics = statistics,
+                                       .reload_tasks = nullptr,
+                                       .reload_keychain = nullptr});
+    passing.Open();
+    client.service.poll();  // arms the receive in the reactor
+    client.Send(RequestBytes(7, ""));
+    passing.Close();
+  }
+  client.service.restart();
+  client.service.run();
+  EXPECT_FALSE(client.TakeReply());
 }
 
-TEST_F(ApiRequestsTest, RequesterThatCannotBeAnsweredEndsOnlyItsRequest) {
+TEST_F(ApiServerTest, TakenPortIsAnErrorThatNamesTheStep) {
+  ApiServer second(client.service, {.tasks = tasks,
+                                    .statistics = statistics,
+                                    .reload_tasks = nullptr,
+                                    .reload_keychain = nullptr});
+  try {
+    second.Open();
+    ADD_FAILURE() << "no exception";
+  } catch (const boost::system::system_error& error) {
+    EXPECT_STREQ(error.what(), "bind: Address already in use");
+  }
+  EXPECT_EQ(client.Exchange(RequestBytes(7, "")), HeaderReply(7, 0));
+}
+
+TEST_F(ApiServerTest, RequesterThatCannotBeAnsweredEndsOnlyItsRequest) {
   // From source port 0, which only a raw socket can use.
   const int raw = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
   const Datagram request = RequestBytes(7, "");
@@ -317,21 +341,21 @@ TEST_F(ApiRequestsTest, RequesterThatCannotBeAnsweredEndsOnlyItsRequest) {
                    sizeof to),
             static_cast<ssize_t>(packet.size()));
   close(raw);
-  EXPECT_EQ(daemon.Exchange(RequestBytes(8, "")), HeaderReply(8, 0));
+  EXPECT_EQ(client.Exchange(RequestBytes(8, "")), HeaderReply(8, 0));
   EXPECT_THAT(test::TakeSyslogTexts(), Contains(HasSubstr("send_to: Invalid argument")));
 }
 
-TEST_F(ApiRequestsTest, BurstOfAThousandRequestsOfFullSizeIsAnswered) {
+TEST_F(ApiServerTest, BurstOfAThousandRequestsOfFullSizeIsAnswered) {
   Datagram request = RequestBytes(7, "");
   request.resize(kApiMaxDatagram, 'x');
   constexpr int kRequests = 1000;
-  for (int i = 0; i < kRequests; ++i) daemon.Send(request);
+  for (int i = 0; i < kRequests; ++i) client.Send(request);
   int replies = 0;
-  while (replies < kRequests && daemon.ReceiveReply().size() == kApiHeaderSize) ++replies;
+  while (replies < kRequests && client.ReceiveReply().size() == kApiHeaderSize) ++replies;
   EXPECT_EQ(replies, kRequests);
 }
 
-TEST_F(ApiRequestsTest, HostileDatagramsLeaveItAnswering) {
+TEST_F(ApiServerTest, HostileDatagramsLeaveItAnswering) {
   std::mt19937 random(7);  // NOLINT(cert-msc51-cpp): repeatable on purpose
   const std::string texts[] = {R"({"tasks": [{"sla-id": 1, "metrics": ["rtt-values"]}]})",
                                R"({"metrics": []})", R"({"tasks": [1, 10, 99999999999999]})",
@@ -347,9 +371,9 @@ TEST_F(ApiRequestsTest, HostileDatagramsLeaveItAnswering) {
     std::memcpy(&command, &request[20], sizeof command);
     if (command == 3 || command == 4) continue;  // reloads are no damage
     if (random() % 4 == 0) request.resize(1 + random() % 9000);
-    EXPECT_GE(daemon.Exchange(request).size(), kApiHeaderSize) << round;
+    EXPECT_GE(client.Exchange(request).size(), kApiHeaderSize) << round;
   }
-  EXPECT_EQ(daemon.Exchange(RequestBytes(7, "")), HeaderReply(7, 0));
+  EXPECT_EQ(client.Exchange(RequestBytes(7, "")), HeaderReply(7, 0));
 }
 
 }  // namespace

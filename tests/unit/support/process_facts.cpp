@@ -1,0 +1,66 @@
+#include "support/process_facts.h"
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "support/vrf_fixture.h"
+
+namespace ipsla::test {
+namespace {
+
+constexpr const char* kDescriptors = "/proc/self/fd";
+
+std::set<ino_t> OpenInodes() {
+  std::set<ino_t> inodes;
+  for (const auto& entry : std::filesystem::directory_iterator(kDescriptors)) {
+    struct stat status {};
+    if (stat(entry.path().c_str(), &status) == 0) inodes.insert(status.st_ino);
+  }
+  return inodes;
+}
+
+}  // namespace
+
+std::size_t OpenDescriptors() {
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(kDescriptors),
+                                                std::filesystem::directory_iterator()));
+}
+
+std::size_t ThreadsOn(const std::string& cpus) {
+  std::size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream status(entry.path() / "status");
+    for (std::string line; std::getline(status, line);) {
+      if (line == "Cpus_allowed_list:\t" + cpus) ++count;
+    }
+  }
+  return count;
+}
+
+std::set<ino_t> RoutingSocketsIn(const std::string& vrf) {
+  std::set<ino_t> found;
+  const std::set<ino_t> own = OpenInodes();
+  const auto read = [&] {
+    std::ifstream table("/proc/thread-self/net/netlink");
+    std::string line;
+    std::getline(table, line);  // the heading
+    while (std::getline(table, line)) {
+      std::istringstream words(line);
+      const std::vector<std::string> columns{std::istream_iterator<std::string>(words), {}};
+      const ino_t inode = std::stoul(columns.back());
+      if (columns.at(1) == "0" && own.contains(inode)) found.insert(inode);
+    }
+  };
+  if (vrf.empty()) {
+    read();
+  } else {
+    VrfFixture::RunInVrf(vrf, read);
+  }
+  return found;
+}
+
+}  // namespace ipsla::test
