@@ -17,8 +17,7 @@ constexpr std::size_t kDatagramLengthOffset = 16;
 constexpr std::size_t kCommandOffset = 20;
 constexpr std::size_t kResultOffset = 22;
 constexpr std::size_t kBlockLengthOffset = 24;
-/// The command block's own bytes, counted by its length field: command, result and the length
-/// itself.
+/// What the block length counts besides the payload: command, result and itself.
 constexpr std::uint32_t kBlockHeaderSize = 8;
 
 /// The two length fields of a datagram with this payload.
@@ -121,8 +120,7 @@ std::vector<ApiBytes> BuildJsonReply(const ApiHeader& request, std::string_view 
   std::vector<ApiBytes> datagrams;
   while (!remaining.empty()) {
     std::size_t slice_size = kApiMaxSlice;
-    // Strictly less, deliberately: a last slice that fills its datagram keeps the more-fragments
-    // bit, and no empty fragment follows it. Clients know this and recognise the end by the NUL.
+    // A rest that just fills a datagram keeps the bit: clients look for the NUL.
     if (remaining.size() < kApiMaxSlice) {
       slice_size = remaining.size();
       header.flags &= static_cast<std::uint8_t>(~kApiMoreFragments);

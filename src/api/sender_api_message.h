@@ -1,16 +1,19 @@
-// Sender API datagrams as values: headers, fragments and request bodies. No I/O: daemon and clients
-// share it.
+// The Sender API's datagrams as values, for daemon and clients alike: no sockets here.
 //
-// Offset  Size  Field            (big-endian unless noted)
-//      0     8  prefix           echoed
+// Offset  Size  Field            (big-endian, but for command and result: host byte order)
+//      0     8  prefix           the client's, to tell its replies apart
 //      8     1  request marker   1
-//      9     1  flags            reply: bit 0 more fragments follow, other bits echoed
-//     10     2  reserved         echoed
-//     12     4  fragment number  1, 2, 3 ... in the fragments of a JSON reply; echoed in a
-//     header-only reply 16     4  datagram length  28 + payload bytes 20     2  command host byte
-//     order 22     2  result           host byte order; request 0, reply 0 success, 4 failure 24 4
-//     block length     8 + payload bytes 28     n  payload          request: NUL-terminated JSON;
-//     reply: a slice of JSON text plus its NUL
+//      9     1  flags            bit 0 of a reply: another fragment follows
+//     10     2  reserved
+//     12     4  fragment number  counts the datagrams of a JSON reply from 1
+//     16     4  datagram length  28 + payload
+//     20     2  command          ApiCommand
+//     22     2  result           0 in a request; in a reply 0 (done) or 4 (failed)
+//     24     4  block length     8 + payload
+//     28     n  payload          JSON text and a NUL, in a reply possibly a slice of them
+//
+// A reply repeats its request's header but for what is set here. Requests are not held to their
+// two length fields.
 
 #ifndef IPSLA_API_SENDER_API_MESSAGE_H_
 #define IPSLA_API_SENDER_API_MESSAGE_H_
@@ -64,37 +67,35 @@ struct ApiHeader {
 
 using ApiBytes = std::vector<std::uint8_t>;
 
-/// Reads a header from what was received; bytes that were not received read as zero.
+/// Reads a header; bytes that are missing read as zero.
 [[nodiscard]] ApiHeader DecodeApiHeader(std::span<const std::uint8_t> received);
 
 /// The 28 bytes of a header.
 [[nodiscard]] std::array<std::uint8_t, kApiHeaderSize> EncodeApiHeader(const ApiHeader& header);
 
-/// The JSON text of a datagram: from offset 28 to its NUL or the end of what was received,
-/// whichever comes first.
+/// The JSON text in `received`: what lies behind the header, up to its first NUL if it has one.
 [[nodiscard]] std::string_view ApiPayloadText(std::span<const std::uint8_t> received);
 
-/// "SENDER_API_CSLD_..." of a command code, or "unknown command" for 5 and above.
+/// The name that the log gives a command; "unknown command" for a code that is none.
 [[nodiscard]] const char* ApiCommandName(std::uint16_t command);
 
-/// A request with a JSON body (NUL-terminated on the wire) or, with an empty text, without one.
+/// A request; an empty `json` means one without a body.
 [[nodiscard]] ApiBytes BuildApiRequest(ApiCommand command, std::string_view json);
 
-/// The datagrams of a JSON reply: the text and its NUL in slices of 8164 bytes, built over the
-/// request's header. A last slice of exactly 8164 bytes still says that more follow, deliberately.
+/// A JSON reply, cut into datagrams. Only the NUL marks its end: a last datagram that is full
+/// announces another, which never comes.
 [[nodiscard]] std::vector<ApiBytes> BuildJsonReply(const ApiHeader& request, std::string_view json);
 
-/// A header-only reply over the request's header, with this result.
+/// A reply without JSON.
 [[nodiscard]] ApiBytes BuildHeaderReply(const ApiHeader& request, std::uint16_t result);
 
-/// Metric groups to report per task id.
+/// What a client asks for: metric groups by task id.
 using StatisticsRequest = std::map<std::int32_t, std::set<std::string>>;
 
 /// The five group names, in alphabetical order.
 [[nodiscard]] const std::set<std::string>& MetricGroupNames();
 
-/// Known names of a "metrics" array (anything else in it is dropped), or nothing when it is not an
-/// array.
+/// The group names in a "metrics" array, other elements left out. Nothing when it is no array.
 [[nodiscard]] std::optional<std::set<std::string>> ReadMetricGroups(const cJSON* metrics);
 
 }  // namespace ipsla

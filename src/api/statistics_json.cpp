@@ -104,9 +104,6 @@ int SerializeTasksMetrics(cJSON* reply, const StatisticsRequest& request, const 
   const boost::lock_guard<boost::mutex> lock(statistics.mutex);
   cJSON* array = cJSON_AddArrayToObject(reply, "tasks");
   for (const auto& [id, groups] : request) {
-    // Requested ids are wider than task ids. The statistics are found by the low 16 bits, the task
-    // by the whole number, deliberately: 65537 shows the statistics of task 1 without its
-    // configuration.
     const auto stored = statistics.tasks.find(static_cast<std::uint16_t>(id));
     if (stored == statistics.tasks.end()) {
       continue;

@@ -1,4 +1,4 @@
-// The statistics document that answers the two statistics commands of the Sender API.
+// What the Sender API tells of the tests' results.
 
 #ifndef IPSLA_API_STATISTICS_JSON_H_
 #define IPSLA_API_STATISTICS_JSON_H_
@@ -10,10 +10,10 @@
 
 namespace ipsla {
 
-/// Fills `reply` (an object) with {"tasks": [...]}: one object per requested id that has
-/// statistics, in ascending id. Statistics are looked up by the low 16 bits of the id, the task by
-/// the whole id, deliberately. Takes the statistics lock for the whole call. 0; -1 is reserved for
-/// failure.
+/// Adds "tasks" to the object `reply`: an array with one object for each requested task of which a
+/// result is known, by ascending id. An id beyond 16 bits shows the results of its low half,
+/// without the configuration. Holds the statistics lock throughout, so that each object is of one
+/// run. Always 0.
 [[nodiscard]] int SerializeTasksMetrics(cJSON* reply, const StatisticsRequest& request,
                                         const SlaTaskMap& tasks, StatisticsStore& statistics);
 
