@@ -36,6 +36,10 @@ TaskPlan PlanOf(const cJSON* task) {
   plan.src_address = TextOf(measurement, "src-address");
   plan.dst_address = TextOf(measurement, "dst-address");
   plan.interface = plan.src_address.empty() ? TextOf(measurement, "src-interface") : "";
+  const cJSON* dscp = cJSON_GetObjectItem(measurement, "dscp");
+  if (cJSON_IsNumber(dscp) != 0) {
+    plan.dscp = dscp->valueint;
+  }
   const cJSON* scheduler = cJSON_GetObjectItem(task, "scheduler");
   const cJSON* period = cJSON_GetObjectItem(scheduler, "time");
   plan.period_s = cJSON_IsNumber(period) != 0 ? std::max(period->valueint, 0) : 0;

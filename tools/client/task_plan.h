@@ -19,6 +19,7 @@ struct TaskPlan {
   SlaTestType type = SlaTestType::kNone;
   std::string vrf{};  ///< empty: none
   std::string src_address{}, dst_address{}, interface {};
+  std::optional<std::int64_t> dscp{};
   std::int64_t period_s = 0;  ///< from the start of one run to the start of the next; 0: not given
   std::optional<std::int64_t> life_s{};  ///< seconds from its first start; none: for ever
 };

@@ -17,7 +17,7 @@ TEST(TaskPlan, ReadsWhatTheApiDoesNotTell) {
       R"({"sla-id":3,"sla-type":"udp-jitter","vrf-instance":"blue",)"
       R"("scheduler":{"time":60,"Start-time":"now","life-time":"3600"},)"
       R"("control-phase":{"dst-address":"10.9.9.9"},)"
-      R"("udp-jitter":{"src-address":"10.0.0.1","src-interface":"eth0","dst-address":"10.0.0.2"}})");
+      R"("udp-jitter":{"src-address":"10.0.0.1","src-interface":"eth0","dst-address":"10.0.0.2","dscp":46}})");
   EXPECT_EQ(plan.type, SlaTestType::kUdpJitter);
   EXPECT_EQ(plan.vrf, "blue");
   EXPECT_EQ(plan.src_address, "10.0.0.1");
@@ -25,6 +25,7 @@ TEST(TaskPlan, ReadsWhatTheApiDoesNotTell) {
   EXPECT_EQ(plan.interface, "") << "the address is what counts when there are both";
   EXPECT_EQ(plan.period_s, 60);
   EXPECT_EQ(plan.life_s, 3600);
+  EXPECT_EQ(plan.dscp, 46);
 }
 
 TEST(TaskPlan, ReadsTheSourceInterface) {
