@@ -20,6 +20,7 @@ def test_the_daemon_loads_the_devices_libraries(build):
     "program, foreign",
     [
         ("ip-sla-ctl", ("libcrypto.so", "libsystemd.so")),
+        ("ip-sla-exporter", ("libcrypto.so", "libsystemd.so")),
         ("ip-sla-responder", ("libsystemd.so",)),
     ],
 )

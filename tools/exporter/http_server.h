@@ -1,0 +1,53 @@
+// The listening end: connections, bounded in number, size and time.
+
+#ifndef IPSLA_TOOLS_EXPORTER_HTTP_SERVER_H_
+#define IPSLA_TOOLS_EXPORTER_HTTP_SERVER_H_
+
+#include <cstddef>
+#include <list>
+#include <memory>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include "exporter/routes.h"
+
+namespace ipsla::exporter {
+
+class HttpSession;
+
+/// Largest number of connections. One more takes the place of the one that has waited longest for
+/// a request to come in whole; when all of them are being answered, it is closed.
+inline constexpr std::size_t kMaxConnections = 64;
+
+/// Threads: the one that runs the context, alone. Must outlive all that runs there.
+class HttpServer {
+ public:
+  /// Listens. Throws boost::system::system_error when it cannot.
+  HttpServer(boost::asio::io_context* context, const boost::asio::ip::tcp::endpoint& endpoint,
+             const Routes* routes);
+  ~HttpServer();
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
+
+  /// Where it listens: tells the port when it was asked for port 0.
+  [[nodiscard]] boost::asio::ip::tcp::endpoint LocalEndpoint() const {
+    return acceptor_.local_endpoint();
+  }
+
+ private:
+  void Accept();
+  void Admit(boost::asio::ip::tcp::socket socket);
+  [[nodiscard]] bool MakePlace();
+
+  boost::asio::io_context* const context_;
+  const Routes* const routes_;
+  boost::asio::ip::tcp::acceptor acceptor_;
+  boost::asio::steady_timer pause_;
+  std::list<std::weak_ptr<HttpSession>> sessions_;  // oldest first
+};
+
+}  // namespace ipsla::exporter
+
+#endif  // IPSLA_TOOLS_EXPORTER_HTTP_SERVER_H_
