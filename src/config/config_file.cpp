@@ -17,7 +17,12 @@ ConfigFile ReadConfigFile(const std::string& filename, const char* key) {
     file.fault = ConfigFileFault::kUnreadable;
     return file;
   }
-  file.json = ParseJson(*content);
+  return ReadConfigText(*content, key);
+}
+
+ConfigFile ReadConfigText(std::string_view content, const char* key) {
+  ConfigFile file;
+  file.json = ParseJson(content);
   if (!file.json.document) {
     file.fault = ConfigFileFault::kNotJson;
     return file;

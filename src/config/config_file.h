@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "config/json_text.h"
 
@@ -35,6 +36,9 @@ struct ConfigFile {
 /// Reads `filename` and finds the array `key` of its root. Logs nothing. Only one thread at a time
 /// (ParseJson).
 [[nodiscard]] ConfigFile ReadConfigFile(const std::string& filename, const char* key);
+
+/// The same from a file's content.
+[[nodiscard]] ConfigFile ReadConfigText(std::string_view content, const char* key);
 
 }  // namespace ipsla
 

@@ -57,7 +57,11 @@ std::size_t FindTooDeep(std::string_view text, std::size_t limit) {
 JsonParse ParseJson(std::string_view text) {
   const std::string terminated(text.substr(0, text.find('\0')));
   const std::size_t too_deep = FindTooDeep(terminated);
-  if (too_deep != std::string_view::npos) return FaultAt(terminated, too_deep);
+  if (too_deep != std::string_view::npos) {
+    JsonParse refused = FaultAt(terminated, too_deep);
+    refused.too_deep = true;
+    return refused;
+  }
 
   JsonParse parse;
   parse.document.reset(cJSON_Parse(terminated.c_str()));

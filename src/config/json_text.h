@@ -37,6 +37,7 @@ struct JsonParse {
       error_text;  ///< on failure: the text from the fault on, when its position is known
   std::size_t error_line = 0;    ///< with error_text: line of the fault, from 1; else 0
   std::size_t error_column = 0;  ///< with error_text: byte in that line, from 1; else 0
+  bool too_deep = false;         ///< the fault is nesting deeper than kMaxJsonDepth
 };
 
 /// Parses one document. The text ends at its first NUL or at its end. Not thread-safe: cJSON keeps

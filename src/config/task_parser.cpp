@@ -71,8 +71,9 @@ constexpr PhaseReasons kMeasurementReasons = {
 constexpr const char* kNoSchedulerTime = "no scheduler time configuration";
 constexpr const char* kNoParameters = "no measurement phase parametrs configuration";
 
-bool IsPort(std::int32_t number) {
-  return static_cast<std::uint32_t>(number) <= 65535U;
+// From 0 to `max`.
+bool IsWithin(std::int32_t number, std::int32_t max) {
+  return number >= 0 && number <= max;
 }
 
 in_port_t NetworkPort(std::int32_t port) {
@@ -177,7 +178,7 @@ void TaskReader::ReadMain() {
   Require(cJSON_IsBool(schedule.item) != 0, schedule, kInvalidMain);
   // The id is compared before it is cut to 16 bits, so 65541 is no duplicate of 5 (but replaces
   // it); deliberate.
-  if (has_id) Require(!accepted_.contains(id.Int()), id, "duplicate task");
+  if (has_id) Require(!accepted_.contains(id.Int()), id, kDuplicateTask);
   if (has_history) Require(history.Int() >= 1, history, "invalid history count value");
   if (Finished()) return;  // faults up to here are reported with id 0
   if (has_history) result_.config.num_rep_hist = static_cast<std::uint8_t>(history.Int());
@@ -272,7 +273,7 @@ void TaskReader::ReadSourcePort(const Object& phase, SlaEndpointConfig* endpoint
   if (!Require(port.IsNumber() || port.HasText(), port, kNoSourcePort)) return;
   endpoint->src.sin_family = AF_INET;
   if (port.IsNumber()) {
-    Require(IsPort(port.Int()), port, kInvalidSourcePort);
+    Require(IsWithin(port.Int(), kMaxPort), port, kInvalidSourcePort);
     endpoint->src.sin_port = NetworkPort(port.Int());
     return;
   }
@@ -288,7 +289,7 @@ void TaskReader::ReadDestination(const Object& phase, const PhaseReasons& reason
   const Member port = phase.Find("dst-port");
   Require(address.HasText(), address, reasons.no_destination);
   const bool has_port = Require(port.IsNumber(), port, reasons.no_destination);
-  if (has_port) Require(IsPort(port.Int()), port, reasons.destination_port);
+  if (has_port) Require(IsWithin(port.Int(), kMaxPort), port, reasons.destination_port);
   if (Finished()) return;
   endpoint->dst.sin_family = AF_INET;
   if (has_port) endpoint->dst.sin_port = NetworkPort(port.Int());
@@ -332,7 +333,7 @@ void TaskReader::ReadKey(const Object& authentication, SlaAuthConfig* auth) {
   const Member id = authentication.Find("key-id");
   if (!Require(id.IsNumber(), id, "no control phase authentication key id configuration")) return;
   const bool known = keychain_ == nullptr || keychain_->contains(id.Int());
-  Require(known, id, "invalid control phase authentication secret key id");
+  Require(known, id, kUnknownKeyId);
   // Checked whole but kept in 8 bits: 257 is checked as 257 and used as 1; deliberate.
   auth->key_id = static_cast<std::uint8_t>(id.Int());
 }
@@ -378,9 +379,9 @@ void TaskReader::ReadParameters() {
   const bool has_interval = require_range(
       interval, [](auto n) { return n >= 0; }, "invalid packets interval");
   require_range(
-      ttl, [](auto n) { return static_cast<std::uint32_t>(n) <= 255U; }, "invalid ttl value");
+      ttl, [](auto n) { return IsWithin(n, kMaxTtl); }, "invalid ttl value");
   require_range(
-      dscp, [](auto n) { return static_cast<std::uint32_t>(n) <= 63U; }, "invalid dscp value");
+      dscp, [](auto n) { return IsWithin(n, kMaxDscp); }, "invalid dscp value");
   has_duration_ = has_packets && has_interval && timeout.IsNumber();
 
   // The ranges were checked on the whole integers; what does not fit its field is deliberately cut.
@@ -407,7 +408,7 @@ void TaskReader::CheckBudget() {
   Member place = task_.Find("schedule");
   if (config.schedule)
     place = {"scheduler.time", cJSON_GetObjectItem(task_.Find("scheduler").item, "time")};
-  Require(run_ms < period_ms, place, "invalid scheduled time");
+  Require(run_ms < period_ms, place, kOverBudget);
 }
 
 }  // namespace

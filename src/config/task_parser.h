@@ -23,6 +23,16 @@ struct cJSON;
 
 namespace ipsla {
 
+/// Reasons that are about more than one value.
+inline constexpr const char* kDuplicateTask = "duplicate task";
+inline constexpr const char* kUnknownKeyId = "invalid control phase authentication secret key id";
+inline constexpr const char* kOverBudget = "invalid scheduled time";
+
+/// Upper bounds of ranges; the lower one is 0.
+inline constexpr std::int32_t kMaxPort = 65535;
+inline constexpr std::int32_t kMaxTtl = 255;
+inline constexpr std::int32_t kMaxDscp = 63;
+
 /// Looks up the interface that a phase names as "src-interface" (empty when it names none):
 /// GetIfaceData in the daemon, a substitute in tests and checkers.
 using InterfaceLookup = std::function<InterfaceAddress(

@@ -30,7 +30,7 @@ def test_examples_follow_their_schema(name):
 
 
 def test_examples_have_no_faults(lab):
-    arguments = ["check", EXAMPLES / "tasks.json", EXAMPLES / "keychain.json"]
+    arguments = ["check", "--no-host", EXAMPLES / "tasks.json", EXAMPLES / "keychain.json"]
     report = Ctl(lab).json(*arguments)
     assert report["tasks"]["elements"] == report["tasks"]["accepted"] > 0
 

@@ -1,13 +1,21 @@
 #include "ctl/check.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <map>
+#include <set>
 #include <utility>
+#include <vector>
 
 #include <cjson/cJSON.h>
 #include <fmt/format.h>
 
 #include "config/config_file.h"
-#include "config/keychain.h"
+#include "config/task_parser.h"
+#include "ctl/file_check.h"
+#include "ctl/known_keys.h"
+#include "ctl/member_check.h"
 #include "ctl/task_warnings.h"
 
 namespace ipsla::ctl {
@@ -18,61 +26,12 @@ std::optional<std::int32_t> IdOf(const cJSON* element, const char* key) {
   return cJSON_IsNumber(id) != 0 ? std::optional<std::int32_t>(id->valueint) : std::nullopt;
 }
 
-/// Nothing when the file as a whole is fine.
-std::optional<std::string> FileFault(const ConfigFile& file, const char* array) {
-  switch (file.fault) {
-    case ConfigFileFault::kNone:
-      return std::nullopt;
-    case ConfigFileFault::kNoName:
-      return "the file name is empty";
-    case ConfigFileFault::kUnreadable:
-      return "the file cannot be read";
-    case ConfigFileFault::kNoArray:
-      return fmt::format("there is no array \"{}\"", array);
-    case ConfigFileFault::kNotJson:
-      break;
-  }
-  if (file.json.error_line == 0) {
-    return "not valid JSON";
-  }
-  return fmt::format("not valid JSON at line {}, column {}", file.json.error_line,
-                     file.json.error_column);
-}
-
-/// Secrets are not shown, not even wrong ones.
-TaskFault WithoutSecret(TaskFault fault) {
-  constexpr std::string_view kSecret = "key-string";
-  if (fault.key.ends_with(kSecret) && !fault.value.empty()) {
-    fault.value = "(hidden)";
-  }
-  return fault;
-}
-
-/// About a whole file, or about an element without an id.
-Finding ReasonOnly(std::string reason) {
-  return {.fault = {"", "", std::move(reason)}};
-}
-
-FileReport CheckKeychain(const std::string& name, KeychainStorage* keys) {
-  FileReport report{.name = name};
-  const ConfigFile file = ReadConfigFile(name, kKeychainKey);
-  if (const auto fault = FileFault(file, kKeychainKey)) {
-    report.faults.push_back(ReasonOnly(*fault));
-    return report;
-  }
-  for (const KeyFault& fault : ReadKeys(file.array, keys)) {
-    report.faults.push_back({fault.position + 1, fault.id, {"", "", fault.reason}});
-  }
-  report.elements = static_cast<std::size_t>(cJSON_GetArraySize(file.array));
-  report.accepted = keys->size();
-  return report;
-}
-
-void CheckCpus(const cJSON* root, FileReport* report) {
-  const auto warn = [report](const cJSON* value, std::string reason) {
-    report->warnings.push_back({.fault = {"cpus", ShortJsonText(value), std::move(reason)}});
+void CheckCpus(FileCheck* file, HostView* host) {
+  const auto warn = [file](const cJSON* value, std::string reason) {
+    file->Add(0, std::nullopt, file->Root(),
+              {.fault = {"cpus", ShortJsonText(value), std::move(reason)}, .item = value});
   };
-  const cJSON* cpus = cJSON_GetObjectItem(root, "cpus");
+  const cJSON* cpus = cJSON_GetObjectItem(file->Root(), "cpus");
   if (cJSON_IsArray(cpus) == 0 || cJSON_GetArraySize(cpus) == 0) {
     warn(cpus, "names no CPU: the daemon starts no worker threads and runs no test");
     return;
@@ -80,166 +39,219 @@ void CheckCpus(const cJSON* root, FileReport* report) {
   const cJSON* cpu = nullptr;
   cJSON_ArrayForEach(cpu, cpus) {
     const int number = cJSON_IsNumber(cpu) != 0 ? cpu->valueint : 0;
-    if (cJSON_IsNumber(cpu) == 0 || number != static_cast<std::uint8_t>(number)) {
-      warn(cpu, fmt::format("counts as CPU {}", static_cast<std::uint8_t>(number)));
+    const auto stored = static_cast<std::uint8_t>(number);
+    if (cJSON_IsNumber(cpu) == 0 || cpu->valuedouble != stored) {
+      warn(cpu, fmt::format("counts as CPU {}", stored));
+    } else if (host != nullptr && !host->HasCpu(stored)) {
+      warn(cpu, "is no CPU that this machine has: the threads for it run on any");
     }
   }
+}
+
+/// The sum that the parser holds against the period, in its 32 bits.
+std::string BudgetText(const SlaTaskConfig& config) {
+  const std::int64_t run_ms = PlainRunMs(config);
+  const std::int64_t period_ms = std::int64_t{config.scheduler.time} * 1000;
+  const auto kept_run_ms = static_cast<std::uint32_t>(run_ms);
+  const auto kept_period_ms = static_cast<std::uint32_t>(period_ms);
+  const bool fits = kept_run_ms == run_ms && kept_period_ms == period_ms;
+  return fmt::format(
+      "timeout {} + num-packets {} x interval {} = {} ms to be less than the period of {} ms{}",
+      config.timeout, config.num_packets, config.interval, kept_run_ms, kept_period_ms,
+      fits ? "" : ", both cut to 32 bits");
+}
+
+/// How a file is called.
+std::string ShownName(const std::string& name) {
+  return name == kStandardInput ? "<standard input>" : name;
 }
 
 /// Checks the tasks one after the other, as each depends on those before.
 class TasksChecker {
  public:
-  TasksChecker(FileReport* report, const KeychainStorage* keychain, const timespec& now)
-      : report_(*report), keychain_(keychain), now_(now) {}
+  TasksChecker(FileCheck* file, const TaskSurroundings& around) : file_(*file), around_(around) {}
 
   void Check(const cJSON* element) {
-    const std::size_t number = ++report_.elements;
-    const auto id = IdOf(element, "sla-id");
-    const TaskCheck check = CheckTask(element, accepted_, keychain_, ConfiguredInterface);
-    for (const TaskFault& fault : check.faults) {
-      report_.faults.push_back({number, id, WithoutSecret(fault)});
-    }
+    const Place place{++file_.Report().elements, IdOf(element, "sla-id"), element};
+    const TaskCheck check = CheckTask(element, accepted_, around_.keychain, ConfiguredInterface);
+    AddFaults(place, check);
+    AddMembers(place, check.faults);
     if (!check.faults.empty()) {
       return;
     }
-    for (const TaskFault& warning : TaskWarnings(element, check.config, keychain_, now_)) {
-      report_.warnings.push_back({number, id, warning});
+    const std::vector<Remark> remarks = InspectTask(element, check.config, around_);
+    for (const Remark& remark : remarks) {
+      Add(place, remark);
     }
-    Accept(number, id, check.config);
+    Accept(place, check.config, std::ranges::any_of(remarks, [](const Remark& remark) {
+             return remark.severity == Severity::kFault;
+           }));
+  }
+
+  /// What could not be looked at.
+  void AddNotes() {
+    if (around_.host == nullptr) {
+      return;
+    }
+    std::set<std::string> vrfs;
+    for (const auto& [id, task] : accepted_) {
+      vrfs.insert(task.measurement.vrf);
+    }
+    for (const std::string& vrf : vrfs) {
+      const HostInterfaces& interfaces = around_.host->Interfaces(vrf);
+      if (!interfaces.found && around_.host->VrfFault(vrf).empty()) {
+        file_.Report().notes.push_back(fmt::format(
+            "which addresses {} has could not be looked at: {}",
+            vrf.empty() ? "this machine" : fmt::format("VRF \"{}\"", vrf), interfaces.fault));
+      }
+    }
   }
 
  private:
-  void Accept(std::size_t number, const std::optional<std::int32_t>& id,
-              const SlaTaskConfig& config) {
-    if (const auto replaced = numbers_.find(config.sla_id); replaced != numbers_.end()) {
-      report_.warnings.push_back({number,
-                                  id,
-                                  {"sla-id", std::to_string(id.value_or(0)),
-                                   fmt::format("replaces task {}", replaced->second)}});
-    }
-    numbers_[config.sla_id] = number;
-    accepted_[config.sla_id] = config;
-    report_.accepted = accepted_.size();
+  /// One task of the file.
+  struct Place {
+    std::size_t number;
+    std::optional<std::int32_t> id;
+    const cJSON* element;
+  };
+
+  void Add(const Place& place, const Remark& remark, std::string expected = "") {
+    file_.Add(place.number, place.id, place.element, remark, std::move(expected));
   }
 
-  FileReport& report_;
-  const KeychainStorage* keychain_;
-  const timespec now_;
+  void AddFaults(const Place& place, const TaskCheck& check) {
+    for (const TaskFault& fault : check.faults) {
+      Add(place, {.fault = fault, .severity = Severity::kFault}, ExpectedOf(fault, check.config));
+    }
+  }
+
+  static std::string ExpectedOf(const TaskFault& fault, const SlaTaskConfig& config) {
+    if (fault.reason == kOverBudget) {
+      return BudgetText(config);
+    }
+    if (fault.reason == kDuplicateTask) {
+      return "";
+    }
+    return fault.reason == kUnknownKeyId ? "an id of the keychain file"
+                                         : ExpectedAt(fault.key, config.sla_type);
+  }
+
+  /// Where a fault says what is wrong with a value, its type needs no remark.
+  void AddMembers(const Place& place, const std::vector<TaskFault>& faults) {
+    for (const Remark& remark : TaskMemberRemarks(place.element)) {
+      const bool is_known = !remark.at_name && std::ranges::any_of(faults, [&](const auto& fault) {
+        return fault.key == remark.fault.key;
+      });
+      if (!is_known) {
+        Add(place, remark);
+      }
+    }
+  }
+
+  void Accept(const Place& place, const SlaTaskConfig& config, bool ends_daemon) {
+    if (const auto replaced = numbers_.find(config.sla_id); replaced != numbers_.end()) {
+      Add(place, {.fault = {"sla-id", std::to_string(place.id.value_or(0)),
+                            fmt::format("replaces task {}", replaced->second)}});
+    }
+    numbers_[config.sla_id] = place.number;
+    accepted_[config.sla_id] = config;
+    usable_.erase(config.sla_id);
+    if (!ends_daemon) {
+      usable_.insert(config.sla_id);
+    }
+    file_.Report().accepted = usable_.size();
+  }
+
+  FileCheck& file_;
+  const TaskSurroundings& around_;
   SlaTaskMap accepted_;
+  std::set<std::uint16_t> usable_;                // of the accepted tasks
   std::map<std::uint16_t, std::size_t> numbers_;  // of the accepted tasks
 };
 
-FileReport CheckTasks(const std::string& name, const KeychainStorage* keychain,
-                      const timespec& now) {
-  FileReport report{.name = name};
-  const ConfigFile file = ReadConfigFile(name, kTasksKey);
-  if (const auto fault = FileFault(file, kTasksKey)) {
-    report.faults.push_back(ReasonOnly(*fault));
-    return report;
+/// One element of the keychain; `fault` is why the daemon passes it over.
+void CheckKey(FileCheck* file, const cJSON* element, const KeyFault* fault) {
+  const std::size_t number = ++file->Report().elements;
+  const auto id = IdOf(element, "key-id");
+  if (fault != nullptr) {
+    file->Add(number, fault->id, element,
+              {.fault = {"", "", fault->reason}, .item = element, .severity = Severity::kFault});
   }
-  TasksChecker checker(&report, keychain, now);
-  const cJSON* element = nullptr;
-  cJSON_ArrayForEach(element, file.array) {
-    checker.Check(element);
-  }
-  CheckCpus(file.json.document.get(), &report);
-  return report;
-}
-
-void AddFindingLines(const FileReport& report, const char* noun, std::vector<std::string>* lines) {
-  for (const auto* findings : {&report.faults, &report.warnings}) {
-    const char* kind = findings == &report.warnings ? "warning: " : "";
-    for (const Finding& finding : *findings) {
-      std::string line = report.name + ": ";
-      if (finding.number > 0) {
-        line += fmt::format("{} {}", noun, finding.number);
-        line += finding.id ? fmt::format(" (id {}): ", *finding.id) : ": ";
-      }
-      line += kind;
-      if (!finding.fault.key.empty()) {
-        const std::string value =
-            finding.fault.value.empty() ? " (missing)" : " = " + finding.fault.value;
-        line += finding.fault.key + value + ": ";
-      }
-      lines->push_back(line + finding.fault.reason);
+  for (const Remark& remark : MemberRemarks(element, KeyPlace::kKey)) {
+    // Of which type a value is, the fault says.
+    if (fault == nullptr || remark.at_name) {
+      file->Add(number, id, element, remark);
     }
   }
-}
-
-std::string CountLine(const FileReport& report, const char* noun) {
-  const auto count = [](std::size_t number, const char* word) {
-    return fmt::format("{} {}{}", number, word, number == 1 ? "" : "s");
-  };
-  return fmt::format("{}: {}, {} accepted, {}, {}", report.name, count(report.elements, noun),
-                     report.accepted, count(report.faults.size(), "fault"),
-                     count(report.warnings.size(), "warning"));
-}
-
-cJSON* FindingsJson(const std::vector<Finding>& findings) {
-  cJSON* array = cJSON_CreateArray();
-  for (const Finding& finding : findings) {
-    JsonDocument object(cJSON_CreateObject());
-    cJSON_AddItemToObject(object.get(), "number",
-                          finding.number > 0
-                              ? cJSON_CreateNumber(static_cast<double>(finding.number))
-                              : cJSON_CreateNull());
-    cJSON_AddItemToObject(object.get(), "id",
-                          finding.id ? cJSON_CreateNumber(*finding.id) : cJSON_CreateNull());
-    cJSON_AddStringToObject(object.get(), "key", finding.fault.key.c_str());
-    cJSON_AddStringToObject(object.get(), "value", finding.fault.value.c_str());
-    cJSON_AddStringToObject(object.get(), "reason", finding.fault.reason.c_str());
-    cJSON_AddItemToArray(array, object.release());
+  if (id && *id != static_cast<std::uint8_t>(*id)) {
+    file->Add(number, id, element,
+              {.fault = {"key-id", std::to_string(*id),
+                         "is of no use to tasks: their key ids have 8 bits"}});
   }
-  return array;
-}
-
-cJSON* FileJson(const FileReport& report) {
-  cJSON* object = cJSON_CreateObject();
-  cJSON_AddStringToObject(object, "file", report.name.c_str());
-  cJSON_AddNumberToObject(object, "elements", static_cast<double>(report.elements));
-  cJSON_AddNumberToObject(object, "accepted", static_cast<double>(report.accepted));
-  cJSON_AddItemToObject(object, "faults", FindingsJson(report.faults));
-  cJSON_AddItemToObject(object, "warnings", FindingsJson(report.warnings));
-  return object;
 }
 
 }  // namespace
 
-bool CheckReport::HasFaults() const {
-  return !tasks.faults.empty() || (keychain && !keychain->faults.empty());
+FileReport CheckKeychain(const std::string& name, const ConfigInput& input, const HostView* host,
+                         KeychainStorage* keys) {
+  FileCheck file(ShownName(name), input, kKeychainKey);
+  constexpr mode_t kOthersRead = S_IRGRP | S_IROTH;
+  if (host != nullptr && input.mode && (*input.mode & kOthersRead) != 0) {
+    file.Report().warnings.push_back(
+        {.fault = {"", "",
+                   fmt::format("holds keys, and others than its owner can read it (mode {:04o})",
+                               *input.mode)}});
+  }
+  for (const Remark& remark : MemberRemarks(file.Root(), KeyPlace::kKeychainRoot)) {
+    file.Add(0, std::nullopt, file.Root(), remark);
+  }
+  if (file.Array() == nullptr) {
+    return std::move(file.Report());
+  }
+  const std::size_t before = keys->size();
+  const std::vector<KeyFault> faults = ReadKeys(file.Array(), keys);
+  auto fault = faults.begin();
+  const cJSON* element = nullptr;
+  cJSON_ArrayForEach(element, file.Array()) {
+    const bool is_faulty = fault != faults.end() && fault->position == file.Report().elements;
+    CheckKey(&file, element, is_faulty ? &*fault : nullptr);
+    fault += is_faulty ? 1 : 0;
+  }
+  file.Report().accepted = keys->size() - before;
+  return std::move(file.Report());
 }
 
-CheckReport CheckFiles(const std::string& tasks_file, const std::string& keychain_file,
-                       const timespec& now) {
+FileReport CheckTasks(const std::string& name, const ConfigInput& input,
+                      const KeychainStorage* keychain, const CheckRequest& request) {
+  FileCheck file(ShownName(name), input, kTasksKey);
+  for (const Remark& remark : MemberRemarks(file.Root(), KeyPlace::kTasksRoot)) {
+    file.Add(0, std::nullopt, file.Root(), remark);
+  }
+  if (file.Array() == nullptr) {
+    return std::move(file.Report());
+  }
+  const TaskSurroundings around{.keychain = keychain, .now = request.now, .host = request.host};
+  TasksChecker checker(&file, around);
+  const cJSON* element = nullptr;
+  cJSON_ArrayForEach(element, file.Array()) {
+    checker.Check(element);
+  }
+  CheckCpus(&file, request.host);
+  checker.AddNotes();
+  return std::move(file.Report());
+}
+
+CheckReport CheckFiles(const CheckRequest& request) {
   CheckReport report;
   KeychainStorage keys;
-  if (!keychain_file.empty()) {
-    report.keychain = CheckKeychain(keychain_file, &keys);
+  if (!request.keychain_file.empty()) {
+    report.keychain = CheckKeychain(request.keychain_file, ReadConfigInput(request.keychain_file),
+                                    request.host, &keys);
   }
-  report.tasks = CheckTasks(tasks_file, report.keychain ? &keys : nullptr, now);
+  const bool has_keys = report.keychain && (report.keychain->faults.empty() || !keys.empty());
+  report.tasks = CheckTasks(request.tasks_file, ReadConfigInput(request.tasks_file),
+                            has_keys ? &keys : nullptr, request);
   return report;
-}
-
-std::vector<std::string> CheckLines(const CheckReport& report) {
-  std::vector<std::string> lines;
-  AddFindingLines(report.tasks, "task", &lines);
-  if (report.keychain) {
-    AddFindingLines(*report.keychain, "key", &lines);
-  }
-  lines.push_back(CountLine(report.tasks, "task"));
-  if (report.keychain) {
-    lines.push_back(CountLine(*report.keychain, "key"));
-  }
-  return lines;
-}
-
-std::string CheckJson(const CheckReport& report) {
-  const JsonDocument document(cJSON_CreateObject());
-  cJSON_AddItemToObject(document.get(), "tasks", FileJson(report.tasks));
-  cJSON_AddItemToObject(document.get(), "keychain",
-                        report.keychain ? FileJson(*report.keychain) : cJSON_CreateNull());
-  const JsonText text(cJSON_PrintUnformatted(document.get()));
-  return text.get();
 }
 
 }  // namespace ipsla::ctl

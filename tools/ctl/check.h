@@ -1,5 +1,5 @@
-// The configuration files through the daemon's own parser, with everything that is wrong in them.
-// Reads files, logs nothing, asks the system nothing else.
+// The configuration files through the daemon's own parser, with everything that is wrong in them,
+// and with what they would do on this machine.
 
 #ifndef IPSLA_TOOLS_CTL_CHECK_H_
 #define IPSLA_TOOLS_CTL_CHECK_H_
@@ -11,7 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "config/task_parser.h"
+#include "config/keychain_rules.h"
+#include "ctl/config_input.h"
+#include "ctl/host_view.h"
+#include "ctl/json_positions.h"
+#include "ctl/remark.h"
 
 namespace ipsla::ctl {
 
@@ -20,14 +24,18 @@ struct Finding {
   std::size_t number = 0;            ///< of the task or key in its array, from 1
   std::optional<std::int32_t> id{};  ///< its id, when it has one
   TaskFault fault;                   ///< key and value may be empty
+  std::string expected{};            ///< what works there, when that can be said in a phrase
+  bool missing = false;              ///< nothing has that key
+  TextPlace place{};                 ///< the value, or what it is missing in
 };
 
 struct FileReport {
   std::string name;
   std::vector<Finding> faults{};
   std::vector<Finding> warnings{};
-  std::size_t elements = 0;  ///< tasks or keys in the file
-  std::size_t accepted = 0;  ///< of these, what the daemon will use
+  std::vector<std::string> notes{};  ///< what could not be looked at, and why
+  std::size_t elements = 0;          ///< tasks or keys in the file
+  std::size_t accepted = 0;          ///< of these, what the daemon can use
 };
 
 struct CheckReport {
@@ -36,18 +44,39 @@ struct CheckReport {
       keychain;  ///< none: no keychain file was given, key ids were not looked up
 
   [[nodiscard]] bool HasFaults() const;
+  [[nodiscard]] bool HasWarnings() const;
 };
 
-/// Checks both files as the daemon would read them at `now`. An empty keychain file name: none.
-[[nodiscard]] CheckReport CheckFiles(const std::string& tasks_file,
-                                     const std::string& keychain_file, const timespec& now);
+/// Which files, against what.
+struct CheckRequest {
+  std::string tasks_file;
+  std::string keychain_file{};  ///< empty: none
+  timespec now{};               ///< the moment at which the daemon would read them
+  HostView* host = nullptr;     ///< null: what only a machine can tell is left out
+};
 
-/// For people: one line per finding, then one line per file with its counts.
+/// Checks both files. Either name, not both, may be kStandardInput.
+[[nodiscard]] CheckReport CheckFiles(const CheckRequest& request);
+
+/// Checks a keychain's text and reads its keys.
+[[nodiscard]] FileReport CheckKeychain(const std::string& name, const ConfigInput& input,
+                                       const HostView* host, KeychainStorage* keys);
+
+/// Checks a tasks file's text; without a keychain (null) key ids are not looked up. Of `request`
+/// only the time and the host are used.
+[[nodiscard]] FileReport CheckTasks(const std::string& name, const ConfigInput& input,
+                                    const KeychainStorage* keychain, const CheckRequest& request);
+
+/// For people: one line per finding and note, then one line per file with its counts.
 [[nodiscard]] std::vector<std::string> CheckLines(const CheckReport& report);
 
+/// The lines of one file's findings alone; `noun` is what its elements are called.
+[[nodiscard]] std::vector<std::string> FindingLines(const FileReport& report, const char* noun);
+
 /// {"tasks": FILE, "keychain": FILE or null} with FILE = {"file", "elements", "accepted", "faults":
-/// [FINDING...], "warnings": [FINDING...]} and FINDING = {"number", "id", "key", "value",
-/// "reason"}; "number" and "id" are null where there is none.
+/// [FINDING...], "warnings": [FINDING...], "notes": [text...]} and FINDING = {"number", "id",
+/// "key", "value", "reason", "expected", "line", "column"}; "number", "id", "line" and "column" are
+/// null where there is none.
 [[nodiscard]] std::string CheckJson(const CheckReport& report);
 
 }  // namespace ipsla::ctl

@@ -11,7 +11,11 @@ namespace ipsla::ctl {
 int RunCheck(const CommonOptions& common, const CheckOptions& options) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  const CheckReport report = CheckFiles(options.tasks_file, options.keychain_file, now);
+  SystemHost host;
+  const CheckReport report = CheckFiles({.tasks_file = options.tasks_file,
+                                         .keychain_file = options.keychain_file,
+                                         .now = now,
+                                         .host = options.no_host ? nullptr : &host});
   if (common.json) {
     fmt::print("{}\n", CheckJson(report));
   } else {
@@ -19,7 +23,8 @@ int RunCheck(const CommonOptions& common, const CheckOptions& options) {
       fmt::print("{}\n", Printable(line));
     }
   }
-  return report.HasFaults() ? kExitFailing : kExitFine;
+  const bool failed = report.HasFaults() || (options.strict && report.HasWarnings());
+  return failed ? kExitFailing : kExitFine;
 }
 
 }  // namespace ipsla::ctl

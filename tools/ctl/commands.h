@@ -79,8 +79,10 @@ int RunReloadKeychain(const CommonOptions& common);
 struct CheckOptions {
   std::string tasks_file;
   std::string keychain_file;  ///< empty: key ids are not looked up
+  bool no_host = false;       ///< leaves out what only this machine can tell
+  bool strict = false;        ///< a warning makes the exit status kExitFailing, too
 };
-/// Needs no daemon and no privileges.
+/// Needs no daemon and no privileges. One of the files may be standard input, "-".
 int RunCheck(const CommonOptions& common, const CheckOptions& options);
 
 struct ProbeOptions {

@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "ctl/commands.h"
+#include "ctl/config_input.h"
 #include "ctl/json_out.h"
 #include "ctl/thresholds.h"
 
@@ -107,9 +108,19 @@ void AddReload(CLI::App* app, Arguments* a) {
 void AddCheck(CLI::App* app, Arguments* a) {
   CLI::App* check = app->add_subcommand(
       "check", "Every fault of the files, and what cannot work; needs no daemon");
-  check->add_option("TASKS", a->check.tasks_file, "Tasks file")->required();
-  check->add_option("KEYCHAIN", a->check.keychain_file,
-                    "Keychain file; without it key ids are not looked up");
+  check->add_option("TASKS", a->check.tasks_file, "Tasks file; - for standard input")->required();
+  check
+      ->add_option("KEYCHAIN", a->check.keychain_file,
+                   "Keychain file; without it key ids are not looked up")
+      ->check(CLI::Validator(
+          [a](const std::string& name) {
+            const bool both = name == kStandardInput && a->check.tasks_file == kStandardInput;
+            return both ? "only one of the files can be standard input" : "";
+          },
+          "", "one standard input"));
+  check->add_flag("--no-host", a->check.no_host,
+                  "Leaves out what only this machine can tell: VRFs, addresses, CPUs, permissions");
+  check->add_flag("--strict", a->check.strict, "Warnings count as faults");
   AddCommand(check, a, [a] { return RunCheck(a->common, a->check); });
 }
 

@@ -1,3 +1,5 @@
+#include <arpa/inet.h>
+
 #include <cjson/cJSON.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,9 +27,11 @@ std::string TaskOfType(const std::string& type) {
   return json;
 }
 
-/// "key: reason" of each warning about the edited task, which the parser must accept.
+/// "key: reason" of each remark about the edited task, which the parser must accept; a fault's
+/// begins with "fault ".
 std::vector<std::string> Warnings(const std::string& json, const std::vector<Edit>& edits,
-                                  const KeychainStorage* keychain = nullptr) {
+                                  const KeychainStorage* keychain = nullptr,
+                                  HostView* host = nullptr) {
   const test::LocalTimeZone zone("UTC0");
   const JsonDocument task = test::Edited(json, edits);
   const TaskCheck check = CheckTask(task.get(), {}, keychain, ConfiguredInterface);
@@ -35,8 +39,10 @@ std::vector<std::string> Warnings(const std::string& json, const std::vector<Edi
     ADD_FAILURE() << fault.key << ": " << fault.reason;
   }
   std::vector<std::string> texts;
-  for (const TaskFault& warning : TaskWarnings(task.get(), check.config, keychain, kWarnedAt)) {
-    texts.push_back(warning.key + ": " + warning.reason);
+  const TaskSurroundings around{.keychain = keychain, .now = kWarnedAt, .host = host};
+  for (const Remark& remark : InspectTask(task.get(), check.config, around)) {
+    const char* severity = remark.severity == Severity::kFault ? "fault " : "";
+    texts.push_back(severity + remark.fault.key + ": " + remark.fault.reason);
   }
   return texts;
 }
@@ -46,8 +52,7 @@ std::vector<std::string> Warnings(const std::vector<Edit>& edits) {
 }
 
 TEST(TaskWarnings, HasNothingToSayAboutWorkingTasks) {
-  for (const char* type :
-       {"udp-echo", "udp-jitter", "udp-jitter-ntp", "icmp-echo", "icmp-jitter"}) {
+  for (const char* type : {"udp-echo", "udp-jitter", "icmp-echo", "icmp-jitter"}) {
     EXPECT_THAT(Warnings(TaskOfType(type), {}), IsEmpty()) << type;
   }
   EXPECT_THAT(Warnings({{"scheduler.life-time", "3600"}, {"scheduler.Start-time", "\"23:00:00\""}}),
@@ -57,9 +62,9 @@ TEST(TaskWarnings, HasNothingToSayAboutWorkingTasks) {
 TEST(TaskWarnings, ShowsTheValue) {
   const JsonDocument task = test::Edited(test::ValidTask(), {{"num-rep-hist", "256"}});
   const TaskCheck check = CheckTask(task.get(), {}, nullptr, ConfiguredInterface);
-  const auto warnings = TaskWarnings(task.get(), check.config, nullptr, kWarnedAt);
-  ASSERT_EQ(warnings.size(), 1U);
-  EXPECT_EQ(warnings[0],
+  const auto remarks = InspectTask(task.get(), check.config, {.now = kWarnedAt});
+  ASSERT_EQ(remarks.size(), 1U);
+  EXPECT_EQ(remarks[0].fault,
             (TaskFault{"num-rep-hist", "256", "is kept as 0: histories have at most 255 entries"}));
 }
 
@@ -82,22 +87,23 @@ TEST(TaskWarnings, NamesAStartThatHasPassed) {
 }
 
 TEST(TaskWarnings, NamesAStartThatCannotBeReached) {
-  EXPECT_THAT(Warnings({{"scheduler.Start-time", "\"soon\""}}),
-              ElementsAre("scheduler.Start-time: cannot be read as a time, which ends the daemon "
-                          "when it creates the "
-                          "test"));
+  EXPECT_THAT(
+      Warnings({{"scheduler.Start-time", "\"soon\""}}),
+      ElementsAre("fault scheduler.Start-time: cannot be read as a time, which ends the daemon "
+                  "when it creates the "
+                  "test"));
   // The latest start that there is, at the end of the year, is within what can be waited; from New
   // Year's Day it is not.
   const test::LocalTimeZone zone("UTC0");
   const JsonDocument task =
       test::Edited(test::ValidTask(), {{"scheduler.Start-time", "\"December 25\""}});
   const TaskCheck check = CheckTask(task.get(), {}, nullptr, ConfiguredInterface);
-  EXPECT_THAT(TaskWarnings(task.get(), check.config, nullptr, kWarnedAt), IsEmpty());
+  EXPECT_THAT(InspectTask(task.get(), check.config, {.now = kWarnedAt}), IsEmpty());
   const timespec new_year{.tv_sec = 1672531200, .tv_nsec = 0};
-  const auto warnings = TaskWarnings(task.get(), check.config, nullptr, new_year);
-  ASSERT_EQ(warnings.size(), 1U);
+  const auto remarks = InspectTask(task.get(), check.config, {.now = new_year});
+  ASSERT_EQ(remarks.size(), 1U);
   EXPECT_EQ(
-      warnings[0].reason,
+      remarks[0].fault.reason,
       "is 358d00h ahead, longer than the daemon can wait: the first run would start in 10d00h");
 }
 
@@ -105,14 +111,17 @@ TEST(TaskWarnings, NamesALifeThatNeverBegins) {
   const char* no_time =
       "scheduler.life-time: leaves no time to live (text that is no number counts as 0): the test "
       "never runs";
-  EXPECT_THAT(Warnings({{"scheduler.life-time", "\"-1\""}}),
-              ElementsAre("scheduler.life-time: is negative: the test never starts"));
+  EXPECT_THAT(Warnings({{"scheduler.life-time", "\"-1\""}}), IsEmpty()) << "parked on purpose";
+  EXPECT_THAT(Warnings({{"scheduler.life-time", "\"-2\""}}),
+              ElementsAre("scheduler.life-time: is negative: the test never starts; \"-1\" says so "
+                          "on purpose"));
   EXPECT_THAT(Warnings({{"scheduler.life-time", "0"}}), ElementsAre(no_time));
   EXPECT_THAT(Warnings({{"scheduler.life-time", "\"for ever\""}}), ElementsAre(no_time));
-  EXPECT_THAT(Warnings({{"scheduler.life-time", "\"99999999999999999999\""}}),
-              ElementsAre("scheduler.life-time: is longer than can be counted, which ends the "
-                          "daemon when it creates "
-                          "the test"));
+  EXPECT_THAT(
+      Warnings({{"scheduler.life-time", "\"99999999999999999999\""}}),
+      ElementsAre("fault scheduler.life-time: is longer than can be counted, which ends the "
+                  "daemon when it creates "
+                  "the test"));
 }
 
 TEST(TaskWarnings, NamesAddressesThatAreNone) {
@@ -148,7 +157,9 @@ TEST(TaskWarnings, NamesKeyIdsThatAreCut) {
   EXPECT_THAT(Warnings(test::ValidTask(), keychain_mode, &both), ElementsAre(text));
   const KeychainStorage wide{{257, "many"}};
   EXPECT_THAT(Warnings(test::ValidTask(), keychain_mode, &wide),
-              ElementsAre(std::string(text) + ", and there is no such key"));
+              ElementsAre("fault " + std::string(text) +
+                          ", and there is no such key, which ends the daemon when it creates the "
+                          "test"));
 }
 
 TEST(TaskWarnings, NamesPortsThatCannotWork) {
@@ -257,6 +268,187 @@ TEST(TaskWarnings, SeesThroughTheWrappingArithmeticOfTheParser) {
   EXPECT_THAT(
       Warnings({{"scheduler.time", "4294970"}}),
       ElementsAre("scheduler.time: is longer than the daemon can wait: runs would start every 2s"));
+}
+
+TEST(TaskWarnings, NamesATailOfTheStartThatIsNotRead) {
+  EXPECT_THAT(Warnings({{"scheduler.Start-time", "\"23:00:00 tomorrow\""}}),
+              ElementsAre("scheduler.Start-time: has a tail that is not read: \" tomorrow\""));
+  EXPECT_THAT(Warnings({{"scheduler.Start-time", "\"December 20 25:00:00\""}}),
+              ElementsAre("scheduler.Start-time: has a tail that is not read: \" 25:00:00\""));
+  EXPECT_THAT(Warnings({{"scheduler.Start-time", "\"December 45\""}}),
+              ElementsAre("scheduler.Start-time: has a tail that is not read: \"5\""));
+  EXPECT_THAT(Warnings({{"scheduler.Start-time", "\"November 31\""}}),
+              ElementsAre("scheduler.Start-time: is no day of this year: it is taken for December "
+                          "01"));
+  EXPECT_THAT(Warnings({{"scheduler.Start-time", "\"dec 5 1:2:3\""}}), IsEmpty());
+}
+
+TEST(TaskWarnings, NamesATailOfTheLifeThatIsNotRead) {
+  EXPECT_THAT(Warnings({{"scheduler.life-time", "\"1h\""}}),
+              ElementsAre("scheduler.life-time: is 1 second: \"h\" is not read"));
+  EXPECT_THAT(Warnings({{"scheduler.life-time", "\"3600 s\""}}),
+              ElementsAre("scheduler.life-time: is 3600 seconds: \" s\" is not read"));
+  EXPECT_THAT(Warnings({{"scheduler.life-time", "\" +3600\""}}), IsEmpty());
+  EXPECT_THAT(Warnings({{"scheduler.life-time", "\"99999999999\""}}),
+              ElementsAre("scheduler.life-time: is longer than the clock counts: it is taken for "
+                          "\"forever\""));
+}
+
+TEST(TaskWarnings, NamesPasswordsThatAreTakenAsHexadecimal) {
+  const auto warnings = [](const std::string& key) {
+    return Warnings({{"control-phase.authentication.key-string", "\"" + key + "\""}});
+  };
+  constexpr const char* kKey = "control-phase.authentication.key-string: ";
+  EXPECT_THAT(warnings("12345678"),
+              ElementsAre(kKey + std::string("is taken as hexadecimal digits, 4 bytes; with 0x "
+                                             "before them that is said on purpose, and a "
+                                             "keychain's keys are taken as text")));
+  EXPECT_THAT(warnings("a"), ElementsAre(testing::HasSubstr("digits, 1 byte; ")));
+  EXPECT_THAT(warnings("0x12345678"), IsEmpty());
+  EXPECT_THAT(warnings("0x123"),
+              ElementsAre(kKey + std::string("is an odd number of hexadecimal digits: the last one "
+                                             "is a byte by itself")));
+  EXPECT_THAT(warnings("0x"), ElementsAre(kKey + std::string("is an empty key")));
+  EXPECT_THAT(warnings("12345678z"), IsEmpty());
+}
+
+TEST(TaskWarnings, NamesDestinationsThatAreNoHost) {
+  const auto warnings = [](const std::string& address) {
+    return Warnings({{"udp-jitter.dst-address", "\"" + address + "\""}});
+  };
+  constexpr const char* kMulticast =
+      "udp-jitter.dst-address: is a multicast address: no single host answers";
+  EXPECT_THAT(warnings("224.0.0.1"), ElementsAre(kMulticast));
+  EXPECT_THAT(warnings("239.255.255.255"), ElementsAre(kMulticast));
+  EXPECT_THAT(warnings("223.255.255.255"), IsEmpty());
+  EXPECT_THAT(warnings("240.0.0.1"),
+              ElementsAre("udp-jitter.dst-address: is a reserved address: no host has it"));
+  EXPECT_THAT(
+      warnings("255.255.255.255"),
+      ElementsAre("udp-jitter.dst-address: is the broadcast address: no single host answers"));
+}
+
+TEST(TaskWarnings, NamesProbesWhoseRecordsDoNotFitTheMemory) {
+  const auto warnings = [](const char* count) {
+    return Warnings({{"udp-jitter.num-packets", count},
+                     {"udp-jitter.interval", "0"},
+                     {"scheduler.time", "100000"}});
+  };
+  EXPECT_THAT(warnings("1000000"), IsEmpty());
+  EXPECT_THAT(warnings("1000001"),
+              ElementsAre("udp-jitter.num-packets: takes the daemon hundreds of megabytes: up to "
+                          "1000000 is usual"));
+  EXPECT_THAT(warnings("10000000"), testing::SizeIs(1));
+  EXPECT_THAT(warnings("10000001"),
+              ElementsAre("fault udp-jitter.num-packets: is more than the daemon has memory for, "
+                          "which ends it: at most 10000000 are safe"));
+}
+
+TEST(TaskWarnings, NamesTheTypeThatMeasuresNothing) {
+  EXPECT_THAT(Warnings(TaskOfType("udp-jitter-ntp"), {}),
+              ElementsAre("sla-type: gives figures that mean nothing; udp-jitter measures"));
+}
+
+TEST(TaskWarnings, NamesSourcesThatAreNotWhatTheySay) {
+  EXPECT_THAT(Warnings({{"udp-jitter.src-port", "\"anything\""}}),
+              ElementsAre("udp-jitter.src-port: counts as \"any\""));
+  EXPECT_THAT(Warnings({{"udp-jitter.src-address", ""},
+                        {"udp-jitter.src-interface", "\"an-interface-16b\""}}),
+              ElementsAre("udp-jitter.src-interface: is longer than 15 bytes, and no interface has "
+                          "such a name"));
+}
+
+TEST(TaskWarnings, NamesVrfsThatCannotBeOne) {
+  constexpr const char* kText =
+      "fault vrf-instance: cannot be the name of a network namespace, which ends the daemon when "
+      "it creates the test";
+  EXPECT_THAT(Warnings({{"vrf-instance", "\"a/b\""}}), ElementsAre(kText));
+  EXPECT_THAT(Warnings({{"vrf-instance", "\"..\""}}), ElementsAre(kText));
+  EXPECT_THAT(Warnings({{"vrf-instance", "\"\""}}), IsEmpty());
+}
+
+/// A machine with one VRF, "blue".
+class FakeHost : public HostView {
+ public:
+  std::string VrfFault(const std::string& vrf) override {
+    return vrf == "blue" ? "" : "/var/run/netns/" + vrf + ": no such file";
+  }
+  std::string ReturnFault() override { return return_fault; }
+  const HostInterfaces& Interfaces(const std::string& vrf) override {
+    return vrf == "blue" ? blue : own;
+  }
+  bool HasCpu(std::uint8_t cpu) override { return cpu < 2; }
+
+  static in_addr Address(const char* text) {
+    in_addr address{};
+    EXPECT_EQ(inet_pton(AF_INET, text, &address), 1);
+    return address;
+  }
+
+  std::string return_fault;
+  HostInterfaces own{.found{{}}};
+  HostInterfaces blue{.found{{{.name = "lo", .addresses = {Address("127.0.0.1")}},
+                              {.name = "eth0",
+                               .addresses = {Address("192.0.2.1"), Address("192.0.2.3")},
+                               .broadcasts = {Address("192.0.2.255")}},
+                              {.name = "eth1"}}}};
+};
+
+std::vector<std::string> HostWarnings(const std::vector<Edit>& edits, FakeHost host = {}) {
+  return Warnings(test::ValidTask(), edits, nullptr, &host);
+}
+
+TEST(TaskWarningsOfAHost, HaveNothingToSayWhereEverythingIsThere) {
+  EXPECT_THAT(HostWarnings({}), IsEmpty());
+  EXPECT_THAT(
+      HostWarnings({{"udp-jitter.src-address", ""}, {"udp-jitter.src-interface", "\"eth0\""}}),
+      IsEmpty());
+}
+
+TEST(TaskWarningsOfAHost, NameAVrfThatCannotBeEntered) {
+  EXPECT_THAT(
+      HostWarnings({{"vrf-instance", "\"red\""}}).front(),
+      "fault vrf-instance: cannot be entered (/var/run/netns/red: no such file), which ends "
+      "the daemon when it creates the test");
+}
+
+TEST(TaskWarningsOfAHost, NameAWayBackThatIsMissing) {
+  FakeHost host;
+  host.return_fault = "/var/run/netns/1: no such file";
+  EXPECT_THAT(HostWarnings({}, host),
+              ElementsAre("fault vrf-instance: needs the daemon's own network namespace under the "
+                          "name 1 (/var/run/netns/1: no such file): without it the daemon ends or "
+                          "measures elsewhere"));
+}
+
+TEST(TaskWarningsOfAHost, NameSourcesThatItDoesNotHave) {
+  EXPECT_THAT(HostWarnings({{"control-phase.src-address", "\"192.0.2.9\""},
+                            {"udp-jitter.src-address", "\"127.0.0.1\""}}),
+              ElementsAre("control-phase.src-address: is on no interface of VRF \"blue\": no run "
+                          "can start until it is"));
+  EXPECT_THAT(HostWarnings({{"vrf-instance", "\"\""}}).front(),
+              "control-phase.src-address: is on no interface of this machine: no run can start "
+              "until it is");
+  EXPECT_THAT(
+      HostWarnings({{"udp-jitter.src-address", ""}, {"udp-jitter.src-interface", "\"eth9\""}}),
+      ElementsAre("udp-jitter.src-interface: is not there in VRF \"blue\": no run can start "
+                  "until it is"));
+  EXPECT_THAT(
+      HostWarnings({{"udp-jitter.src-address", ""}, {"udp-jitter.src-interface", "\"eth1\""}}),
+      ElementsAre("udp-jitter.src-interface: has no IPv4 address: no run can start until it "
+                  "has"));
+}
+
+TEST(TaskWarningsOfAHost, NameBroadcastsOfItsNetworks) {
+  EXPECT_THAT(HostWarnings({{"udp-jitter.dst-address", "\"192.0.2.255\""}}),
+              ElementsAre("udp-jitter.dst-address: is the broadcast address of interface eth0: no "
+                          "single host answers"));
+}
+
+TEST(TaskWarningsOfAHost, SayNothingOfANamespaceThatCannotBeLookedAt) {
+  FakeHost host;
+  host.blue = {.found = std::nullopt, .fault = "not permitted"};
+  EXPECT_THAT(HostWarnings({{"udp-jitter.src-address", "\"203.0.113.9\""}}, host), IsEmpty());
 }
 
 }  // namespace

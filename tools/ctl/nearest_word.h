@@ -1,0 +1,19 @@
+// "Did you mean ...?" Pure.
+
+#ifndef IPSLA_TOOLS_CTL_NEAREST_WORD_H_
+#define IPSLA_TOOLS_CTL_NEAREST_WORD_H_
+
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace ipsla::ctl {
+
+/// The known word that `word` is most likely a slip of: another case or other separators, its
+/// beginning or its end left out, or a few characters wrong. Empty when none is near.
+[[nodiscard]] std::string NearestWord(std::string_view word,
+                                      std::span<const std::string_view> known);
+
+}  // namespace ipsla::ctl
+
+#endif  // IPSLA_TOOLS_CTL_NEAREST_WORD_H_
