@@ -21,7 +21,7 @@
 namespace ipsla {
 namespace {
 
-constexpr std::int64_t kReloadPauseNanoseconds = 10'000'000;
+constexpr std::chrono::milliseconds kReloadPause{10};
 
 // Both phases of a task run in one VRF.
 const std::string& VrfOf(const SlaTaskConfig& task) {
@@ -116,7 +116,7 @@ bool ApiSender::ReloadKeychain() {
 void ApiSender::StartTest(const SlaTaskConfig& task) {
   netlink_.CreateNetlinkSocketInVrf(VrfOf(task));
   const boost::shared_ptr<Sender> test =
-      CreateSender(workers_.Context(), task, {statistics_, interfaces_, keys_});
+      CreateSender(workers_.Context(), task, {statistics_, interfaces_, keys_, pacer_});
   tests_[task.sla_id] = test;
   AddErrorLimits(task.sla_id);
   test->Schedule();
@@ -127,7 +127,7 @@ int ApiSender::UpdateTaskConfigs(const SlaTaskMap& new_tasks) {
   for (const auto& [id, task] : new_tasks) ids.insert(id);
   for (const auto& [id, task] : tasks_) ids.insert(id);
   for (const std::int32_t id : ids) {
-    SleepUntil(SteadyNanoseconds() + kReloadPauseNanoseconds);
+    SleepUntil(SteadyNow() + kReloadPause);
     const auto wanted = new_tasks.find(id);
     const auto current = tasks_.find(id);
     if (wanted == new_tasks.end()) {
@@ -201,6 +201,7 @@ void ApiSender::Stop() {
       LOG_DEBUG(0, "Catch exception on test %d: %s.", static_cast<int>(id), exception.what());
     }
   }
+  pacer_->Stop();
   workers_.Stop();
   server_.Close();
 }

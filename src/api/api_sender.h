@@ -95,6 +95,7 @@ class ApiSender : private InterfaceObserver {
 
   // Declared before the tests, whose timers and sockets live on its context.
   WorkerThreads workers_;
+  const std::shared_ptr<Pacer> pacer_ = std::make_shared<Pacer>(workers_.Context());
   TestMap tests_;
 
   ApiServer server_;

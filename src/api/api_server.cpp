@@ -25,7 +25,7 @@ namespace {
 using boost::asio::ip::udp;
 
 // Lets the requester keep up with the fragments of a long reply.
-constexpr std::int64_t kFragmentPauseNanoseconds = 10'000'000;
+constexpr std::chrono::milliseconds kFragmentPause{10};
 
 // A burst of 1000 requests of full size waits in the socket while a long reply goes out. The kernel
 // counts about 17 kB for a datagram of 8192 bytes and doubles the figure that it is given.
@@ -181,7 +181,7 @@ void ApiServer::SendJson(const ApiHeader& request, const cJSON* document) {
   LOG_DEBUG(0, "SenderAPI response JSON:\n%s", TextOrEmpty(JsonText(cJSON_Print(document))));
   const JsonText text(cJSON_PrintUnformatted(document));
   for (const ApiBytes& datagram : BuildJsonReply(request, TextOrEmpty(text))) {
-    SleepUntil(SteadyNanoseconds() + kFragmentPauseNanoseconds);
+    SleepUntil(SteadyNow() + kFragmentPause);
     boost::system::error_code error;
     channel_->socket.send_to(boost::asio::buffer(datagram), channel_->requester, 0, error);
     if (error) {

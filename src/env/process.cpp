@@ -24,6 +24,23 @@ int SetCpuNum(pthread_t thread, std::uint8_t cpu) {
   return 0;
 }
 
+BelowPacing::BelowPacing() {
+  constexpr int kHighest = 99;
+  sched_param parameters{};
+  const int policy = sched_getscheduler(0);
+  if ((policy != SCHED_RR && policy != SCHED_FIFO) || sched_getparam(0, &parameters) != 0) return;
+  if (parameters.sched_priority != kHighest) return;
+  parameters.sched_priority = kHighest - 1;
+  if (sched_setparam(0, &parameters) == 0) before_ = kHighest;
+}
+
+BelowPacing::~BelowPacing() {
+  if (before_ == 0) return;
+  sched_param parameters{};
+  parameters.sched_priority = before_;
+  static_cast<void>(sched_setparam(0, &parameters));  // the right to it was there a moment ago
+}
+
 std::size_t ThreadStackBytes() {
   return log_internal::RoundedStackBytes();
 }

@@ -16,6 +16,21 @@ namespace ipsla {
 /// Pins `thread` to `cpu`. 0, or -1 after logging "set thread affinity failed".
 int SetCpuNum(pthread_t thread, std::uint8_t cpu);
 
+/// Runs the rest of a block one real-time priority below that of the daemon's threads, so that the
+/// thread that sends due probes can interrupt it: for work that takes longer than a few
+/// microseconds. Does nothing for a thread that is not under real-time scheduling or is below
+/// already. Threads: affects the calling thread only; create and end it on one thread.
+class BelowPacing {
+ public:
+  BelowPacing();
+  ~BelowPacing();
+  BelowPacing(const BelowPacing&) = delete;
+  BelowPacing& operator=(const BelowPacing&) = delete;
+
+ private:
+  int before_ = 0;  // the priority to return to, 0 when nothing was changed
+};
+
 /// The stack of every thread of the daemon: 131072 bytes rounded up to whole pages (more in a
 /// sanitizer build, whose instrumented frames and thread-local storage do not fit).
 [[nodiscard]] std::size_t ThreadStackBytes();

@@ -1,5 +1,6 @@
 #include "env/time_values.h"
 
+#include <atomic>
 #include <cerrno>
 
 #include <boost/endian/conversion.hpp>
@@ -26,25 +27,35 @@ std::uint64_t UnixSeconds(NtpStamp stamp) {
   return (stamp >> 32U) - kNtpUnixOffset;
 }
 
-}  // namespace
-
-timespec RealTimeNow() {
+timespec SystemRealTime() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   return now;
 }
 
-std::int64_t SteadyNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return ToNanoseconds(now);
+constexpr Clocks kSystemClocks{&SystemRealTime, &std::chrono::steady_clock::now};
+std::atomic<const Clocks*> clocks{&kSystemClocks};
+
+}  // namespace
+
+timespec RealTimeNow() {
+  return clocks.load(std::memory_order_relaxed)->real_time();
 }
 
-void SleepUntil(std::int64_t deadline) {
-  if (deadline <= 0) return;  // the steady clock never reads less
+SteadyTime SteadyNow() {
+  return clocks.load(std::memory_order_relaxed)->steady();
+}
+
+void UseClocks(const Clocks* replacement) {
+  clocks.store(replacement == nullptr ? &kSystemClocks : replacement, std::memory_order_relaxed);
+}
+
+void SleepUntil(SteadyTime deadline) {
+  const std::int64_t nanoseconds = deadline.time_since_epoch().count();
+  if (nanoseconds <= 0) return;  // the steady clock never reads less
   timespec until{};
-  until.tv_sec = deadline / kNanosecondsPerSecond;
-  until.tv_nsec = deadline % kNanosecondsPerSecond;
+  until.tv_sec = nanoseconds / kNanosecondsPerSecond;
+  until.tv_nsec = nanoseconds % kNanosecondsPerSecond;
   while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
   }
 }

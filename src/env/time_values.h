@@ -9,6 +9,7 @@
 #ifndef IPSLA_ENV_TIME_VALUES_H_
 #define IPSLA_ENV_TIME_VALUES_H_
 
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 
@@ -19,12 +20,24 @@ inline constexpr std::int64_t kNanosecondsPerSecond = 1000000000;
 /// The real-time clock (CLOCK_REALTIME). Any thread.
 [[nodiscard]] timespec RealTimeNow();
 
-/// The steady clock (CLOCK_MONOTONIC) in nanoseconds since an arbitrary start. Any thread.
-[[nodiscard]] std::int64_t SteadyNanoseconds();
+/// A moment of the steady clock (CLOCK_MONOTONIC).
+using SteadyTime = std::chrono::steady_clock::time_point;
 
-/// Sleeps until the steady clock reads `deadline` (SteadyNanoseconds), going on after signals. Any
-/// thread.
-void SleepUntil(std::int64_t deadline);
+/// The steady clock. Any thread.
+[[nodiscard]] SteadyTime SteadyNow();
+
+/// Where the two clocks are read.
+struct Clocks {
+  timespec (*real_time)();
+  SteadyTime (*steady)();
+};
+
+/// Puts other clocks under the whole process, or the system's again (null). For tests, which set a
+/// clock that nobody else has. `replacement` must outlive its use. Any thread.
+void UseClocks(const Clocks* replacement);
+
+/// Sleeps until the steady clock reads `deadline`, going on after signals. Any thread.
+void SleepUntil(SteadyTime deadline);
 
 /// Nanoseconds since the Unix epoch.
 [[nodiscard]] std::int64_t ToNanoseconds(const timespec& time);

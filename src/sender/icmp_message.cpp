@@ -56,6 +56,7 @@ IcmpReply DecodeIcmpReply(std::span<const std::uint8_t> received) {
           .code = header[kCodeOffset],
           .identifier = boost::endian::load_big_u16(&header[kIdentifierOffset]),
           .sequence = boost::endian::load_big_u16(&header[kIcmpSequenceOffset]),
+          .originate_timestamp = boost::endian::load_big_u32(&header[kOriginateOffset]),
           .receive_timestamp = boost::endian::load_big_u32(&header[kReceiveOffset]),
           .transmit_timestamp = boost::endian::load_big_u32(&header[kTransmitOffset])};
 }

@@ -6,9 +6,9 @@
 //  1  1  code 0                              21  1  code
 //  2  2  checksum (RFC 1071)                 24  2  identifier
 //  4  2  identifier                          26  2  sequence number
-//  6  2  sequence number                     32  4  receive time stamp     (time stamp only)
-//  8  4  originate time stamp                36  4  transmit time stamp    (time stamp only)
-// 12  8  receive, transmit time stamps 0
+//  6  2  sequence number                     28  4  originate time stamp   (time stamp only)
+//  8  4  originate time stamp                32  4  receive time stamp     (time stamp only)
+// 12  8  receive, transmit time stamps 0     36  4  transmit time stamp    (time stamp only)
 //        payload from 8 (echo) or 20
 
 #ifndef IPSLA_SENDER_ICMP_MESSAGE_H_
@@ -49,8 +49,9 @@ struct IcmpReply {
   std::uint8_t code = 0;
   std::uint16_t identifier = 0;
   std::uint16_t sequence = 0;
-  std::uint32_t receive_timestamp = 0;   ///< as it stands, host order
-  std::uint32_t transmit_timestamp = 0;  ///< as it stands, host order
+  std::uint32_t originate_timestamp = 0;  ///< the request's, returned; host order
+  std::uint32_t receive_timestamp = 0;    ///< as it stands, host order
+  std::uint32_t transmit_timestamp = 0;   ///< as it stands, host order
 };
 
 /// Reads a packet as a raw socket delivers it, IPv4 header first. Fields beyond `received` read as

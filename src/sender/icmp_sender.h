@@ -9,8 +9,6 @@
 #include <list>
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/icmp.hpp>
-#include <boost/system/error_code.hpp>
 
 #include "sender/icmp_identifier.h"
 #include "sender/sender.h"
@@ -26,28 +24,20 @@ class IcmpSender final : public Sender {
              const SenderContext& context);
 
  private:
-  static const TimerHandler kTestStop;
+  static const ProbeCalls kCalls;
 
-  void StartTest() override;
+  void StartTest() override IPSLA_REQUIRES(mutex_);
   void CalcTestMetric() override;
   [[nodiscard]] SlaTaskMetrics GetMetrics(const std::list<SlaTaskMetrics>& history) const override;
-  void CloseSockets() override;
+  void CloseSockets() override IPSLA_REQUIRES(mutex_);
 
-  // All require mutex_ except the two handlers, which take it.
-  void OpenSocket();
-  void ArmSend();
-  void ArmReceive();
-  void SendPacket(const boost::system::error_code& error, RunNumber run);
-  void SendProbe();
-  void ReceivePacket(const boost::system::error_code& error, RunNumber run);
-  [[nodiscard]] bool TakeReplies(std::size_t most = kDatagramsPerTurn);
-  void TakeReply(const StampedDatagram& datagram);
-  void TestStop();
+  void OpenSocket() IPSLA_REQUIRES(mutex_);
+  [[nodiscard]] SendOutcome SendNextProbe() IPSLA_REQUIRES(mutex_);
+  [[nodiscard]] bool TakeReply(const StampedDatagram& datagram) IPSLA_REQUIRES(mutex_);
 
   const IcmpIdentifier identifier_;
-  const bool jitter_;                     // "icmp-jitter": time-stamp requests
-  const std::size_t sent_bytes_;          // L: what goes out of send_buffer_
-  boost::asio::ip::icmp::socket socket_;  // guarded by mutex_
+  const bool jitter_;             // "icmp-jitter": time-stamp requests
+  const std::size_t sent_bytes_;  // L: what goes out of send_buffer_
 };
 
 }  // namespace ipsla

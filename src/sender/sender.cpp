@@ -3,18 +3,16 @@
 #include <net/if.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
+#include <cstdlib>
 #include <exception>
 #include <utility>
 
-#include <boost/asio/error.hpp>
 #include <boost/asio/ip/address_v4.hpp>
 #include <boost/thread/lock_guard.hpp>
 
 #include "env/network_namespace.h"
-#include "env/time_values.h"
+#include "env/process.h"
 #include "log/error_limiter.h"
 #include "log/log.h"
 #include "sender/metric_report.h"
@@ -27,18 +25,8 @@ namespace {
 // Interface index of an endpoint that was given an address of an interface not known yet.
 constexpr std::uint32_t kUnknownInterface = 0xFFFFFFFFU;
 
-// A sleeping sender looks this often whether its run is over, so that a stopped test soon frees its
-// thread.
-constexpr std::int64_t kMaxSleepNanoseconds = 100'000'000;
-
-constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
-
 boost::asio::ip::address ToAddress(in_addr address) {
   return boost::asio::ip::make_address_v4(ntohl(address.s_addr));
-}
-
-std::int64_t NowSeconds() {
-  return RealTimeNow().tv_sec;
 }
 
 // Seconds as the timer takes them; a value too large for 32 bits of milliseconds wraps,
@@ -49,19 +37,33 @@ std::uint32_t ToMilliseconds(std::uint32_t seconds) {
 
 }  // namespace
 
-const Sender::TimerHandler Sender::kNewStart{"NewStart", [](Sender& test) { test.NewStart(); }};
+const Sender::TimerHandler Sender::kNewStart{"NewStart", [](Sender& test) {
+                                               test.mutex_.AssertHeld();
+                                               test.NewStart();
+                                             }};
 
-Sender::Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, SenderContext context)
-    : worker_(worker),
+const Sender::TimerHandler Sender::kTestStop{"TestStop", [](Sender& test) {
+                                               test.mutex_.AssertHeld();
+                                               test.EndByTimeout();
+                                             }};
+
+Sender::Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, SenderContext context,
+               const ProbeCalls& calls)
+    : id_(task.sla_id),
+      type_(task.sla_type),
+      num_packets_(task.num_packets),
+      packet_size_(task.packet_size),
       context_(std::move(context)),
       config_(task),
-      packets_(static_cast<std::size_t>(std::max(task.num_packets, 1))),
+      socket_(worker),
       send_buffer_(std::max<std::size_t>(task.packet_size, kMinBufferBytes)),
       receive_buffer_(send_buffer_.size()),
+      ring_(task.num_packets),
+      calls_(calls),
       timer_(worker) {
   CompleteSourceInterface(&config_.measurement);
   CompleteSourceInterface(&config_.control_phase);
-  OpenLogFile(config_.sla_id);
+  OpenLogFile(id_);
 }
 
 void Sender::CompleteSourceInterface(SlaEndpointConfig* endpoint) const {
@@ -73,8 +75,14 @@ void Sender::CompleteSourceInterface(SlaEndpointConfig* endpoint) const {
   endpoint->if_name = found->name;
 }
 
+void Sender::FillPadding(std::size_t header, std::size_t end) {
+  for (std::size_t i = header; i < end; ++i) {
+    send_buffer_[i] = static_cast<std::uint8_t>(std::rand());
+  }
+}
+
 void Sender::Schedule() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto first = ComputeFirstStart(config_.scheduler, RealTimeNow());
   if (!first) return;
   scheduled_ = true;
@@ -83,31 +91,26 @@ void Sender::Schedule() {
 }
 
 void Sender::StartFuncTimeout(const TimerHandler& handler, std::uint32_t milliseconds) {
-  LOG_DEBUG(config_.sla_id, "func '%s' timeout %d ms", handler.name,
-            static_cast<std::int32_t>(milliseconds));
-  const auto self = shared_from_this();
-  timer_.expires_after(std::chrono::milliseconds(milliseconds));
-  const std::uint64_t ticket = ++timer_ticket_;
-  timer_.async_wait([self, ticket, handler](const boost::system::error_code& error) {
-    self->OnTimer(error, ticket, handler);
-  });
+  LOG_DEBUG(id_, "func '%s' timeout %d ms", handler.name, static_cast<std::int32_t>(milliseconds));
+  timer_.Arm(std::chrono::milliseconds(milliseconds),
+             [self = shared_from_this(), handler](RunTimer::Ticket ticket) {
+               self->OnTimer(ticket, handler);
+             });
 }
 
-void Sender::OnTimer(const boost::system::error_code& error, std::uint64_t ticket,
-                     const TimerHandler& handler) {
-  if (error) return;
-  const std::lock_guard lock(mutex_);
-  // A wait that was replaced or cancelled may already have expired and stand in the queue: it must
-  // do nothing.
-  if (ticket != timer_ticket_) return;
-  handler.run(*this);
+void Sender::OnTimer(RunTimer::Ticket ticket, const TimerHandler& handler) {
+  const BelowPacing priority;
+  const MutexLock lock(mutex_);
+  if (timer_.IsCurrent(ticket)) handler.run(*this);
 }
 
 void Sender::NewStart() {
   // Stopped for good; or a negative life time: never started, also not by a clock or address
   // change.
   if (stopped_ || !scheduled_) return;
-  if (!CheckSourceAddress()) {
+  if (reporting_) {
+    start_after_report_ = true;
+  } else if (!CheckSourceAddress()) {
     CalcMetric(NextRun::kAfterTime);
   } else if (!IsStoppedLocked()) {
     StartTest();
@@ -127,14 +130,15 @@ bool Sender::CheckSourceAddress() {
 
 void Sender::BeginRun() {
   ++run_;
-  packets_sent_ = 0;
-  packets_received_ = 0;
+  ring_.Clear();
   receiving_ = true;
-  last_send_steady_ = 0;
-  std::ranges::fill(packets_, SlaPacketRecord{});
+  stamp_base_ = 1;
+  deadline_ = SteadyTime::max();
   std::ranges::fill(receive_buffer_, std::uint8_t{0});
-  metrics_.start_time = NowSeconds();
-  ResetMetrics(config_.sla_type, &metrics_);
+  run_start_ = SteadyNow();
+  run_start_real_ = RealTimeNow();
+  metrics_.start_time = run_start_real_.tv_sec;
+  ResetMetrics(type_, &metrics_);
 }
 
 void Sender::FailRun(const std::string& error_description) {
@@ -143,45 +147,100 @@ void Sender::FailRun(const std::string& error_description) {
   CalcMetric();
 }
 
+void Sender::FailStart(const std::string& reason) {
+  if (IsErrorLogAllowed(id_, ErrorKind::kStart))
+    LOG_ERROR(id_, "(test %d) %s", id_, reason.c_str());
+  FailRun("Start test failed");
+}
+
 void Sender::EndByTimeout() {
-  if (!IsStoppedLocked()) CalcMetric();
+  // A reply that has arrived in time counts even if no thread was free to take it.
+  const RunNumber run = run_;
+  static_cast<void>(TakeReplies(2 * ring_.Slots() + 1));
+  // After the end of life the run is not stored, and its sockets stay open until the test is
+  // stopped or destroyed; deliberate.
+  if (run != run_ || IsStoppedLocked()) return;
+  const auto wanted = static_cast<std::uint32_t>(num_packets_);
+  if (ring_.Sent() < wanted) {
+    LOG_DEBUG(id_, "%u of %d probes not sent", wanted - ring_.Sent(), num_packets_);
+  }
+  CalcMetric();
+}
+
+// The run is taken to have ended on the steady clock, and at its deadline when its end was noticed
+// late: neither a clock that was set nor a busy machine makes the next start wait.
+std::uint32_t Sender::SecondsToNextRun() const {
+  const std::chrono::nanoseconds elapsed = std::min(SteadyNow(), deadline_) - run_start_;
+  const std::int64_t finish =
+      (ToNanoseconds(run_start_real_) + elapsed.count()) / kNanosecondsPerSecond;
+  // Unsigned 32 bits: a run that lasted longer than "time" wraps to a very long wait, deliberately.
+  return static_cast<std::uint32_t>(config_.scheduler.time) +
+         static_cast<std::uint32_t>(metrics_.start_time) - static_cast<std::uint32_t>(finish);
 }
 
 void Sender::CalcMetric(NextRun next) {
-  metrics_.finish_time = NowSeconds();
-  // Unsigned 32 bits: a run that lasted longer than "time" wraps to a very long wait, deliberately.
-  std::uint32_t delay = static_cast<std::uint32_t>(config_.scheduler.time) +
-                        static_cast<std::uint32_t>(metrics_.start_time) -
-                        static_cast<std::uint32_t>(metrics_.finish_time);
+  metrics_.finish_time = RealTimeNow().tv_sec;
+  std::uint32_t delay = SecondsToNextRun();
   try {
+    TakeDepartures();
     StopLocked(false);
-    if (packets_received_ != 0) {
-      CalcTestMetric();
-    } else {
-      if (metrics_.status != RunResult::kFail) {
-        metrics_.error_description = "timeout, no samples";
-        metrics_.status = RunResult::kFail;
-      } else if (next == NextRun::kByOutcome) {
+    if (ring_.Received() == 0) {
+      const bool never_began = metrics_.status == RunResult::kFail;
+      if (never_began && next == NextRun::kByOutcome) {
         delay = static_cast<std::uint32_t>(config_.control_retry);
       }
-      SlaTaskMetrics failed;
-      failed.status = metrics_.status;
-      failed.error_description = metrics_.error_description;
-      failed.start_time = metrics_.start_time;
-      failed.finish_time = metrics_.finish_time;
-      metrics_ = failed;
+      ClearFailedRun();
     }
-    StoreRun();
-    StartFuncTimeout(kNewStart, ToMilliseconds(delay));
+    const RunNumber ended = run_;
+    ReportRun();
+    if (std::exchange(start_after_report_, false)) {
+      NewStart();
+    } else if (ended == run_) {
+      StartFuncTimeout(kNewStart, ToMilliseconds(delay));
+    }
   } catch (const std::exception& error) {
-    LOG_DEBUG(config_.sla_id, "Catch exception on test %d: %s.", config_.sla_id, error.what());
+    LOG_DEBUG(id_, "Catch exception on test %d: %s.", id_, error.what());
   }
 }
 
-void Sender::StoreRun() {
+// Of a run without replies only its outcome is kept.
+void Sender::ClearFailedRun() {
+  if (metrics_.status != RunResult::kFail) {
+    metrics_.error_description = "timeout, no samples";
+    metrics_.status = RunResult::kFail;
+  }
+  SlaTaskMetrics failed;
+  failed.status = metrics_.status;
+  failed.error_description = metrics_.error_description;
+  failed.start_time = metrics_.start_time;
+  failed.finish_time = metrics_.finish_time;
+  metrics_ = failed;
+}
+
+// Computing and reporting a large run takes long: nobody who needs the mutex waits for it.
+void Sender::ReportRun() {
+  const BelowPacing priority;
+  const SlaTaskConfig config = config_;
+  reporting_ = true;
+  mutex_.unlock();
+  try {
+    if (ring_.Received() != 0) CalcTestMetric();
+    StoreRun(config);
+  } catch (...) {
+    mutex_.lock();
+    reporting_ = false;
+    throw;
+  }
+  mutex_.lock();
+  reporting_ = false;
+}
+
+void Sender::StoreRun(const SlaTaskConfig& config) {
   const boost::lock_guard<boost::mutex> lock(context_.statistics->mutex);
-  SlaTaskStatistics& statistics = context_.statistics->tasks[config_.sla_id];
-  while (!statistics.history.empty() && statistics.history.size() >= config_.num_rep_hist) {
+  // The task was removed or changed meanwhile, and its statistics may be erased already.
+  if (withdrawn_) return;
+  SlaTaskStatistics& statistics = context_.statistics->tasks[id_];
+  while (!statistics.history.empty() && statistics.history.size() >= config.num_rep_hist) {
     statistics.history.pop_front();
   }
   statistics.history.push_back(metrics_);
@@ -191,11 +250,17 @@ void Sender::StoreRun() {
   } else {
     ++statistics.failed_count;
   }
-  PrintMetric(config_, statistics.last);
+  PrintMetric(config, statistics.last);
+}
+
+SlaTaskMetrics Sender::LatestOf(const std::list<SlaTaskMetrics>& history) const {
+  const bool aggregated = IsJitterType(type_) && metrics_.status == RunResult::kSuccessful;
+  return aggregated ? AggregateHistory(history) : metrics_;
 }
 
 void Sender::Stop(bool final) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
+  withdrawn_ = true;
   StopLocked(final);
 }
 
@@ -204,22 +269,18 @@ void Sender::StopLocked(bool final) {
   // First the numbers, so that the run is over for every late handler even if closing a socket
   // fails.
   ++run_;
+  start_after_report_ = false;
   CancelTimer();
   CloseSockets();
 }
 
-void Sender::CancelTimer() {
-  ++timer_ticket_;
-  timer_.cancel();
-}
-
 void Sender::Restart() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   try {
     StopLocked(false);
     StartFuncTimeout(kNewStart, ToMilliseconds(static_cast<std::uint32_t>(config_.scheduler.time)));
   } catch (const std::exception& error) {
-    LOG_DEBUG(config_.sla_id, "Catch exception on test %d: %s.", config_.sla_id, error.what());
+    LOG_DEBUG(id_, "Catch exception on test %d: %s.", id_, error.what());
   }
 }
 
@@ -230,7 +291,7 @@ bool Sender::IsInVrf(const std::string& vrf_key) const {
 
 void Sender::UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
                                 std::uint32_t new_address, std::uint32_t old_address) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!IsInVrf(vrf_key)) return;
   SlaEndpointConfig& control = config_.control_phase;
   SlaEndpointConfig& measurement = config_.measurement;
@@ -241,25 +302,25 @@ void Sender::UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_ind
     measurement.if_index = if_index;
     return;
   }
-  const bool control_concerned = control.if_index == if_index;
-  const bool measurement_concerned = measurement.if_index == if_index;
-  if (!control_concerned && !measurement_concerned) return;
-  if (control_concerned && control.src.sin_addr.s_addr == old_address)
-    control.src.sin_addr.s_addr = new_address;
-  if (measurement_concerned && measurement.src.sin_addr.s_addr == old_address) {
-    measurement.src.sin_addr.s_addr = new_address;
+  bool concerned = false;
+  for (SlaEndpointConfig* endpoint : {&control, &measurement}) {
+    if (endpoint->if_index != if_index) continue;
+    concerned = true;
+    in_addr_t& source = endpoint->src.sin_addr.s_addr;
+    if (source == old_address) source = new_address;
   }
+  if (!concerned) return;
   try {
     StopLocked(false);
     StartFuncTimeout(kNewStart, 0);
   } catch (const std::exception& error) {
-    LOG_DEBUG(config_.sla_id, "Catch exception on test %d: %s.", config_.sla_id, error.what());
+    LOG_DEBUG(id_, "Catch exception on test %d: %s.", id_, error.what());
   }
 }
 
 void Sender::SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,
                                const std::optional<std::string>& if_name) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!IsInVrf(vrf_key)) return;
   for (SlaEndpointConfig* endpoint : {&config_.control_phase, &config_.measurement}) {
     if (if_name) {
@@ -271,95 +332,12 @@ void Sender::SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_inde
 }
 
 bool Sender::IsStopped() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return IsStoppedLocked();
 }
 
 bool Sender::IsStoppedLocked() const {
   return ToNanoseconds(RealTimeNow()) > end_of_life_ || stopped_;
-}
-
-SlaPacketRecord& Sender::OpenRecord(std::uint32_t sequence, const timespec& now) {
-  SlaPacketRecord& record = packets_[SlotOf(sequence)];
-  record.ss = sequence;
-  record.state = SlaPacketState::kSent;
-  record.send_ms = MillisecondsOfDay(now);
-  last_send_steady_ = SteadyNanoseconds();
-  return record;
-}
-
-SlaPacketRecord* Sender::FindSent(std::uint32_t sequence) {
-  SlaPacketRecord& record = packets_[SlotOf(sequence)];
-  return record.ss == 0 ? nullptr : &record;
-}
-
-void Sender::AcceptReply(SlaPacketRecord* record) {
-  ++metrics_.ds_pkt_count;
-  record->id = packets_received_;
-  ++packets_received_;
-  record->state = SlaPacketState::kReceived;
-}
-
-void Sender::FailStart(const std::string& reason) {
-  if (IsErrorLogAllowed(config_.sla_id, ErrorKind::kStart)) {
-    LOG_ERROR(config_.sla_id, "(test %d) %s", config_.sla_id, reason.c_str());
-  }
-  FailRun("Start test failed");
-}
-
-void Sender::PacedSend(const boost::system::error_code& error, RunNumber run,
-                       std::int64_t granularity_ns, const std::function<void()>& send_probe) {
-  std::int64_t pause = 0;
-  {
-    const std::lock_guard lock(mutex_);
-    if (run != run_ || error == boost::asio::error::operation_aborted) return;
-    if (error) {
-      LOG_DEBUG(config_.sla_id, "SendPacket failed on test %d: %s", config_.sla_id,
-                error.message().c_str());
-      return;
-    }
-    pause = PauseNanoseconds() / granularity_ns * granularity_ns;
-  }
-  if (!Pace(run, pause)) return;
-  const std::lock_guard lock(mutex_);
-  if (run == run_) send_probe();
-}
-
-bool Sender::DrainReplies(int fd, std::size_t size,
-                          const std::function<bool(const StampedDatagram&)>& take,
-                          std::size_t most) {
-  const RunNumber run = run_;
-  for (std::size_t taken = 0; receiving_ && taken < most; ++taken) {
-    int error = 0;
-    const auto datagram =
-        ReceiveStamped(fd, receive_buffer_.data(), std::min(size, receive_buffer_.size()), &error);
-    if (!datagram) {
-      if (error == EAGAIN || error == EWOULDBLOCK) return true;
-      LOG_DEBUG(config_.sla_id, "ReceivePacket failed on test %d: %s", config_.sla_id,
-                std::strerror(error));
-      receiving_ = false;
-      return false;
-    }
-    receiving_ = take(*datagram);
-    if (run != run_) return false;
-  }
-  return receiving_;
-}
-
-std::int64_t Sender::PauseNanoseconds() const {
-  if (packets_sent_ == 0) return 0;
-  const std::int64_t interval = config_.interval * kNanosecondsPerMillisecond;
-  return std::clamp<std::int64_t>(interval - (SteadyNanoseconds() - last_send_steady_), 0,
-                                  interval);
-}
-
-bool Sender::Pace(RunNumber run, std::int64_t pause_nanoseconds) const {
-  const std::int64_t deadline = SteadyNanoseconds() + pause_nanoseconds;
-  for (std::int64_t now = SteadyNanoseconds(); now < deadline && run == run_;
-       now = SteadyNanoseconds()) {
-    SleepUntil(std::min(deadline, now + kMaxSleepNanoseconds));
-  }
-  return run == run_;
 }
 
 }  // namespace ipsla

@@ -1,4 +1,4 @@
-// The life of one test: its timer, its runs, their results and its history.
+// The life of one test: its runs, their results and its history.
 
 #ifndef IPSLA_SENDER_SENDER_H_
 #define IPSLA_SENDER_SENDER_H_
@@ -6,17 +6,13 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
-#include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/smart_ptr/enable_shared_from_this.hpp>
 #include <boost/system/error_code.hpp>
@@ -24,7 +20,13 @@
 #include "config/keychain.h"
 #include "config/task_config.h"
 #include "env/packet_stamps.h"
+#include "env/time_values.h"
+#include "log/mutex.h"
 #include "sender/interface_table.h"
+#include "sender/measurement_socket.h"
+#include "sender/pacer.h"
+#include "sender/probe_ring.h"
+#include "sender/run_timer.h"
 #include "sender/task_metrics.h"
 
 namespace ipsla {
@@ -34,30 +36,29 @@ struct SenderContext {
   std::shared_ptr<StatisticsStore> statistics;
   std::shared_ptr<const InterfaceTable> interfaces;
   std::shared_ptr<const KeyStore> keys;
+  std::shared_ptr<Pacer> pacer;
 };
 
-/// One test: everything that ICMP and UDP tests have in common. Created by CreateSender, held by
-/// shared pointer.
+/// One test: what ICMP and UDP tests have in common. Created by CreateSender, held by shared
+/// pointer.
 ///
-/// Life: Schedule() arms the timer for the first run; NewStart starts a run (StartTest of the
-/// subclass); the run ends with its last reply, its time-out or a failure, all of which lead to
-/// CalcMetric, which stores the result and arms the timer for the next run. After the end of life,
-/// or after Stop(true), no further run starts.
+/// Life: Schedule() arms the first start; NewStart begins a run (StartTest of the concrete test);
+/// its last reply, its time-out or a failure ends it in CalcMetric, which stores the result and
+/// arms the next start. Nothing starts after the end of life or Stop(true).
 ///
-/// Threads: the worker context's threads run all handlers, the service thread calls the public
-/// operations. mutex_ guards every field that is not constant; each handler and each public
-/// operation holds it for its short steps. It is never held while a sender sleeps between probes.
+/// Threads: handlers run on the worker context, public operations are called by the service thread,
+/// probes are sent by the pacer's thread on duty. mutex_ guards all that is not constant and is
+/// held for short steps only: not while a test waits for its next probe, and not while the metrics
+/// of a run are computed, stored and reported (see reporting_).
 ///
-/// Late handlers: every run has a number, and so has every armed wait of the timer. A handler
-/// carries the number it was armed with and does nothing when the test has moved on. Stop, Restart
-/// and the end of a run move the test on, so a run is stored exactly once, and nothing of it is
-/// stored after Stop() has returned.
+/// Late handlers: runs have numbers, and a handler does nothing unless the number it was armed with
+/// is still that of the run. Stop, Restart and the end of a run count on, so a run ends once. After
+/// Stop() nothing is stored any more once the statistics' mutex has been taken.
 ///
-/// Lifetime: every pending operation holds a shared pointer. The destructor is deliberately not
-/// virtual: tests are created by boost::make_shared for their concrete class and destroyed through
-/// that pointer only.
+/// Lifetime: each pending operation holds a shared pointer. The destructor is deliberately not
+/// virtual: boost::make_shared makes the concrete class, and its pointer alone destroys it.
 ///
-/// Lock order: test, then statistics or interface table, then logger.
+/// Lock order: test, then pacer, statistics or interface table, then logger.
 class Sender : public boost::enable_shared_from_this<Sender> {
  public:
   Sender(const Sender&) = delete;
@@ -83,18 +84,19 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   /// addresses in network byte order. When the interface is one of the test's, the test takes the
   /// new source address and restarts at once. Never throws.
   void UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
-                          std::uint32_t new_address, std::uint32_t old_address);
+                          std::uint32_t new_address, std::uint32_t old_address)
+      IPSLA_EXCLUDES(mutex_);
 
   /// A link appeared under `if_name` with this index, or (without a name) the link with this index
   /// is gone.
   void SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,
-                         const std::optional<std::string>& if_name);
+                         const std::optional<std::string>& if_name) IPSLA_EXCLUDES(mutex_);
 
   /// True when the end of life has passed or Stop(true) was called.
   [[nodiscard]] bool IsStopped() const;
 
-  [[nodiscard]] std::uint16_t GetId() const { return config_.sla_id; }
-  [[nodiscard]] SlaTestType GetType() const { return config_.sla_type; }
+  [[nodiscard]] std::uint16_t GetId() const { return id_; }
+  [[nodiscard]] SlaTestType GetType() const { return type_; }
 
  protected:
   using RunNumber = std::uint64_t;
@@ -105,142 +107,176 @@ class Sender : public boost::enable_shared_from_this<Sender> {
     void (*run)(Sender& test);
   };
 
+  /// What became of a probe that was to be sent.
+  enum class SendOutcome : std::uint8_t {
+    kSent,    ///< it left, or counts as one that was lost
+    kFull,    ///< the socket takes no more for now; the probe is not counted
+    kFailed,  ///< the sending of this run ends
+  };
+
+  /// How a concrete test sends and reads; both called with mutex_ held.
+  struct ProbeCalls {
+    /// Builds the next probe, opens its record and sends it.
+    SendOutcome (*send)(Sender& test);
+    /// Takes one datagram that arrived in time. False ends the receiving of this run.
+    bool (*take)(Sender& test, const StampedDatagram& datagram);
+  };
+
   /// When the run after this one starts.
-  enum class NextRun {
-    kByOutcome,  ///< "time" seconds after this one's start; "retry" seconds from now when it failed
-                 ///< before any probe
+  enum class NextRun : std::uint8_t {
+    kByOutcome,  ///< as kAfterTime; but "retry" seconds from now when no probe could be sent
     kAfterTime,  ///< "time" seconds after this one's start, whatever happened
   };
 
   static const TimerHandler kNewStart;
+  static const TimerHandler kTestStop;
 
   /// Copies the task, allocates buffers and records, completes the source interfaces from the
   /// interface table and opens the test's log file. Throws std::runtime_error when the log
   /// directory cannot be created.
-  Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, SenderContext context);
+  Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, SenderContext context,
+         const ProbeCalls& calls);
   ~Sender() = default;
 
-  // The four operations of a concrete test. All are called with mutex_ held.
+  // The four operations of a concrete test.
 
   /// Starts one run: BeginRun, then the sockets, then the first probe or the control phase.
-  /// Failures end in FailRun.
+  /// Failures end in FailRun. Called with mutex_ held.
   virtual void StartTest() = 0;
-  /// Fills metrics_ from packets_. Only called with at least one reply accepted.
+  /// Fills metrics_ from the ring. Only called with at least one reply accepted, and without
+  /// mutex_, while the results are the caller's (reporting_).
   virtual void CalcTestMetric() = 0;
-  /// The value to keep as the task's latest: the run's own, or for a successful jitter run the
-  /// history's aggregate.
+  /// The value to keep as the task's latest: see LatestOf. Called as CalcTestMetric.
   [[nodiscard]] virtual SlaTaskMetrics GetMetrics(
       const std::list<SlaTaskMetrics>& history) const = 0;
-  /// Closes every open socket of the run. Throws boost::system::system_error naming "close".
+  /// Closes every open socket of the run. Throws boost::system::system_error naming "close". Called
+  /// with mutex_ held.
   virtual void CloseSockets() = 0;
 
   // For concrete tests; all require mutex_ unless they say otherwise.
 
   /// Opens a new run: counters, records and metrics as on a first run, buffers zeroed, start time
   /// now.
-  void BeginRun();
+  void BeginRun() IPSLA_REQUIRES(mutex_);
 
   /// Ends the run as failed with this text. The caller has logged the reason.
-  void FailRun(const std::string& error_description);
-
-  /// Ends the run: stores its result, reports it and arms the timer for the next one.
-  void CalcMetric(NextRun next = NextRun::kByOutcome);
-
-  /// TestStop's work: ends the run unless the test has stopped meanwhile (the run is then not
-  /// stored and its sockets stay open until the test is stopped or destroyed; deliberate).
-  void EndByTimeout();
-
-  /// Arms the timer. A wait armed before is void from now on. Throws boost::bad_weak_ptr when no
-  /// shared pointer owns the test.
-  void StartFuncTimeout(const TimerHandler& handler, std::uint32_t milliseconds);
-
-  /// Makes the armed wait of the timer void.
-  void CancelTimer();
-
-  [[nodiscard]] bool IsStoppedLocked() const;
-
-  /// Starts the record of the probe about to be sent: sequence number, state and times.
-  SlaPacketRecord& OpenRecord(std::uint32_t sequence, const timespec& now);
-
-  /// The slot of a reply with this sequence number, or null when that slot was not sent in this
-  /// run.
-  [[nodiscard]] SlaPacketRecord* FindSent(std::uint32_t sequence);
-
-  /// Marks a slot as answered: arrival order, state, counters.
-  void AcceptReply(SlaPacketRecord* record);
-
-  /// The work of a send handler, called WITHOUT mutex_: sleeps for the rest of the interval since
-  /// the last probe, cut to whole units of `granularity_ns`, then calls `send_probe` with mutex_
-  /// held. Does nothing once `run` is over. A failed wait is logged and ends the sending.
-  void PacedSend(const boost::system::error_code& error, RunNumber run, std::int64_t granularity_ns,
-                 const std::function<void()>& send_probe);
-
-  /// The work of a receive handler: takes what has arrived on `fd`, at most `size` bytes each, and
-  /// hands every datagram to `take` until that returns false or ends the run. True when receiving
-  /// goes on: nothing more is there for now, or after `most` datagrams others should have their
-  /// turn. A receive error is logged and ends the receiving. Once it has ended, it stays so for the
-  /// rest of the run: later calls take nothing and return false.
-  [[nodiscard]] bool DrainReplies(int fd, std::size_t size,
-                                  const std::function<bool(const StampedDatagram&)>& take,
-                                  std::size_t most = kDatagramsPerTurn);
-
-  /// As many datagrams as a run can reasonably have waiting: what TestStop drains before it counts
-  /// losses.
-  [[nodiscard]] std::size_t AllReplies() const { return 2 * packets_.size() + kDatagramsPerTurn; }
+  void FailRun(const std::string& error_description) IPSLA_REQUIRES(mutex_);
 
   /// Logs a failed start, as often as the limiter allows, and ends the run with "Start test
   /// failed".
-  void FailStart(const std::string& reason);
+  void FailStart(const std::string& reason) IPSLA_REQUIRES(mutex_);
 
-  /// Boost's weak reference as a pointer to the concrete test, to be held by a pending operation.
+  /// Ends the run: stores its result, reports it and arms the timer for the next one. Gives mutex_
+  /// back while it computes and reports: afterwards the test may have moved on.
+  void CalcMetric(NextRun next = NextRun::kByOutcome) IPSLA_REQUIRES(mutex_);
+
+  /// Arms the timer. A wait armed before is void from now on. Throws boost::bad_weak_ptr when no
+  /// shared pointer owns the test.
+  void StartFuncTimeout(const TimerHandler& handler, std::uint32_t milliseconds)
+      IPSLA_REQUIRES(mutex_);
+
+  /// Makes the armed wait of the timer void.
+  void CancelTimer() IPSLA_REQUIRES(mutex_) { timer_.Cancel(); }
+
+  /// As IsStopped().
+  [[nodiscard]] bool IsStoppedLocked() const IPSLA_REQUIRES(mutex_);
+
+  /// Sets the measurement socket's options as the task has them.
+  void SetProbeOptions() IPSLA_REQUIRES(mutex_);
+
+  /// Fills the probe behind its header, up to `end`, with random bytes: the same ones in every
+  /// probe of the test's life.
+  void FillPadding(std::size_t header, std::size_t end) IPSLA_REQUIRES(mutex_);
+
+  /// Begins to receive and to send, and arms TestStop: the run ends after so many milliseconds, and
+  /// no reply counts that the kernel stamped later.
+  void StartProbing(std::uint32_t milliseconds) IPSLA_REQUIRES(mutex_);
+
+  /// Opens the record of the next probe. To be called immediately before it is sent; `now` is the
+  /// real-time clock's word for that moment.
+  SlaPacketRecord& OpenProbe(const timespec& now) IPSLA_REQUIRES(mutex_);
+
+  /// Sends the first `bytes` of send_buffer_ as the probe opened last. 0, or the errno value; with
+  /// EAGAIN its record is taken back.
+  [[nodiscard]] int SendProbe(std::size_t bytes, const sockaddr_in* to) IPSLA_REQUIRES(mutex_);
+
+  /// Counts an accepted reply. The last one of the run ends it.
+  void AcceptReply(SlaPacketRecord* record) IPSLA_REQUIRES(mutex_);
+
+  /// The run's own metrics, or for a successful run of a jitter type those of its whole history.
+  [[nodiscard]] SlaTaskMetrics LatestOf(const std::list<SlaTaskMetrics>& history) const;
+
+  /// A pointer to the concrete test, to be held by a pending operation.
   template <typename Test>
   [[nodiscard]] static boost::shared_ptr<Test> SharedFrom(Test* test) {
     return boost::static_pointer_cast<Test>(test->shared_from_this());
   }
 
-  mutable std::mutex mutex_;
-  boost::asio::io_context& worker_;
+  // Constant.
+  const std::uint16_t id_;
+  const SlaTestType type_;
+  const std::int32_t num_packets_;
+  const std::uint16_t packet_size_;  // bytes, as stored in the task
   const SenderContext context_;
 
-  // All guarded by mutex_.
-  std::atomic<RunNumber> run_{
-      0};  // also read without mutex_ by a sleeping sender; written under it only
-  SlaTaskConfig
-      config_;  // id, type and numbers are constant; interfaces and sources follow the system
-  std::uint32_t packets_sent_ = 0;      // sequence number of the last probe
-  std::uint32_t packets_received_ = 0;  // distinct probes answered
-  SlaTaskMetrics metrics_;              // the run in progress
-  std::vector<SlaPacketRecord> packets_;
+  mutable Mutex mutex_;
+  std::atomic<RunNumber> run_{0};  // written under mutex_; also read without it
+  // Interfaces and sources follow the system; what the constants above repeat does not change.
+  SlaTaskConfig config_ IPSLA_GUARDED_BY(mutex_);
+  MeasurementSocket socket_ IPSLA_GUARDED_BY(mutex_);
   // At least kMinBufferBytes long, whatever the packet size: replies are read at fixed offsets.
-  std::vector<std::uint8_t> send_buffer_;
-  std::vector<std::uint8_t> receive_buffer_;
-
+  std::vector<std::uint8_t> send_buffer_ IPSLA_GUARDED_BY(mutex_);
+  std::vector<std::uint8_t> receive_buffer_ IPSLA_GUARDED_BY(mutex_);
   static constexpr std::size_t kMinBufferBytes = 64;
-  static constexpr std::size_t kDatagramsPerTurn = 64;
+
+  // The run's results: guarded by mutex_, but while reporting_ is set they belong to the thread
+  // that reports, without it.
+  ProbeRing ring_;
+  SlaTaskMetrics metrics_;
 
  private:
-  void OnTimer(const boost::system::error_code& error, std::uint64_t ticket,
-               const TimerHandler& handler);
-  void NewStart();
-  [[nodiscard]] bool IsInVrf(const std::string& vrf_key) const;
-  [[nodiscard]] bool CheckSourceAddress();
+  // Start and end of runs (sender.cpp).
+  void OnTimer(RunTimer::Ticket ticket, const TimerHandler& handler) IPSLA_EXCLUDES(mutex_);
+  void NewStart() IPSLA_REQUIRES(mutex_);
+  void EndByTimeout() IPSLA_REQUIRES(mutex_);
+  [[nodiscard]] bool CheckSourceAddress() IPSLA_REQUIRES(mutex_);
   void CompleteSourceInterface(SlaEndpointConfig* endpoint) const;
-  void StopLocked(bool final);
-  [[nodiscard]] std::size_t SlotOf(std::uint32_t sequence) const {
-    return sequence % packets_.size();
-  }
-  void StoreRun();
-  [[nodiscard]] std::int64_t PauseNanoseconds() const;
-  [[nodiscard]] bool Pace(RunNumber run, std::int64_t pause_nanoseconds) const;
+  [[nodiscard]] bool IsInVrf(const std::string& vrf_key) const IPSLA_REQUIRES(mutex_);
+  void StopLocked(bool final) IPSLA_REQUIRES(mutex_);
+  [[nodiscard]] std::uint32_t SecondsToNextRun() const IPSLA_REQUIRES(mutex_);
+  void ClearFailedRun() IPSLA_REQUIRES(mutex_);
+  void ReportRun() IPSLA_REQUIRES(mutex_);
+  void StoreRun(const SlaTaskConfig& config);
 
-  // All guarded by mutex_.
-  boost::asio::steady_timer timer_;
-  std::uint64_t timer_ticket_ = 0;     // number of the armed wait
-  bool receiving_ = false;             // until an error or `take` ends this run's receiving
-  std::int64_t last_send_steady_ = 0;  // steady clock at the last probe of this run
-  std::int64_t end_of_life_ = 0;       // nanoseconds since the epoch
-  bool scheduled_ = false;             // Schedule() armed the first start
-  bool stopped_ = false;
+  // Probes out and replies in (sender_probes.cpp).
+  void PaceNow() IPSLA_REQUIRES(mutex_);
+  [[nodiscard]] std::optional<SteadyTime> SendDue(RunNumber run) IPSLA_EXCLUDES(mutex_);
+  [[nodiscard]] std::optional<SteadyTime> SendNext() IPSLA_REQUIRES(mutex_);
+  void WaitToSend() IPSLA_REQUIRES(mutex_);
+  void SendPacket(const boost::system::error_code& error, RunNumber run) IPSLA_EXCLUDES(mutex_);
+  void WaitToReceive() IPSLA_REQUIRES(mutex_);
+  void ReceivePacket(const boost::system::error_code& error, RunNumber run) IPSLA_EXCLUDES(mutex_);
+  [[nodiscard]] bool TakeReplies(std::size_t most) IPSLA_REQUIRES(mutex_);
+  [[nodiscard]] bool IsInTime(const timespec& arrival) const IPSLA_REQUIRES(mutex_);
+  void TakeDepartures() IPSLA_REQUIRES(mutex_);
+
+  const ProbeCalls calls_;
+  RunTimer timer_ IPSLA_GUARDED_BY(mutex_);
+  bool receiving_ IPSLA_GUARDED_BY(mutex_) = false;  // until an error or `take` ends it
+  SteadyTime run_start_ IPSLA_GUARDED_BY(mutex_);    // of this run
+  timespec run_start_real_ IPSLA_GUARDED_BY(mutex_){};
+  SteadyTime last_send_ IPSLA_GUARDED_BY(mutex_);          // immediately before the last probe
+  SteadyTime deadline_ IPSLA_GUARDED_BY(mutex_);           // of this run, once its probes go out
+  std::uint32_t stamp_base_ IPSLA_GUARDED_BY(mutex_) = 0;  // sequence number of stamp number 0
+  std::int64_t end_of_life_ IPSLA_GUARDED_BY(mutex_) = 0;  // nanoseconds since the epoch
+  bool scheduled_ IPSLA_GUARDED_BY(mutex_) = false;        // Schedule() armed the first start
+  bool stopped_ IPSLA_GUARDED_BY(mutex_) = false;
+  // Stop() was called: what is being reported is not stored any more. Written under mutex_.
+  std::atomic<bool> withdrawn_{false};
+  // A run that has ended is being computed, stored and reported, without mutex_. A start that
+  // falls into this time waits for its end.
+  bool reporting_ IPSLA_GUARDED_BY(mutex_) = false;
+  bool start_after_report_ IPSLA_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace ipsla

@@ -10,6 +10,7 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/error.hpp>
 
+#include "env/process.h"
 #include "log/log.h"
 #include "udp/auth_funcs.h"
 #include "udp/print_funcs.h"
@@ -34,14 +35,18 @@ void DrainErrorQueue(int fd) {
 
 }  // namespace
 
-const Sender::TimerHandler UdpSender::kControlPhaseTimer{
-    "ControlPhaseTimer", [](Sender& test) { static_cast<UdpSender&>(test).AbortControlPhase(); }};
+const Sender::TimerHandler UdpSender::kControlPhaseTimer{"ControlPhaseTimer", [](Sender& test) {
+                                                           auto& self =
+                                                               static_cast<UdpSender&>(test);
+                                                           self.mutex_.AssertHeld();
+                                                           self.AbortControlPhase();
+                                                         }};
 
 std::string UdpSender::CurrentKey() const {
   if (config_.auth.mode == SlaAuthMode::kNone) return {};
   std::string key;
   if (GetTaskKey(&key, config_.auth, *context_.keys->Snapshot()) != 1) {
-    throw std::runtime_error("Get auth key failed for test " + std::to_string(config_.sla_id));
+    throw std::runtime_error("Get auth key failed for test " + std::to_string(id_));
   }
   return key;
 }
@@ -49,7 +54,7 @@ std::string UdpSender::CurrentKey() const {
 void UdpSender::ControlPhase() {
   // Dumped before this phase's nonce and digest are written: it shows those of the previous one,
   // deliberately.
-  PrintCtlPhPkt(config_.sla_id, EncodeControlMessage(request_).data(), kControlMessageSize, false,
+  PrintCtlPhPkt(id_, EncodeControlMessage(request_).data(), kControlMessageSize, false,
                 config_.auth, *context_.keys->Snapshot());
   if (config_.auth.mode != SlaAuthMode::kNone) {
     std::string key;
@@ -59,7 +64,7 @@ void UdpSender::ControlPhase() {
       FailStart(error.what());
       return;
     }
-    if (!SignControlRequest(config_.sla_id, config_.auth.algorithm, key, &request_)) {
+    if (!SignControlRequest(id_, config_.auth.algorithm, key, &request_)) {
       FailRun(kInternalError);
       return;
     }
@@ -75,8 +80,8 @@ void UdpSender::ControlPhase() {
 }
 
 void UdpSender::FailControlPhase(ErrorKind kind, const std::string& reason) {
-  if (IsErrorLogAllowed(config_.sla_id, kind)) {
-    LOG_ERROR(config_.sla_id, "(test %d) Control phase failed: %s", config_.sla_id, reason.c_str());
+  if (IsErrorLogAllowed(id_, kind)) {
+    LOG_ERROR(id_, "(test %d) Control phase failed: %s", id_, reason.c_str());
   }
   FailRun(kInternalError);
 }
@@ -89,7 +94,8 @@ void UdpSender::ArmControlReceive() {
 }
 
 void UdpSender::ControlResponse(const boost::system::error_code& error, RunNumber run) {
-  const std::lock_guard lock(mutex_);
+  const BelowPacing priority;
+  const MutexLock lock(mutex_);
   if (run != run_) return;
   if (error) {
     ControlReceiveFailed(error);
@@ -114,14 +120,14 @@ bool UdpSender::TakeControlResponse() {
 
 void UdpSender::HandleResponse() {
   CancelTimer();
-  PrintCtlPhPkt(config_.sla_id, response_.data(), kControlMessageSize, true, config_.auth,
+  PrintCtlPhPkt(id_, response_.data(), kControlMessageSize, true, config_.auth,
                 *context_.keys->Snapshot());
   const ControlPhaseMessage response = DecodeControlMessage(response_);
   if (response.version != kControlProtocolVersion) {
-    if (IsErrorLogAllowed(config_.sla_id, ErrorKind::kControlResponse)) {
-      LOG_ERROR(config_.sla_id,
+    if (IsErrorLogAllowed(id_, ErrorKind::kControlResponse)) {
+      LOG_ERROR(id_,
                 "(test %d) Control phase failed: invalid response control phase protocol version",
-                config_.sla_id);
+                id_);
     }
     FailRun("control phase failed: invalid response control phase protocol version");
   } else if (response.status == SlaControlStatus::kSuccessful) {
@@ -133,43 +139,44 @@ void UdpSender::HandleResponse() {
 
 void UdpSender::StartMeasurement(const ControlPhaseMessage& response) {
   try {
-    measurement_destination_ =
-        Endpoint(boost::asio::ip::address_v4(ntohl(config_.measurement.dst.sin_addr.s_addr)),
-                 response.measurement_responder_port);
-    ArmReceive();
-    ArmSend();
-    StartFuncTimeout(kTestStop, SessionDuration(config_));
+    measurement_destination_ = {.sin_family = AF_INET,
+                                .sin_port = htons(response.measurement_responder_port),
+                                .sin_addr = config_.measurement.dst.sin_addr,
+                                .sin_zero = {}};
+    StartProbing(duration_ms_);
   } catch (const std::exception& error) {
     FailControlPhase(ErrorKind::kControlResponse, error.what());
   }
 }
 
 void UdpSender::RejectResponse(const ControlPhaseMessage& response) {
-  const bool log = IsErrorLogAllowed(config_.sla_id, ErrorKind::kControlResponse);
+  // Header status "fail" alone has nothing to log: it must not use up the line of what has.
+  const bool has_line = response.status != SlaControlStatus::kFail ||
+                        response.auth_status != SlaControlStatus::kSuccessful ||
+                        response.measurement_status != SlaControlStatus::kSuccessful;
+  const bool log = has_line && IsErrorLogAllowed(id_, ErrorKind::kControlResponse);
   std::string description = metrics_.error_description;
   // Each later finding overwrites the text of an earlier one; header status "fail" only points to
   // the other two.
   if (response.status != SlaControlStatus::kFail) {
     const std::string name = ControlStatusToString(response.status);
     if (log) {
-      LOG_ERROR(config_.sla_id, "(test %d) Control phase failed: command header status: %s",
-                config_.sla_id, name.c_str());
+      LOG_ERROR(id_, "(test %d) Control phase failed: command header status: %s", id_,
+                name.c_str());
     }
     description = "control phase failed: command header status: " + name;
   }
   if (response.auth_status != SlaControlStatus::kSuccessful) {
     const std::string name = ControlStatusToString(response.auth_status);
     if (log) {
-      LOG_ERROR(config_.sla_id, "(test %d) Control phase authentication failed: %s", config_.sla_id,
-                name.c_str());
+      LOG_ERROR(id_, "(test %d) Control phase authentication failed: %s", id_, name.c_str());
     }
     description = "control phase authentication failed: " + name;
   }
   if (response.measurement_status != SlaControlStatus::kSuccessful) {
     const std::string name = ControlStatusToString(response.measurement_status);
     if (log) {
-      LOG_ERROR(config_.sla_id, "(test %d) Control phase measurement failed: %s", config_.sla_id,
-                name.c_str());
+      LOG_ERROR(id_, "(test %d) Control phase measurement failed: %s", id_, name.c_str());
     }
     description = "control phase measurement failed: " + name;
   }
@@ -180,19 +187,17 @@ void UdpSender::ControlReceiveFailed(const boost::system::error_code& error) {
   if (metrics_.status == RunResult::kFail) return;
   std::string description = metrics_.error_description;
   if (error == boost::asio::error::operation_aborted) {
-    if (IsErrorLogAllowed(config_.sla_id, ErrorKind::kControlResponse)) {
-      LOG_ERROR(config_.sla_id,
-                "(test %d) Control phase failed: destination host is not responding",
-                config_.sla_id);
+    if (IsErrorLogAllowed(id_, ErrorKind::kControlResponse)) {
+      LOG_ERROR(id_, "(test %d) Control phase failed: destination host is not responding", id_);
     }
     description = "control phase failed: destination host is not responding";
   } else if (error == boost::asio::error::connection_refused) {
-    if (IsErrorLogAllowed(config_.sla_id, ErrorKind::kControlResponse)) {
-      LOG_ERROR(config_.sla_id,
+    if (IsErrorLogAllowed(id_, ErrorKind::kControlResponse)) {
+      LOG_ERROR(id_,
                 "(test %d) Control phase failed: connection refused. The responder may not be "
                 "running or is using a "
                 "different port",
-                config_.sla_id);
+                id_);
     }
     description =
         "control phase failed: connection refused";  // deliberately shorter than the log line

@@ -3,7 +3,8 @@
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <span>
 #include <stdexcept>
@@ -11,8 +12,6 @@
 #include <boost/asio/buffer.hpp>
 
 #include "env/namespace_scope.h"
-#include "env/network_namespace.h"
-#include "env/packet_stamps.h"
 #include "env/socket_options.h"
 #include "env/time_values.h"
 #include "log/log.h"
@@ -24,8 +23,6 @@ namespace {
 
 using boost::asio::ip::udp;
 
-constexpr std::int64_t kMicrosecond = 1000;
-
 static_assert(kReplyReadSize <= 64, "replies are read within the shortest buffer");
 
 udp::endpoint ToEndpoint(const sockaddr_in& address) {
@@ -34,32 +31,42 @@ udp::endpoint ToEndpoint(const sockaddr_in& address) {
 
 }  // namespace
 
-const Sender::TimerHandler UdpSender::kTestStop{
-    "TestStop", [](Sender& test) { static_cast<UdpSender&>(test).TestStop(); }};
+const Sender::ProbeCalls UdpSender::kCalls{.send =
+                                               [](Sender& test) {
+                                                 auto& self = static_cast<UdpSender&>(test);
+                                                 self.mutex_.AssertHeld();
+                                                 return self.SendNextProbe();
+                                               },
+                                           .take =
+                                               [](Sender& test, const StampedDatagram& datagram) {
+                                                 auto& self = static_cast<UdpSender&>(test);
+                                                 self.mutex_.AssertHeld();
+                                                 return self.TakeReply(datagram);
+                                               }};
 
 UdpSender::UdpSender(boost::asio::io_context& worker, const SlaTaskConfig& task,
                      const SenderContext& context)
-    : Sender(worker, task, context),
+    : Sender(worker, task, context, kCalls),
       control_destination_(ToEndpoint(task.control_phase.dst)),
-      measurement_socket_(worker),
+      duration_ms_(SessionDuration(task)),
       control_socket_(worker),
       request_(BuildControlRequest(config_)) {
   const std::size_t header = ProbeHeaderSize(task.sla_type);
   if (header == 0) throw std::runtime_error("Unknown UDP sla sender type");
   // A test whose key is missing is not created. Every control phase then asks the store again.
   static_cast<void>(CurrentKey());
-  for (std::size_t i = header; i < task.packet_size; ++i)
-    send_buffer_[i] = static_cast<std::uint8_t>(std::rand());
+  FillPadding(header, task.packet_size);
 }
 
 void UdpSender::StartTest() {
   BeginRun();
   response_.fill(0);
   highest_counter_ = 0;
-  request_.control_sender_address = config_.control_phase.src.sin_addr;
-  request_.measurement_sender_address = config_.measurement.src.sin_addr;
-  if (config_.measurement.src.sin_addr.s_addr == INADDR_ANY ||
-      config_.control_phase.src.sin_addr.s_addr == INADDR_ANY) {
+  const in_addr control_source = config_.control_phase.src.sin_addr;
+  const in_addr measurement_source = config_.measurement.src.sin_addr;
+  request_.control_sender_address = control_source;
+  request_.measurement_sender_address = measurement_source;
+  if (measurement_source.s_addr == INADDR_ANY || control_source.s_addr == INADDR_ANY) {
     FailRun("Start test failed");
     return;
   }
@@ -75,141 +82,90 @@ void UdpSender::StartTest() {
 
 void UdpSender::OpenSockets() {
   NetworkNamespaceScope vrf(config_.measurement.vrf);
-  measurement_socket_.open(udp::v4());
+  socket_.Open(SOCK_DGRAM, IPPROTO_UDP);
   control_socket_.open(udp::v4());
   vrf.Leave();
 }
 
 void UdpSender::BindSockets() {
-  const int measurement = measurement_socket_.native_handle();
   const int control = control_socket_.native_handle();
-  const int ttl = config_.ttl;
-  const int tos = config_.dscp * 4;
-  const int mtu_discovery = IP_PMTUDISC_DONT;
-  SetSockOpt(measurement, IPPROTO_IP, IP_TTL, &ttl, sizeof ttl, "IP_TTL");
-  SetSockOpt(measurement, IPPROTO_IP, IP_TOS, &tos, sizeof tos, "IP_TOS");
-  SetSockOpt(measurement, IPPROTO_IP, IP_MTU_DISCOVER, &mtu_discovery, sizeof mtu_discovery,
-             "IP_MTU_DISCOVER");
-  const auto bind_to_device = [](int fd, const std::string& name) {
-    if (name.empty()) return;
-    SetSockOpt(fd, SOL_SOCKET, SO_BINDTODEVICE, name.c_str(),
-               static_cast<socklen_t>(name.size() + 1), "SO_BINDTODEVICE");
-  };
-  bind_to_device(control, config_.control_phase.if_name);
-  bind_to_device(measurement, config_.measurement.if_name);
+  SetProbeOptions();
+  const std::string& control_interface = config_.control_phase.if_name;
+  if (!control_interface.empty()) {
+    SetSockOpt(control, SOL_SOCKET, SO_BINDTODEVICE, control_interface.c_str(),
+               static_cast<socklen_t>(control_interface.size() + 1), "SO_BINDTODEVICE");
+  }
+  socket_.BindToDevice(config_.measurement.if_name);
   // Only with queued errors does an unconnected socket learn that the responder's port is closed
   // (ip(7)).
   const int on = 1;
   SetSockOpt(control, IPPROTO_IP, IP_RECVERR, &on, sizeof on, "IP_RECVERR");
-  EnableReceiveStamps(measurement);
-  ReserveReceiveBuffer(measurement, packets_.size(), config_.packet_size);
+  socket_.PrepareForReplies(ring_.Slots(), packet_size_);
 
-  measurement_socket_.bind(ToEndpoint(config_.measurement.src));
+  socket_.Bind({.sin_family = AF_INET,
+                .sin_port = config_.measurement.src.sin_port,
+                .sin_addr = config_.measurement.src.sin_addr,
+                .sin_zero = {}});
   control_socket_.bind(ToEndpoint(config_.control_phase.src));
   request_.control_sender_port = control_socket_.local_endpoint().port();
-  request_.measurement_sender_port = measurement_socket_.local_endpoint().port();
+  request_.measurement_sender_port = socket_.LocalPort();
 }
 
 void UdpSender::CalcTestMetric() {
-  if (config_.sla_type == SlaTestType::kUdpEcho) {
-    CalcEchoMetric(config_.sla_id, packets_, &metrics_);
+  if (type_ == SlaTestType::kUdpEcho) {
+    CalcEchoMetric(id_, ring_.Records(), &metrics_);
   } else {
-    CalcJitterMetrics(config_.sla_id, packets_, &metrics_, highest_counter_,
-                      SessionDuration(config_), config_.sla_type == SlaTestType::kUdpJitterNtp);
+    CalcJitterMetrics(id_, ring_.Records(), &metrics_, highest_counter_, duration_ms_,
+                      type_ == SlaTestType::kUdpJitterNtp);
   }
 }
 
 SlaTaskMetrics UdpSender::GetMetrics(const std::list<SlaTaskMetrics>& history) const {
-  const bool copy =
-      config_.sla_type == SlaTestType::kUdpEcho || metrics_.status != RunResult::kSuccessful;
-  return copy ? metrics_ : AggregateHistory(history);
+  return LatestOf(history);
 }
 
 void UdpSender::CloseSockets() {
   if (control_socket_.is_open()) control_socket_.close();
-  if (measurement_socket_.is_open()) measurement_socket_.close();
+  socket_.Close();
 }
 
-void UdpSender::ArmSend() {
-  measurement_socket_.async_wait(
-      udp::socket::wait_write,
-      [self = SharedFrom(this), run = run_.load()](const boost::system::error_code& error) {
-        self->SendPacket(error, run);
-      });
-}
-
-void UdpSender::ArmReceive() {
-  measurement_socket_.async_wait(
-      udp::socket::wait_read,
-      [self = SharedFrom(this), run = run_.load()](const boost::system::error_code& error) {
-        self->ReceivePacket(error, run);
-      });
-}
-
-void UdpSender::SendPacket(const boost::system::error_code& error, RunNumber run) {
-  PacedSend(error, run, kMicrosecond, [this] {
-    if (SendProbe() && packets_sent_ != static_cast<std::uint32_t>(config_.num_packets)) ArmSend();
-  });
-}
-
-bool UdpSender::SendProbe() {
-  ++packets_sent_;
-  EncodeProbe(config_.sla_type, packets_sent_, send_buffer_);
+Sender::SendOutcome UdpSender::SendNextProbe() {
+  EncodeProbe(type_, ring_.Sent() + 1, send_buffer_);
   const timespec now = RealTimeNow();
-  OpenRecord(packets_sent_, now).send_stamp = TenNanosecondsOfDay(now);
-  boost::system::error_code error;
-  measurement_socket_.send_to(boost::asio::buffer(send_buffer_.data(), config_.packet_size),
-                              measurement_destination_, 0, error);
-  if (error) {
-    if (IsErrorLogAllowed(config_.sla_id, ErrorKind::kSend)) {
-      LOG_ERROR(config_.sla_id, "(test %d) %s", config_.sla_id, error.message().c_str());
+  OpenProbe(now).send_stamp = TenNanosecondsOfDay(now);
+  const int error = SendProbe(packet_size_, &measurement_destination_);
+  if (error == EAGAIN) return SendOutcome::kFull;
+  if (error != 0) {
+    if (IsErrorLogAllowed(id_, ErrorKind::kSend)) {
+      LOG_ERROR(id_, "(test %d) %s", id_, std::strerror(error));
     }
-    return false;
+    return SendOutcome::kFailed;
   }
   ++metrics_.sd_pkt_count;
-  return true;
+  return SendOutcome::kSent;
 }
 
-void UdpSender::ReceivePacket(const boost::system::error_code& error, RunNumber run) {
-  const std::lock_guard lock(mutex_);
-  if (run != run_ || error == boost::asio::error::operation_aborted) return;
-  if (error) {
-    LOG_DEBUG(config_.sla_id, "ReceivePacket failed on test %d: %s", config_.sla_id,
-              error.message().c_str());
-    return;
-  }
-  if (TakeReplies()) ArmReceive();
-}
-
-bool UdpSender::TakeReplies(std::size_t most) {
-  const auto take = [this](const StampedDatagram& datagram) {
-    if (datagram.bytes == 0)
-      return false;  // an empty datagram ends the receiving of this run, deliberately
-    TakeReply(datagram);
-    return true;
-  };
-  return DrainReplies(measurement_socket_.native_handle(), config_.packet_size, take, most);
-}
-
-void UdpSender::TakeReply(const StampedDatagram& datagram) {
+bool UdpSender::TakeReply(const StampedDatagram& datagram) {
+  // An empty datagram ends the receiving of this run, deliberately.
+  if (datagram.bytes == 0) return false;
   // The whole buffer, not only the bytes received: a field beyond them reads what the buffer holds,
   // deliberately.
-  const ProbeReply reply = DecodeReply(receive_buffer_);
-  if (reply.type != static_cast<std::uint16_t>(config_.sla_type)) return;
-  SlaPacketRecord* record = FindSent(reply.sequence);
-  if (record == nullptr) return;
+  const ProbeReply reply = DecodeReply(datagram.buffer);
+  if (reply.type != static_cast<std::uint16_t>(type_)) return true;
+  SlaPacketRecord* record = ring_.FindSent(reply.sequence);
+  if (record == nullptr) return true;
   if (record->state == SlaPacketState::kReceived) {
     ++metrics_.duplicate;
-    return;
+    return true;
   }
   highest_counter_ = std::max(highest_counter_, reply.counter);
-  if (config_.sla_type == SlaTestType::kUdpJitter) {
+  if (type_ == SlaTestType::kUdpJitter) {
     record->rs = reply.counter;
     record->receive_ms = MillisecondsOfDay(datagram.arrival);
     record->receive_stamp = TenNanosecondsOfDay(datagram.arrival);
     record->remote_receive_stamp = reply.stamp;
     record->remote_transmit_stamp = reply.stamp;
-  } else if (config_.sla_type == SlaTestType::kUdpJitterNtp) {
+  } else if (type_ == SlaTestType::kUdpJitterNtp) {
     record->rs = static_cast<std::uint32_t>(reply.ntp_value) << 16U;
     record->ntp_t2 = reply.ntp_first;
     record->ntp_t3 = reply.ntp_second;
@@ -218,14 +174,7 @@ void UdpSender::TakeReply(const StampedDatagram& datagram) {
     record->receive_ms = MillisecondsOfDay(datagram.arrival);
   }
   AcceptReply(record);
-  if (packets_received_ == static_cast<std::uint32_t>(config_.num_packets)) CalcMetric();
-}
-
-void UdpSender::TestStop() {
-  // A reply that has arrived in time counts even if no thread was free to take it.
-  const RunNumber run = run_;
-  static_cast<void>(TakeReplies(AllReplies()));
-  if (run == run_) EndByTimeout();
+  return true;
 }
 
 }  // namespace ipsla

@@ -5,7 +5,6 @@
 #ifndef IPSLA_UDP_UDP_SENDER_H_
 #define IPSLA_UDP_UDP_SENDER_H_
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -40,51 +39,44 @@ class UdpSender final : public Sender {
   using Endpoint = boost::asio::ip::udp::endpoint;
 
   static const TimerHandler kControlPhaseTimer;
-  static const TimerHandler kTestStop;
+  static const ProbeCalls kCalls;
 
-  void StartTest() override;
+  void StartTest() override IPSLA_REQUIRES(mutex_);
   void CalcTestMetric() override;
   [[nodiscard]] SlaTaskMetrics GetMetrics(const std::list<SlaTaskMetrics>& history) const override;
-  void CloseSockets() override;
+  void CloseSockets() override IPSLA_REQUIRES(mutex_);
 
-  // The run's start; all require mutex_.
-  void OpenSockets();
-  void BindSockets();
+  void OpenSockets() IPSLA_REQUIRES(mutex_);
+  void BindSockets() IPSLA_REQUIRES(mutex_);
 
-  // Control phase (udp_control_phase.cpp). All require mutex_ except ControlResponse, which takes
-  // it.
-  void ControlPhase();
-  [[nodiscard]] std::string CurrentKey() const;
-  void ArmControlReceive();
-  void ControlResponse(const boost::system::error_code& error, RunNumber run);
-  [[nodiscard]] bool TakeControlResponse();
-  void HandleResponse();
-  void StartMeasurement(const ControlPhaseMessage& response);
-  void RejectResponse(const ControlPhaseMessage& response);
-  void ControlReceiveFailed(const boost::system::error_code& error);
-  void AbortControlPhase();
-  void FailControlPhase(ErrorKind kind, const std::string& reason);
+  // Control phase (udp_control_phase.cpp).
+  void ControlPhase() IPSLA_REQUIRES(mutex_);
+  [[nodiscard]] std::string CurrentKey() const IPSLA_REQUIRES(mutex_);
+  void ArmControlReceive() IPSLA_REQUIRES(mutex_);
+  void ControlResponse(const boost::system::error_code& error, RunNumber run)
+      IPSLA_EXCLUDES(mutex_);
+  [[nodiscard]] bool TakeControlResponse() IPSLA_REQUIRES(mutex_);
+  void HandleResponse() IPSLA_REQUIRES(mutex_);
+  void StartMeasurement(const ControlPhaseMessage& response) IPSLA_REQUIRES(mutex_);
+  void RejectResponse(const ControlPhaseMessage& response) IPSLA_REQUIRES(mutex_);
+  void ControlReceiveFailed(const boost::system::error_code& error) IPSLA_REQUIRES(mutex_);
+  void AbortControlPhase() IPSLA_REQUIRES(mutex_);
+  void FailControlPhase(ErrorKind kind, const std::string& reason) IPSLA_REQUIRES(mutex_);
 
-  // Measurement. All require mutex_ except the two handlers, which take it.
-  void ArmSend();
-  void ArmReceive();
-  void SendPacket(const boost::system::error_code& error, RunNumber run);
-  [[nodiscard]] bool SendProbe();
-  void ReceivePacket(const boost::system::error_code& error, RunNumber run);
-  [[nodiscard]] bool TakeReplies(std::size_t most = kDatagramsPerTurn);
-  void TakeReply(const StampedDatagram& datagram);
-  void TestStop();
+  // Measurement.
+  [[nodiscard]] SendOutcome SendNextProbe() IPSLA_REQUIRES(mutex_);
+  [[nodiscard]] bool TakeReply(const StampedDatagram& datagram) IPSLA_REQUIRES(mutex_);
 
   // Constant.
   const Endpoint control_destination_;
+  const std::uint32_t duration_ms_;  // of a session, agreed with the responder
 
-  // All guarded by mutex_.
-  Socket measurement_socket_;
-  Socket control_socket_;
-  Endpoint measurement_destination_;   // from the response
-  ControlPhaseMessage request_;        // nonce and digest are those of the last control phase
-  ControlMessageBytes response_{};     // zeroed at the start of each run
-  std::uint32_t highest_counter_ = 0;  // highest responder counter of this run
+  Socket control_socket_ IPSLA_GUARDED_BY(mutex_);
+  sockaddr_in measurement_destination_ IPSLA_GUARDED_BY(mutex_){};  // port: from the response
+  // Nonce and digest are those of the last control phase.
+  ControlPhaseMessage request_ IPSLA_GUARDED_BY(mutex_);
+  ControlMessageBytes response_ IPSLA_GUARDED_BY(mutex_){};  // zeroed at the start of each run
+  std::uint32_t highest_counter_ = 0;  // of the responder, in this run; guarded as metrics_ is
 };
 
 }  // namespace ipsla

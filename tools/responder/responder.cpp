@@ -97,7 +97,8 @@ void Responder::Run(const std::function<std::optional<AuthPolicy>()>& load) {
         ReceiveProbes(fd);
       }
     }
-    for (const Session& session : sessions_.TakeEnded(SteadyNanoseconds())) Close(session, "ended");
+    for (const Session& session : sessions_.TakeEnded(SteadyNow().time_since_epoch().count()))
+      Close(session, "ended");
   }
   for (const Session& session : sessions_.TakeAll()) Close(session, "stopped");
   print_(fmt::format("stopped, requests refused {}, requests ignored {}, stray probes {}",
@@ -121,7 +122,7 @@ int Responder::TimeoutMs() const {
   const std::optional<std::int64_t> end = sessions_.NextEnd();
   if (!end) return -1;
   const std::int64_t wait =
-      (*end - SteadyNanoseconds() + kNanosecondsPerMs - 1) / kNanosecondsPerMs;
+      (*end - SteadyNow().time_since_epoch().count() + kNanosecondsPerMs - 1) / kNanosecondsPerMs;
   return static_cast<int>(std::clamp<std::int64_t>(wait, 0, std::numeric_limits<int>::max()));
 }
 
@@ -179,7 +180,8 @@ std::optional<Session> Responder::OpenSession(const ReceivedRequest& request,
   }
   std::optional<Session> replaced;
   const auto type = static_cast<SlaTestType>(answer.operation_type);
-  answer.session_id = sessions_.Open(key, type, answer.duration_ms, SteadyNanoseconds(), &replaced);
+  answer.session_id = sessions_.Open(key, type, answer.duration_ms,
+                                     SteadyNow().time_since_epoch().count(), &replaced);
   answer.measurement_responder_port = key.local.port;
   ++socket->sessions;
   if (options_.verbose) {

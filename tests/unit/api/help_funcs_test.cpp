@@ -33,9 +33,12 @@ using testing::IsEmpty;
 class StoppableTest final : public Sender {
  public:
   StoppableTest(TestContext& context, const SlaTaskConfig& task, std::vector<int>* stops)
-      : Sender(context.worker, task, context.Shared()), stops_(stops) {}
+      : Sender(context.worker, task, context.Shared(), kCalls), stops_(stops) {}
 
  private:
+  static constexpr ProbeCalls kCalls{.send = [](Sender&) { return SendOutcome::kFailed; },
+                                     .take = [](Sender&, const StampedDatagram&) { return false; }};
+
   void StartTest() override {}
   void CalcTestMetric() override {}
   [[nodiscard]] SlaTaskMetrics GetMetrics(const std::list<SlaTaskMetrics>&) const override {

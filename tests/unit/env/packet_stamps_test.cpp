@@ -95,7 +95,7 @@ Arrival TakeLate(const LoopbackSocket& receiver) {
   sender.SendTo(receiver, "probe");
   receiver.WaitReadable();
   arrival.readable = ToNanoseconds(RealTimeNow());
-  SleepUntil(SteadyNanoseconds() + 5 * kMillisecond);
+  SleepUntil(SteadyNow() + std::chrono::milliseconds(5));
   arrival.taken = ToNanoseconds(RealTimeNow());
   std::array<char, 16> buffer{};
   int error = 0;
@@ -108,10 +108,9 @@ TEST(ReceiveStampedTest, StampsTheArrivalHoweverLateTheDatagramIsTaken) {
   const LoopbackSocket receiver;
   EnableReceiveStamps(receiver.Fd());
   // The kernel begins to stamp a moment after the first socket asked for it.
-  const std::int64_t deadline = SteadyNanoseconds() + 10000 * kMillisecond;
+  const SteadyTime deadline = SteadyNow() + std::chrono::seconds(10);
   Arrival arrival = TakeLate(receiver);
-  while (arrival.stamp > arrival.readable && SteadyNanoseconds() < deadline)
-    arrival = TakeLate(receiver);
+  while (arrival.stamp > arrival.readable && SteadyNow() < deadline) arrival = TakeLate(receiver);
   EXPECT_GE(arrival.stamp, arrival.sent);
   EXPECT_LE(arrival.stamp, arrival.readable);
 }

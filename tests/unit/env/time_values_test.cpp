@@ -120,18 +120,18 @@ TEST(ClockTest, ReadsTheRealTimeClock) {
 }
 
 TEST(ClockTest, NeverSleepsTooShort) {
-  const std::int64_t deadline = SteadyNanoseconds() + 2000000;
+  const SteadyTime deadline = SteadyNow() + std::chrono::milliseconds(2);
   SleepUntil(deadline);
-  EXPECT_GE(SteadyNanoseconds(), deadline);
+  EXPECT_GE(SteadyNow(), deadline);
 }
 
 TEST(ClockTest, DoesNotSleepUntilADeadlineInThePast) {
-  const std::int64_t begin = SteadyNanoseconds();
-  for (const std::int64_t deadline :
-       {begin, begin - 1000000000, std::int64_t{0}, std::int64_t{-1}, INT64_MIN}) {
+  const SteadyTime begin = SteadyNow();
+  for (const SteadyTime deadline : {begin, begin - std::chrono::seconds(1), SteadyTime{},
+                                    SteadyTime{std::chrono::nanoseconds(-1)}, SteadyTime::min()}) {
     SleepUntil(deadline);
   }
-  EXPECT_LT(SteadyNanoseconds() - begin, 10000000000);
+  EXPECT_LT(SteadyNow() - begin, std::chrono::seconds(10));
 }
 
 }  // namespace

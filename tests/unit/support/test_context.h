@@ -26,7 +26,7 @@ class TestContext {
  public:
   TestContext();
 
-  [[nodiscard]] SenderContext Shared() const { return {statistics, interfaces, keys}; }
+  [[nodiscard]] SenderContext Shared() const { return {statistics, interfaces, keys, pacer}; }
 
   /// Runs the event loop until `condition` holds, at most `limit`. Tells whether it held.
   [[nodiscard]] bool RunUntil(const std::function<bool()>& condition,
@@ -42,6 +42,7 @@ class TestContext {
   [[nodiscard]] std::uint32_t RunsOf(std::uint16_t id) const;
 
   boost::asio::io_context worker;
+  std::shared_ptr<Pacer> pacer = std::make_shared<Pacer>(worker);
   std::shared_ptr<StatisticsStore> statistics = std::make_shared<StatisticsStore>();
   std::shared_ptr<InterfaceTable> interfaces = std::make_shared<InterfaceTable>();
   std::shared_ptr<KeyStore> keys = std::make_shared<KeyStore>();

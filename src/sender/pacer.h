@@ -1,0 +1,65 @@
+// Who sends when: the due probes of all tests in one queue, and the one thread that sends them.
+
+#ifndef IPSLA_SENDER_PACER_H_
+#define IPSLA_SENDER_PACER_H_
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <optional>
+
+#include <boost/asio/io_context.hpp>
+
+#include "env/time_values.h"
+#include "log/mutex.h"
+
+namespace ipsla {
+
+/// The queue of due probes. No test holds a thread while it waits for its next one: it stands here,
+/// and one thread of the worker context at a time is on duty. That thread waits for the earliest
+/// probe, sends what is due, and leaves when the queue is empty.
+///
+/// All threads have one real-time priority, so the thread on duty does not interrupt the others:
+/// those let it pass (LetDueProbesPass) between short steps and do long ones BelowPacing.
+///
+/// Threads: any. Its mutex is never held while a probe is sent, and may be taken with a test's
+/// held. Lifetime: it must outlive the run of the worker context.
+class Pacer {
+ public:
+  /// Sends one probe. Returns when the next one of that test is due; nothing when no more will
+  /// come this way. Called on the thread on duty, without any lock; does not throw.
+  using SendProbe = std::function<std::optional<SteadyTime>()>;
+
+  /// `worker` lends the thread on duty.
+  explicit Pacer(boost::asio::io_context& worker) : worker_(worker) {}
+
+  Pacer(const Pacer&) = delete;
+  Pacer& operator=(const Pacer&) = delete;
+
+  /// Has `send` called at `due`, and again whenever it says so.
+  void Add(SteadyTime due, SendProbe send);
+
+  /// Gives the CPU to the thread on duty when it should be sending but is not: because the caller
+  /// is in its way, perhaps. To be called between short steps, without any lock.
+  void LetDueProbesPass() const;
+
+  /// Empties the queue and ends the duty; nothing is sent any more, and Add does nothing.
+  void Stop();
+
+ private:
+  void Serve();
+  void SendEarliest(MutexLock* lock) IPSLA_REQUIRES(mutex_);
+
+  boost::asio::io_context& worker_;
+  Mutex mutex_;
+  // What the thread on duty sleeps for; the end of time when it is awake, or there is none.
+  std::atomic<SteadyTime> waiting_for_{SteadyTime::max()};
+  Condition earlier_;  // an earlier probe was added, or Stop()
+  std::multimap<SteadyTime, SendProbe> queue_ IPSLA_GUARDED_BY(mutex_);
+  bool on_duty_ IPSLA_GUARDED_BY(mutex_) = false;
+  bool stopped_ IPSLA_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace ipsla
+
+#endif  // IPSLA_SENDER_PACER_H_

@@ -1,0 +1,184 @@
+// The part of a test between its first probe and its last reply.
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <exception>
+
+#include <boost/asio/error.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include "log/log.h"
+#include "sender/sender.h"
+
+namespace ipsla {
+namespace {
+
+// As many datagrams are taken before others get their turn.
+constexpr std::size_t kDatagramsPerTurn = 64;
+
+// Of a burst without pauses the sender itself takes the replies so often: no other thread may get
+// to them before the socket's buffer is full.
+constexpr std::uint32_t kProbesPerTurn = 32;
+
+// When a probe is due while a handler of its test is at work, which takes microseconds.
+constexpr std::chrono::microseconds kRetryAfter{20};
+
+}  // namespace
+
+void Sender::SetProbeOptions() {
+  socket_.SetSendOptions(config_.ttl, config_.dscp * 4);
+}
+
+void Sender::StartProbing(std::uint32_t milliseconds) {
+  WaitToReceive();
+  PaceNow();
+  StartFuncTimeout(kTestStop, milliseconds);
+  deadline_ = SteadyNow() + std::chrono::milliseconds(milliseconds);
+}
+
+// The pacer holds the test weakly: one that was removed need not wait for its next probe.
+void Sender::PaceNow() {
+  context_.pacer->Add(SteadyNow(),
+                      [test = boost::weak_ptr<Sender>(shared_from_this()),
+                       run = run_.load()]() -> std::optional<SteadyTime> {
+                        const boost::shared_ptr<Sender> self = test.lock();
+                        return self ? self->SendDue(run) : std::nullopt;
+                      });
+}
+
+std::optional<SteadyTime> Sender::SendDue(RunNumber run) {
+  // Asked without the mutex first: while a run that has ended is dealt with, its probes are void.
+  if (run != run_) return std::nullopt;
+  // The thread on duty has other tests' probes to send: it comes back rather than wait for a
+  // handler of this one.
+  if (!mutex_.try_lock()) return SteadyNow() + kRetryAfter;
+  const MutexLock lock(mutex_, std::adopt_lock);
+  if (run != run_) return std::nullopt;
+  try {
+    return SendNext();
+  } catch (const std::exception& error) {
+    LOG_DEBUG(id_, "SendPacket failed on test %d: %s", id_, error.what());
+    return std::nullopt;
+  }
+}
+
+std::optional<SteadyTime> Sender::SendNext() {
+  const RunNumber run = run_;
+  switch (calls_.send(*this)) {
+    case SendOutcome::kFull:
+      WaitToSend();
+      return std::nullopt;
+    case SendOutcome::kFailed:
+      return std::nullopt;
+    case SendOutcome::kSent:
+      break;
+  }
+  if (ring_.Sent() == static_cast<std::uint32_t>(num_packets_)) return std::nullopt;
+  if (config_.interval == 0 && ring_.Sent() % kProbesPerTurn == 0) {
+    static_cast<void>(TakeReplies(2 * kProbesPerTurn));
+    if (run != run_) return std::nullopt;
+  }
+  return last_send_ + std::chrono::milliseconds(config_.interval);
+}
+
+SlaPacketRecord& Sender::OpenProbe(const timespec& now) {
+  last_send_ = SteadyNow();
+  return ring_.OpenNext(now);
+}
+
+int Sender::SendProbe(std::size_t bytes, const sockaddr_in* to) {
+  const int error = socket_.Send(std::span(send_buffer_).first(bytes), to);
+  // The driver has stamped the probe before the call returned, unless it stands in a queue.
+  TakeDepartures();
+  if (error == 0) return 0;
+  if (error == EAGAIN) ring_.TakeBackLast();
+  // Whether the kernel has given a number to the probe that did not leave is not known.
+  EnableProbeStamps(socket_.Fd());
+  stamp_base_ = ring_.Sent() + 1;
+  return error;
+}
+
+void Sender::TakeDepartures() {
+  const int fd = socket_.Fd();
+  if (fd < 0) return;
+  while (const auto stamp = TakeTransmitStamp(fd)) {
+    const std::uint32_t sequence = stamp_base_ + stamp->number;
+    // The originate stamp of an icmp-jitter probe stands in its packet and stays as it is.
+    ring_.SetDeparture(sequence, stamp->departure, type_ != SlaTestType::kIcmpJitter);
+    if (sequence == ring_.Sent()) return;
+  }
+}
+
+void Sender::WaitToSend() {
+  socket_.WaitToSend([self = shared_from_this(), run = run_.load()](
+                         const boost::system::error_code& error) { self->SendPacket(error, run); });
+}
+
+void Sender::SendPacket(const boost::system::error_code& error, RunNumber run) {
+  const MutexLock lock(mutex_);
+  if (run != run_ || error == boost::asio::error::operation_aborted) return;
+  if (error) {
+    LOG_DEBUG(id_, "SendPacket failed on test %d: %s", id_, error.message().c_str());
+    return;
+  }
+  PaceNow();
+}
+
+void Sender::WaitToReceive() {
+  socket_.WaitToReceive(
+      [self = shared_from_this(), run = run_.load()](const boost::system::error_code& error) {
+        self->ReceivePacket(error, run);
+      });
+}
+
+void Sender::ReceivePacket(const boost::system::error_code& error, RunNumber run) {
+  context_.pacer->LetDueProbesPass();
+  if (run != run_) return;
+  const MutexLock lock(mutex_);
+  if (run != run_ || error == boost::asio::error::operation_aborted) return;
+  if (error) {
+    LOG_DEBUG(id_, "ReceivePacket failed on test %d: %s", id_, error.message().c_str());
+    return;
+  }
+  if (TakeReplies(kDatagramsPerTurn)) WaitToReceive();
+}
+
+// Takes what has arrived, so many datagrams at most. True when receiving goes on. Once it has ended
+// it stays so for the rest of the run.
+bool Sender::TakeReplies(std::size_t most) {
+  const RunNumber run = run_;
+  for (std::size_t taken = 0; receiving_ && taken < most; ++taken) {
+    int error = 0;
+    const std::size_t size = std::min<std::size_t>(packet_size_, receive_buffer_.size());
+    auto datagram = ReceiveStamped(socket_.Fd(), receive_buffer_.data(), size, &error);
+    if (!datagram) {
+      if (error == EAGAIN || error == EWOULDBLOCK) return true;
+      LOG_DEBUG(id_, "ReceivePacket failed on test %d: %s", id_, std::strerror(error));
+      receiving_ = false;
+      return false;
+    }
+    if (!IsInTime(datagram->arrival)) continue;
+    datagram->buffer = receive_buffer_;
+    receiving_ = calls_.take(*this, *datagram);
+    if (run != run_) return false;
+  }
+  return receiving_;
+}
+
+// By the kernel's stamp, however late it is looked at.
+bool Sender::IsInTime(const timespec& arrival) const {
+  const SteadyTime now = SteadyNow();
+  if (now <= deadline_) return true;
+  const std::int64_t age = ToNanoseconds(RealTimeNow()) - ToNanoseconds(arrival);
+  return now - std::chrono::nanoseconds(age) <= deadline_;
+}
+
+void Sender::AcceptReply(SlaPacketRecord* record) {
+  ++metrics_.ds_pkt_count;
+  ring_.Accept(record);
+  if (ring_.Received() == static_cast<std::uint32_t>(num_packets_)) CalcMetric();
+}
+
+}  // namespace ipsla
