@@ -8,11 +8,17 @@
 namespace ipsla::ctl {
 namespace {
 
-/// Secrets are not shown, not even wrong ones.
+/// Secrets are not shown, not even wrong ones or those in the wrong place: of what may hold one
+/// only the kind.
 TaskFault WithoutSecret(TaskFault fault) {
-  constexpr std::string_view kSecret = "key-string";
-  if (fault.key.ends_with(kSecret) && !fault.value.empty()) {
-    fault.value = "(hidden)";
+  std::string& value = fault.value;
+  const bool is_secret = fault.key.ends_with("key-string") || fault.key.ends_with("authentication");
+  if (value.size() > 2 && value.starts_with('{')) {
+    value = "{...}";
+  } else if (value.size() > 2 && value.starts_with('[')) {
+    value = "[...]";
+  } else if (is_secret && !value.empty()) {
+    value = "(hidden)";
   }
   return fault;
 }

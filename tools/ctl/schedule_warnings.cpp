@@ -1,6 +1,7 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <optional>
+#include <regex>
 #include <stdexcept>
 #include <string>
 
@@ -52,6 +53,14 @@ std::optional<ReadStart> ReadStartText(const std::string& text, const timespec& 
   return std::nullopt;
 }
 
+/// Whether a start that can be read is written as the manual says: strptime(3) also takes it with
+/// blanks in other places, or with none.
+bool IsUsualForm(const std::string& text) {
+  static const std::regex usual(
+      R"(([0-9]{1,2}:[0-9]{1,2}:[0-9]{1,2}|[A-Za-z]+ +[0-9]{1,2}( +[0-9]{1,2}:[0-9]{1,2}:[0-9]{1,2})?))");
+  return std::regex_match(text, usual);
+}
+
 /// The text's form, whenever it is.
 void InspectStartForm(const std::string& text, const timespec& now, TaskRemarks* remarks) {
   const std::optional<ReadStart> read = ReadStartText(text, now);
@@ -60,6 +69,9 @@ void InspectStartForm(const std::string& text, const timespec& now, TaskRemarks*
   }
   if (!read->rest.empty()) {
     remarks->Warn(kStartKey, fmt::format("has a tail that is not read: \"{}\"", read->rest));
+  } else if (!IsUsualForm(text)) {
+    remarks->Warn(kStartKey,
+                  "is not written like \"12:30:00\", \"March 05\" or \"March 05 12:30:00\"");
   }
   if (!read->other_day.empty()) {
     remarks->Warn(kStartKey, "is no day of this year: it is taken for " + read->other_day);

@@ -281,6 +281,9 @@ TEST(TaskWarnings, NamesATailOfTheStartThatIsNotRead) {
               ElementsAre("scheduler.Start-time: is no day of this year: it is taken for December "
                           "01"));
   EXPECT_THAT(Warnings({{"scheduler.Start-time", "\"dec 5 1:2:3\""}}), IsEmpty());
+  EXPECT_THAT(Warnings({{"scheduler.Start-time", "\"December5\""}}),
+              ElementsAre("scheduler.Start-time: is not written like \"12:30:00\", \"March 05\" or "
+                          "\"March 05 12:30:00\""));
 }
 
 TEST(TaskWarnings, NamesATailOfTheLifeThatIsNotRead) {
