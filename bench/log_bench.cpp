@@ -60,7 +60,7 @@ void LogFileBurst(benchmark::State& state) {
   logger.OpenLogFile(kTest);
   for (auto _ : state) {
     for (unsigned i = 0; i < kBurst; ++i) LogProbe(logger, i);
-    logger.Flush();
+    logger.Flush(std::chrono::seconds(20));
   }
   state.SetItemsProcessed(state.iterations() * kBurst);
 }

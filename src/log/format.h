@@ -3,8 +3,11 @@
 #ifndef IPSLA_LOG_FORMAT_H_
 #define IPSLA_LOG_FORMAT_H_
 
+#include <array>
 #include <cstdarg>
+#include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace ipsla {
 
@@ -14,6 +17,28 @@ namespace ipsla {
 /// The same with `arguments`, which stay usable: a copy is read.
 [[nodiscard]] __attribute__((format(printf, 1, 0))) std::string FormatV(const char* format,
                                                                         va_list arguments);
+
+/// The same for the moment, without allocating memory for texts of usual length. Without memory for
+/// a longer one it is cut. Never throws.
+class FormattedText {
+ public:
+  /// Reads `arguments`: only va_end is left to do with them.
+  FormattedText(const char* format, va_list arguments) noexcept
+      __attribute__((format(printf, 2, 0)));
+
+  [[nodiscard]] std::string_view View() const {
+    return long_.empty() ? std::string_view(usual_.data(), length_) : std::string_view(long_);
+  }
+  /// The same, with its terminating zero.
+  [[nodiscard]] const char* Text() const { return View().data(); }
+
+ private:
+  static constexpr std::size_t kUsualBytes = 1024;
+
+  std::array<char, kUsualBytes> usual_;
+  std::size_t length_ = 0;
+  std::string long_;
+};
 
 }  // namespace ipsla
 

@@ -8,6 +8,7 @@
 
 #include <boost/thread/exceptions.hpp>
 
+#include "log/format.h"
 #include "log/logger.h"
 
 namespace ipsla {
@@ -42,13 +43,15 @@ void StartLog() {
   [[maybe_unused]] static const int registered = std::atexit(ShutdownAtExit);
 }
 
-void Log(std::uint16_t id, int flag, const char* format, ...) {
+void Log(std::uint16_t id, int /*flag*/, const char* format, ...) {
   Logger* const logger = process_logger;
-  if (logger == nullptr) return;
+  if (logger == nullptr || !logger->IsOpen(id)) return;
+  const log_internal::ErrnoKeeper keep_errno;
   va_list arguments;
   va_start(arguments, format);
-  logger->LogV(id, flag, format, arguments);
+  const FormattedText text(format, arguments);
   va_end(arguments);
+  logger->Write(id, text.View());
 }
 
 void OpenLogFile(std::uint16_t id) {
@@ -59,8 +62,9 @@ void CloseLogFile(std::uint16_t id) {
   if (Logger* const logger = process_logger; logger != nullptr) logger->CloseLogFile(id);
 }
 
-void FlushLog() {
-  if (Logger* const logger = process_logger; logger != nullptr) logger->Flush();
+bool FlushLog(std::chrono::milliseconds patience) {
+  Logger* const logger = process_logger;
+  return logger == nullptr || logger->Flush(patience);
 }
 
 void ShutdownLog() {
@@ -69,5 +73,37 @@ void ShutdownLog() {
   logger->Shutdown();
   process_logger = nullptr;
 }
+
+namespace log_internal {
+namespace {
+
+void WriteToFile(std::uint16_t id, const FormattedText& text) {
+  if (Logger* const logger = process_logger; logger != nullptr) logger->Write(id, text.View());
+}
+
+}  // namespace
+
+void LogDebug(std::uint16_t id, const SourcePlace& place, const char* format, ...) {
+  const ErrnoKeeper keep_errno;
+  va_list arguments;
+  va_start(arguments, format);
+  const FormattedText text(format, arguments);
+  va_end(arguments);
+  WriteToFile(id, text);
+  SYSLOG_message(kModule, 1, 7, "%%%s-%s-%s: %s:%d:%s(): %s", "IP_SLA", "D", "DEBUG", place.file,
+                 place.line, place.function, text.Text());
+}
+
+void LogError(std::uint16_t id, const char* format, ...) {
+  const ErrnoKeeper keep_errno;
+  va_list arguments;
+  va_start(arguments, format);
+  const FormattedText text(format, arguments);
+  va_end(arguments);
+  WriteToFile(id, text);
+  SYSLOG_message(kModule, 0, 3, "%%%s-%s-%s: %s", "IP_SLA", "E", "ERROR", text.Text());
+}
+
+}  // namespace log_internal
 
 }  // namespace ipsla

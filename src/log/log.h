@@ -15,6 +15,7 @@
 #ifndef IPSLA_LOG_LOG_H_
 #define IPSLA_LOG_LOG_H_
 
+#include <chrono>
 #include <cstdint>
 
 #include "log/system_log.h"
@@ -33,44 +34,49 @@ void Log(std::uint16_t id, int flag, const char* format, ...) __attribute__((for
 /// std::runtime_error when the directory is missing and cannot be created.
 void OpenLogFile(std::uint16_t id);
 
-/// Closes the file of `id` (Logger::CloseLogFile). Waits for the disk.
+/// Closes the file of `id` (Logger::CloseLogFile). Waits for the disk, a second at most.
 void CloseLogFile(std::uint16_t id);
 
-/// Waits until every file line logged before this call is written. Not to be called on the writer
-/// thread.
-void FlushLog();
+/// Waits until every file line logged before this call is written. False when that has taken
+/// `patience`, and on the writer thread.
+bool FlushLog(std::chrono::milliseconds patience);
 
-/// Writes out what is queued, joins the writer thread and closes every file. Later messages reach
-/// only the system log. Runs by itself at exit; calling it earlier, or twice, is harmless.
+/// Writes out what is queued, ends the writer thread and closes every file (Logger::Shutdown): at
+/// most five seconds. Later messages reach only the system log. Runs by itself at exit; calling it
+/// earlier, or twice, is harmless.
 void ShutdownLog();
+
+namespace log_internal {
+
+/// Where a message is logged.
+struct SourcePlace {
+  const char* file;
+  int line;
+  const char* function;
+};
+
+/// The two copies of a message, formatted once. Use the macros.
+void LogDebug(std::uint16_t id, const SourcePlace& place, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+void LogError(std::uint16_t id, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+}  // namespace log_internal
 
 }  // namespace ipsla
 
-// NOLINTBEGIN(cppcoreguidelines-macro-usage): only a macro can join the prefix to a literal format
-// and name the caller.
-
-/// The file half of a DEBUG message.
-#define LOG_DEBUG_FILE(id, ...)                                   \
-  do {                                                            \
-    const ::ipsla::log_internal::ErrnoKeeper keep_errno_;         \
-    ::ipsla::Log(static_cast<std::uint16_t>(id), 1, __VA_ARGS__); \
-  } while (false)
+// NOLINTBEGIN(cppcoreguidelines-macro-usage): only a macro can name the caller.
 
 /// Both copies of a DEBUG message: LOG_DEBUG(id, "format", arguments...).
-#define LOG_DEBUG(id, ...)           \
-  do {                               \
-    LOG_DEBUG_FILE(id, __VA_ARGS__); \
-    LOG_DEBUG_SYSTEM(__VA_ARGS__);   \
-  } while (false)
+#define LOG_DEBUG(id, ...)                                        \
+  ::ipsla::log_internal::LogDebug(static_cast<std::uint16_t>(id), \
+                                  {__FILE_NAME__, __LINE__, __func__}, __VA_ARGS__)
+
+/// The file half of a DEBUG message. The other half by itself is LOG_DEBUG_SYSTEM.
+#define LOG_DEBUG_FILE(id, ...) ::ipsla::Log(static_cast<std::uint16_t>(id), 1, __VA_ARGS__)
 
 /// Both copies of an ERROR message. The format begins with "(test %d) ".
-#define LOG_ERROR(id, format, ...)                                                             \
-  do {                                                                                         \
-    const ::ipsla::log_internal::ErrnoKeeper keep_errno_;                                      \
-    ::ipsla::Log(static_cast<std::uint16_t>(id), 1, format __VA_OPT__(, ) __VA_ARGS__);        \
-    SYSLOG_message(::ipsla::log_internal::kModule, 0, 3, "%%%s-%s-%s: " format, "IP_SLA", "E", \
-                   "ERROR" __VA_OPT__(, ) __VA_ARGS__);                                        \
-  } while (false)
+#define LOG_ERROR(id, ...) \
+  ::ipsla::log_internal::LogError(static_cast<std::uint16_t>(id), __VA_ARGS__)
 
 // NOLINTEND(cppcoreguidelines-macro-usage)
 

@@ -6,52 +6,54 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <cstdio>
+#include <functional>
 #include <memory>
-#include <mutex>
+#include <span>
 #include <string>
+
+#include "log/line_queue.h"
 
 namespace ipsla {
 
 /// The two calls of the size check that can fail, so that a test can make them fail.
 struct LogFileCalls {
-  long (*tell)(FILE* stream);
+  off_t (*tell)(int fd);  ///< the position of a descriptor, -1 and errno when it has none
   ssize_t (*read_link)(const char* path, char* buffer, std::size_t size);
 };
 
-/// ftell(3) and readlink(2).
+/// lseek(2) and readlink(2).
 [[nodiscard]] const LogFileCalls& SystemLogFileCalls();
 
-/// A stream opened for appending. Threads: any; one lock per file.
+/// A file opened for appending, closed when it is destroyed. Threads: one at a time.
 class LogFile {
  public:
   /// A file longer than this is cut before the next line is written.
-  static constexpr long kMaxBytes = 1048576;
+  static constexpr off_t kMaxBytes = 1048576;
 
-  /// Opens `path` for appending. Null when that fails.
-  [[nodiscard]] static std::shared_ptr<LogFile> Open(const std::string& path);
+  /// What is done with the text of a failed size check before the line that it is about.
+  using Report = std::function<void(const std::string& failure)>;
 
-  /// Cuts the file to the newer half of its lines when it is longer than kMaxBytes.
-  /// Returns the text of the failure when its length or its name cannot be found out, else an empty
-  /// text. Does nothing after Close().
-  [[nodiscard]] std::string CheckLogFileSize(const LogFileCalls& calls);
+  /// Opens `path` for appending, made with mode 0600 (what the daemon dumps into it has keys).
+  /// Null when that fails.
+  [[nodiscard]] static std::unique_ptr<LogFile> Open(const std::string& path);
 
-  /// Appends `line`, which ends with its newline, and flushes it to the kernel. Does nothing after
-  /// Close().
-  void Append(const std::string& line);
+  ~LogFile();
+  LogFile(const LogFile&) = delete;
+  LogFile& operator=(const LogFile&) = delete;
 
-  /// Waits for a line being written and closes the file. May be called again.
-  void Close();
+  /// Appends `lines`, with one write(2) for all between two cuts. Each line is preceded by the size
+  /// check: a file longer than kMaxBytes is cut to the newer half of its lines. A write that fails
+  /// is not reported; what follows it begins on a line of its own.
+  void Write(std::span<const LogLine> lines, const LogFileCalls& calls, const Report& report);
 
  private:
-  struct Closer {
-    void operator()(FILE* stream) const { std::fclose(stream); }
-  };
+  explicit LogFile(int fd) : fd_(fd) {}
 
-  explicit LogFile(FILE* stream) : stream_(stream) {}
+  [[nodiscard]] std::string CheckLogFileSize(const LogFileCalls& calls, off_t* position);
+  void Append(std::span<const LogLine> lines);
 
-  std::mutex mutex_;
-  std::unique_ptr<FILE, Closer> stream_;  // guarded by mutex_
+  const int fd_;
+  bool is_torn_ = false;  // the last write ended within a line
 };
 
 }  // namespace ipsla

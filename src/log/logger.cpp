@@ -4,25 +4,27 @@
 #include <sched.h>
 #include <sys/stat.h>
 
-#include <array>
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
-#include <future>
+#include <exception>
 #include <map>
 #include <mutex>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
+#include <boost/chrono/duration.hpp>
 #include <boost/system/error_code.hpp>
 #include <boost/thread/exceptions.hpp>
 #include <boost/thread/thread.hpp>
 
 #include "log/format.h"
+#include "log/line_queue.h"
+#include "log/line_time.h"
 #include "log/log_file.h"
+#include "log/open_ids.h"
 #include "log/system_log.h"
 #include "log/thread_stack.h"
 
@@ -47,16 +49,6 @@ std::string FileName(std::uint16_t id) {
   return id == 0 ? "sender.log" : "test_" + std::to_string(id) + ".log";
 }
 
-std::string LocalTime() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  tm local{};
-  localtime_r(&now.tv_sec, &local);
-  std::array<char, 26> text{};
-  const std::size_t length = std::strftime(text.data(), text.size(), "%d-%m-%Y %T", &local);
-  return {text.data(), length};
-}
-
 // A small stack, and normal priority whatever the thread has that creates the logger: the disk can
 // wait, tests cannot.
 boost::thread::attributes WriterAttributes() {
@@ -77,11 +69,7 @@ thread_local const void* writer_of = nullptr;
 
 struct Logger::Impl {
   Impl(std::string log_directory, const LogFileCalls& file_calls)
-      : directory(std::move(log_directory)), calls(file_calls), writer(WriterAttributes(), [this] {
-          writer_of = this;
-          pthread_setname_np(pthread_self(), "log-writer");
-          service.run();
-        }) {}
+      : directory(std::move(log_directory)), calls(file_calls) {}
 
   std::shared_ptr<LogFile> Find(std::uint16_t id) {
     const std::lock_guard lock(mutex);
@@ -89,50 +77,74 @@ struct Logger::Impl {
     return found == files.end() ? nullptr : found->second;
   }
 
-  // On the writer thread. The file is looked up again: it may have been closed, or closed and
-  // opened, meanwhile. `is_report`: the line itself reports a failed size check. If that fails for
-  // its file too, nothing more is said: otherwise a "sender.log" without a position would report
-  // for ever about its own reports.
-  void Write(std::uint16_t id, const std::string& text, bool is_report) {
-    const std::shared_ptr<LogFile> file = Find(id);
-    if (!file) return;
-    const std::string line = LocalTime() + ": " + text + "\n";
-    const std::string failure = file->CheckLogFileSize(calls);
-    if (!failure.empty() && !is_report) {
-      LOG_DEBUG_SYSTEM("%s", failure.c_str());
-      Write(0, failure,
-            true);  // no lock is held here; the report comes before the line that it is about
+  // The writer thread.
+  void Run() {
+    writer_of = this;
+    pthread_setname_np(pthread_self(), "log-writer");
+    std::vector<LogLine> lines;
+    while (queue.Take(&lines)) {
+      try {
+        WriteBatch(&lines);
+      } catch (const std::exception&) {
+        // Out of memory: what is not written yet of these lines is lost.
+      }
+      queue.Done();
+      is_stuck = false;
     }
-    file->Append(line);
   }
 
-  // Queues work for the writer thread unless it is ending. What is queued runs before the thread is
-  // joined.
-  template <typename Job>
-  bool Post(Job job) {
-    const std::lock_guard lock(mutex);
-    if (!is_accepting) return false;
-    boost::asio::post(service, std::move(job));
-    return true;
+  // Each file gets its lines at once, in their order. Files are looked up now: one may have been
+  // closed, or closed and opened, since its line was queued.
+  void WriteBatch(std::vector<LogLine>* lines) {
+    std::stable_sort(lines->begin(), lines->end(),
+                     [](const LogLine& a, const LogLine& b) { return a.id < b.id; });
+    for (std::span<const LogLine> left(*lines); !left.empty();) {
+      const auto end = std::find_if(left.begin(), left.end(), [&left](const LogLine& line) {
+        return line.id != left.front().id;
+      });
+      const auto of_one = left.first(static_cast<std::size_t>(end - left.begin()));
+      left = left.subspan(of_one.size());
+      const std::shared_ptr<LogFile> file = Find(of_one.front().id);
+      if (!file) continue;
+      for (const LogLine& line : of_one) time.PutBefore(line, std::time(nullptr));
+      file->Write(of_one, calls, [this](const std::string& failure) { Report(failure); });
+    }
+  }
+
+  // A failed size check. If the one for this report fails as well, nothing more is said: otherwise
+  // a "sender.log" without a position would report for ever about its own reports.
+  void Report(const std::string& failure) {
+    LOG_DEBUG_SYSTEM("%s", failure.c_str());
+    const std::shared_ptr<LogFile> file = Find(0);
+    if (!file) return;
+    std::string line = std::string(LogLine::kTimeBytes, ' ') + failure + "\n";
+    const LogLine report{0, line};
+    time.PutBefore(report, std::time(nullptr));
+    file->Write({&report, 1}, calls, [](const std::string&) {});
   }
 
   const std::string directory;
   const LogFileCalls calls;
-  std::mutex mutex;  // never held while the disk is waited for
+  OpenIds open;
+  LineQueue queue;
+  std::atomic<bool> is_stuck{false};  // the disk has outlasted a CloseLogFile and not gone on since
+  std::mutex mutex;                   // never held while the disk is waited for
   std::map<std::uint16_t, std::shared_ptr<LogFile>>
       files;                  // guarded by mutex; null: could not be opened
   bool is_accepting = true;   // guarded by mutex
+  LineTime time;              // the writer thread's
   std::mutex shutdown_mutex;  // one Shutdown() at a time
-  boost::asio::io_context service;
-  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work{
-      service.get_executor()};
-  boost::thread writer;  // last: uses all of the above
+  boost::thread writer;       // guarded by shutdown_mutex
 };
 
 Logger::Logger(std::string directory) : Logger(std::move(directory), SystemLogFileCalls()) {}
 
-Logger::Logger(std::string directory, const LogFileCalls& calls)
-    : impl_(std::make_unique<Impl>(std::move(directory), calls)) {}
+Logger::Logger(std::string directory, const LogFileCalls& calls,
+               std::chrono::milliseconds shutdown_patience)
+    : impl_(std::make_shared<Impl>(std::move(directory), calls)),
+      shutdown_patience_(shutdown_patience) {
+  impl_->writer = boost::thread(WriterAttributes(), [impl = impl_] { impl->Run(); });
+}
 
 // On its own writer thread, which would go on with the freed logger, the exception deliberately
 // ends the process. NOLINTNEXTLINE(bugprone-exception-escape)
@@ -143,49 +155,47 @@ Logger::~Logger() {
 void Logger::OpenLogFile(std::uint16_t id) {
   if (impl_->Find(id)) return;
   CreateDirectory(impl_->directory);
-  // Deliberately silent when it cannot be opened: a run-time error "Can't create log file: <path>"
-  // would have nobody to act on it. The null entry makes the test's file messages drop; the system
-  // log still has them.
+  // Silent when it cannot be opened: nobody could act on it, and the system log has the messages.
   std::shared_ptr<LogFile> opened = LogFile::Open(impl_->directory + FileName(id));
   const std::lock_guard lock(impl_->mutex);
   if (!impl_->is_accepting) return;
   std::shared_ptr<LogFile>& entry = impl_->files[id];
   if (!entry) entry = std::move(opened);
+  if (entry) impl_->open.Add(id);
 }
 
 void Logger::CloseLogFile(std::uint16_t id) {
-  std::shared_ptr<LogFile> file;
-  {
-    const std::lock_guard lock(impl_->mutex);
-    const auto found = impl_->files.find(id);
-    if (found == impl_->files.end()) return;
-    file = std::move(found->second);
-    impl_->files.erase(found);
-  }
-  if (file) file->Close();
+  if (impl_->open.Has(id) && !impl_->is_stuck) impl_->is_stuck = !Flush(kClosePatience);
+  std::shared_ptr<LogFile> file;  // closed behind the lock, or by the writer that is writing to it
+  const std::lock_guard lock(impl_->mutex);
+  const auto found = impl_->files.find(id);
+  if (found == impl_->files.end()) return;
+  impl_->open.Remove(id);
+  file = std::move(found->second);
+  impl_->files.erase(found);
 }
 
-void Logger::Log(std::uint16_t id, int flag, const char* format, ...) {
+void Logger::Log(std::uint16_t id, int /*flag*/, const char* format, ...) {
+  if (!IsOpen(id)) return;
+  const log_internal::ErrnoKeeper keep_errno;
   va_list arguments;
   va_start(arguments, format);
-  LogV(id, flag, format, arguments);
+  const FormattedText text(format, arguments);
   va_end(arguments);
+  Write(id, text.View());
 }
 
-void Logger::LogV(std::uint16_t id, int /*flag*/, const char* format, va_list arguments) {
-  const log_internal::ErrnoKeeper keep_errno;
-  try {
-    if (!impl_->Find(id)) return;
-    std::string text = FormatV(format, arguments);
-    impl_->Post([impl = impl_.get(), id, text = std::move(text)] { impl->Write(id, text, false); });
-  } catch (const std::exception&) {
-    // Out of memory: the line is lost, the caller goes on.
-  }
+void Logger::Write(std::uint16_t id, std::string_view text) {
+  if (IsOpen(id)) impl_->queue.Push(id, text);
 }
 
-void Logger::Flush() {
-  const auto done = std::make_shared<std::promise<void>>();
-  if (impl_->Post([done] { done->set_value(); })) done->get_future().wait();
+bool Logger::IsOpen(std::uint16_t id) const {
+  return impl_->open.Has(id);
+}
+
+bool Logger::Flush(std::chrono::milliseconds patience) {
+  if (writer_of == impl_.get()) return false;
+  return impl_->queue.WaitUntilDone(std::chrono::steady_clock::now() + patience);
 }
 
 void Logger::Shutdown() {
@@ -193,6 +203,7 @@ void Logger::Shutdown() {
     const std::lock_guard lock(impl_->mutex);
     impl_->is_accepting = false;
   }
+  impl_->queue.Close();
   // Said here and not by join(): another thread may be waiting for this one already, with the lock
   // below.
   if (writer_of == impl_.get()) {
@@ -201,16 +212,13 @@ void Logger::Shutdown() {
         "boost thread: trying joining itself");
   }
   const std::lock_guard one_at_a_time(impl_->shutdown_mutex);
-  impl_->work.reset();
-  if (impl_->writer.joinable()) impl_->writer.join();
+  if (impl_->writer.joinable() &&
+      !impl_->writer.try_join_for(boost::chrono::milliseconds(shutdown_patience_.count())))
+    impl_->writer.detach();
   std::map<std::uint16_t, std::shared_ptr<LogFile>> files;
-  {
-    const std::lock_guard lock(impl_->mutex);
-    files.swap(impl_->files);
-  }
-  for (const auto& [id, file] : files) {
-    if (file) file->Close();
-  }
+  const std::lock_guard lock(impl_->mutex);
+  for (const auto& [id, file] : impl_->files) impl_->open.Remove(id);
+  files.swap(impl_->files);
 }
 
 }  // namespace ipsla

@@ -4,10 +4,12 @@
 #ifndef IPSLA_LOG_LOGGER_H_
 #define IPSLA_LOG_LOGGER_H_
 
+#include <chrono>
 #include <cstdarg>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace ipsla {
 
@@ -18,15 +20,22 @@ struct LogFileCalls;
 /// line is appended.
 ///
 /// Threads: any. Whoever logs formats and queues; the disk is the writer thread's business, so that
-/// a slow one stops nobody. A file has its lines in the order in which they were logged.
+/// a slow one stops nobody. A file has its lines in the order in which they were logged. When the
+/// disk falls 16 MiB behind, lines are dropped, and "N lines dropped" stands in their place.
 class Logger {
  public:
+  /// For so long CloseLogFile waits for the disk, and no longer until the disk goes on again.
+  static constexpr std::chrono::seconds kClosePatience{1};
+  /// For so long Shutdown waits for the disk.
+  static constexpr std::chrono::seconds kShutdownPatience{5};
+
   /// Starts the writer thread. `directory` ends in "/"; it is created (mode 0755) by the first
   /// OpenLogFile.
   explicit Logger(std::string directory);
 
-  /// For tests: with other calls below the size check.
-  Logger(std::string directory, const LogFileCalls& calls);
+  /// For tests: with other calls below the size check, and less patience in Shutdown.
+  Logger(std::string directory, const LogFileCalls& calls,
+         std::chrono::milliseconds shutdown_patience = kShutdownPatience);
 
   /// Shutdown().
   ~Logger();  // NOLINT(bugprone-exception-escape): see its definition
@@ -39,8 +48,9 @@ class Logger {
   /// opened is no error: messages of that id then reach only the system log.
   void OpenLogFile(std::uint16_t id);
 
-  /// Closes the file of `id`, 0 included. Lines still queued for it are dropped unless it is opened
-  /// again before their turn. Waits for a line being written to it.
+  /// Closes the file of `id`, 0 included, after what was logged to it before is written. Where the
+  /// disk takes longer than kClosePatience, those lines are lost unless the file is opened again
+  /// before their turn.
   void CloseLogFile(std::uint16_t id);
 
   /// Queues one line for the file of `id`; does nothing when that file is not open. Nothing depends
@@ -48,22 +58,26 @@ class Logger {
   void Log(std::uint16_t id, int flag, const char* format, ...)
       __attribute__((format(printf, 4, 5)));
 
-  /// As Log. `arguments` is left usable only as va_copy leaves it: the caller still calls va_end.
-  void LogV(std::uint16_t id, int flag, const char* format, va_list arguments)
-      __attribute__((format(printf, 4, 0)));
+  /// As Log, with a text that is formatted already.
+  void Write(std::uint16_t id, std::string_view text);
 
-  /// Waits until every line queued before this call is written. Not to be called on the writer
-  /// thread.
-  void Flush();
+  /// Whether Log would queue a line for `id`.
+  [[nodiscard]] bool IsOpen(std::uint16_t id) const;
+
+  /// Waits until every line queued before this call is written. False when that has taken
+  /// `patience`, and on the writer thread.
+  bool Flush(std::chrono::milliseconds patience);
 
   /// Writes what is queued, joins the writer thread, closes every file; Log does nothing from then
-  /// on. On the writer thread itself it raises boost::thread_resource_error "boost thread: trying
-  /// joining itself". May be called twice.
+  /// on. A writer that the disk holds for longer than kShutdownPatience is left to itself. On the
+  /// writer thread itself it raises boost::thread_resource_error "boost thread: trying joining
+  /// itself". May be called twice.
   void Shutdown();
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> impl_;
+  std::shared_ptr<Impl> impl_;  // the writer thread has it too, and may be left with it
+  const std::chrono::milliseconds shutdown_patience_;
 };
 
 }  // namespace ipsla

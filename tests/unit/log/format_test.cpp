@@ -31,6 +31,23 @@ std::string Doubled(const char* format, ...) {
   return both;
 }
 
+FormattedText Formatted(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  FormattedText text(format, arguments);
+  va_end(arguments);
+  return text;
+}
+
+TEST(FormattedTextTest, IsWholeAtEveryLength) {
+  for (const std::size_t length : {0U, 1U, 1022U, 1023U, 1024U, 1025U, 100000U}) {
+    const std::string expected(length, 'x');
+    const FormattedText text = Formatted("%s", expected.c_str());
+    EXPECT_EQ(text.View(), expected);
+    EXPECT_STREQ(text.Text(), expected.c_str());
+  }
+}
+
 TEST(FormatTest, ArgumentsStayUsable) {
   EXPECT_EQ(Doubled("%d%s ", 12, "ab"), "12ab 12ab ");
 }

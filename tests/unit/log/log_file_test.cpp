@@ -108,6 +108,22 @@ TEST_F(LogFileSizeTest, CutsOnceAndGoesOnAtTheNewEnd) {
   EXPECT_THAT(lines.back(), EndsWith(": line 2"));
 }
 
+// However many lines are written at once, the check comes before each of them.
+TEST_F(LogFileSizeTest, CutsBeforeTheVeryLineThatFindsTheFileTooLong) {
+  WriteText(path_, NumberedLines(kLimit - 100));
+  Logger logger(directory_.Path().string() + "/");
+  logger.OpenLogFile(1);
+  constexpr std::size_t kLine =
+      40;  // three of them take the file over the limit, the fourth finds it so
+  for (int i = 0; i < 6; ++i) logger.Log(1, 1, "%018d", i);
+  logger.Shutdown();
+  const std::vector<std::string> lines = ReadLines(path_);
+  const std::size_t before = (kLimit - 100) / 64 + 3;
+  ASSERT_EQ(lines.back().size() + 1, kLine);
+  EXPECT_EQ(lines.size(), before - before / 2 + 3);
+  EXPECT_EQ(FirstNumber(lines.front()), static_cast<int>(before / 2));
+}
+
 TEST_F(LogFileSizeTest, CutsAgainWhenTheFileHasGrownAgain) {
   Logger logger(directory_.Path().string() + "/");
   logger.OpenLogFile(1);
@@ -130,12 +146,12 @@ TEST_F(LogFileSizeTest, DoesNotBringARemovedFileBack) {
   EXPECT_TRUE(std::filesystem::is_empty(directory_.Path()));
 }
 
-long FailingTell(FILE* /*stream*/) {
+off_t FailingTell(int /*fd*/) {
   errno = ESPIPE;
   return -1;
 }
 
-long LargePosition(FILE* /*stream*/) {
+off_t LargePosition(int /*fd*/) {
   return kLimit + 1;
 }
 

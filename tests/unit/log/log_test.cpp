@@ -63,6 +63,21 @@ TEST_F(LogTest, WritesBothCopiesOfAnErrorMessage) {
   EXPECT_THAT(ReadLogFile(0), IsEmpty());
 }
 
+TEST_F(LogTest, ReadsItsArgumentsOnce) {
+  int count = 0;
+  LOG_DEBUG(5, "%d", ++count);
+  LOG_ERROR(5, "(test %d) %d", 5, ++count);
+  EXPECT_THAT(ReadLogFile(5), ElementsAre("1", "(test 5) 2"));
+  EXPECT_THAT(TakeSyslogTexts(), ElementsAre("1", "(test 5) 2"));
+}
+
+TEST_F(LogTest, WritesLongMessagesWholeInBothCopies) {
+  const std::string text(5000, 'x');
+  LOG_DEBUG(5, "%s%%", text.c_str());
+  EXPECT_THAT(ReadLogFile(5), ElementsAre(text + "%"));
+  EXPECT_THAT(TakeSyslogTexts(), ElementsAre(text + "%"));
+}
+
 TEST_F(LogTest, WritesTheHalvesByThemselves) {
   LOG_DEBUG_FILE(5, "file");
   LOG_DEBUG_SYSTEM("system");
@@ -75,7 +90,7 @@ TEST_F(LogTest, SendsAMessageForAClosedFileToTheSystemLogOnly) {
   CloseLogFile(5);
   LOG_ERROR(5, "(test %d) closed", 5);
   EXPECT_THAT(TakeSyslogTexts(), ElementsAre("never opened", "(test 5) closed"));
-  FlushLog();
+  FlushLog(std::chrono::seconds(20));
   EXPECT_FALSE(std::filesystem::exists("/var/log/ip-sla/test_6.log"));
   EXPECT_THAT(ReadLogFile(5), IsEmpty());
 }
@@ -105,7 +120,7 @@ TEST(ProcessLoggerTest, HasNoThreadBeforeItIsStarted) {
   LOG_DEBUG(0, "no log");
   OpenLogFile(11);
   LOG_DEBUG(11, "no log");
-  FlushLog();
+  FlushLog(std::chrono::seconds(20));
   CloseLogFile(11);
   ShutdownLog();
   EXPECT_THAT(WriterPolicies(), IsEmpty());
@@ -145,7 +160,7 @@ TEST(ProcessLoggerTest, ReachesOnlyTheSystemLogAfterItsShutdown) {
     ShutdownLog();
     TakeSyslog();
     LOG_DEBUG(8, "after");
-    FlushLog();
+    FlushLog(std::chrono::seconds(20));
     OpenLogFile(8);
     CloseLogFile(8);
     ShutdownLog();

@@ -1,5 +1,6 @@
 #include "support/recording_syslog.h"
 
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <filesystem>
@@ -68,7 +69,7 @@ std::vector<std::string> TakeSyslogTexts() {
 }
 
 std::vector<std::string> ReadLogFile(std::uint16_t id) {
-  FlushLog();
+  FlushLog(std::chrono::seconds(20));
   std::ifstream in(LogPath(id));
   std::vector<std::string> lines;
   constexpr std::size_t kTimeLength = 21;  // "dd-mm-yyyy hh:mm:ss: "
@@ -82,7 +83,7 @@ std::vector<std::string> ReadLogFile(std::uint16_t id) {
 
 void FreshLogFile(std::uint16_t id) {
   StartLog();
-  FlushLog();
+  FlushLog(std::chrono::seconds(20));
   CloseLogFile(id);
   std::filesystem::remove(LogPath(id));
   OpenLogFile(id);
