@@ -1,9 +1,12 @@
 // The control phase of a UDP test: one request, one response, no resend within a run.
 
+#include <linux/errqueue.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <exception>
 #include <stdexcept>
 
@@ -21,16 +24,29 @@ namespace {
 
 constexpr const char* kInternalError = "control phase failed: internal error";
 
+// True when the message of an error queue tells of an ICMP error.
+bool CameByIcmp(msghdr* message) {
+  for (cmsghdr* item = CMSG_FIRSTHDR(message); item != nullptr; item = CMSG_NXTHDR(message, item)) {
+    if (item->cmsg_level != SOL_IP || item->cmsg_type != IP_RECVERR) continue;
+    sock_extended_err error{};
+    std::memcpy(&error, CMSG_DATA(item), sizeof error);
+    if (error.ee_origin == SO_EE_ORIGIN_ICMP) return true;
+  }
+  return false;
+}
+
 // With IP_RECVERR each ICMP error also stands in the error queue, which keeps the socket readable
-// until it is read.
-void DrainErrorQueue(int fd) {
-  std::array<char, 512> control{};
-  msghdr message{};
-  do {
-    message = msghdr{};
+// until it is read. Tells whether there was one.
+bool DrainErrorQueue(int fd) {
+  alignas(cmsghdr) std::array<char, 512> control{};
+  bool by_icmp = false;
+  for (;;) {
+    msghdr message{};
     message.msg_control = control.data();
     message.msg_controllen = control.size();
-  } while (recvmsg(fd, &message, MSG_ERRQUEUE | MSG_DONTWAIT) >= 0);
+    if (recvmsg(fd, &message, MSG_ERRQUEUE | MSG_DONTWAIT) < 0) return by_icmp;
+    by_icmp = CameByIcmp(&message) || by_icmp;
+  }
 }
 
 }  // namespace
@@ -108,8 +124,11 @@ bool UdpSender::TakeControlResponse() {
   const int fd = control_socket_.native_handle();
   int error = 0;
   const auto datagram = ReceiveStamped(fd, response_.data(), response_.size(), &error);
-  DrainErrorQueue(fd);
+  const bool by_icmp = DrainErrorQueue(fd);
   if (!datagram && (error == EAGAIN || error == EWOULDBLOCK)) return false;
+  // A router's word that host or network cannot be reached, or that it is prohibited, may be of a
+  // moment, and anybody may say it: only a closed port ends the wait before its time.
+  if (!datagram && by_icmp && error != ECONNREFUSED) return false;
   if (datagram && datagram->bytes > 0) {
     HandleResponse();
   } else {

@@ -368,3 +368,37 @@ def test_a_task_replaced_in_its_control_phase_leaves_no_result(lab, start_daemon
     }
     assert errors_in_file(daemon, 1) == []
     assert api.statistics(1)[0]["failed-count"] == 0
+
+
+@pytest.mark.parametrize("code", ["host-unreachable", "net-unreachable", "admin-prohibited"])
+def test_a_routers_word_does_not_end_the_wait(lab, start_daemon, code):
+    """The router says so at once; the daemon waits for its time-out, as it does in silence."""
+    lab.add_peer("router", "10.2.0.1/24", "10.2.0.2/24")
+    lab.run("nft", "add table ip lab", namespace="router")
+    lab.run(
+        "nft",
+        "add chain ip lab input { type filter hook input priority 0; }",
+        namespace="router",
+    )
+    lab.run(
+        "nft",
+        f"add rule ip lab input udp dport 2000 reject with icmp type {code}",
+        namespace="router",
+    )
+    daemon = start_daemon([a_task(1, src="10.2.0.1", dst="10.2.0.2", time=2)])
+    report = daemon.wait_for_reports(1)[0]
+    assert (report.status, report.error) == (
+        "fail",
+        "control phase failed: destination host is not responding",
+    )
+    assert errors_in_file(daemon, 1) == [f"(test 1) {NOT_RESPONDING}"]
+
+
+def test_a_refusal_that_says_nothing_leaves_the_line_to_one_that_does(lab, start_daemon):
+    plain, telling = Control(status=1), Control(status=4)
+    PlannedResponder(lab, lambda number, count: plain if count == 0 else telling)
+    daemon = start_daemon([a_task(1)])
+    daemon.wait_for_reports(1, count=2)
+    expected = "Control phase failed: command header status: requested port is busy"
+    wait_for(lambda: errors_in_file(daemon, 1), "the line of the second refusal")
+    assert errors_in_file(daemon, 1) == [f"(test 1) {expected}"]

@@ -336,3 +336,23 @@ def test_unreachable_responder_address_fails_the_start_of_the_run(start_daemon):
             r"%IP_SLA-E-ERROR: \(test 1\) connect: Network is unreachable", errors[0].text
         )
         assert (errors[0].flag, errors[0].module) == (0, 59)
+
+
+def originate(value):
+    """Replaces the originate time stamp of a reply."""
+
+    def alter(reply):
+        struct.pack_into(">I", reply, 8, value)
+        return reply
+
+    return alter
+
+
+def test_a_jitter_reply_of_another_run_is_told_by_its_time(replier, start_daemon):
+    """An address change starts a new run at once, and late replies of the old one carry the same
+    identifier and sequence numbers: only the time that they return is the old one's.
+    """
+    replier.probes = lambda _: {1: Fate(alter=originate(1)), 2: Fate(alter=originate(0))}
+    daemon = start_daemon([icmp_jitter(1, src=NEAR, dst=FAR, packets=3, timeout=200)])
+    report = daemon.wait_for_reports(1)[0]
+    assert (report.status, report.sd_packets, report.ds_packets) == ("successful", 3, 2)
