@@ -16,13 +16,9 @@ constexpr std::chrono::milliseconds kPauseAfterFault{200};
 
 }  // namespace
 
-HttpServer::HttpServer(boost::asio::io_context* context, const tcp::endpoint& endpoint,
+HttpServer::HttpServer(boost::asio::io_context* context, tcp::acceptor acceptor,
                        const Routes* routes)
-    : context_(context), routes_(routes), acceptor_(*context), pause_(*context) {
-  acceptor_.open(endpoint.protocol());
-  acceptor_.set_option(tcp::acceptor::reuse_address(true));
-  acceptor_.bind(endpoint);
-  acceptor_.listen();
+    : context_(context), routes_(routes), acceptor_(std::move(acceptor)), pause_(*context) {
   Accept();
 }
 

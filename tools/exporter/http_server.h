@@ -24,14 +24,14 @@ inline constexpr std::size_t kMaxConnections = 64;
 /// Threads: the one that runs the context, alone. Must outlive all that runs there.
 class HttpServer {
  public:
-  /// Listens. Throws boost::system::system_error when it cannot.
-  HttpServer(boost::asio::io_context* context, const boost::asio::ip::tcp::endpoint& endpoint,
+  /// Serves whoever connects to a listening socket.
+  HttpServer(boost::asio::io_context* context, boost::asio::ip::tcp::acceptor acceptor,
              const Routes* routes);
   ~HttpServer();
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
-  /// Where it listens: tells the port when it was asked for port 0.
+  /// Where it listens.
   [[nodiscard]] boost::asio::ip::tcp::endpoint LocalEndpoint() const {
     return acceptor_.local_endpoint();
   }

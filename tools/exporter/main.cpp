@@ -10,7 +10,7 @@
 #include <fmt/format.h>
 
 #include "exporter/http_server.h"
-#include "exporter/listen_address.h"
+#include "exporter/listener.h"
 
 namespace ipsla::exporter {
 namespace {
@@ -40,14 +40,16 @@ std::chrono::milliseconds Milliseconds(double seconds) {
 }
 
 std::string ValidateListen(const std::string& text) {
-  return ParseListenAddress(text) ? "" : "not ADDRESS:PORT or [IPV6-ADDRESS]:PORT: " + text;
+  return ParseListenTarget(text) ? ""
+                                 : "not ADDRESS:PORT, [IPV6-ADDRESS]:PORT or fd:NUMBER: " + text;
 }
 
 void AddOptions(CLI::App* app, Arguments* a) {
   constexpr double kLongest = 3600;
   constexpr std::size_t kMostMib = 65536;
   app->set_version_flag("-V,--version", "ip-sla-exporter " IPSLA_VERSION);
-  app->add_option("--listen", a->listen, "Where to serve; [::1]:9815 for IPv6")
+  app->add_option("--listen", a->listen,
+                  "Where to serve; [::1]:9815 for IPv6, fd:3 for an inherited listening socket")
       ->type_name("ADDRESS:PORT")
       ->check(CLI::Validator(ValidateListen, "", "listen"))
       ->capture_default_str();
@@ -82,7 +84,8 @@ int Serve(Arguments* arguments) {
   signals.async_wait([&context](const boost::system::error_code&, int) { context.stop(); });
   Collector collector(arguments->collector);
   const Routes routes(&collector);
-  const HttpServer server(&context, *ParseListenAddress(arguments->listen), &routes);
+  const HttpServer server(&context, Listen(&context, *ParseListenTarget(arguments->listen)),
+                          &routes);
   fmt::print("ip-sla-exporter: serving on http://{}/\n", EndpointText(server.LocalEndpoint()));
   std::fflush(stdout);
   context.run();

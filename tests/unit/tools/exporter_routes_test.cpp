@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "exporter/listen_address.h"
 #include "exporter/page_files.h"
 #include "exporter/routes.h"
 
@@ -103,18 +102,6 @@ TEST(ExporterQuery, NumberIsFoundByItsName) {
   EXPECT_EQ(QueryNumber("/x", "task"), std::nullopt);
   EXPECT_EQ(QueryNumber("/x?task=9007199254740993", "task"), std::nullopt);
   EXPECT_EQ(QueryNumber("/x?task=99999999999999999999", "task"), std::nullopt);
-}
-
-TEST(ExporterListenAddress, IsAnAddressAndAPort) {
-  for (const char* text : {"127.0.0.1:9815", "0.0.0.0:0", "[::1]:9815", "[fe80::1]:65535"}) {
-    const auto endpoint = ParseListenAddress(text);
-    ASSERT_TRUE(endpoint) << text;
-    EXPECT_EQ(EndpointText(*endpoint), text);
-  }
-  for (const char* text : {"", ":", "9815", "127.0.0.1", "127.0.0.1:", "127.0.0.1:65536",
-                           "127.0.0.1:x", "localhost:9815", "::1:9815", "[::1]", "[127.0.0.1]:1"}) {
-    EXPECT_FALSE(ParseListenAddress(text)) << text;
-  }
 }
 
 }  // namespace
