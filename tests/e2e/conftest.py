@@ -15,6 +15,7 @@ def _build_directory():
 
 
 def pytest_configure(config):
+    config.addinivalue_line("markers", "fleet: needs a browser or a Prometheus server")
     cache = _build_directory() / "CMakeCache.txt"
     if not cache.exists():
         raise pytest.UsageError(

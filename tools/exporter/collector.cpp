@@ -31,8 +31,9 @@ constexpr std::int64_t kKeepSeconds = 86400;
 constexpr seconds kLongestInterval{60};
 /// A question a little more often than the fastest task runs, so that no run falls between two.
 constexpr double kQuestionsPerRun = 1.25;
-/// The daemon's API does nothing else while it answers. Own questions take a twentieth of its time.
-constexpr int kLeisure = 20;
+/// The daemon's API does nothing else while it answers, which takes it 1.25 ms per task. Own
+/// questions take a twentieth of its time.
+constexpr milliseconds kLeisurePerTask{25};
 
 int MakeTimer() {
   const int fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
@@ -124,7 +125,7 @@ Collector::Clock::time_point Collector::NextOwnQuestion() const {
         static_cast<std::int64_t>(std::min(period, 1e6) * 1000 / kQuestionsPerRun));
     interval = std::clamp(enough, interval, std::max<milliseconds>(interval, kLongestInterval));
   }
-  const auto leisure = duration_cast<milliseconds>(latest_->duration * kLeisure);
+  const milliseconds leisure = kLeisurePerTask * latest_->tasks.size();
   return latest_->asked_at + std::max(interval, leisure);
 }
 
