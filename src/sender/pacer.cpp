@@ -37,14 +37,27 @@ void Pacer::Serve() {
   while (!queue_.empty()) {
     const SteadyTime due = queue_.begin()->first;
     if (SteadyNow() < due) {
-      waiting_for_.store(due, std::memory_order_relaxed);
-      earlier_.WaitUntil(&lock, due);
-      waiting_for_.store(SteadyTime::max(), std::memory_order_relaxed);
+      SleepUntilDue(due, &lock);
     } else {
       SendEarliest(&lock);
     }
   }
   on_duty_ = false;
+}
+
+// Until `due`, or until an earlier probe was added.
+void Pacer::SleepUntilDue(SteadyTime due, MutexLock* lock) {
+  const SteadyTime wake = due - lead_.Lead();
+  if (SteadyNow() < wake) {
+    waiting_for_.store(due, std::memory_order_relaxed);
+    earlier_.WaitUntil(lock, wake);
+    waiting_for_.store(SteadyTime::max(), std::memory_order_relaxed);
+    const SteadyTime now = SteadyNow();
+    if (now < wake) return;
+    lead_.Woke(now - wake);
+  }
+  while (SteadyNow() < due) {
+  }
 }
 
 void Pacer::SendEarliest(MutexLock* lock) {

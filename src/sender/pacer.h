@@ -12,6 +12,7 @@
 
 #include "env/time_values.h"
 #include "log/mutex.h"
+#include "sender/wake_lead.h"
 
 namespace ipsla {
 
@@ -48,6 +49,7 @@ class Pacer {
 
  private:
   void Serve();
+  void SleepUntilDue(SteadyTime due, MutexLock* lock) IPSLA_REQUIRES(mutex_);
   void SendEarliest(MutexLock* lock) IPSLA_REQUIRES(mutex_);
 
   boost::asio::io_context& worker_;
@@ -56,6 +58,7 @@ class Pacer {
   std::atomic<SteadyTime> waiting_for_{SteadyTime::max()};
   Condition earlier_;  // an earlier probe was added, or Stop()
   std::multimap<SteadyTime, SendProbe> queue_ IPSLA_GUARDED_BY(mutex_);
+  WakeLead lead_ IPSLA_GUARDED_BY(mutex_);
   bool on_duty_ IPSLA_GUARDED_BY(mutex_) = false;
   bool stopped_ IPSLA_GUARDED_BY(mutex_) = false;
 };

@@ -22,8 +22,10 @@ constexpr std::size_t kDatagramsPerTurn = 64;
 // to them before the socket's buffer is full.
 constexpr std::uint32_t kProbesPerTurn = 32;
 
-// When a probe is due while a handler of its test is at work, which takes microseconds.
-constexpr std::chrono::microseconds kRetryAfter{20};
+// When a probe is due while a handler of its test is at work, which takes microseconds. Longer than
+// the pacer waits awake for: that handler may have been interrupted by the thread on duty itself,
+// and goes on only while it sleeps.
+constexpr std::chrono::nanoseconds kRetryAfter = 2 * WakeLead::kMost;
 
 }  // namespace
 
@@ -33,9 +35,9 @@ void Sender::SetProbeOptions() {
 
 void Sender::StartProbing(std::uint32_t milliseconds) {
   WaitToReceive();
-  PaceNow();
   StartFuncTimeout(kTestStop, milliseconds);
   deadline_ = SteadyNow() + std::chrono::milliseconds(milliseconds);
+  PaceNow();
 }
 
 // The pacer holds the test weakly: one that was removed need not wait for its next probe.
