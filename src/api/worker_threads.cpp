@@ -11,6 +11,7 @@
 
 #include "env/process.h"
 #include "log/log.h"
+#include "log/signal_stack.h"
 
 namespace ipsla {
 namespace {
@@ -51,7 +52,10 @@ void WorkerThreads::Start() {
 
 void WorkerThreads::StartOnCpu(std::uint8_t cpu, const boost::thread::attributes& attributes) {
   for (std::size_t count = 0; count < kThreadsPerCpu; ++count) {
-    auto thread = std::make_unique<boost::thread>(attributes, [this] { context_.run(); });
+    auto thread = std::make_unique<boost::thread>(attributes, [this] {
+      const log_internal::SignalStack signal_stack;
+      context_.run();
+    });
     SetCpuNum(thread->native_handle(), cpu);
     threads_.add_thread(thread.get());
     static_cast<void>(thread.release());  // the group's now

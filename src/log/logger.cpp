@@ -25,6 +25,7 @@
 #include "log/line_time.h"
 #include "log/log_file.h"
 #include "log/open_ids.h"
+#include "log/signal_stack.h"
 #include "log/system_log.h"
 #include "log/thread_stack.h"
 
@@ -79,6 +80,7 @@ struct Logger::Impl {
 
   // The writer thread.
   void Run() {
+    const log_internal::SignalStack signal_stack;
     writer_of = this;
     pthread_setname_np(pthread_self(), "log-writer");
     std::vector<LogLine> lines;

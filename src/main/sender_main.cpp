@@ -2,6 +2,7 @@
 
 #include <sched.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +18,7 @@
 #include "env/keep_alive.h"
 #include "env/process.h"
 #include "log/log.h"
+#include "log/signal_stack.h"
 #include "main/command_line.h"
 #include "platform/crashtrace.h"
 #include "platform/logsvc.h"
@@ -24,6 +26,18 @@
 namespace {
 
 constexpr int kRealTimePriority = 99;
+
+// For so long an abnormal end waits for the log.
+constexpr std::chrono::seconds kLastWords{5};
+
+std::terminate_handler usual_terminate = nullptr;
+
+// What led to the end is among the last lines, and those are still queued.
+[[noreturn]] void WriteLogAndTerminate() {
+  ipsla::FlushLog(kLastWords);
+  usual_terminate();
+  std::abort();
+}
 
 // Before real-time scheduling: the log's writer thread stays an ordinary one.
 void OpenLog() {
@@ -69,7 +83,10 @@ void RunMainLoop(boost::asio::io_context& service, ipsla::ApiSender& sender) {
   });
   boost::thread::attributes attributes;
   attributes.set_stack_size(ipsla::ThreadStackBytes());
-  boost::thread api_thread(attributes, [&service] { service.run(); });
+  boost::thread api_thread(attributes, [&service] {
+    const ipsla::log_internal::SignalStack signal_stack;
+    service.run();
+  });
   ipsla::SetCpuNum(api_thread.native_handle(), 0);
   sender.StartMainLoop();
   api_thread.join();
@@ -78,7 +95,7 @@ void RunMainLoop(boost::asio::io_context& service, ipsla::ApiSender& sender) {
 }  // namespace
 
 // What throws from here on (a test that cannot be created, for example) is deliberately not caught:
-// it ends the process abnormally, and the crash-trace handlers report it.
+// it ends the process abnormally, with its log written, and the crash-trace handlers report it.
 int main(int argc, char* argv[]) {  // NOLINT(bugprone-exception-escape): deliberate, see above
   // The library would otherwise take itself apart at exit, under threads that still use it.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
@@ -92,6 +109,7 @@ int main(int argc, char* argv[]) {  // NOLINT(bugprone-exception-escape): delibe
   backtrace_install_signal_handlers();
   std::srand(static_cast<unsigned>(std::time(nullptr)));
   OpenLog();
+  usual_terminate = std::set_terminate(WriteLogAndTerminate);
   SwitchToRealTime();
   const ipsla::CommandLine line = ReadCommandLine(argc, argv);
 

@@ -133,8 +133,9 @@ def _is_real_time_timer(daemon, number, target):
 
 
 def _said(daemon, text):
-    """In the system log: a process that is aborted may leave its last file records unwritten."""
-    return any(record.text.endswith(f"(): {text}") for record in daemon.syslog())
+    """In both logs: the process is aborted, but not before what it has logged is written."""
+    said = any(record.text.endswith(f"(): {text}") for record in daemon.syslog())
+    return said and daemon.log_records()[-1] == text
 
 
 class TestFatalConfigurations:

@@ -4,11 +4,14 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
+
+#include "log/signal_stack.h"
 
 namespace ipsla::test {
 namespace {
@@ -53,6 +56,25 @@ TEST(CrashTraceConsoleTest, ReportsTheCrashOfAnotherThread) {
       // The result is kept so that the call is no jump, which would leave no frame of this program
       // on the stack.
       [[maybe_unused]] const volatile int result = raise(SIGSEGV);
+    }).join();
+  };
+  EXPECT_EXIT(crash(), testing::KilledBySignal(SIGSEGV), TraceOf(SIGSEGV, "SIGSEGV"));
+}
+
+// Returns only for a depth that is never reached, which no compiler can know.
+int OverflowStack(int depth) {
+  std::array<char, 4096> frame{};
+  volatile char* const last = &frame.back();
+  *last = static_cast<char>(depth);
+  return depth < 0 ? 0 : OverflowStack(depth + 1) + *last;
+}
+
+TEST(CrashTraceConsoleTest, ReportsAThreadWhoseStackIsUsedUp) {
+  const auto crash = [] {
+    Prepare();
+    std::thread([] {
+      const log_internal::SignalStack signal_stack;
+      [[maybe_unused]] const volatile int result = OverflowStack(1);
     }).join();
   };
   EXPECT_EXIT(crash(), testing::KilledBySignal(SIGSEGV), TraceOf(SIGSEGV, "SIGSEGV"));
