@@ -12,6 +12,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +23,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "log/format.h"
 #include "log/logger.h"
 
 namespace {
@@ -48,9 +50,19 @@ class LogDirectory {
   std::array<char, 32> name_{"/tmp/ipsla-bench-XXXXXX"};
 };
 
+// As Log() of log/log.h does it.
+[[gnu::format(printf, 2, 3)]] void LogTo(ipsla::Logger& logger, const char* format, ...) {
+  if (!logger.IsOpen(kTest)) return;
+  va_list arguments;
+  va_start(arguments, format);
+  const ipsla::FormattedText text(format, arguments);
+  va_end(arguments);
+  logger.Write(kTest, text.View());
+}
+
 // A line as the metrics write one for every probe.
 void LogProbe(ipsla::Logger& logger, unsigned number) {
-  logger.Log(kTest, 1, "Packet #%u: rtt %f ms, state %d", number, 1.25 + number * 0.001, 2);
+  LogTo(logger, "Packet #%u: rtt %f ms, state %d", number, 1.25 + number * 0.001, 2);
 }
 
 // Bursts of lines as at the end of a run, written before the next burst.

@@ -27,7 +27,7 @@ namespace ipsla {
 /// message reaches only the system log and the calls below do nothing. Main thread.
 void StartLog();
 
-/// The file half of one message (Logger::Log). Nothing depends on `flag`; callers give 1.
+/// The file half of one message (Logger::Write). Nothing depends on `flag`; callers give 1.
 void Log(std::uint16_t id, int flag, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
 /// Opens the file of `id` unless it is open (Logger::OpenLogFile). Waits for the disk. Throws

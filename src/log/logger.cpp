@@ -20,7 +20,6 @@
 #include <boost/thread/exceptions.hpp>
 #include <boost/thread/thread.hpp>
 
-#include "log/format.h"
 #include "log/line_queue.h"
 #include "log/line_time.h"
 #include "log/log_file.h"
@@ -175,16 +174,6 @@ void Logger::CloseLogFile(std::uint16_t id) {
   impl_->open.Remove(id);
   file = std::move(found->second);
   impl_->files.erase(found);
-}
-
-void Logger::Log(std::uint16_t id, int /*flag*/, const char* format, ...) {
-  if (!IsOpen(id)) return;
-  const log_internal::ErrnoKeeper keep_errno;
-  va_list arguments;
-  va_start(arguments, format);
-  const FormattedText text(format, arguments);
-  va_end(arguments);
-  Write(id, text.View());
 }
 
 void Logger::Write(std::uint16_t id, std::string_view text) {

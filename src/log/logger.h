@@ -5,7 +5,6 @@
 #define IPSLA_LOG_LOGGER_H_
 
 #include <chrono>
-#include <cstdarg>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -19,7 +18,7 @@ struct LogFileCalls;
 /// in one directory. A file longer than 1 MiB is cut to the newer half of its lines before the next
 /// line is appended.
 ///
-/// Threads: any. Whoever logs formats and queues; the disk is the writer thread's business, so that
+/// Threads: any. Whoever logs queues a line; the disk is the writer thread's business, so that
 /// a slow one stops nobody. A file has its lines in the order in which they were logged. When the
 /// disk falls 16 MiB behind, lines are dropped, and "N lines dropped" stands in their place.
 class Logger {
@@ -53,24 +52,19 @@ class Logger {
   /// before their turn.
   void CloseLogFile(std::uint16_t id);
 
-  /// Queues one line for the file of `id`; does nothing when that file is not open. Nothing depends
-  /// on `flag`.
-  void Log(std::uint16_t id, int flag, const char* format, ...)
-      __attribute__((format(printf, 4, 5)));
-
-  /// As Log, with a text that is formatted already.
+  /// Queues one line for the file of `id`; does nothing when that file is not open.
   void Write(std::uint16_t id, std::string_view text);
 
-  /// Whether Log would queue a line for `id`.
+  /// Whether the file of `id` is open.
   [[nodiscard]] bool IsOpen(std::uint16_t id) const;
 
   /// Waits until every line queued before this call is written. False when that has taken
   /// `patience`, and on the writer thread.
   bool Flush(std::chrono::milliseconds patience);
 
-  /// Writes what is queued, joins the writer thread, closes every file; Log does nothing from then
-  /// on. A writer that the disk holds for longer than kShutdownPatience is left to itself. On the
-  /// writer thread itself it raises boost::thread_resource_error "boost thread: trying joining
+  /// Writes what is queued, joins the writer thread, closes every file; Write does nothing from
+  /// then on. A writer that the disk holds for longer than kShutdownPatience is left to itself. On
+  /// the writer thread itself it raises boost::thread_resource_error "boost thread: trying joining
   /// itself". May be called twice.
   void Shutdown();
 

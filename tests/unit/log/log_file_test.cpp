@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "log/format.h"
 #include "log/logger.h"
 #include "support/recording_syslog.h"
 #include "support/temporary_directory.h"
@@ -49,7 +50,7 @@ class LogFileSizeTest : public testing::Test {
     WriteText(path_, content);
     Logger logger(directory_.Path().string() + "/");
     logger.OpenLogFile(1);
-    logger.Log(1, 1, "%s", text.c_str());
+    logger.Write(1, text);
     logger.Shutdown();
     return ReadLines(path_);
   }
@@ -100,7 +101,7 @@ TEST_F(LogFileSizeTest, CutsOnceAndGoesOnAtTheNewEnd) {
   WriteText(path_, NumberedLines(kLimit + 64));
   Logger logger(directory_.Path().string() + "/");
   logger.OpenLogFile(1);
-  for (int i = 0; i < 3; ++i) logger.Log(1, 1, "line %d", i);
+  for (int i = 0; i < 3; ++i) logger.Write(1, Format("line %d", i));
   logger.Shutdown();
   const std::vector<std::string> lines = ReadLines(path_);
   ASSERT_EQ(lines.size(), 8193U + 3U);
@@ -115,7 +116,7 @@ TEST_F(LogFileSizeTest, CutsBeforeTheVeryLineThatFindsTheFileTooLong) {
   logger.OpenLogFile(1);
   constexpr std::size_t kLine =
       40;  // three of them take the file over the limit, the fourth finds it so
-  for (int i = 0; i < 6; ++i) logger.Log(1, 1, "%018d", i);
+  for (int i = 0; i < 6; ++i) logger.Write(1, Format("%018d", i));
   logger.Shutdown();
   const std::vector<std::string> lines = ReadLines(path_);
   const std::size_t before = (kLimit - 100) / 64 + 3;
@@ -128,7 +129,7 @@ TEST_F(LogFileSizeTest, CutsAgainWhenTheFileHasGrownAgain) {
   Logger logger(directory_.Path().string() + "/");
   logger.OpenLogFile(1);
   const std::string filler(9979, '.');
-  for (int i = 0; i < 300; ++i) logger.Log(1, 1, "%s", filler.c_str());  // 10001 bytes each
+  for (int i = 0; i < 300; ++i) logger.Write(1, filler);  // 10001 bytes each
   logger.Shutdown();
   const auto size = std::filesystem::file_size(path_);
   EXPECT_LE(size, kLimit + 2 * 10001);
@@ -141,7 +142,7 @@ TEST_F(LogFileSizeTest, DoesNotBringARemovedFileBack) {
   Logger logger(directory_.Path().string() + "/");
   logger.OpenLogFile(1);
   std::filesystem::remove(path_);
-  logger.Log(1, 1, "nowhere");
+  logger.Write(1, "nowhere");
   logger.Shutdown();
   EXPECT_TRUE(std::filesystem::is_empty(directory_.Path()));
 }
@@ -183,7 +184,7 @@ TEST_P(LogFileFailureTest, IsReportedInTheDaemonsLogAndTheLineIsWritten) {
   logger.OpenLogFile(0);
   logger.OpenLogFile(1);
   TakeSyslog();
-  logger.Log(1, 1, "line");
+  logger.Write(1, "line");
   logger.Shutdown();
   EXPECT_THAT(Texts("sender.log"), ElementsAre(GetParam().text));
   EXPECT_THAT(Texts("test_1.log"), ElementsAre("line"));
@@ -194,8 +195,8 @@ TEST_P(LogFileFailureTest, IsReportedOncePerLineWhenTheDaemonsOwnLogFails) {
   Logger logger(directory_.Path().string() + "/", GetParam().calls);
   logger.OpenLogFile(0);
   TakeSyslog();
-  logger.Log(0, 1, "first");
-  logger.Log(0, 1, "second");
+  logger.Write(0, "first");
+  logger.Write(0, "second");
   logger.Shutdown();
   const char* text = GetParam().text;
   EXPECT_THAT(Texts("sender.log"), ElementsAre(text, "first", text, "second"));
@@ -206,7 +207,7 @@ TEST_P(LogFileFailureTest, ReachesTheSystemLogAloneWhenTheDaemonsLogIsNotOpen) {
   Logger logger(directory_.Path().string() + "/", GetParam().calls);
   logger.OpenLogFile(1);
   TakeSyslog();
-  logger.Log(1, 1, "line");
+  logger.Write(1, "line");
   logger.Shutdown();
   EXPECT_THAT(Texts("sender.log"), IsEmpty());
   EXPECT_THAT(TakeSyslogTexts(), ElementsAre(GetParam().text));

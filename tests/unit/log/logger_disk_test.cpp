@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "log/format.h"
 #include "log/line_queue.h"
 #include "log/log_file.h"
 #include "log/logger.h"
@@ -44,7 +45,7 @@ class HangingDiskTest : public testing::Test {
   // Far more than a pipe holds: the writer hangs from now on.
   static void Hang(Logger& logger) {
     logger.OpenLogFile(1);
-    logger.Log(1, 1, "%s", std::string(std::size_t{1} << 20U, 'x').c_str());
+    logger.Write(1, std::string(std::size_t{1} << 20U, 'x'));
     EXPECT_FALSE(logger.Flush(std::chrono::milliseconds(100)));
   }
 
@@ -68,9 +69,9 @@ class HangingDiskTest : public testing::Test {
 TEST_F(HangingDiskTest, NeverLetsACallerWait) {
   Logger logger(LogDirectory(), kPipeCalls);
   Hang(logger);
-  logger.Log(1, 1, "behind it");
+  logger.Write(1, "behind it");
   logger.OpenLogFile(2);
-  logger.Log(2, 1, "another file");
+  logger.Write(2, "another file");
   EXPECT_THAT(GoOn(": behind it\n"), EndsWith(": behind it\n"));
   logger.Shutdown();
   EXPECT_THAT(ReadText(directory_ / "test_2.log"), EndsWith(": another file\n"));
@@ -94,7 +95,7 @@ TEST_F(HangingDiskTest, LosesLinesBeyondTheRoomForThemAndSaysHowMany) {
   Hang(logger);
   const std::string text(100000, 'y');
   constexpr int kLines = 200;
-  for (int i = 0; i < kLines; ++i) logger.Log(1, 1, "%s", text.c_str());
+  for (int i = 0; i < kLines; ++i) logger.Write(1, text);
   const std::string taken = GoOn(" lines dropped\n");
   const std::size_t line = taken.rfind('\n', taken.size() - 2) + 1;
   const int dropped = std::stoi(taken.substr(line + LogLine::kTimeBytes));
@@ -102,7 +103,7 @@ TEST_F(HangingDiskTest, LosesLinesBeyondTheRoomForThemAndSaysHowMany) {
   EXPECT_EQ(kept + dropped, kLines);
   EXPECT_GT(dropped, 0);
   EXPECT_GT(kept, kLines / 2);
-  logger.Log(1, 1, "goes on");
+  logger.Write(1, "goes on");
   EXPECT_THAT(GoOn(": goes on\n"), EndsWith(": goes on\n"));
 }
 
@@ -112,7 +113,7 @@ TEST_F(HangingDiskTest, DoesNotHoldUpTheEnd) {
     Logger logger(LogDirectory(), kPipeCalls, std::chrono::milliseconds(50));
     Hang(logger);
     logger.OpenLogFile(2);
-    logger.Log(2, 1, "behind it");
+    logger.Write(2, "behind it");
     logger.Shutdown();
   }
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
@@ -134,12 +135,12 @@ TEST_F(SmallDiskTest, BeginsANewLineWhenItHasRoomAgain) {
   Logger logger(directory_.Path().string() + "/");
   WriteText(directory_ / "filler", std::string(4096, 'x'));
   logger.OpenLogFile(1);
-  for (int i = 0; i < 1000; ++i) logger.Log(1, 1, "line %d of those that fill the disk", i);
+  for (int i = 0; i < 1000; ++i) logger.Write(1, Format("line %d of those that fill the disk", i));
   EXPECT_TRUE(logger.Flush(std::chrono::seconds(20)));
   EXPECT_NE(ReadText(directory_ / "test_1.log").back(), '\n') << "the disk is full";
   std::filesystem::remove(directory_ / "filler");
-  logger.Log(1, 1, "room again");
-  logger.Log(1, 1, "and more");
+  logger.Write(1, "room again");
+  logger.Write(1, "and more");
   logger.Shutdown();
   const std::vector<std::string> lines = ReadLines(directory_ / "test_1.log");
   ASSERT_GE(lines.size(), 3U);

@@ -23,6 +23,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "log/format.h"
 #include "log/log_file.h"
 #include "log/thread_stack.h"
 #include "support/child_process.h"
@@ -58,9 +59,9 @@ class LoggerTest : public testing::Test {
 TEST_F(LoggerTest, WritesTheDaemonsFileAndOnePerTest) {
   for (const std::uint16_t id : std::initializer_list<std::uint16_t>{0, 7, 65535})
     logger_.OpenLogFile(id);
-  logger_.Log(0, 1, "%s %d", "daemon", 1);
-  logger_.Log(7, 1, "plain");
-  logger_.Log(65535, 0, "%5.1f%%", 99.5);
+  logger_.Write(0, Format("%s %d", "daemon", 1));
+  logger_.Write(7, "plain");
+  logger_.Write(65535, Format("%5.1f%%", 99.5));
   logger_.Flush(kPatience);
   EXPECT_THAT(Texts(directory_ / "sender.log"), ElementsAre("daemon 1"));
   EXPECT_THAT(Texts(directory_ / "test_7.log"), ElementsAre("plain"));
@@ -75,7 +76,7 @@ TEST_F(LoggerTest, BeginsEachLineWithTheLocalTime) {
     Logger logger(directory.Path().string() + "/");
     logger.OpenLogFile(0);
     const std::time_t before = std::time(nullptr);
-    logger.Log(0, 1, "now");
+    logger.Write(0, "now");
     logger.Flush(kPatience);
     const std::time_t after = std::time(nullptr);
     const std::string line = ReadText(directory / "sender.log");
@@ -91,7 +92,7 @@ TEST_F(LoggerTest, BeginsEachLineWithTheLocalTime) {
 TEST_F(LoggerTest, WritesLongTextsWhole) {
   logger_.OpenLogFile(1);
   const std::string text(100000, 'x');
-  logger_.Log(1, 1, "%s", text.c_str());
+  logger_.Write(1, text);
   logger_.Flush(kPatience);
   EXPECT_THAT(Texts(directory_ / "test_1.log"), ElementsAre(text));
 }
@@ -124,26 +125,26 @@ TEST_F(LoggerTest, ThrowsWhenThereIsNoDirectoryAndNoneCanBeMade) {
 TEST_F(LoggerTest, IsSilentAboutAFileThatCannotBeOpened) {
   std::filesystem::create_directory(directory_ / "test_3.log");
   EXPECT_NO_THROW(logger_.OpenLogFile(3));
-  logger_.Log(3, 1, "lost");
+  logger_.Write(3, "lost");
   logger_.Flush(kPatience);
   std::filesystem::remove(directory_ / "test_3.log");
   logger_.OpenLogFile(3);
-  logger_.Log(3, 1, "found");
+  logger_.Write(3, "found");
   logger_.Flush(kPatience);
   EXPECT_THAT(Texts(directory_ / "test_3.log"), ElementsAre("found"));
 }
 
 TEST_F(LoggerTest, DropsTheLinesOfAFileThatIsNotOpen) {
-  logger_.Log(4, 1, "never opened");
+  logger_.Write(4, "never opened");
   logger_.OpenLogFile(4);
-  logger_.Log(4, 1, "open");
+  logger_.Write(4, "open");
   logger_.Flush(kPatience);
   logger_.CloseLogFile(4);
-  logger_.Log(4, 1, "closed");
+  logger_.Write(4, "closed");
   logger_.CloseLogFile(4);
   logger_.OpenLogFile(4);
   logger_.OpenLogFile(4);
-  logger_.Log(4, 1, "open again");
+  logger_.Write(4, "open again");
   logger_.Flush(kPatience);
   EXPECT_THAT(Texts(directory_ / "test_4.log"), ElementsAre("open", "open again"));
 }
@@ -151,9 +152,9 @@ TEST_F(LoggerTest, DropsTheLinesOfAFileThatIsNotOpen) {
 TEST_F(LoggerTest, KeepsErrno) {
   logger_.OpenLogFile(1);
   errno = EXDEV;
-  logger_.Log(1, 1, "open");
+  logger_.Write(1, "open");
   EXPECT_EQ(errno, EXDEV);
-  logger_.Log(2, 1, "not open");
+  logger_.Write(2, "not open");
   EXPECT_EQ(errno, EXDEV);
 }
 
@@ -164,7 +165,7 @@ TEST_F(LoggerTest, KeepsTheOrderOfEachThreadsLines) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([this, t] {
-      for (int i = 0; i < kLines; ++i) logger_.Log(1, 1, "%d %d", t, i);
+      for (int i = 0; i < kLines; ++i) logger_.Write(1, Format("%d %d", t, i));
     });
   }
   for (std::thread& thread : threads) thread.join();
@@ -183,7 +184,7 @@ TEST_F(LoggerTest, OpensAndClosesFilesWhileOthersLog) {
   for (const char* name : {"a", "b", "c"}) {
     threads.emplace_back([&, name] {
       for (int i = 0; !is_done; ++i)
-        logger_.Log(static_cast<std::uint16_t>(i % 2), 1, "%s %d", name, i);
+        logger_.Write(static_cast<std::uint16_t>(i % 2), Format("%s %d", name, i));
     });
   }
   for (const std::uint16_t id : std::initializer_list<std::uint16_t>{0, 1}) {
@@ -212,8 +213,8 @@ TEST_F(LoggerTest, OpensAndClosesFilesWhileOthersLog) {
 TEST_F(LoggerTest, WritesWhatWasLoggedBeforeAFileIsClosed) {
   for (int round = 1; round <= 20; ++round) {
     logger_.OpenLogFile(1);
-    logger_.Log(1, 1, "first");
-    logger_.Log(1, 1, "last");
+    logger_.Write(1, "first");
+    logger_.Write(1, "last");
     logger_.CloseLogFile(1);
     EXPECT_EQ(Texts(directory_ / "test_1.log").size(), 2U * static_cast<unsigned>(round));
   }
@@ -230,7 +231,7 @@ TEST_F(LoggerTest, MakesFilesThatOnlyTheOwnerReads) {
 
 TEST_F(LoggerTest, WritesWhatIsQueuedBeforeItShutsDown) {
   logger_.OpenLogFile(1);
-  for (int i = 0; i < 1000; ++i) logger_.Log(1, 1, "%d", i);
+  for (int i = 0; i < 1000; ++i) logger_.Write(1, Format("%d", i));
   logger_.Shutdown();
   EXPECT_EQ(Texts(directory_ / "test_1.log").size(), 1000U);
 }
@@ -238,9 +239,9 @@ TEST_F(LoggerTest, WritesWhatIsQueuedBeforeItShutsDown) {
 TEST_F(LoggerTest, DoesNothingAfterItsShutdown) {
   logger_.OpenLogFile(1);
   logger_.Shutdown();
-  logger_.Log(1, 1, "late");
+  logger_.Write(1, "late");
   logger_.OpenLogFile(1);
-  logger_.Log(1, 1, "later");
+  logger_.Write(1, "later");
   logger_.Flush(kPatience);
   logger_.CloseLogFile(1);
   logger_.Shutdown();
@@ -249,7 +250,7 @@ TEST_F(LoggerTest, DoesNothingAfterItsShutdown) {
 
 TEST_F(LoggerTest, ShutsDownOnceForManyThreads) {
   logger_.OpenLogFile(1);
-  logger_.Log(1, 1, "line");
+  logger_.Write(1, "line");
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([this] {
@@ -290,7 +291,7 @@ TEST(LoggerThreadTest, HasASmallStackAndNormalPriorityEvenForARealTimeCreator) {
     is_real_time = sched_setscheduler(0, SCHED_RR, &parameters) == 0;
     Logger logger(directory.Path().string() + "/", LogFileCalls{&SeeWriterThread, &readlink});
     logger.OpenLogFile(0);
-    logger.Log(0, 1, "line");
+    logger.Write(0, "line");
     logger.Flush(kPatience);
   });
   creator.join();
@@ -324,7 +325,7 @@ TEST(LoggerThreadTest, RefusesToWaitForItself) {
   logger_to_end = &logger;
   end_result = &result;
   logger.OpenLogFile(0);
-  logger.Log(0, 1, "line");
+  logger.Write(0, "line");
   EXPECT_THAT(result.get_future().get(), testing::HasSubstr("boost thread: trying joining itself"));
   logger.Shutdown();
   EXPECT_THAT(Texts(directory / "sender.log"), ElementsAre("line"));
