@@ -93,6 +93,8 @@ int ApiSender::ReadTasksFile(SlaTaskMap* tasks) {
 bool ApiSender::ReloadTasks() {
   SlaTaskMap new_tasks;
   if (ReadTasksFile(&new_tasks) != 0) return false;
+  // First, so that new tests find the addresses of a VRF that was made again.
+  netlink_.CheckVrfs();
   StartMainLoop();
   if (UpdateTaskConfigs(new_tasks) != 0) {
     LOG_DEBUG(0, "UpdateTaskConfigs() failen");

@@ -1,12 +1,15 @@
 #include "api/netlink_watcher.h"
 
 #include <linux/rtnetlink.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstring>
+#include <array>
+#include <cerrno>
+#include <cstdint>
 #include <exception>
-#include <set>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <utility>
@@ -15,6 +18,8 @@
 #include <boost/asio/error.hpp>
 
 #include "api/interface_query.h"
+#include "api/netlink_message.h"
+#include "api/nl_protocol.h"
 #include "api/receive_outcome.h"
 #include "env/namespace_scope.h"
 #include "env/network_namespace.h"
@@ -25,7 +30,13 @@ namespace {
 
 constexpr std::size_t kNetlinkBufferBytes = 8192;
 constexpr std::uint32_t kNetlinkGroups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR;
-constexpr std::chrono::seconds kResyncRetry{1};
+
+// Some thousand messages can wait while a reload keeps the thread busy. The kernel counts about 1
+// kB for a message and doubles the figure that it is given.
+constexpr int kSocketBufferBytes = 4 * 1024 * 1024;
+
+// Reading until nothing is left must end, whatever the kernel adds meanwhile.
+constexpr int kMostDiscarded = 1'000'000;
 
 nl_protocol::endpoint Endpoint(std::uint32_t port) {
   sockaddr_nl address{};
@@ -47,32 +58,67 @@ void Bind(nl_protocol::socket& socket) {
   }
 }
 
+void EnlargeBuffer(int fd) {
+  const int bytes = kSocketBufferBytes;
+  // The first needs privilege, the second is cut to the system's limit; both are only an attempt.
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) == 0) return;
+  static_cast<void>(setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes));
+}
+
+// Until the socket has been read empty the kernel drops what comes without saying so again; and
+// what waits in it is older than the answer that is about to be asked for.
+void DiscardWaiting(int fd) {
+  std::array<char, 1> beginning{};  // the rest of each message goes with it
+  for (int count = 0; count < kMostDiscarded; ++count) {
+    if (recv(fd, beginning.data(), beginning.size(), MSG_DONTWAIT) >= 0) continue;
+    if (errno != ENOBUFS && errno != EINTR) return;
+  }
+}
+
 // The namespace to enter for a VRF key: the daemon's own is never entered.
 std::string NamespaceOf(const std::string& vrf_key) {
   return vrf_key == kDefaultVrf ? std::string() : vrf_key;
 }
 
+// What tells one namespace from another as long as it is held.
+using NamespaceId = std::pair<dev_t, ino_t>;
+
+std::optional<NamespaceId> IdOf(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return std::nullopt;
+  return NamespaceId(status.st_dev, status.st_ino);
+}
+
 }  // namespace
 
 struct NetlinkWatcher::Watch {
-  Watch(boost::asio::io_context& service, std::string key)
-      : vrf_key(std::move(key)), socket(service), retry(service) {}
+  Watch(boost::asio::io_context& service, std::shared_ptr<VrfInterfaces> known)
+      : interfaces(std::move(known)), socket(service) {}
 
   void Close() {
     boost::system::error_code ignored;
     socket.close(ignored);
-    retry.cancel();
   }
 
-  const std::string vrf_key;
+  // Says once what goes on failing round after round.
+  void Complain(const std::exception& exception) {
+    if (!std::exchange(complained, true)) LOG_DEBUG(0, "Catch exception %s", exception.what());
+  }
+
+  const std::shared_ptr<VrfInterfaces> interfaces;
   std::array<std::uint8_t, kNetlinkBufferBytes> buffer{};
-  nl_protocol::socket socket;
-  boost::asio::steady_timer retry;  // armed after a re-read that failed
+  nl_protocol::socket socket;        // not open while there is no namespace to be in
+  std::optional<NamespaceId> place;  // what the name stood for when it was last looked at
+  bool behind = false;               // messages were lost and not made up for yet
+  bool complained = false;
 };
 
 NetlinkWatcher::NetlinkWatcher(boost::asio::io_context& service,
                                std::shared_ptr<InterfaceTable> table, InterfaceObserver& observer)
-    : service_(service), table_(std::move(table)), observer_(observer) {}
+    : service_(service),
+      table_(std::move(table)),
+      observer_(observer),
+      round_timer_(std::make_shared<boost::asio::steady_timer>(service)) {}
 
 NetlinkWatcher::~NetlinkWatcher() {
   try {
@@ -84,46 +130,44 @@ NetlinkWatcher::~NetlinkWatcher() {
 
 void NetlinkWatcher::CreateNetlinkSocketInVrf(const std::string& vrf) {
   const std::string key = VrfKey(vrf);
-  const auto [entry, inserted] = watches_.try_emplace(key);
-  if (!inserted) return;
-  entry->second = std::make_shared<Watch>(service_, key);
+  if (watches_.contains(key)) return;
+  const auto watch =
+      std::make_shared<Watch>(service_, std::make_shared<VrfInterfaces>(key, *table_, observer_));
   try {
-    Open(entry->second, vrf);
-    Receive(entry->second);
+    watch->interfaces->Begin(Open(*watch, key));
   } catch (const std::exception& exception) {
     LOG_DEBUG(0, "Catch exception %s", exception.what());
-    Release(vrf);
     throw std::runtime_error("CreateNetlinkSocketInVrf failed");
   }
+  Receive(watch);
+  watches_.emplace(key, watch);
+  if (watches_.size() == 1) WaitForRound();
 }
 
-void NetlinkWatcher::Open(const WatchPtr& watch, const std::string& vrf) {
-  NetworkNamespaceScope scope(vrf);
+InterfaceListing NetlinkWatcher::Open(Watch& watch, const std::string& vrf_key) {
+  NetworkNamespaceScope scope(NamespaceOf(vrf_key));
+  const auto place = IdOf("/proc/thread-self/ns/net");
   // Listening comes before listing: a change in between is then seen twice, not missed.
-  watch->socket.open(nl_protocol());
-  Bind(watch->socket);
+  watch.socket.open(nl_protocol());
+  EnlargeBuffer(watch.socket.native_handle());
+  Bind(watch.socket);
   InterfaceListing listing = ListInterfaces();
   scope.Leave();
-  for (auto& [address, record] : listing.addresses)
-    table_->Set(address, watch->vrf_key, std::move(record));
+  watch.place = place;
+  return listing;
 }
 
 void NetlinkWatcher::Release(const std::string& vrf) {
-  const std::string key = VrfKey(vrf);
-  const auto found = watches_.find(key);
+  const auto found = watches_.find(VrfKey(vrf));
   if (found == watches_.end()) return;
-  if (found->second) found->second->Close();
+  found->second->Close();
+  found->second->interfaces->Forget();
   watches_.erase(found);
-  table_->EraseVrf(key);
 }
 
 void NetlinkWatcher::Close() {
   while (!watches_.empty()) Release(watches_.begin()->first);
-}
-
-int NetlinkWatcher::NativeHandle(const std::string& vrf) {
-  const auto found = watches_.find(VrfKey(vrf));
-  return found == watches_.end() ? -1 : found->second->socket.native_handle();
+  round_timer_->cancel();
 }
 
 void NetlinkWatcher::Receive(const WatchPtr& watch) {
@@ -144,132 +188,86 @@ void NetlinkWatcher::NetlinkReceivePacket(const boost::system::error_code& error
       }
       return;
     case ReceiveOutcome::kLost:
-      Resync(watch);
+      DiscardWaiting(watch->socket.native_handle());
+      MakeUp(watch);
       break;
-    case ReceiveOutcome::kData:
-      Apply(ParseNetlinkMessage(std::span(watch->buffer).first(bytes)), watch);
+    case ReceiveOutcome::kData: {
+      const auto message = ParseNetlinkMessage(std::span(watch->buffer).first(bytes));
+      if (message.event == NetlinkEvent::kTruncated) MakeUp(watch);
+      watch->interfaces->Apply(message);
       break;
+    }
     case ReceiveOutcome::kAgain:
       break;
   }
-  Receive(watch);
+  // A check may have put another watch in place of this one.
+  if (watch->socket.is_open()) Receive(watch);
 }
 
-void NetlinkWatcher::Apply(const NetlinkMessage& message, const WatchPtr& watch) {
-  const auto index = static_cast<std::int32_t>(message.index);
-  switch (message.event) {
-    case NetlinkEvent::kIgnored:
-      return;
-    case NetlinkEvent::kTruncated:
-      Resync(watch);
-      return;
-    case NetlinkEvent::kError:
-      LOG_DEBUG(0, "recv netlink error: %s", std::strerror(message.error));
-      return;
-    case NetlinkEvent::kLinkChanged:
-      table_->SetFlags(watch->vrf_key, index, static_cast<std::int32_t>(message.flags));
-      // A message that does not name the link says nothing about its name; passed on without one it
-      // would mean that the link is gone.
-      if (message.name) observer_.SetInterfaceIndex(watch->vrf_key, message.index, message.name);
-      return;
-    case NetlinkEvent::kLinkGone:
-      table_->EraseInterface(watch->vrf_key, index);
-      observer_.SetInterfaceIndex(watch->vrf_key, message.index, std::nullopt);
-      return;
-    case NetlinkEvent::kAddressAdded:
-      SetAddresses(message, watch->vrf_key);
-      return;
-    case NetlinkEvent::kAddressRemoved:
-      EraseAddresses(message, watch->vrf_key);
-      return;
+void NetlinkWatcher::MakeUp(const WatchPtr& watch) {
+  watch->behind = true;
+  CheckVrfs();
+}
+
+void NetlinkWatcher::CheckVrfs() {
+  for (auto& [key, watch] : watches_) {
+    const std::string name = NamespaceOf(key);
+    const auto place = name.empty() ? watch->place : IdOf("/var/run/netns/" + name);
+    if (place != watch->place) {
+      LOG_DEBUG(0, "VRF %s: its network namespace is %s", key.c_str(),
+                place ? "another one" : "gone");
+      Move(watch, key);
+    } else if (place && !watch->socket.is_open()) {
+      Move(watch, key);
+    } else if (watch->behind) {
+      Resync(*watch, key);
+    }
   }
 }
 
-void NetlinkWatcher::SetAddresses(const NetlinkMessage& message, const std::string& vrf_key) {
-  if (message.addresses.empty()) return;
-  InterfaceRecord record;
-  record.index = static_cast<std::int32_t>(message.index);
+void NetlinkWatcher::Move(WatchPtr& watch, const std::string& vrf_key) {
+  watch->Close();
+  auto fresh = std::make_shared<Watch>(service_, watch->interfaces);
+  fresh->complained = watch->complained;
+  fresh->place = IdOf("/var/run/netns/" + vrf_key);
+  watch = fresh;
+  InterfaceListing listing;
+  if (fresh->place) {
+    try {
+      listing = Open(*fresh, vrf_key);
+      fresh->complained = false;
+      Receive(fresh);
+    } catch (const std::exception& exception) {
+      fresh->Complain(exception);
+      fresh->Close();
+    }
+  }
+  fresh->interfaces->Replace(listing);
+}
+
+// Messages were lost, so what they said is found out by asking. Without an answer (no descriptor
+// free, for example) the question is asked again in the next round.
+void NetlinkWatcher::Resync(Watch& watch, const std::string& vrf_key) {
   try {
     NetworkNamespaceScope scope(NamespaceOf(vrf_key));
-    record = QueryInterface(message.index);
+    const InterfaceListing now = ListInterfaces();
     scope.Leave();
+    watch.behind = false;
+    watch.complained = false;
+    watch.interfaces->Compare(now);
   } catch (const std::exception& exception) {
-    // The VRF's name can go while its namespace lives on; the address is kept, on an interface that
-    // is not running.
-    LOG_DEBUG(0, "Catch exception %s", exception.what());
-  }
-  std::optional<boost::asio::ip::address> latest;
-  for (const auto& address : message.addresses) {
-    table_->Set(address, vrf_key, record);
-    if (address.is_v4()) latest = address;
-  }
-  if (latest) TellAddress(vrf_key, *latest, record.index, true);
-}
-
-void NetlinkWatcher::EraseAddresses(const NetlinkMessage& message, const std::string& vrf_key) {
-  std::optional<boost::asio::ip::address> latest;
-  for (const auto& address : message.addresses) {
-    table_->Erase(address, vrf_key, static_cast<std::int32_t>(message.index));
-    if (address.is_v4()) latest = address;
-  }
-  if (latest) TellAddress(vrf_key, *latest, static_cast<std::int32_t>(message.index), false);
-}
-
-void NetlinkWatcher::TellAddress(const std::string& vrf_key,
-                                 const boost::asio::ip::address& address, std::int32_t index,
-                                 bool added) {
-  if (!address.is_v4()) return;
-  std::uint32_t wire = 0;  // network byte order: the bytes as they stand in a packet
-  const auto bytes = address.to_v4().to_bytes();
-  std::memcpy(&wire, bytes.data(), sizeof wire);
-  observer_.UpdateLocalAddress(vrf_key, static_cast<std::uint32_t>(index), added ? wire : 0,
-                               added ? 0 : wire);
-}
-
-// Messages were lost, so what they said is found out by comparing the VRF as it is with the table.
-// Without an answer (no descriptor free, for example) the question is asked again later: no message
-// may follow to give a new occasion.
-void NetlinkWatcher::Resync(const WatchPtr& watch) {
-  try {
-    ResyncNow(watch->vrf_key);
-  } catch (const std::exception& exception) {
-    LOG_DEBUG(0, "Catch exception %s", exception.what());
-    watch->retry.expires_after(kResyncRetry);
-    watch->retry.async_wait([this, watch](const boost::system::error_code& error) {
-      if (!error && watch->socket.is_open()) Resync(watch);
-    });
+    watch.Complain(exception);
   }
 }
 
-void NetlinkWatcher::ResyncNow(const std::string& vrf_key) {
-  NetworkNamespaceScope scope(NamespaceOf(vrf_key));
-  const InterfaceListing now = ListInterfaces();
-  scope.Leave();
-  const auto before = table_->OfVrf(vrf_key);
-
-  // The table first, as a whole: a test that restarts on the first call already finds every address
-  // in it.
-  std::set<std::uint32_t> links_gone;
-  for (const auto& [address, record] : before) {
-    const auto index = static_cast<std::uint32_t>(record.index);
-    if (!now.links.contains(index)) links_gone.insert(index);
-    if (!now.addresses.contains(address)) table_->Erase(address, vrf_key, record.index);
-  }
-  for (const auto& [address, record] : now.addresses) table_->Set(address, vrf_key, record);
-
-  for (const std::uint32_t index : links_gone)
-    observer_.SetInterfaceIndex(vrf_key, index, std::nullopt);
-  for (const auto& [index, name] : now.links) observer_.SetInterfaceIndex(vrf_key, index, name);
-  for (const auto& [address, record] : before) {
-    const auto found = now.addresses.find(address);
-    if (found == now.addresses.end() || found->second.index != record.index)
-      TellAddress(vrf_key, address, record.index, false);
-  }
-  for (const auto& [address, record] : now.addresses) {
-    const auto found = before.find(address);
-    if (found == before.end() || found->second.index != record.index)
-      TellAddress(vrf_key, address, record.index, true);
-  }
+void NetlinkWatcher::WaitForRound() {
+  round_timer_->expires_after(kRound);
+  round_timer_->async_wait(
+      [this, timer = std::weak_ptr(round_timer_)](const boost::system::error_code& error) {
+        if (error || timer.expired() || watches_.empty()) return;
+        CheckVrfs();
+        WaitForRound();
+      });
 }
 
 }  // namespace ipsla

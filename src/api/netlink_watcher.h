@@ -3,46 +3,35 @@
 #ifndef IPSLA_API_NETLINK_WATCHER_H_
 #define IPSLA_API_NETLINK_WATCHER_H_
 
-#include <array>
+#include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/system/error_code.hpp>
 
-#include "api/netlink_message.h"
-#include "api/nl_protocol.h"
+#include "api/vrf_interfaces.h"
 #include "sender/interface_table.h"
 
 namespace ipsla {
 
-/// Who is told of changes; the operations are those of Sender. Called on the service thread,
-/// without any lock held and after the interface table was brought up to date.
-class InterfaceObserver {
- public:
-  InterfaceObserver() = default;
-  virtual ~InterfaceObserver() = default;
-  InterfaceObserver(const InterfaceObserver&) = delete;
-  InterfaceObserver& operator=(const InterfaceObserver&) = delete;
-
-  virtual void UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
-                                  std::uint32_t new_address, std::uint32_t old_address) = 0;
-  virtual void SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,
-                                 const std::optional<std::string>& if_name) = 0;
-};
-
 /// The netlink sockets of all VRFs in use and what is done with their messages.
 ///
+/// A VRF's name can come to stand for another namespace (deleted and made again), of which no
+/// message tells: every few seconds, and at each reload, the watcher looks what the names stand
+/// for. A watch moves along with the name; while the name is gone there is none, so that the old
+/// namespace, with its links, can end.
+///
 /// Threads: the thread that runs the service context, or any one thread while none does. Lifetime:
-/// a handler that is still queued when its VRF is released, or when the watcher ends, finds its
-/// socket closed and does nothing.
+/// a handler that is still queued when its VRF is released, or when the watcher ends, does nothing.
 class NetlinkWatcher {
  public:
+  /// How often the names are looked at.
+  static constexpr std::chrono::seconds kRound{2};
+
   NetlinkWatcher(boost::asio::io_context& service, std::shared_ptr<InterfaceTable> table,
                  InterfaceObserver& observer);
   ~NetlinkWatcher();
@@ -59,32 +48,33 @@ class NetlinkWatcher {
   /// date any more.
   void Release(const std::string& vrf);
 
+  /// Looks now whether each VRF's name still stands for the namespace that is watched, and makes up
+  /// for lost messages where that failed before.
+  void CheckVrfs();
+
   /// Releases every VRF.
   void Close();
-
-  /// Descriptor of the VRF's socket, or -1 when it is not watched.
-  [[nodiscard]] int NativeHandle(const std::string& vrf);
 
  private:
   struct Watch;
   using WatchPtr = std::shared_ptr<Watch>;
 
-  void Open(const WatchPtr& watch, const std::string& vrf);
+  // Opens the socket inside the VRF and lists what is there. Throws.
+  [[nodiscard]] static InterfaceListing Open(Watch& watch, const std::string& vrf_key);
   void Receive(const WatchPtr& watch);
   void NetlinkReceivePacket(const boost::system::error_code& error, std::size_t bytes,
                             const WatchPtr& watch);
-  void Apply(const NetlinkMessage& message, const WatchPtr& watch);
-  void SetAddresses(const NetlinkMessage& message, const std::string& vrf_key);
-  void EraseAddresses(const NetlinkMessage& message, const std::string& vrf_key);
-  void Resync(const WatchPtr& watch);
-  void ResyncNow(const std::string& vrf_key);
-  void TellAddress(const std::string& vrf_key, const boost::asio::ip::address& address,
-                   std::int32_t index, bool added);
+  void MakeUp(const WatchPtr& watch);
+  // Puts a watch of what the name stands for now, if anything, in place of `watch`.
+  void Move(WatchPtr& watch, const std::string& vrf_key);
+  static void Resync(Watch& watch, const std::string& vrf_key);
+  void WaitForRound();
 
   boost::asio::io_context& service_;
   const std::shared_ptr<InterfaceTable> table_;
   InterfaceObserver& observer_;
-  std::map<std::string, WatchPtr> watches_;  // by VRF key
+  std::map<std::string, WatchPtr> watches_;                 // by VRF key
+  std::shared_ptr<boost::asio::steady_timer> round_timer_;  // its handler sees whether it is there
 };
 
 }  // namespace ipsla

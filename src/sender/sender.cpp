@@ -29,6 +29,10 @@ boost::asio::ip::address ToAddress(in_addr address) {
   return boost::asio::ip::make_address_v4(ntohl(address.s_addr));
 }
 
+in_addr GivenAddress(const SlaEndpointConfig& endpoint) {
+  return endpoint.if_index == 0 && endpoint.if_name.empty() ? endpoint.src.sin_addr : in_addr{};
+}
+
 // Seconds as the timer takes them; a value too large for 32 bits of milliseconds wraps,
 // deliberately.
 std::uint32_t ToMilliseconds(std::uint32_t seconds) {
@@ -60,16 +64,28 @@ Sender::Sender(boost::asio::io_context& worker, const SlaTaskConfig& task, Sende
       receive_buffer_(send_buffer_.size()),
       ring_(task.num_packets),
       calls_(calls),
+      given_control_(GivenAddress(task.control_phase)),
+      given_measurement_(GivenAddress(task.measurement)),
       timer_(worker) {
-  CompleteSourceInterface(&config_.measurement);
-  CompleteSourceInterface(&config_.control_phase);
+  FollowGivenAddresses();
   OpenLogFile(id_);
 }
 
-void Sender::CompleteSourceInterface(SlaEndpointConfig* endpoint) const {
-  if (endpoint->if_index != 0) return;
-  const auto found =
-      context_.interfaces->Find(ToAddress(endpoint->src.sin_addr), VrfKey(endpoint->vrf));
+// A source given by address is on whichever interface has it now: since the last run it may have
+// moved, or gone and come back, and its interface may have another name.
+void Sender::FollowGivenAddresses() {
+  FollowGivenAddress(&config_.measurement, given_measurement_);
+  FollowGivenAddress(&config_.control_phase, given_control_);
+}
+
+void Sender::FollowGivenAddress(SlaEndpointConfig* endpoint, in_addr given) const {
+  if (given.s_addr == 0) return;
+  const std::string vrf_key = VrfKey(endpoint->vrf);
+  auto found = context_.interfaces->Find(ToAddress(endpoint->src.sin_addr), vrf_key);
+  if (!found) {
+    found = context_.interfaces->Find(ToAddress(given), vrf_key);
+    if (found) endpoint->src.sin_addr = given;
+  }
   if (!found || found->index == 0) return;
   endpoint->if_index = static_cast<std::uint32_t>(found->index);
   endpoint->if_name = found->name;
@@ -118,6 +134,7 @@ void Sender::NewStart() {
 }
 
 bool Sender::CheckSourceAddress() {
+  FollowGivenAddresses();
   const SlaEndpointConfig& measurement = config_.measurement;
   const auto found =
       context_.interfaces->Find(ToAddress(measurement.src.sin_addr), VrfKey(measurement.vrf));

@@ -240,7 +240,8 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   void NewStart() IPSLA_REQUIRES(mutex_);
   void EndByTimeout() IPSLA_REQUIRES(mutex_);
   [[nodiscard]] bool CheckSourceAddress() IPSLA_REQUIRES(mutex_);
-  void CompleteSourceInterface(SlaEndpointConfig* endpoint) const;
+  void FollowGivenAddresses() IPSLA_REQUIRES(mutex_);
+  void FollowGivenAddress(SlaEndpointConfig* endpoint, in_addr given) const;
   [[nodiscard]] bool IsInVrf(const std::string& vrf_key) const IPSLA_REQUIRES(mutex_);
   void StopLocked(bool final) IPSLA_REQUIRES(mutex_);
   [[nodiscard]] std::uint32_t SecondsToNextRun() const IPSLA_REQUIRES(mutex_);
@@ -261,6 +262,9 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   void TakeDepartures() IPSLA_REQUIRES(mutex_);
 
   const ProbeCalls calls_;
+  // The sources that the task gives by address; 0 where it names an interface.
+  const in_addr given_control_;
+  const in_addr given_measurement_;
   RunTimer timer_ IPSLA_GUARDED_BY(mutex_);
   bool receiving_ IPSLA_GUARDED_BY(mutex_) = false;  // until an error or `take` ends it
   SteadyTime run_start_ IPSLA_GUARDED_BY(mutex_);    // of this run

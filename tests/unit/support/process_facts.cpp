@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <sstream>
 
 #include "support/vrf_fixture.h"
@@ -14,13 +15,15 @@ namespace {
 
 constexpr const char* kDescriptors = "/proc/self/fd";
 
-std::set<ino_t> OpenInodes() {
-  std::set<ino_t> inodes;
+// The open descriptors by inode.
+std::map<ino_t, int> DescriptorsByInode() {
+  std::map<ino_t, int> found;
   for (const auto& entry : std::filesystem::directory_iterator(kDescriptors)) {
     struct stat status {};
-    if (stat(entry.path().c_str(), &status) == 0) inodes.insert(status.st_ino);
+    if (stat(entry.path().c_str(), &status) == 0)
+      found[status.st_ino] = std::stoi(entry.path().filename());
   }
-  return inodes;
+  return found;
 }
 
 }  // namespace
@@ -41,9 +44,15 @@ std::size_t ThreadsOn(const std::string& cpus) {
   return count;
 }
 
+int DescriptorOf(ino_t inode) {
+  const auto found = DescriptorsByInode();
+  const auto entry = found.find(inode);
+  return entry == found.end() ? -1 : entry->second;
+}
+
 std::set<ino_t> RoutingSocketsIn(const std::string& vrf) {
   std::set<ino_t> found;
-  const std::set<ino_t> own = OpenInodes();
+  const auto own = DescriptorsByInode();
   const auto read = [&] {
     std::ifstream table("/proc/thread-self/net/netlink");
     std::string line;

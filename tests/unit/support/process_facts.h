@@ -17,6 +17,9 @@ namespace ipsla::test {
 /// Threads whose allowed CPUs are exactly this list.
 [[nodiscard]] std::size_t ThreadsOn(const std::string& cpus);
 
+/// The descriptor of this inode, or -1.
+[[nodiscard]] int DescriptorOf(ino_t inode);
+
 /// This process's routing netlink sockets in the VRF (empty: the namespace of the calling thread),
 /// by their inodes.
 [[nodiscard]] std::set<ino_t> RoutingSocketsIn(const std::string& vrf);
