@@ -48,6 +48,8 @@ def start_responder(lab, keychain):
             "127.0.0.1",
             "--control-port",
             "2000",
+            "--port-range",
+            f"{FIRST_PORT}-{FIRST_PORT + TASKS}",
             "--keychain",
             keychain,
             "--allow-open",

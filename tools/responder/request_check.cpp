@@ -151,14 +151,21 @@ void RefuseMeasurement(SlaControlStatus status, CheckedRequest* request) {
   request->answer.session_id = 0;
 }
 
-std::vector<std::uint8_t> EncodeAnswer(const CheckedRequest& request, std::size_t limit) {
-  ControlMessageBytes bytes = EncodeControlMessage(request.answer);
+void RefuseAuthentication(SlaControlStatus status, CheckedRequest* request) {
+  request->verdict = Verdict::kRefused;
+  request->answer.status = Status::kFail;
+  request->answer.auth_status = status;
+  request->answer.session_id = 0;
+}
+
+EncodedAnswer EncodeAnswer(const CheckedRequest& request, std::size_t limit) {
+  EncodedAnswer answer = {.bytes = EncodeControlMessage(request.answer),
+                          .size = std::min(limit, kControlMessageSize)};
   if (request.key) {
-    const auto digest = MessageDigest(request.answer.auth_algorithm, bytes, *request.key);
-    if (digest) std::ranges::copy(*digest, bytes.begin() + kDigestOffset);
+    const auto digest = MessageDigest(request.answer.auth_algorithm, answer.bytes, *request.key);
+    if (digest) std::ranges::copy(*digest, answer.bytes.begin() + kDigestOffset);
   }
-  return {bytes.begin(),
-          bytes.begin() + static_cast<std::ptrdiff_t>(std::min(limit, bytes.size()))};
+  return answer;
 }
 
 std::string DescribeFault(const ControlPhaseMessage& answer) {

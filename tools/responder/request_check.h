@@ -25,14 +25,14 @@
 
 #include <netinet/in.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
-#include "config/keychain.h"
+#include "config/keychain_rules.h"
 #include "udp/control_phase_message.h"
 
 namespace ipsla::responder {
@@ -70,11 +70,19 @@ struct CheckedRequest {
 
 /// Makes an accepted request a refused one, with a measurement status.
 void RefuseMeasurement(SlaControlStatus status, CheckedRequest* request);
+/// The same with an authentication status.
+void RefuseAuthentication(SlaControlStatus status, CheckedRequest* request);
 
-/// The bytes of the answer, at most `limit` of them, signed with the request's key as the request
-/// was.
-[[nodiscard]] std::vector<std::uint8_t> EncodeAnswer(const CheckedRequest& request,
-                                                     std::size_t limit);
+/// The bytes of an answer; none when there is nothing to send. No memory beyond itself.
+struct EncodedAnswer {
+  ControlMessageBytes bytes{};
+  std::size_t size = 0;
+
+  [[nodiscard]] std::span<const std::uint8_t> Bytes() const { return std::span(bytes).first(size); }
+};
+
+/// The answer, at most `limit` bytes of it, signed with the request's key as the request was.
+[[nodiscard]] EncodedAnswer EncodeAnswer(const CheckedRequest& request, std::size_t limit);
 
 /// What is wrong, in words, for a refused request.
 [[nodiscard]] std::string DescribeFault(const ControlPhaseMessage& answer);

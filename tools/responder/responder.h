@@ -1,20 +1,24 @@
-// The responder: one control socket, one socket per measurement address and port, one loop.
+// The responder's loop: one control socket, one socket for each measurement address and port.
 
 #ifndef IPSLA_TOOLS_RESPONDER_RESPONDER_H_
 #define IPSLA_TOOLS_RESPONDER_RESPONDER_H_
 
 #include <netinet/in.h>
+#include <sys/epoll.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
-#include "responder/request_check.h"
-#include "responder/session_table.h"
+#include "responder/control_desk.h"
+#include "responder/local_addresses.h"
+#include "responder/measurement_ports.h"
+#include "responder/report.h"
 #include "responder/udp_socket.h"
 
 namespace ipsla::responder {
@@ -22,22 +26,22 @@ namespace ipsla::responder {
 struct ResponderOptions {
   in_addr bind{};  ///< 0.0.0.0: every address of the host
   std::uint16_t control_port = 50000;
-  std::uint16_t lowest_port = 1024;  ///< measurement ports, both included
-  std::uint16_t highest_port = 65535;
-  std::size_t max_sessions = 4096;
+  std::uint16_t lowest_port = 50001;  ///< measurement ports, both included
+  std::uint16_t highest_port = 50100;
+  SessionLimits limits;
+  bool dscp_reflect = true;  ///< replies carry the DSCP of their probes
   bool verbose = false;
   AuthPolicy policy;
 };
 
 /// Answers requests and probes until it is stopped.
 ///
-/// Output: one line per ended session through `print`, and with `verbose` one per request.
-/// Threads: all of it on one thread, but for Stop and Reload, which may also be called from signal
-/// handlers.
+/// Output: one line per ended session through `print`, with `verbose` one per request, and the
+/// statistics on demand and at the end.
+/// Threads: all of it on one thread, but for Stop, Reload and PrintStatistics, which may also be
+/// called from signal handlers.
 class Responder {
  public:
-  using Print = std::function<void(const std::string& line)>;
-
   /// Opens the control socket. Throws std::system_error.
   Responder(ResponderOptions options, Print print);
 
@@ -46,54 +50,43 @@ class Responder {
   void Run(const std::function<std::optional<AuthPolicy>()>& load);
 
   /// Has Run end its sessions and return.
-  void Stop() { Wake(kStop); }
+  void Stop() { Wish(kStop); }
 
   /// Has Run load the keys anew.
-  void Reload() { Wake(kReload); }
+  void Reload() { Wish(kReload); }
+
+  /// Has Run print the statistics.
+  void PrintStatistics() { Wish(kStatistics); }
 
   /// The port of the control socket (of the system's choice when 0 was asked for).
   [[nodiscard]] std::uint16_t ControlPort() const { return control_port_; }
 
  private:
-  // A socket on which sessions receive their probes, open as long as there is one.
-  struct MeasurementSocket {
-    Descriptor socket;
-    std::size_t sessions = 0;
-  };
-  using Sockets = std::map<Endpoint, MeasurementSocket>;
+  static constexpr unsigned kReload = 1;
+  static constexpr unsigned kStatistics = 2;
+  static constexpr unsigned kStop = 4;
 
-  // What the eventfd's counter holds: reload requests in the lower half, stop requests in the
-  // upper.
-  static constexpr std::uint64_t kReload = 1;
-  static constexpr std::uint64_t kStop = std::uint64_t{1} << 32U;
+  void Wish(unsigned what);
+  void Watch(int fd, void* data) const;
+  [[nodiscard]] int TimeoutMs();
+  [[nodiscard]] bool IsOurs(in_addr address);
 
-  void Wake(std::uint64_t what) const;
-  void Watch(int fd) const;
-  [[nodiscard]] int TimeoutMs() const;
-  [[nodiscard]] bool IsOurs(in_addr address) const;
+  [[nodiscard]] bool HandleEvents(std::span<const epoll_event> events);
+  void AnswerRequest();
+  void ReceiveProbes(MeasurementSocket* measurement);
+  void TellTotals();
 
-  void ReceiveRequests();
-  void HandleRequest(const ReceivedRequest& request);
-  std::optional<Session> OpenSession(const ReceivedRequest& request, CheckedRequest* checked);
-  std::uint16_t ChoosePort(const SessionKey& key, SlaControlStatus* fault);
-  MeasurementSocket* SocketFor(const SessionKey& key, SlaControlStatus* fault);
-  void ReceiveProbes(int fd);
-  void Close(const Session& session, const std::string& reason);
-
-  const ResponderOptions options_;
-  const Print print_;
-  AuthPolicy policy_;
+  ResponderOptions options_;  // the keys are the desk's
+  Report report_;
   Descriptor poll_;
   Descriptor wake_;
   Descriptor control_;
   std::uint16_t control_port_ = 0;
-  SessionTable sessions_;
-  Sockets sockets_;
-  std::map<int, Endpoint> endpoints_;  // of the measurement sockets by descriptor
+  LocalAddresses addresses_;
+  MeasurementPorts ports_;
+  ControlDesk desk_;
   std::vector<std::uint8_t> buffer_;
-  std::uint64_t ignored_requests_ = 0;  // never answered
-  std::uint64_t refused_requests_ = 0;  // answered with a fault
-  std::uint64_t stray_probes_ = 0;      // of no session
+  std::atomic<unsigned> wishes_{0};
 };
 
 }  // namespace ipsla::responder

@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <utility>
-#include <vector>
 
 #include "responder/session.h"
 
@@ -19,41 +19,82 @@ namespace ipsla::responder {
 /// answer reaches it.
 inline constexpr std::int64_t kSessionGrace = 1'000'000'000;
 
-/// Single-threaded. Times are the steady clock in nanoseconds.
+/// What the sessions may take.
+struct SessionLimits {
+  std::size_t sessions = 8192;             ///< at a time
+  std::size_t sessions_per_source = 2048;  ///< of them, asked for from one address
+  std::uint32_t duration_ms = 3'600'000;   ///< longest life, whatever the request says
+  std::int64_t idle = 300'000'000'000;     ///< longest time without a probe, nanoseconds
+};
+
+/// Why a session could not be opened.
+enum class Room : std::uint8_t { kFree, kFull, kFullForSource };
+
+/// Single-threaded. Times are the steady clock in nanoseconds. Operations that need memory throw
+/// std::bad_alloc and leave the table as it was.
 class SessionTable {
  public:
-  explicit SessionTable(std::size_t max_sessions) : max_sessions_(max_sessions) {}
+  using Node = std::unique_ptr<Session>;
 
-  /// True when a session with this key could be opened now: there is room, or one to replace.
-  [[nodiscard]] bool HasRoomFor(const SessionKey& key) const;
+  explicit SessionTable(const SessionLimits& limits) : limits_(limits) {}
 
-  /// Opens a session of `duration_ms` and gives its id, 1 or more. A session with the same key is
-  /// replaced (its sender has begun a new run) and handed back in `replaced`. REQUIRES:
-  /// HasRoomFor(key).
-  std::uint32_t Open(const SessionKey& key, SlaTestType type, std::uint32_t duration_ms,
-                     std::int64_t now, std::optional<Session>* replaced);
+  /// Whether a session with this key could be opened now for this source (address, host order):
+  /// there is room, or one to replace.
+  [[nodiscard]] Room RoomFor(const SessionKey& key, std::uint32_t source) const;
 
-  /// The session with this key, or null. Valid until the table changes.
+  /// Opens a session of `duration_ms`, cut to the longest life. `wanted` has its key, type, source
+  /// and request; the id, 1 or more, is given here. A session with the same key is replaced (its
+  /// sender has begun a new run) and handed back in `replaced`. REQUIRES: RoomFor is kFree.
+  const Session& Open(Session wanted, std::uint32_t duration_ms, std::int64_t now, Node* replaced);
+
+  /// Lets a session last at least `duration_ms`, cut to the longest life, from now.
+  void Prolong(Session* session, std::uint32_t duration_ms, std::int64_t now) const;
+
+  /// The session with this key, or null. Valid until it is taken.
   [[nodiscard]] Session* Find(const SessionKey& key);
 
-  /// Removes and returns the sessions whose end has come, the earliest first.
-  [[nodiscard]] std::vector<Session> TakeEnded(std::int64_t now);
+  /// A port of `address` (host order) that sessions use: the one on which `peer` has a session,
+  /// else any; 0 when there is none.
+  [[nodiscard]] std::uint16_t PortInUse(std::uint32_t address, const Endpoint& peer) const;
 
-  /// Removes and returns all sessions, the earliest end first.
-  [[nodiscard]] std::vector<Session> TakeAll();
+  /// Removes and returns one session whose end has come or that has been idle for too long (its end
+  /// is then after `now`). Null when there is none.
+  [[nodiscard]] Node TakeEnded(std::int64_t now);
 
-  /// When the next session ends; nothing without sessions.
-  [[nodiscard]] std::optional<std::int64_t> NextEnd() const;
+  /// Removes and returns one session, whichever. Null when there is none.
+  [[nodiscard]] Node TakeAny();
+
+  /// When to call TakeEnded next; nothing without sessions.
+  [[nodiscard]] std::optional<std::int64_t> NextCheck() const;
 
   [[nodiscard]] std::size_t Size() const { return sessions_.size(); }
 
- private:
-  Session Remove(std::map<SessionKey, Session>::iterator position);
+  /// Calls `visit` with each session.
+  template <class Visitor>
+  void ForEach(Visitor visit) const {
+    for (const auto& [key, entry] : sessions_) visit(*entry.session);
+  }
 
-  const std::size_t max_sessions_;
+ private:
+  // A probe moves the time at which its session would be idle; the order is put right only when
+  // that time comes.
+  using Checks = std::set<std::pair<std::int64_t, SessionKey>>;
+  struct Entry {
+    Node session;
+    std::int64_t check = 0;  // where it stands in `checks_`
+  };
+  using Sessions = std::map<SessionKey, Entry>;
+  using Sources = std::map<std::uint32_t, std::size_t>;
+
+  [[nodiscard]] std::int64_t CheckOf(const Session& session) const;
+  [[nodiscard]] std::int64_t EndAfter(std::uint32_t duration_ms, std::int64_t now) const;
+  Node Remove(Sessions::iterator position);
+
+  const SessionLimits limits_;
   std::uint32_t last_id_ = 0;
-  std::map<SessionKey, Session> sessions_;
-  std::set<std::pair<std::int64_t, SessionKey>> ends_;  // of every session
+  Sessions sessions_;
+  Checks checks_;      // of every session
+  Sources by_source_;  // how many sessions, where there are any
 };
 
 }  // namespace ipsla::responder

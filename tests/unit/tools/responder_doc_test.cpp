@@ -22,14 +22,15 @@ TEST(ControlProtocolPage, AnswerIsWhatTheResponderSends) {
   CheckedRequest checked = CheckRequest(request, policy, [](in_addr) { return true; });
   ASSERT_EQ(checked.verdict, CheckedRequest::Verdict::kAccepted);
   checked.answer.session_id = 7;
-  EXPECT_EQ(ToHex(EncodeAnswer(checked, request.size())), ToHex(DocumentBytes(kPage, "answer")));
+  EXPECT_EQ(ToHex(EncodeAnswer(checked, request.size()).Bytes()),
+            ToHex(DocumentBytes(kPage, "answer")));
 }
 
 TEST(ControlProtocolPage, ReplyIsWhatTheResponderSends) {
   Session session;
   session.type = SlaTestType::kUdpJitter;
-  session.window.Note(1);
-  session.statistics.distinct = 1;
+  session.run.window.Note(1);
+  session.run.statistics.distinct = 1;
   std::vector<std::uint8_t> probe = DocumentBytes(kPage, "probe");
   // 10:20:30.123456780 of some day.
   const timespec arrival = {.tv_sec = 86400 * 20000 + 37230, .tv_nsec = 123'456'780};

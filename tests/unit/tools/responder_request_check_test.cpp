@@ -234,7 +234,7 @@ TEST(CheckRequest, AnswersEveryOtherLengthWithNoMoreThanCameIn) {
     }
     EXPECT_EQ(checked.verdict, Verdict::kRefused) << size;
     EXPECT_EQ(StatusesOf(checked), Header(Status::kInvalidLength)) << size;
-    EXPECT_EQ(EncodeAnswer(checked, size).size(), std::min(size, kControlMessageSize)) << size;
+    EXPECT_EQ(EncodeAnswer(checked, size).size, std::min(size, kControlMessageSize)) << size;
   }
 }
 
@@ -252,7 +252,8 @@ TEST(CheckRequest, TwoRespondersCannotKeepEachOtherBusy) {
       CheckedRequest checked = CheckRequest(datagram, PasswordPolicy(), kEveryAddress);
       if (checked.verdict == Verdict::kIgnored) break;
       if (checked.verdict == Verdict::kAccepted) checked.answer.session_id = 1;
-      datagram = EncodeAnswer(checked, datagram.size());
+      const EncodedAnswer answer = EncodeAnswer(checked, datagram.size());
+      datagram.assign(answer.Bytes().begin(), answer.Bytes().end());
     }
     EXPECT_LE(answers, 3);
   }
@@ -263,20 +264,20 @@ TEST(EncodeAnswer, RepeatsTheRequestWithItsStatusesAndIsSigned) {
   CheckedRequest checked = CheckRequest(request, PasswordPolicy(), kEveryAddress);
   checked.answer.session_id = 0x01020304;
   checked.answer.measurement_responder_port = 0x1234;
-  const Bytes answer = EncodeAnswer(checked, request.size());
-  ASSERT_EQ(answer.size(), kControlMessageSize);
+  const EncodedAnswer answer = EncodeAnswer(checked, request.size());
+  ASSERT_EQ(answer.size, kControlMessageSize);
   Bytes expected = With(With(request, 92, "01020304"), 166, "1234");
   const auto digest = MessageDigest(SlaAuthAlgorithm::kHmacSha256,
                                     std::span(expected).first<kControlMessageSize>(), "abc");
   ASSERT_TRUE(digest.has_value());
   std::ranges::copy(*digest, expected.begin() + kDigestOffset);
-  EXPECT_EQ(test::ToHex(answer), test::ToHex(expected));
+  EXPECT_EQ(test::ToHex(answer.Bytes()), test::ToHex(expected));
 }
 
 TEST(EncodeAnswer, IsNotSignedForWhoHasNotShownTheKey) {
   const Bytes request = With(Golden("UdpJitterPasswordHmac"), 79, "00");
-  const Bytes answer =
-      EncodeAnswer(CheckRequest(request, PasswordPolicy(), kEveryAddress), request.size());
+  const ControlMessageBytes answer =
+      EncodeAnswer(CheckRequest(request, PasswordPolicy(), kEveryAddress), request.size()).bytes;
   EXPECT_TRUE(std::all_of(answer.begin() + 48, answer.begin() + 80,
                           [](std::uint8_t byte) { return byte == 0; }));
   EXPECT_EQ(answer[3], 1);
@@ -288,6 +289,13 @@ TEST(RefuseMeasurement, TakesBackAnAcceptedRequest) {
   RefuseMeasurement(Status::kRequestedPortIsBusy, &checked);
   EXPECT_EQ(checked.verdict, Verdict::kRefused);
   EXPECT_EQ(StatusesOf(checked), Measurement(Status::kRequestedPortIsBusy));
+}
+
+TEST(RefuseAuthentication, TakesBackAnAcceptedRequest) {
+  CheckedRequest checked = CheckRequest(Golden("UdpJitterOpen"), {}, kEveryAddress);
+  RefuseAuthentication(Status::kAuthenticationFail, &checked);
+  EXPECT_EQ(checked.verdict, Verdict::kRefused);
+  EXPECT_EQ(StatusesOf(checked), Authentication(Status::kAuthenticationFail));
 }
 
 TEST(DescribeFault, NamesThePlaceAndTheStatus) {

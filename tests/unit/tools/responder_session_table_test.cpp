@@ -1,3 +1,5 @@
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "responder/session_table.h"
@@ -5,7 +7,8 @@
 namespace ipsla::responder {
 namespace {
 
-constexpr std::int64_t kMillisecond = 1'000'000;
+constexpr std::int64_t kTableMillisecond = 1'000'000;
+constexpr std::uint32_t kTableSource = 0xc0000201;
 
 SessionKey Key(std::uint16_t peer_port, std::uint16_t local_port = 50001) {
   return {.local = {.address = 1, .port = local_port}, .peer = {.address = 2, .port = peer_port}};
@@ -13,13 +16,28 @@ SessionKey Key(std::uint16_t peer_port, std::uint16_t local_port = 50001) {
 
 class SessionTableTest : public testing::Test {
  protected:
-  std::uint32_t Open(const SessionKey& key, std::uint32_t duration_ms = 100, std::int64_t now = 0) {
+  std::uint32_t Open(const SessionKey& key, std::uint32_t duration_ms = 100, std::int64_t now = 0,
+                     std::uint32_t source = kTableSource) {
     replaced_.reset();
-    return table_.Open(key, SlaTestType::kUdpJitter, duration_ms, now, &replaced_);
+    Session wanted;
+    wanted.type = SlaTestType::kUdpJitter;
+    wanted.key = key;
+    wanted.source = source;
+    return table_.Open(std::move(wanted), duration_ms, now, &replaced_).id;
   }
 
-  SessionTable table_{3};
-  std::optional<Session> replaced_;
+  // Takes whatever is due.
+  std::vector<SessionKey> TakeAllEnded(std::int64_t now) {
+    std::vector<SessionKey> keys;
+    while (const SessionTable::Node session = table_.TakeEnded(now)) keys.push_back(session->key);
+    return keys;
+  }
+
+  SessionTable table_{{.sessions = 4,
+                       .sessions_per_source = 3,
+                       .duration_ms = 3'600'000,
+                       .idle = 5000 * kTableMillisecond}};
+  SessionTable::Node replaced_;
 };
 
 TEST_F(SessionTableTest, FindsASessionBySourceAndPort) {
@@ -37,54 +55,87 @@ TEST_F(SessionTableTest, FindsASessionBySourceAndPort) {
 TEST_F(SessionTableTest, EndsEachSessionAfterItsDurationAndGrace) {
   Open(Key(10), 300);
   Open(Key(11), 100);
-  EXPECT_EQ(table_.NextEnd(), 100 * kMillisecond + kSessionGrace);
-  EXPECT_TRUE(table_.TakeEnded(100 * kMillisecond + kSessionGrace - 1).empty());
-  const auto ended = table_.TakeEnded(100 * kMillisecond + kSessionGrace);
-  ASSERT_EQ(ended.size(), 1U);
-  EXPECT_EQ(ended[0].key, Key(11));
+  EXPECT_EQ(table_.NextCheck(), 100 * kTableMillisecond + kSessionGrace);
+  EXPECT_EQ(table_.TakeEnded(100 * kTableMillisecond + kSessionGrace - 1), nullptr);
+  EXPECT_EQ(TakeAllEnded(100 * kTableMillisecond + kSessionGrace), std::vector{Key(11)});
   EXPECT_EQ(table_.Find(Key(11)), nullptr);
   EXPECT_NE(table_.Find(Key(10)), nullptr);
 }
 
-TEST_F(SessionTableTest, TakesTheLongestDuration) {
+TEST_F(SessionTableTest, CutsADurationToTheLongestLife) {
   Open(Key(10), 0xffffffff, 1'000'000'000'000);
-  EXPECT_EQ(table_.NextEnd(), 1'000'000'000'000 + 4294967295 * kMillisecond + kSessionGrace);
+  EXPECT_EQ(table_.Find(Key(10))->end,
+            1'000'000'000'000 + 3'600'000 * kTableMillisecond + kSessionGrace);
+  table_.Prolong(table_.Find(Key(10)), 0xffffffff, 2'000'000'000'000);
+  EXPECT_EQ(table_.Find(Key(10))->end,
+            2'000'000'000'000 + 3'600'000 * kTableMillisecond + kSessionGrace);
+}
+
+TEST_F(SessionTableTest, EndsASessionToWhichNoProbeComes) {
+  Open(Key(10), 60000);
+  Open(Key(11), 60000);
+  table_.Find(Key(11))->last_heard = 2000 * kTableMillisecond;
+  EXPECT_EQ(table_.NextCheck(), 5000 * kTableMillisecond);
+  EXPECT_EQ(TakeAllEnded(5000 * kTableMillisecond), std::vector{Key(10)});
+  EXPECT_EQ(table_.NextCheck(), 7000 * kTableMillisecond);
+  table_.Find(Key(11))->last_heard = 60000 * kTableMillisecond;
+  EXPECT_TRUE(TakeAllEnded(60999 * kTableMillisecond).empty());
+  EXPECT_EQ(TakeAllEnded(61000 * kTableMillisecond), std::vector{Key(11)});
+  EXPECT_EQ(table_.NextCheck(), std::nullopt);
+}
+
+TEST_F(SessionTableTest, ProlongsAndNeverShortens) {
+  Open(Key(10), 1000);
+  Session* const session = table_.Find(Key(10));
+  table_.Prolong(session, 1, 500 * kTableMillisecond);
+  EXPECT_EQ(session->end, 1000 * kTableMillisecond + kSessionGrace);
+  table_.Prolong(session, 1000, 500 * kTableMillisecond);
+  EXPECT_TRUE(TakeAllEnded(1000 * kTableMillisecond + kSessionGrace).empty());
+  EXPECT_EQ(TakeAllEnded(1500 * kTableMillisecond + kSessionGrace).size(), 1U);
 }
 
 TEST_F(SessionTableTest, ReplacesTheSessionOfASenderThatBeginsANewRun) {
   const std::uint32_t first = Open(Key(10), 100000);
-  table_.Find(Key(10))->statistics.received = 5;
+  table_.Find(Key(10))->run.statistics.received = 5;
   const std::uint32_t second = Open(Key(10), 100);
-  ASSERT_TRUE(replaced_.has_value());
+  ASSERT_NE(replaced_, nullptr);
   EXPECT_EQ(replaced_->id, first);
-  EXPECT_EQ(replaced_->statistics.received, 5U);
+  EXPECT_EQ(replaced_->run.statistics.received, 5U);
   EXPECT_EQ(table_.Size(), 1U);
   EXPECT_EQ(table_.Find(Key(10))->id, second);
-  EXPECT_EQ(table_.Find(Key(10))->statistics.received, 0U);
-  EXPECT_EQ(table_.NextEnd(), 100 * kMillisecond + kSessionGrace);
+  EXPECT_EQ(table_.Find(Key(10))->run.statistics.received, 0U);
+  EXPECT_EQ(table_.NextCheck(), 100 * kTableMillisecond + kSessionGrace);
 }
 
-TEST_F(SessionTableTest, IsFullAtItsBoundButForReplacements) {
+TEST_F(SessionTableTest, IsFullAtItsBoundsButForReplacements) {
   for (std::uint16_t port = 10; port < 13; ++port) {
-    EXPECT_TRUE(table_.HasRoomFor(Key(port)));
+    EXPECT_EQ(table_.RoomFor(Key(port), kTableSource), Room::kFree);
     Open(Key(port));
   }
-  EXPECT_FALSE(table_.HasRoomFor(Key(13)));
-  EXPECT_TRUE(table_.HasRoomFor(Key(12)));
-  EXPECT_EQ(table_.TakeAll().size(), 3U);
-  EXPECT_TRUE(table_.HasRoomFor(Key(13)));
-  EXPECT_EQ(table_.NextEnd(), std::nullopt);
+  EXPECT_EQ(table_.RoomFor(Key(13), kTableSource), Room::kFullForSource);
+  EXPECT_EQ(table_.RoomFor(Key(12), kTableSource), Room::kFree);
+  EXPECT_EQ(table_.RoomFor(Key(13), kTableSource + 1), Room::kFree);
+  Open(Key(13), 100, 0, kTableSource + 1);
+  // In the place of another's session, too, a source gets no more than its share.
+  EXPECT_EQ(table_.RoomFor(Key(13), kTableSource), Room::kFullForSource);
+  EXPECT_EQ(table_.RoomFor(Key(14), kTableSource + 2), Room::kFull);
+  EXPECT_EQ(table_.RoomFor(Key(13), kTableSource + 2), Room::kFree);
+  while (table_.TakeAny()) {
+  }
+  EXPECT_EQ(table_.Size(), 0U);
+  EXPECT_EQ(table_.RoomFor(Key(13), kTableSource), Room::kFree);
+  EXPECT_EQ(table_.NextCheck(), std::nullopt);
 }
 
-TEST_F(SessionTableTest, TakesAllInTheOrderOfTheirEnds) {
-  Open(Key(10), 300);
-  Open(Key(11), 100);
-  Open(Key(12), 200);
-  const auto all = table_.TakeAll();
-  ASSERT_EQ(all.size(), 3U);
-  EXPECT_EQ(all[0].key, Key(11));
-  EXPECT_EQ(all[1].key, Key(12));
-  EXPECT_EQ(all[2].key, Key(10));
+TEST_F(SessionTableTest, KnowsThePortsInUse) {
+  EXPECT_EQ(table_.PortInUse(1, {.address = 2, .port = 10}), 0);
+  Open(Key(10, 50001));
+  Open(Key(11, 50007));
+  Open(Key(12, 50007));
+  EXPECT_EQ(table_.PortInUse(1, {.address = 2, .port = 10}), 50001);
+  EXPECT_EQ(table_.PortInUse(1, {.address = 2, .port = 12}), 50007);
+  EXPECT_EQ(table_.PortInUse(1, {.address = 2, .port = 99}), 50007);
+  EXPECT_EQ(table_.PortInUse(3, {.address = 2, .port = 10}), 0);
 }
 
 }  // namespace
