@@ -49,7 +49,7 @@ struct CheckReport {
 
 /// Which files, against what.
 struct CheckRequest {
-  std::string tasks_file;
+  std::string tasks_file{};
   std::string keychain_file{};  ///< empty: none
   timespec now{};               ///< the moment at which the daemon would read them
   HostView* host = nullptr;     ///< null: what only a machine can tell is left out

@@ -4,6 +4,7 @@
 #define IPSLA_TOOLS_CTL_COMMANDS_H_
 
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -84,6 +85,20 @@ struct CheckOptions {
 };
 /// Needs no daemon and no privileges. One of the files may be standard input, "-".
 int RunCheck(const CommonOptions& common, const CheckOptions& options);
+
+struct TemplateOptions {
+  std::string type;           ///< an "sla-type"
+  std::string destination;    ///< the responder: a name or an address
+  std::string source;         ///< empty: the route's
+  std::string vrf;            ///< empty: none
+  std::int32_t port = 50000;  ///< of the responder's control phase
+  std::optional<std::int32_t> key_id;
+  std::optional<std::int32_t> interval_ms, packets, period_s;  ///< none: what suits the type
+};
+/// Prints a tasks file with one task. kExitUsage when the options make none that works.
+int RunTaskTemplate(const CommonOptions& common, const TemplateOptions& options);
+/// Prints a keychain file with one random key.
+int RunKeychainTemplate(std::int32_t key_id);
 
 struct ProbeOptions {
   std::int32_t id = 0;

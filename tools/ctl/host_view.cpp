@@ -1,37 +1,29 @@
 #include "ctl/host_view.h"
 
-#include <fcntl.h>
 #include <ifaddrs.h>
 #include <linux/magic.h>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <thread>
 
 #include <fmt/format.h>
+
+#include "ctl/namespace_thread.h"
 
 namespace ipsla::ctl {
 namespace {
 
-constexpr const char* kNamespaces = "/var/run/netns/";
 constexpr const char* kReturnName = "1";
 constexpr const char* kThisNamespace = "/proc/self/ns/net";
 
 std::string SystemFault(const std::string& what) {
   return fmt::format("{}: {}", what, std::strerror(errno));
-}
-
-/// Runs on a thread of its own, so that what it does to its thread is over with it.
-template <typename Work>
-void OnOwnThread(const Work& work) {
-  std::thread(work).join();
 }
 
 /// Puts an interface's address where it belongs.
@@ -71,39 +63,22 @@ HostInterfaces ListInterfaces() {
   return result;
 }
 
-/// Moves the calling thread for the rest of its life.
-bool EnterNamespace(const std::string& file) {
-  const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    return false;
-  }
-  const bool entered = setns(fd, CLONE_NEWNET) == 0;
-  const int error = errno;
-  close(fd);
-  errno = error;
-  return entered;
-}
-
 HostInterfaces ListInterfacesOf(const std::string& file) {
   HostInterfaces result;
-  OnOwnThread([&] {
-    if (file != kThisNamespace && !EnterNamespace(file)) {
-      result.fault = SystemFault(file);
-    } else {
-      result = ListInterfaces();
-    }
-  });
+  const auto fault = InNamespace(file, [&result] { result = ListInterfaces(); });
+  if (fault) {
+    result.fault = *fault;
+  }
   return result;
 }
 
 }  // namespace
 
 SystemHost::SystemHost(int daemon_pid)
-    : own_namespace_(daemon_pid == 0 ? kThisNamespace
-                                     : fmt::format("/proc/{}/ns/net", daemon_pid)) {}
+    : own_namespace_(daemon_pid == 0 ? "" : fmt::format("/proc/{}/ns/net", daemon_pid)) {}
 
 std::string SystemHost::VrfFault(const std::string& vrf) {
-  const std::string file = kNamespaces + vrf;
+  const std::string file = kNamespaceDirectory + vrf;
   struct statfs system {};
   if (statfs(file.c_str(), &system) != 0) {
     return SystemFault(file);
@@ -111,20 +86,23 @@ std::string SystemHost::VrfFault(const std::string& vrf) {
   return system.f_type == NSFS_MAGIC ? "" : file + " is no namespace";
 }
 
+std::string SystemHost::OwnNamespace() const {
+  return own_namespace_.empty() ? kThisNamespace : own_namespace_;
+}
+
 std::string SystemHost::ReturnFault() {
   if (std::string fault = VrfFault(kReturnName); !fault.empty()) {
     return fault;
   }
-  const std::string file = std::string(kNamespaces) + kReturnName;
+  const std::string file = std::string(kNamespaceDirectory) + kReturnName;
   struct stat registered {};
   struct stat own {};
   // What may not be looked at is not held against the file.
-  if (stat(file.c_str(), &registered) != 0 || stat(own_namespace_.c_str(), &own) != 0) {
+  if (stat(file.c_str(), &registered) != 0 || stat(OwnNamespace().c_str(), &own) != 0) {
     return "";
   }
   const bool same = registered.st_ino == own.st_ino && registered.st_dev == own.st_dev;
-  const char* owner =
-      own_namespace_ == kThisNamespace ? "in which this check runs" : "of the daemon";
+  const char* owner = own_namespace_.empty() ? "in which this check runs" : "of the daemon";
   return same ? "" : fmt::format("{} is not the network namespace {}", file, owner);
 }
 
@@ -133,7 +111,8 @@ const HostInterfaces& SystemHost::Interfaces(const std::string& vrf) {
   if (known != interfaces_.end()) {
     return known->second;
   }
-  return interfaces_[vrf] = ListInterfacesOf(vrf.empty() ? own_namespace_ : kNamespaces + vrf);
+  return interfaces_[vrf] =
+             ListInterfacesOf(vrf.empty() ? own_namespace_ : kNamespaceDirectory + vrf);
 }
 
 bool SystemHost::HasCpu(std::uint8_t cpu) {

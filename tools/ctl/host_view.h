@@ -58,7 +58,9 @@ class SystemHost : public HostView {
   [[nodiscard]] bool HasCpu(std::uint8_t cpu) override;
 
  private:
-  std::string own_namespace_;  // its file
+  [[nodiscard]] std::string OwnNamespace() const;
+
+  std::string own_namespace_;  // its file; empty: this process is in it
   std::map<std::string, HostInterfaces> interfaces_;
 };
 

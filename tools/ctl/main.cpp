@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <limits>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -44,6 +45,8 @@ struct Arguments {
   WatchOptions watch;
   std::vector<std::int32_t> ids;
   CheckOptions check;
+  TemplateOptions task_template;
+  std::int32_t keychain_template_id = 1;
   ProbeOptions probe;
   std::function<int()> run;
 };
@@ -124,6 +127,52 @@ void AddCheck(CLI::App* app, Arguments* a) {
   AddCommand(check, a, [a] { return RunCheck(a->common, a->check); });
 }
 
+/// `template TYPE`, a sub-command for each so that its options are its own.
+void AddTaskTemplate(CLI::App* templates, Arguments* a, const char* type) {
+  constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
+  TemplateOptions* options = &a->task_template;
+  CLI::App* command = templates->add_subcommand(type, "A tasks file with one such task");
+  command->add_option("--dst", options->destination, "The responder: an address or a name")
+      ->type_name("HOST")
+      ->required();
+  command->add_option("--src", options->source, "Source address (default: the route's)")
+      ->type_name("ADDRESS");
+  command->add_option("--port", options->port, "Control port of the responder")
+      ->check(CLI::Range(1, 65535))
+      ->capture_default_str();
+  command->add_option("--vrf", options->vrf, "VRF to measure in")->type_name("NAME");
+  command->add_option("--key-id", options->key_id, "Key of the keychain (default: no key)")
+      ->check(CLI::Range(0, 255));
+  command->add_option("--interval", options->interval_ms, "From one probe to the next")
+      ->type_name("MS")
+      ->check(CLI::Range(0, kMost));
+  command->add_option("--packets", options->packets, "Probes of a run")
+      ->check(CLI::Range(1, kMost));
+  command->add_option("--period", options->period_s, "From one run to the next")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(1, kMost));
+  AddCommand(command, a, [a, type] {
+    a->task_template.type = type;
+    return RunTaskTemplate(a->common, a->task_template);
+  });
+}
+
+void AddTemplate(CLI::App* app, Arguments* a) {
+  CLI::App* templates =
+      app->add_subcommand("template", "A first tasks file or keychain file, to standard output");
+  templates->require_subcommand(1);
+  templates->fallthrough();
+  for (const char* type :
+       {"udp-echo", "udp-jitter", "udp-jitter-ntp", "icmp-echo", "icmp-jitter"}) {
+    AddTaskTemplate(templates, a, type);
+  }
+  CLI::App* keychain = templates->add_subcommand("keychain", "A keychain file with a random key");
+  keychain->add_option("--key-id", a->keychain_template_id, "Id of the key")
+      ->check(CLI::Range(0, 255))
+      ->capture_default_str();
+  AddCommand(keychain, a, [a] { return RunKeychainTemplate(a->keychain_template_id); });
+}
+
 /// A wrong threshold is a usage error like any other.
 std::string ValidateThresholds(const std::string& text) {
   std::string error;
@@ -185,6 +234,7 @@ int ParseAndRun(int argc, char** argv) {
              [&arguments] { return RunStatus(arguments.common, Ids(arguments)); });
   AddReload(&app, &arguments);
   AddCheck(&app, &arguments);
+  AddTemplate(&app, &arguments);
   AddProbe(&app, &arguments);
   try {
     app.parse(argc, argv);
