@@ -156,51 +156,100 @@ def test_reload_tasks_prints_what_was_applied(ctl, start_daemon):
         ]
     )
     assert ctl("reload", "tasks").splitlines() == [
-        "tasks reloaded: 2 added, 1 removed, 1 restarted, 1 unchanged",
+        "tasks reloaded: 2 added, 1 removed, 1 changed, 1 unchanged, 0 skipped",
         "added:     4 6",
         "removed:   2",
-        "restarted: 3",
+        "changed:   3",
     ]
-    assert (
-        ctl("reload", "tasks") == "tasks reloaded: 0 added, 0 removed, 0 restarted, 4 unchanged\n"
+    assert ctl("reload", "tasks") == (
+        "tasks reloaded: 0 added, 0 removed, 0 changed, 4 unchanged, 0 skipped\n"
     )
     assert ctl.json("reload", "tasks") == {
         "reloaded": "tasks",
         "added": [],
         "removed": [],
-        "restarted": [],
+        "changed": [],
         "unchanged": [1, 3, 4, 6],
+        "skipped": [],
     }
 
 
-def test_refused_reload_is_an_error(ctl, daemon):
+NOT_RELOADED = "ip-sla-ctl: not reloaded; with --force the daemon is told all the same\n"
+
+
+def test_reload_of_a_file_with_faults_is_refused(ctl, lab, daemon):
     daemon.write_tasks([], "nonsense")
+    path = daemon.tasks_path
+    error = f"ip-sla-ctl: {path}:1:2: not valid JSON\n"
+    assert ctl("reload", "tasks", status=1, error=error + NOT_RELOADED) == ""
     text = (
-        "the daemon could not read the tasks file and goes on with the tasks it has; its log says why, and so does "
-        '"ip-sla-ctl check"'
+        "the daemon could not read the tasks file and goes on with the tasks it has; its log says "
+        'why, and so does "ip-sla-ctl check"'
     )
-    assert ctl("reload", "tasks", status=1, error=f"ip-sla-ctl: {text}\n") == ""
-    assert ctl.json("reload", "tasks", status=1, error=f"ip-sla-ctl: {text}\n") == {"error": text}
+    forced = {"status": 1, "error": f"{error}ip-sla-ctl: {text}\n"}
+    assert ctl.json("reload", "tasks", "--force", **forced) == {"error": text}
+
+    daemon.write_tasks([icmp_echo(1), icmp_echo(7, measurement={"ttl": 256})])
+    result = lab.run(*ctl.command("reload", "tasks", path), check=False)
+    assert (result.returncode, result.stdout) == (1, "")
+    assert "task 2 (id 7): icmp-echo.ttl = 256: invalid ttl value" in result.stderr
+    result = lab.run(*ctl.command("reload", "tasks", "--force"))
+    assert result.stdout.splitlines()[-1] == "skipped:   task 2 (id 7): invalid ttl value"
 
 
-def test_reload_that_no_test_can_be_made_from_tells_the_daemons_end(ctl, daemon):
+def test_reload_tells_when_the_daemon_reads_another_file(ctl, daemon):
+    error = f"ip-sla-ctl: the daemon reads {daemon.tasks_path}, not /etc/hostname\n"
+    ctl("reload", "tasks", "/etc/hostname", status=1, error=error + NOT_RELOADED)
+
+
+def test_reload_that_no_test_can_be_made_from_is_refused(ctl, lab, daemon):
     daemon.write_tasks([icmp_echo(1, scheduler={"Start-time": "soon"})])
-    text = "the daemon ended: a test of the new tasks file could not be created"
-    ctl("reload", "tasks", status=2, error=f"ip-sla-ctl: {text}\n")
+    result = lab.run(*ctl.command("reload", "tasks"), check=False)
+    assert result.returncode == 1 and "cannot be read as a time" in result.stderr
+    assert daemon.is_running()
+    result = lab.run(*ctl.command("reload", "tasks", "--force"), check=False)
+    assert result.returncode == 2
+    assert "the daemon ended: a test of the new tasks file could not be created" in result.stderr
     daemon.wait_exit()
 
 
+def test_reload_asks_little(ctl, lab, start_daemon):
+    """The log has room for the daemon's own words."""
+    daemon = start_daemon([icmp_echo(number, time=60) for number in (1, 2, 3, 4)])
+    for number in (1, 2, 3, 4):
+        daemon.wait_for_reports(number)
+    before = len(lab.log_text())
+    ctl("reload", "tasks")
+    grown = lab.log_text()[before:]
+    dump = grown.index("SENDER_API_CSLD_PARSE_TASKS_CONFIG")
+    after = grown.index("Recive commad", dump)
+    assert len(grown) - (after - dump) < 5000
+
+
 def test_reload_keychain(ctl, daemon):
-    assert ctl("reload", "keychain") == "keychain reloaded\n"
-    assert ctl.json("reload", "keychain") == {"reloaded": "keychain"}
+    daemon.write_keychain({1: "a", 5: "b"})
+    assert ctl("reload", "keychain") == "keychain reloaded: 2 keys: 1 5\n"
+    assert ctl.json("reload", "keychain") == {"reloaded": "keychain", "keys": [1, 5], "skipped": []}
 
 
-@pytest.mark.parametrize("timeout", [[], ["--timeout", "0.2"]])
-def test_keychain_that_cannot_be_read_tells_the_daemons_end(ctl, daemon, timeout):
+def test_keychain_that_loses_a_key_in_use_is_refused(ctl, start_daemon):
+    authentication = {"mode": "keychain", "algorithm": "sha256", "key-id": 3}
+    daemon = start_daemon([icmp_echo(1, authentication=authentication)], keychain={3: "a", 4: "b"})
+    daemon.write_keychain({4: "b"})
+    error = "ip-sla-ctl: task 1 uses key 3, which the keychain would not have\n"
+    ctl("reload", "keychain", status=1, error=error + NOT_RELOADED)
+    ctl("reload", "keychain", "--force", error=error)
+
+
+def test_keychain_that_cannot_be_read_is_always_refused(ctl, daemon):
     daemon.write_keychain("nonsense")
-    text = "the daemon ended: the keychain file could not be read"
-    ctl("reload", "keychain", *timeout, status=2, error=f"ip-sla-ctl: {text}\n")
-    assert daemon.wait_exit() == 1
+    error = (
+        f"ip-sla-ctl: {daemon.keychain_path}:1:2: not valid JSON\n"
+        "ip-sla-ctl: not reloaded: the daemon would end\n"
+    )
+    ctl("reload", "keychain", status=1, error=error)
+    ctl("reload", "keychain", "--force", status=1, error=error)
+    assert daemon.is_running()
 
 
 # -- probe

@@ -74,8 +74,13 @@ int RunWatch(const CommonOptions& common, const WatchOptions& options);
 
 int RunStatus(const CommonOptions& common, const std::set<std::int32_t>& ids);
 
-int RunReloadTasks(const CommonOptions& common);
-int RunReloadKeychain(const CommonOptions& common);
+struct ReloadOptions {
+  std::string file;    ///< what the daemon reads; empty: as the daemon's command line says
+  bool force = false;  ///< also a file with faults, unless it would end the daemon
+};
+/// Both check the file first and return kExitFailing when they object to it.
+int RunReloadTasks(const CommonOptions& common, const ReloadOptions& options);
+int RunReloadKeychain(const CommonOptions& common, const ReloadOptions& options);
 
 struct CheckOptions {
   std::string tasks_file;

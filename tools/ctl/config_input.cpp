@@ -89,6 +89,7 @@ ConfigInput ReadConfigInput(const std::string& name, std::chrono::milliseconds p
   const InputDescriptor file(name);
   struct stat status {};
   if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
+    input.error = errno;
     input.fault = CannotRead();
     return input;
   }

@@ -23,6 +23,7 @@ inline constexpr const char* kStandardInput = "-";
 struct ConfigInput {
   std::string text;
   std::optional<std::string> fault{};  ///< why there is no text, with the system's reason
+  int error = 0;                       ///< errno of that reason, when it is the system's
   std::optional<mode_t> mode{};        ///< permissions, of a regular file
 };
 

@@ -45,6 +45,7 @@ struct Arguments {
   WatchOptions watch;
   std::vector<std::int32_t> ids;
   CheckOptions check;
+  ReloadOptions reload;
   TemplateOptions task_template;
   std::int32_t keychain_template_id = 1;
   ProbeOptions probe;
@@ -101,11 +102,20 @@ void AddReload(CLI::App* app, Arguments* a) {
   CLI::App* reload = app->add_subcommand("reload", "Makes the daemon read a file again");
   reload->require_subcommand(1);
   reload->fallthrough();
-  CLI::App* tasks = reload->add_subcommand("tasks", "The tasks file; prints what was applied");
-  AddCommand(tasks, a, [a] { return RunReloadTasks(a->common); });
+  const auto add_options = [a](CLI::App* command) {
+    command->add_option("FILE", a->reload.file,
+                        "The file that the daemon reads (default: from its command line)");
+    command->add_flag("--force", a->reload.force,
+                      "Even if the file has faults, unless it would end the daemon");
+  };
+  CLI::App* tasks =
+      reload->add_subcommand("tasks", "The tasks file, checked first; prints what was applied");
+  add_options(tasks);
+  AddCommand(tasks, a, [a] { return RunReloadTasks(a->common, a->reload); });
   CLI::App* keychain = reload->add_subcommand(
-      "keychain", "The keychain file; one that cannot be read ends the daemon");
-  AddCommand(keychain, a, [a] { return RunReloadKeychain(a->common); });
+      "keychain", "The keychain file, checked first: one that cannot be read ends the daemon");
+  add_options(keychain);
+  AddCommand(keychain, a, [a] { return RunReloadKeychain(a->common, a->reload); });
 }
 
 void AddCheck(CLI::App* app, Arguments* a) {

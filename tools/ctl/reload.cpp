@@ -52,7 +52,7 @@ ReloadChanges CompareSnapshots(const TaskSnapshot& before, const TaskSnapshot& a
     if (old_task == before.configured.end()) {
       changes.added.push_back(id);
     } else if (old_task->second != scheduled || Restarted(id, before.results, after.results)) {
-      changes.restarted.push_back(id);
+      changes.changed.push_back(id);
     } else {
       changes.unchanged.push_back(id);
     }
@@ -61,19 +61,46 @@ ReloadChanges CompareSnapshots(const TaskSnapshot& before, const TaskSnapshot& a
 }
 
 std::vector<std::string> ReloadLines(const ReloadChanges& changes) {
-  std::vector<std::string> lines{fmt::format(
-      "tasks reloaded: {} added, {} removed, {} restarted, {} unchanged", changes.added.size(),
-      changes.removed.size(), changes.restarted.size(), changes.unchanged.size())};
+  std::vector<std::string> lines{
+      fmt::format("tasks reloaded: {} added, {} removed, {} changed, {} unchanged, {} skipped",
+                  changes.added.size(), changes.removed.size(), changes.changed.size(),
+                  changes.unchanged.size(), changes.skipped.size())};
   if (!changes.added.empty()) {
     lines.push_back(ListLine("added:", changes.added));
   }
   if (!changes.removed.empty()) {
     lines.push_back(ListLine("removed:", changes.removed));
   }
-  if (!changes.restarted.empty()) {
-    lines.push_back(ListLine("restarted:", changes.restarted));
+  if (!changes.changed.empty()) {
+    lines.push_back(ListLine("changed:", changes.changed));
+  }
+  for (std::string& line : SkippedLines(changes.skipped, "task")) {
+    lines.push_back(std::move(line));
   }
   return lines;
+}
+
+std::vector<std::string> SkippedLines(const std::vector<SkippedElement>& skipped,
+                                      const char* noun) {
+  std::vector<std::string> lines;
+  for (const SkippedElement& element : skipped) {
+    const std::string id = element.id ? fmt::format(" (id {})", *element.id) : "";
+    lines.push_back(
+        fmt::format("{:<11}{} {}{}: {}", "skipped:", noun, element.number, id, element.reason));
+  }
+  return lines;
+}
+
+void AddSkipped(cJSON* object, const std::vector<SkippedElement>& skipped) {
+  cJSON* array = cJSON_AddArrayToObject(object, "skipped");
+  for (const SkippedElement& element : skipped) {
+    cJSON* entry = cJSON_CreateObject();
+    cJSON_AddNumberToObject(entry, "number", static_cast<double>(element.number));
+    cJSON_AddItemToObject(entry, "id",
+                          element.id ? cJSON_CreateNumber(*element.id) : cJSON_CreateNull());
+    cJSON_AddStringToObject(entry, "reason", element.reason.c_str());
+    cJSON_AddItemToArray(array, entry);
+  }
 }
 
 std::string ReloadJson(const ReloadChanges& changes) {
@@ -81,8 +108,9 @@ std::string ReloadJson(const ReloadChanges& changes) {
   cJSON_AddStringToObject(document.get(), "reloaded", "tasks");
   AddIds(document.get(), "added", changes.added);
   AddIds(document.get(), "removed", changes.removed);
-  AddIds(document.get(), "restarted", changes.restarted);
+  AddIds(document.get(), "changed", changes.changed);
   AddIds(document.get(), "unchanged", changes.unchanged);
+  AddSkipped(document.get(), changes.skipped);
   return CompactJson(document.get());
 }
 

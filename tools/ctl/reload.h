@@ -8,6 +8,9 @@
 #include <vector>
 
 #include "client/task_results.h"
+#include "ctl/reload_check.h"
+
+struct cJSON;
 
 namespace ipsla::ctl {
 
@@ -18,7 +21,8 @@ struct TaskSnapshot {
 };
 
 struct ReloadChanges {
-  std::vector<std::int32_t> added, removed, restarted, unchanged;  ///< task ids, ascending
+  std::vector<std::int32_t> added, removed, changed, unchanged;  ///< task ids, ascending
+  std::vector<SkippedElement> skipped{};                         ///< of the file
 };
 
 /// Compares. A changed task starts afresh with empty statistics, which is how it is seen; one that
@@ -28,8 +32,14 @@ struct ReloadChanges {
 /// For people, as lines.
 [[nodiscard]] std::vector<std::string> ReloadLines(const ReloadChanges& changes);
 
-/// {"reloaded": "tasks", "added": [...], "removed": [...], "restarted": [...], "unchanged": [...]}
+/// {"reloaded": "tasks", "added": [...], "removed": [...], "changed": [...], "unchanged": [...],
+/// "skipped": [{"number", "id" or null, "reason"}...]}
 [[nodiscard]] std::string ReloadJson(const ReloadChanges& changes);
+
+/// The lines about skipped elements, and their JSON as member "skipped" of an object.
+[[nodiscard]] std::vector<std::string> SkippedLines(const std::vector<SkippedElement>& skipped,
+                                                    const char* noun);
+void AddSkipped(cJSON* object, const std::vector<SkippedElement>& skipped);
 
 }  // namespace ipsla::ctl
 
