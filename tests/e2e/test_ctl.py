@@ -2,14 +2,28 @@
 exit status.
 """
 
+import json
 import os
 import re
 import signal
+import time
 
 import pytest
 from support import schemas
-from support.ctl import ECHO, FAILING, HEADER, JITTER, NO_SOURCE, Ctl, masked, start_usual_daemon
-from support.tasks import icmp_echo
+from support.ctl import (
+    ECHO,
+    FAILING,
+    HEADER,
+    JITTER,
+    NO_SOURCE,
+    NOT_RUN,
+    Ctl,
+    masked,
+    start_usual_daemon,
+)
+from support.api_client import ApiClient
+from support.tasks import icmp_echo, udp_jitter_ntp
+from support.udp_tasks import start_responder
 from support.waiting import wait_for
 
 
@@ -27,28 +41,52 @@ def daemon(lab, start_daemon):
 # ------------------------------------------------------------------------------------------------------------
 
 
-def test_show_is_a_table_of_all_results_and_tells_a_failing_test(ctl, daemon):
-    assert masked(ctl("show", status=1)) == [HEADER, ECHO, JITTER, FAILING]
+def test_show_is_a_table_with_failing_tests_first_and_their_reasons(ctl, daemon):
+    assert masked(ctl("show", status=1)) == [HEADER, *FAILING, ECHO, JITTER]
 
 
 def test_show_columns_are_aligned(ctl, daemon):
-    header, *rows = ctl("show", status=1).splitlines()
-    for column in ("TYPE", "VRF", "DESTINATION", "RESULT", "ERROR"):
+    header, *lines = ctl("show", "--sort", "id", status=1).splitlines()
+    rows = [line for line in lines if re.match(r" *\d ", line)]
+    assert len(rows) == 3
+    for column in ("TYPE", "VRF", "DEST", "RESULT"):
         at = header.index(column)
         assert all(row[at] != " " and row[at - 2 : at] == "  " for row in rows), column
-    for column in ("RTT/ms", "JITTER-DS/ms", "LOSS/%", "OK", "FAILED"):
-        end = header.index(f" {column} ") + 1 + len(column)
-        assert all(row[end - 1] != " " and row[end : end + 2] == "  " for row in rows), column
+    for column in ("RTT", "ONE-WAY sd/ds", "JITTER", "LOSS", "OK", "FAILED"):
+        end = header.index(f"  {column}") + 2 + len(column)
+        assert all(row[end - 1] != " " and row[end : end + 2] in ("  ", "") for row in rows), column
+
+
+def test_show_sorts_and_selects(ctl, daemon):
+    assert masked(ctl("show", "--sort", "id", status=1)) == [HEADER, ECHO, JITTER, *FAILING]
+    assert masked(ctl("show", "--failing", status=1)) == [HEADER, *FAILING]
+    assert ctl("show", "--failing", 1) == "no task is failing\n"
 
 
 def test_show_of_chosen_tasks(ctl, daemon):
     assert masked(ctl("show", 2, 1)) == [HEADER, ECHO, JITTER]
-    assert masked(ctl("show", 9)) == [HEADER, "9 - - - not run - - - - - - - - - - - -"]
+    assert masked(ctl("show", 9)) == [HEADER, NOT_RUN]
 
 
 def test_show_all_includes_what_has_not_run(ctl, daemon):
-    rows = masked(ctl("show", "--all", status=1))
-    assert rows == [HEADER, ECHO, JITTER, FAILING, "9 - - - not run - - - - - - - - - - - -"]
+    rows = [HEADER, *FAILING, ECHO, JITTER, NOT_RUN]
+    assert masked(ctl("show", "--all", status=1)) == rows
+    assert masked(ctl("show", "--all", "--tasks", daemon.tasks_path, status=1)) == rows
+    unnamed = "9 - - - not run - - - - - - - - -"
+    daemon.tasks_path.rename(daemon.tasks_path.with_name("elsewhere.json"))
+    note = (
+        f"ip-sla-ctl: {daemon.tasks_path}: No such file or directory: tasks that have not run yet "
+        "are left out (name the file with --tasks, or use --scan)\n"
+    )
+    assert masked(ctl("show", "--all", status=1, error=note)) == rows[:-1]
+    assert masked(ctl("show", "--scan", status=1)) == [*rows[:-1], unnamed]
+
+
+def test_tasks_file_that_was_named_must_be_readable(ctl, daemon):
+    error = "ip-sla-ctl: /nonsense: No such file or directory\n"
+    assert ctl("show", "--tasks", "/nonsense", status=3, error=error) == ""
+    error = f"ip-sla-ctl: {daemon.keychain_path}: it is no tasks file\n"
+    assert ctl("status", "--tasks", daemon.keychain_path, status=3, error=error) == ""
 
 
 def test_show_of_an_unknown_task_is_an_error(ctl, daemon):
@@ -63,14 +101,19 @@ def test_show_metrics_has_every_value(ctl, daemon):
         for line in masked(ctl("show", "--metrics", 2, 9))
     ]
     assert re.fullmatch(r"run of TIME to TIME, \d+s ago; \d+ ok, 0 failed", lines.pop(1))
+    clock = lines.pop(7)
+    assert re.fullmatch(
+        r"clock of this machine: (not synchronised|unknown|synchronised, estimated error \S+ ms)",
+        clock,
+    )
     assert lines == [
         "task 2 icmp-jitter 10.1.0.1 -> 10.1.0.2, VRF blue: ok",
         "ms min avg max deviation",
         "round trip N.NNN N.NNN N.NNN -",
         "one-way SD N.NNN N.NNN N.NNN -",
         "one-way DS N.NNN N.NNN N.NNN -",
-        "jitter SD N.NNN N.NNN N.NNN N.NNN",
-        "jitter DS N.NNN N.NNN N.NNN N.NNN",
+        "jitter SD - - - N.NNN",
+        "jitter DS - - - N.NNN",
         "probes SD DS",
         "packets 5 5",
         "samples 5 5",
@@ -83,26 +126,107 @@ def test_show_metrics_has_every_value(ctl, daemon):
     ]
 
 
-def test_show_json_is_the_statistics_document(ctl, daemon):
+def test_show_json_tells_measurements_from_zeros(ctl, daemon):
     document = ctl.json("show", status=1)
-    schemas.check(document, "statistics")
+    schemas.check(document, "task-results")
+    echo, jitter, failed = document["tasks"]
     assert [(task["sla-id"], task["status"]) for task in document["tasks"]] == [
         (1, "successful"),
         (2, "successful"),
         (5, "fail"),
     ]
+    assert (jitter["type"], jitter["period-seconds"], jitter["loss-percent"]) == (
+        "icmp-jitter",
+        1,
+        0,
+    )
+    assert abs(jitter["age-seconds"] - (document["time"] - jitter["finish-time"])) == 0
+    assert jitter["rtt-values"]["min"] > 0 and echo["rtt-values"]["avg"] > 0
+    assert echo["rtt-values"]["min"] is None and echo["loss-percent"] == 0
+    assert set(echo["loss-values"].values()) == {None}
+    assert [key for key, value in jitter["jitter-values"].items() if value is not None] == [
+        "sd-sd",
+        "ds-sd",
+    ]
+    assert failed["reason"] == NO_SOURCE and failed["sd-pkt-count"] is None
+    assert set(failed["rtt-values"].values()) == {None}
+
+
+def test_show_json_of_chosen_tasks(ctl, daemon):
     document = ctl.json("show", 1, 9, 7, status=3, error="ip-sla-ctl: no task 7 is configured\n")
+    schemas.check(document, "task-results")
     assert [task["sla-id"] for task in document["tasks"]] == [1, 9]
-    assert document["tasks"][1] == {"sla-id": 9, "schedule": True, "status": "not run"}
+    waiting = document["tasks"][1]
+    assert (waiting["status"], waiting["type"], waiting["age-seconds"], waiting["stale"]) == (
+        "not run",
+        "icmp-echo",
+        None,
+        None,
+    )
     assert document["unknown"] == [7]
+
+
+def test_show_raw_is_the_daemons_own_text(ctl, daemon):
+    text = ctl("show", "--raw", status=1)
+    document = json.loads(text)
+    schemas.check(document, "statistics")
+    assert document["tasks"][0]["jitter-values"]["sd-min"] == 0, "its zeros are left as they are"
+    error = "ip-sla-ctl: no task 7 is configured\n"
+    chosen = json.loads(ctl("show", "--raw", 1, 7, status=3, error=error))
+    schemas.check(chosen, "statistics")
+    assert [task["sla-id"] for task in chosen["tasks"]] == [1]
+
+
+def test_result_that_is_too_old_is_stale_and_fails_where_asked(ctl, start_daemon):
+    tasks = [
+        icmp_echo(1, time=60, scheduler={"life-time": "0"}),
+        icmp_echo(2, time=60, scheduler={"life-time": "2"}),
+        icmp_echo(3, time=60),
+    ]
+    daemon = start_daemon(tasks)
+    daemon.wait_for_reports(2)
+    daemon.wait_for_reports(3)
+    document = wait_for(lambda: _with_stale(ctl.json("show"), 2), "task 2 to be at its life's end")
+    fresh = document["tasks"][1]
+    assert (fresh["sla-id"], fresh["stale"], fresh["stale-reason"]) == (3, False, None)
+    assert document["tasks"][0]["stale-reason"] == "its life of 2 s has ended"
+    assert "stale: its life of 2 s has ended" in ctl("show")
+    failing = masked(ctl("show", "--max-age", "auto", "--failing", status=1))
+    assert [row.split()[0] for row in failing] == ["ID", "2", "stale:"]
+    assert ctl("show", "--max-age", "3600", 3) != ""
+    ctl("show", "--max-age", "0", 3, status=1)
+
+
+def _with_stale(document, number):
+    marks = {task["sla-id"]: task["stale"] for task in document["tasks"]}
+    return document if marks.get(number) else None
+
+
+def test_show_remarks_that_ntp_results_mean_nothing(ctl, lab, start_daemon):
+    start_responder(lab)
+    start_daemon([udp_jitter_ntp(1)]).wait_for_reports(1)
+    assert masked(ctl("show"))[1:] == [
+        "1 udp-jitter-ntp - 127.0.0.1 ok AGE - - - - - - COUNT 0",
+        "no usable replies",
+        "hint: udp-jitter-ntp measures nothing that can be used; of udp-jitter, the replies came "
+        "after the run's time or a clock was set",
+    ]
+    task = ctl.json("show")["tasks"][0]
+    assert (task["reason"], task["loss-percent"]) == ("no usable replies", None)
+    line = ctl("probe", 1, "--warning", "rtt=5", status=3)
+    assert re.fullmatch(
+        r"UNKNOWN - task 1 udp-jitter-ntp: no usable replies \| age=\d+s;;;;\n", line
+    )
 
 
 def test_show_without_results(ctl, start_daemon):
     start_daemon([])
     assert ctl("show") == "no task has a result yet\n"
     assert ctl("show", "--all") == "no task is configured\n"
-    assert ctl("status") == "no task is configured\n"
-    assert ctl.json("show") == {"tasks": []}
+    assert "tasks: configured 0, scheduled 0, failing 0\n" in ctl("status")
+    document = ctl.json("show")
+    schemas.check(document, "task-results")
+    assert document["tasks"] == []
 
 
 def test_show_of_a_reply_in_many_fragments(ctl, start_daemon):
@@ -116,20 +240,52 @@ def test_show_of_a_reply_in_many_fragments(ctl, start_daemon):
 # ----------------------------------------------------------------------------------------------------------
 
 
-def test_status_names_every_configured_task(ctl, daemon):
-    rows = masked(ctl("status", status=1))
-    assert [re.sub(r" \d+s ", " AGE ", row) for row in rows] == [
-        "ID SCHEDULED RESULT AGE ERROR",
-        "1 yes ok AGE -",
-        "2 yes ok AGE -",
-        f"5 yes FAIL AGE {NO_SOURCE}",
-        "9 yes not run - -",
+def test_status_begins_with_the_daemon_and_names_every_task(ctl, daemon):
+    lines = masked(ctl("status", status=1))
+    version = ctl.lab.run(*ctl.command("-v", program="ip-sla-sender")).stdout.split()[4]
+    moment = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \(\S+ ago\)"
+    assert re.fullmatch(
+        rf"daemon: version {re.escape(version)}, pid {daemon.pid}, since {moment}", lines[0]
+    )
+    assert lines[1:4] == [
+        f"tasks file: {daemon.tasks_path}, last reload: none in the log",
+        f"keychain file: {daemon.keychain_path}",
+        "tasks: configured 4, scheduled 4, failing 1",
+    ]
+    assert [re.sub(r" \d+s$", " AGE", row) for row in lines[4:]] == [
+        "",
+        "ID TYPE SCHEDULED RESULT AGE",
+        "1 icmp-echo yes ok AGE",
+        "2 icmp-jitter yes ok AGE",
+        "5 icmp-echo yes FAIL AGE",
+        NO_SOURCE,
+        "9 icmp-echo yes not run -",
     ]
 
 
+def test_status_knows_the_last_reload(ctl, daemon):
+    begin = int(time.time())
+    api = ApiClient(ctl.lab)
+    api.reload_tasks()
+    status = ctl.json("status", status=1)["daemon"]
+    assert begin <= status["last-reload"] <= time.time() and not status["last-reload-refused"]
+    daemon.write_tasks([], "nonsense")
+    api.reload_tasks()
+    note = (
+        f"ip-sla-ctl: {daemon.tasks_path}: it is no tasks file: tasks that have not run yet are "
+        "left out (name the file with --tasks, or use --scan)\n"
+    )
+    status = ctl.json("status", status=1, error=note)["daemon"]
+    assert status["configured"] is None
+    assert status["last-reload-refused"] is True
+
+
 def test_status_of_chosen_tasks(ctl, daemon):
-    assert len(ctl("status", 1, 9).splitlines()) == 3
+    assert len(ctl("status", 1, 9).splitlines()) == 3 + 1 + 3
     document = ctl.json("status", 5, 9, 7, status=3, error="ip-sla-ctl: no task 7 is configured\n")
+    about_daemon = document.pop("daemon")
+    assert (about_daemon["pid"], about_daemon["pids"]) == (daemon.pid, [daemon.pid])
+    assert about_daemon["configured"] is None, "not all were looked at"
     assert document == {
         "tasks": [
             {"sla-id": 5, "status": True, "result": "fail"},
@@ -137,6 +293,17 @@ def test_status_of_chosen_tasks(ctl, daemon):
         ],
         "unknown": [7],
     }
+
+
+def test_status_warns_of_a_second_daemon(ctl, start_daemon):
+    first = start_daemon([icmp_echo(1)])
+    first.wait_for_reports(1)
+    second = start_daemon([icmp_echo(2)])
+    pids = sorted([first.pid, second.pid])
+    warning = f"warning: 2 daemons run here, pid {pids[0]} {pids[1]}: they share the logs, and only"
+    assert warning in ctl("status")
+    about_daemon = ctl.json("status")["daemon"]
+    assert (about_daemon["pid"], about_daemon["pids"]) == (first.pid, pids), "the one with the port"
 
 
 # -- reload
@@ -351,6 +518,27 @@ def test_wrong_command_line_is_a_usage_error(lab, ctl, arguments):
     assert result.returncode == 3
     assert result.stdout == ""
     assert "--help" in result.stderr
+
+
+@pytest.mark.parametrize(
+    "arguments, fault",
+    [
+        (["foo"], "unknown command 'foo'; did you mean 'show'?"),
+        (["--json", "wacth", "1"], "unknown command 'wacth'; did you mean 'watch'?"),
+        (["reload", "task"], "unknown command 'task'; did you mean 'tasks'?"),
+        (["show", "--alll"], "unknown option '--alll'; did you mean '--all'?"),
+        (["probe", "1", "2", "3"], "surplus arguments '2' '3'"),
+        (["show", "--sort", "name"], None),
+        (["show", "--max-age", "-1"], None),
+        (["show", "--raw", "--all"], None),
+    ],
+)
+def test_what_is_wrong_with_a_command_line_is_said(lab, ctl, arguments, fault):
+    result = lab.run(*ctl.command(*arguments), check=False)
+    assert (result.returncode, result.stdout) == (3, "")
+    message, advice = result.stderr.splitlines()
+    assert advice == "Run with --help for more information."
+    assert fault is None or message == f"ip-sla-ctl: {fault}"
 
 
 def test_help_and_version(ctl):

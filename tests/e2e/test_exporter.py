@@ -8,19 +8,11 @@ import pytest
 from support.ctl import NO_SOURCE, Ctl
 from support.exporter import Exporter
 from support.tasks import icmp_echo, icmp_jitter, udp_echo, udp_jitter, udp_jitter_ntp
+from support.udp_tasks import start_responder
 from support.waiting import wait_for
 
 OPEN_METRICS = "application/openmetrics-text;version=1.0.0"
 PERIOD = 2
-
-
-def start_responder(lab):
-    output = lab.directory / "responder"
-    variables = [f"{name}={value}" for name, value in lab.build.environment().items() if value]
-    program = [*lab.build.launcher(), lab.build.program("ip-sla-responder"), "--allow-open"]
-    with open(output, "wb") as out:
-        lab.popen("env", *variables, *program, "--control-port", "2000", stdout=out, stderr=out)
-    wait_for(lambda: "listening on" in output.read_text(), "the responder to listen")
 
 
 @pytest.fixture

@@ -12,7 +12,7 @@ from support.tasks import icmp_echo, udp_jitter
 EXAMPLES = pathlib.Path(__file__).resolve().parents[2] / "examples"
 
 
-@pytest.mark.parametrize("name", ["tasks", "keychain", "statistics"])
+@pytest.mark.parametrize("name", ["tasks", "keychain", "statistics", "task-results"])
 def test_schema_is_one(name):
     schema = json.loads((schemas.DIRECTORY / f"{name}.schema.json").read_text())
     jsonschema.Draft202012Validator.check_schema(schema)

@@ -6,10 +6,12 @@
 #include <cstdint>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "client/sender_client.h"
+#include "ctl/task_source.h"
 #include "ctl/task_view.h"
 
 namespace ipsla::ctl {
@@ -28,51 +30,46 @@ struct CommonOptions {
   bool json = false;
 };
 
-/// Which tasks: these ids, or every configured one, or (neither) the scheduled ones that have run.
-struct Selection {
-  std::set<std::int32_t> ids{};
-  bool all = false;
+/// Ends a command with a message and an exit status.
+class CommandError : public std::runtime_error {
+ public:
+  CommandError(ExitStatus status, const std::string& text)
+      : std::runtime_error(text), status_(status) {}
+  [[nodiscard]] ExitStatus Status() const { return status_; }
+
+ private:
+  ExitStatus status_;
 };
 
-struct Collected {
-  std::vector<TaskView> tasks;        ///< in ascending id
-  std::vector<std::int32_t> unknown;  ///< ids of the selection that no task has
+/// Complains about ids that no task has, on standard error.
+void ReportUnknown(const std::vector<std::int32_t>& ids);
 
-  [[nodiscard]] bool AnyFailed() const;
-};
-
-/// Asks the daemon. Throws ClientError.
-[[nodiscard]] Collected Collect(const client::SenderClient& sender, const Selection& selection,
-                                const std::set<std::string>& groups);
-
-/// {"tasks": [...]}: the daemon's own objects, and {"sla-id", "schedule", "status": "not run"} for
-/// a task without a result; with unknown ids, "unknown": [...].
-[[nodiscard]] std::string CollectedJson(const Collected& collected);
-
-/// Complains about unknown ids on standard error.
-void ReportUnknown(const Collected& collected);
-
-/// kExitUsage with unknown ids, else kExitFailing with a failed task, else kExitFine.
-[[nodiscard]] int CollectedStatus(const Collected& collected);
+/// kExitUsage with unknown ids, else kExitFailing with a failing task, else kExitFine.
+[[nodiscard]] int AnswerStatus(const client::TaskAnswer& answer, const TaskRules& rules);
 
 /// Seconds since the epoch.
 [[nodiscard]] std::int64_t Now();
 
 struct ShowOptions {
-  Selection selection;
+  TaskChoice choice;
   bool metrics = false;
+  bool raw = false;           ///< the API's own text
+  bool failing_only = false;  ///< leaves out tasks that do not fail
+  std::string sort;           ///< one of SortKeyNames(); empty: failing tasks first, in JSON by id
+  std::string max_age;        ///< seconds, or "auto"; empty: stale results do not count
 };
 int RunShow(const CommonOptions& common, const ShowOptions& options);
 
 struct WatchOptions {
-  Selection selection;
+  TaskChoice choice;
+  std::string sort;         ///< as above
   double interval = 2;      ///< seconds
   std::uint32_t count = 0;  ///< refreshes; 0: until interrupted
 };
 /// Returns kExitFine when interrupted (SIGINT, SIGTERM), which it takes over.
 int RunWatch(const CommonOptions& common, const WatchOptions& options);
 
-int RunStatus(const CommonOptions& common, const std::set<std::int32_t>& ids);
+int RunStatus(const CommonOptions& common, const TaskChoice& choice);
 
 struct ReloadOptions {
   std::string file;    ///< what the daemon reads; empty: as the daemon's command line says

@@ -89,6 +89,21 @@ std::size_t Width(char32_t value) {
   return IsIn(kTwo, value) || (value >= 0x20000 && value <= 0x3FFFD) ? 2 : 1;
 }
 
+/// Bytes of the longest beginning of `text` that is no wider than `width`; at least one character.
+std::size_t FittingBytes(std::string_view text, std::size_t width) {
+  std::size_t used = 0;
+  std::size_t bytes = 0;
+  while (bytes < text.size()) {
+    const CodePoint point = Decode(text.substr(bytes));
+    used += Width(point.value);
+    if (used > width && bytes > 0) {
+      break;
+    }
+    bytes += point.bytes;
+  }
+  return bytes;
+}
+
 }  // namespace
 
 std::string Printable(std::string_view text) {
@@ -138,6 +153,26 @@ std::string Shorten(std::string_view text, std::size_t width) {
     text.remove_prefix(point.bytes);
   }
   return shortened + "…";
+}
+
+std::vector<std::string> WrapText(std::string_view text, std::size_t width) {
+  if (width == 0 || DisplayWidth(text) <= width) {
+    return {std::string(text)};
+  }
+  std::vector<std::string> lines;
+  while (!text.empty()) {
+    const std::size_t fitting = FittingBytes(text, width);
+    std::size_t bytes = fitting;
+    if (fitting < text.size() && text[fitting] != ' ') {
+      const std::size_t space = text.rfind(' ', fitting);
+      bytes = space == std::string_view::npos || space == 0 ? fitting : space;
+    }
+    lines.emplace_back(text.substr(0, bytes));
+    lines.back().erase(lines.back().find_last_not_of(' ') + 1);
+    text.remove_prefix(bytes);
+    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+  }
+  return lines;
 }
 
 std::string AgeText(std::int64_t seconds) {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace ipsla::ctl {
 
@@ -28,6 +29,10 @@ inline constexpr const char* kNoValue = "-";
 /// `text` cut to at most `width` columns, "…" at its end when something was cut. REQUIRES: width at
 /// least 1.
 [[nodiscard]] std::string Shorten(std::string_view text, std::size_t width);
+
+/// `text` in lines of at most `width` columns (0: one line), broken at spaces, and within a word
+/// that is longer than a line. At least one line.
+[[nodiscard]] std::vector<std::string> WrapText(std::string_view text, std::size_t width);
 
 /// Seconds as the two largest units: "12s", "3m05s", "4h00m", "2d03h"; a negative age (a clock was
 /// set back) is "0s".

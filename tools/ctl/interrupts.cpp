@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -36,17 +37,19 @@ Interrupts::~Interrupts() {
   sigprocmask(SIG_SETMASK, &previous_mask_, nullptr);
 }
 
-bool Interrupts::WaitFor(std::chrono::milliseconds duration) const {
+Interrupts::Wake Interrupts::WaitUntil(std::chrono::steady_clock::time_point deadline,
+                                       int input_fd) const {
   using Clock = std::chrono::steady_clock;
-  const auto deadline = Clock::now() + duration;
-  pollfd wait{Fd(), POLLIN, 0};
+  std::array<pollfd, 2> waits{pollfd{Fd(), POLLIN, 0}, pollfd{input_fd, POLLIN, 0}};
   while (true) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (poll(&wait, 1, static_cast<int>(std::max<std::int64_t>(left, 0))) > 0) {
-      return true;
+    const int ready = poll(waits.data(), waits.size(),
+                           static_cast<int>(std::clamp<std::int64_t>(left, 0, 86400000)));
+    if (ready > 0) {
+      return waits[0].revents != 0 ? Wake::kInterrupt : Wake::kInput;
     }
     if (Clock::now() >= deadline) {
-      return false;
+      return Wake::kTime;
     }
   }
 }

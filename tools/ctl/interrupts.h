@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 
 namespace ipsla::ctl {
 
@@ -21,8 +22,9 @@ class Interrupts {
   /// Readable from the first signal on.
   [[nodiscard]] int Fd() const { return fd_; }
 
-  /// True when interrupted before `duration` has passed.
-  [[nodiscard]] bool WaitFor(std::chrono::milliseconds duration) const;
+  enum class Wake : std::uint8_t { kTime, kInput, kInterrupt };
+  /// Waits until `deadline`, until `input_fd` is readable (-1: none), or until interrupted.
+  [[nodiscard]] Wake WaitUntil(std::chrono::steady_clock::time_point deadline, int input_fd) const;
 
  private:
   sigset_t previous_mask_{};

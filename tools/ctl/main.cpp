@@ -11,7 +11,9 @@
 #include "ctl/commands.h"
 #include "ctl/config_input.h"
 #include "ctl/json_out.h"
+#include "ctl/task_order.h"
 #include "ctl/thresholds.h"
+#include "ctl/usage_fault.h"
 
 namespace ipsla::ctl {
 namespace {
@@ -43,6 +45,7 @@ struct Arguments {
   double timeout_s = 0;
   ShowOptions show;
   WatchOptions watch;
+  TaskChoice status;
   std::vector<std::int32_t> ids;
   CheckOptions check;
   ReloadOptions reload;
@@ -62,22 +65,67 @@ CLI::Option* AddIds(CLI::App* command, Arguments* arguments) {
   return command->add_option("ID", arguments->ids, "Task ids")->check(CLI::Range(0, 65535));
 }
 
-void AddSelection(CLI::App* command, Arguments* arguments, Selection* selection) {
+void AddChoice(CLI::App* command, Arguments* arguments, TaskChoice* choice) {
   CLI::Option* ids = AddIds(command, arguments);
-  command->add_flag("--all", selection->all, "Every configured task, also one that has not run yet")
+  command->add_option("--tasks", choice->tasks_file,
+                      "Tasks file that names the tasks (default: the running daemon's)");
+  command
+      ->add_flag(
+          "--scan", choice->selection.scan,
+          "Finds tasks without the file: asks for all 65536 ids, which fills the daemon's log")
       ->excludes(ids);
 }
 
-std::set<std::int32_t> Ids(const Arguments& arguments) {
-  return {arguments.ids.begin(), arguments.ids.end()};
+/// Of `show` and `watch`; `status` has all tasks anyway.
+void AddAll(CLI::App* command, TaskChoice* choice) {
+  command
+      ->add_flag("--all", choice->selection.all,
+                 "Every configured task, also one that has not run yet")
+      ->excludes(command->get_option("ID"));
+}
+
+void AddSort(CLI::App* command, std::string* sort) {
+  command
+      ->add_option("--sort", *sort,
+                   "Order: failing (tasks first), id, age, rtt, loss (largest first)")
+      ->type_name("KEY")
+      ->check(CLI::IsMember(SortKeyNames()));
+}
+
+/// The choice as given: with --scan every task is meant.
+TaskChoice Chosen(const Arguments& arguments, TaskChoice choice) {
+  choice.selection.ids = {arguments.ids.begin(), arguments.ids.end()};
+  choice.selection.all = choice.selection.all || choice.selection.scan;
+  return choice;
+}
+
+/// "auto" or whole seconds.
+std::string ValidateAge(const std::string& text) {
+  const bool is_number = !text.empty() && text.size() <= 9 &&
+                         text.find_first_not_of("0123456789") == std::string::npos;
+  return is_number || text == "auto" ? "" : "\"" + text + "\" is neither whole seconds nor auto";
 }
 
 void AddShow(CLI::App* app, Arguments* a) {
   CLI::App* show = app->add_subcommand("show", "Last results as a table");
-  AddSelection(show, a, &a->show.selection);
-  show->add_flag("--metrics", a->show.metrics, "Every value of each task");
+  AddChoice(show, a, &a->show.choice);
+  AddAll(show, &a->show.choice);
+  show->add_flag("--failing", a->show.failing_only, "Failing tasks only");
+  show->add_option("--max-age", a->show.max_age,
+                   "Results older than this are stale, and stale results count as failing; auto: "
+                   "stale is older than twice the task's period")
+      ->type_name("SECONDS")
+      ->check(CLI::Validator(ValidateAge, "", "age"));
+  CLI::Option* metrics = show->add_flag("--metrics", a->show.metrics, "Every value of each task");
+  show->add_flag("--raw", a->show.raw, "The daemon's own JSON, untouched")
+      ->excludes(metrics)
+      ->excludes(show->get_option("--all"))
+      ->excludes(show->get_option("--scan"))
+      ->excludes(show->get_option("--failing"))
+      ->excludes(show->get_option("--max-age"));
+  AddSort(show, &a->show.sort);
   AddCommand(show, a, [a] {
-    a->show.selection.ids = Ids(*a);
+    a->show.choice = Chosen(*a, a->show.choice);
     return RunShow(a->common, a->show);
   });
 }
@@ -85,16 +133,35 @@ void AddShow(CLI::App* app, Arguments* a) {
 void AddWatch(CLI::App* app, Arguments* a) {
   CLI::App* watch =
       app->add_subcommand("watch", "The same table, kept up to date, what changed marked");
-  watch->footer("Where standard output is no terminal: one line for each new result.");
-  AddSelection(watch, a, &a->watch.selection);
+  watch->footer(
+      "On a terminal arrows, page keys, Home and End move, q ends. Elsewhere: one line for each "
+      "new "
+      "result.\nOf many tasks each refresh asks for those that are shown; the others follow, as "
+      "far "
+      "as the daemon's log has room.");
+  AddChoice(watch, a, &a->watch.choice);
+  AddAll(watch, &a->watch.choice);
+  AddSort(watch, &a->watch.sort);
   watch->add_option("-n,--interval", a->watch.interval, "Time between refreshes")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.1, 86400.0))
       ->capture_default_str();
   watch->add_option("--count", a->watch.count, "Refreshes, then end (default: until Ctrl-C)");
   AddCommand(watch, a, [a] {
-    a->watch.selection.ids = Ids(*a);
+    a->watch.choice = Chosen(*a, a->watch.choice);
     return RunWatch(a->common, a->watch);
+  });
+}
+
+void AddStatus(CLI::App* app, Arguments* a) {
+  CLI::App* status = app->add_subcommand(
+      "status",
+      "The daemon itself, and which tasks are configured and scheduled and whether they fail");
+  AddChoice(status, a, &a->status);
+  AddCommand(status, a, [a] {
+    TaskChoice choice = Chosen(*a, a->status);
+    choice.selection.all = choice.selection.ids.empty();
+    return RunStatus(a->common, choice);
   });
 }
 
@@ -227,8 +294,36 @@ int Run(Arguments* arguments) {
       fmt::print("{}\n", ErrorJson(error.what()));
     }
     fmt::print(stderr, "ip-sla-ctl: {}\n", error.what());
-    return kExitNoDaemon;
+    const auto* const command_error = dynamic_cast<const CommandError*>(&error);
+    return command_error != nullptr ? command_error->Status() : kExitNoDaemon;
   }
+}
+
+/// The long names of an app's options.
+void AddOptionNames(const CLI::App& app, std::vector<std::string>* names) {
+  for (const CLI::Option* option : app.get_options()) {
+    for (const std::string& name : option->get_lnames()) {
+      names->push_back("--" + name);
+    }
+  }
+}
+
+/// What is wrong with the command line: as the library says it, but for words too many.
+std::string UsageFault(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> words = app.remaining(true);
+  const CLI::App* command = &app;
+  std::vector<std::string> options;
+  AddOptionNames(app, &options);
+  while (!command->get_subcommands().empty()) {
+    command = command->get_subcommands().front();
+    AddOptionNames(*command, &options);
+  }
+  std::vector<std::string> commands;
+  for (const CLI::App* sub : command->get_subcommands({})) {
+    commands.push_back(sub->get_name());
+  }
+  const bool is_about_them = !commands.empty() || error.get_name() == "ExtrasError";
+  return words.empty() || !is_about_them ? error.what() : SurplusText(words, commands, options);
 }
 
 int ParseAndRun(int argc, char** argv) {
@@ -237,11 +332,7 @@ int ParseAndRun(int argc, char** argv) {
   AddOptions(&app, &arguments);
   AddShow(&app, &arguments);
   AddWatch(&app, &arguments);
-  CLI::App* status = app.add_subcommand(
-      "status", "Which tasks are configured and scheduled, and whether they fail");
-  AddIds(status, &arguments);
-  AddCommand(status, &arguments,
-             [&arguments] { return RunStatus(arguments.common, Ids(arguments)); });
+  AddStatus(&app, &arguments);
   AddReload(&app, &arguments);
   AddCheck(&app, &arguments);
   AddTemplate(&app, &arguments);
@@ -249,7 +340,12 @@ int ParseAndRun(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kExitFine : kExitUsage;
+    if (error.get_exit_code() == 0) {
+      return app.exit(error);  // help and version
+    }
+    fmt::print(stderr, "ip-sla-ctl: {}\nRun with --help for more information.\n",
+               UsageFault(app, error));
+    return kExitUsage;
   }
   return Run(&arguments);
 }

@@ -43,11 +43,23 @@ std::size_t Slips(const std::string& from, const std::string& to) {
   return last.back();
 }
 
+constexpr std::size_t kLongestWord = 64;  // no known word is nearly as long
+
 }  // namespace
+
+std::string ClosestWord(std::string_view word, std::span<const std::string_view> known) {
+  if (known.empty() || word.size() > kLongestWord) {
+    return "";
+  }
+  const std::string plain = PlainWord(word);
+  return std::string(*std::min_element(
+      known.begin(), known.end(), [&plain](std::string_view one, std::string_view other) {
+        return Slips(plain, PlainWord(one)) < Slips(plain, PlainWord(other));
+      }));
+}
 
 std::string NearestWord(std::string_view word, std::span<const std::string_view> known) {
   constexpr std::size_t kShortestPart = 3;
-  constexpr std::size_t kLongestWord = 64;  // no known word is nearly as long
   if (word.empty() || word.size() > kLongestWord) {
     return "";
   }

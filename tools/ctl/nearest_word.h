@@ -14,6 +14,11 @@ namespace ipsla::ctl {
 [[nodiscard]] std::string NearestWord(std::string_view word,
                                       std::span<const std::string_view> known);
 
+/// The known word with the fewest characters to change, however many; of several the first. Empty
+/// without known words, and for a word that is too long to be one.
+[[nodiscard]] std::string ClosestWord(std::string_view word,
+                                      std::span<const std::string_view> known);
+
 }  // namespace ipsla::ctl
 
 #endif  // IPSLA_TOOLS_CTL_NEAREST_WORD_H_

@@ -167,7 +167,7 @@ PluginResult JudgeTask(const TaskView& task, const Thresholds& warning, const Th
     return {PluginState::kUnknown, fmt::format(fmt::runtime(text), task.id), {}};
   }
   const TaskStatistics& last = *task.last;
-  const std::string type = last.type == SlaTestType::kNone ? "" : " " + TypeText(last);
+  const std::string type = last.type == SlaTestType::kNone ? "" : " " + TypeText(last.type);
   const std::string subject = fmt::format("task {}{}: ", task.id, type);
   const auto age = static_cast<double>(std::max<std::int64_t>(now - last.finish_time, 0));
   Judgement judgement(warning, critical);

@@ -21,11 +21,11 @@ PluginResult Judge(const CommonOptions& common, const ProbeOptions& options) {
     return Unknown("--critical: " + error);
   }
   const client::SenderClient sender(common.client);
-  const Collected collected = Collect(sender, {.ids = {options.id}}, MetricGroupNames());
-  if (collected.tasks.empty()) {
+  const auto answer = client::QueryTasks(sender, {.ids = {options.id}}, {}, MetricGroupNames());
+  if (answer.tasks.empty()) {
     return Unknown(fmt::format("no task {} is configured", options.id));
   }
-  return JudgeTask(collected.tasks.front(), *warning, *critical, Now());
+  return JudgeTask(answer.tasks.front(), *warning, *critical, Now());
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// A table of text as lines. Pure.
+// A table of text as lines that fit a terminal. Pure.
 
 #ifndef IPSLA_TOOLS_CTL_TEXT_TABLE_H_
 #define IPSLA_TOOLS_CTL_TEXT_TABLE_H_
@@ -10,7 +10,7 @@
 
 namespace ipsla::ctl {
 
-enum class CellStyle : std::uint8_t { kPlain, kGood, kBad, kChanged, kHeader };
+enum class CellStyle : std::uint8_t { kPlain, kGood, kDoubtful, kBad, kChanged, kHeader };
 
 /// `text` with the terminal sequences of `style`, or, without colour, as it is (kChanged then gets
 /// a "*" at its end).
@@ -24,11 +24,22 @@ struct TableCell {
 struct TableColumn {
   std::string header;
   bool right_aligned = false;
+  /// Where there is no room the columns of the highest rank leave first; of one rank, the last.
+  std::uint32_t rank = 0;
+  /// How far its texts may be cut before a column leaves; 0: not at all.
+  std::size_t least_width = 0;
+  /// Leaves before any other column is cut or moves closer.
+  bool optional = false;
+};
+
+struct TableRow {
+  std::vector<TableCell> cells;    ///< as many as there are columns
+  std::vector<TableCell> notes{};  ///< lines of their own below the row
 };
 
 struct TextTable {
   std::vector<TableColumn> columns;
-  std::vector<std::vector<TableCell>> rows;  ///< as many cells each as there are columns
+  std::vector<TableRow> rows;
 };
 
 struct TableLayout {
@@ -36,9 +47,18 @@ struct TableLayout {
   bool colour = false;
 };
 
-/// A header and one line for each row, columns aligned and two spaces apart, the last column not
-/// padded. When that is wider than the layout, first the last column is shortened (to a dozen
-/// columns at most), then each row becomes a block of lines, one for each cell that has a value.
+/// The lines of a table and where its rows are in them.
+struct TableLines {
+  std::string header;
+  std::vector<std::vector<std::string>> rows;  ///< of each row its line and those of its notes
+};
+
+/// Columns are aligned and two spaces apart, or one where that is not wide enough, and leave by
+/// rank where that does not help; notes are broken into lines at spaces. No line is wider than the
+/// layout: at the worst it is cut.
+[[nodiscard]] TableLines LayOutTable(const TextTable& table, const TableLayout& layout);
+
+/// The same as a list of lines.
 [[nodiscard]] std::vector<std::string> RenderTable(const TextTable& table,
                                                    const TableLayout& layout);
 

@@ -52,16 +52,16 @@ std::string FigureText(const TaskView& task) {
   add("loss-sd", NumberText(figures.loss_sd, 1), "%");
   add("loss-ds", NumberText(figures.loss_ds, 1), "%");
   text += fmt::format(" ok={} failed={}", task.last->successful_count, task.last->failed_count);
-  if (!task.last->error.empty()) {
-    text += fmt::format(" error=\"{}\"", Printable(task.last->error));
+  if (const std::string reason = client::ReasonOf(task); !reason.empty()) {
+    text += fmt::format(" {}=\"{}\"", task.Failed() ? "error" : "remark", Printable(reason));
   }
   return text;
 }
 
-std::string TaskLine(const TaskView* before, const TaskView& task) {
+std::string TaskLine(const TaskView* before, const TaskView& task, const TaskRules& rules) {
   std::string line = fmt::format("task {}", task.id);
   if (task.last) {
-    line += " " + TypeText(*task.last);
+    line += " " + TypeText(task.last->type);
     if (!task.last->vrf.empty()) {
       line += " vrf=" + Printable(task.last->vrf);
     }
@@ -69,8 +69,8 @@ std::string TaskLine(const TaskView* before, const TaskView& task) {
       line += " dst=" + Printable(task.last->dst_address);
     }
   }
-  const std::string result = ResultCell(task).text;
-  const bool changed = before != nullptr && ResultCell(*before).text != result;
+  const std::string result = ResultCell(task, rules).text;
+  const bool changed = before != nullptr && ResultCell(*before, rules).text != result;
   return line + " result=" + result + (changed ? "*" : "") + FigureText(task);
 }
 
@@ -78,10 +78,11 @@ std::string TaskLine(const TaskView* before, const TaskView& task) {
 
 void MarkChanges(const TextTable& previous, TextTable* current) {
   std::map<std::string, const std::vector<TableCell>*> rows;
-  for (const auto& row : previous.rows) {
-    rows[row.front().text] = &row;
+  for (const TableRow& row : previous.rows) {
+    rows[row.cells.front().text] = &row.cells;
   }
-  for (auto& row : current->rows) {
+  for (TableRow& table_row : current->rows) {
+    auto& row = table_row.cells;
     const auto old_row = rows.find(row.front().text);
     if (old_row == rows.end()) {
       row.front().style = CellStyle::kChanged;
@@ -96,14 +97,14 @@ void MarkChanges(const TextTable& previous, TextTable* current) {
 }
 
 std::vector<std::string> ChangeLines(const std::vector<TaskView>& previous,
-                                     const std::vector<TaskView>& current, std::int64_t now) {
+                                     const std::vector<TaskView>& current, const TaskRules& rules) {
   const std::string time =
-      fmt::format("{:%Y-%m-%d %H:%M:%S} ", fmt::localtime(static_cast<std::time_t>(now)));
+      fmt::format("{:%Y-%m-%d %H:%M:%S} ", fmt::localtime(static_cast<std::time_t>(rules.now)));
   std::vector<std::string> lines;
   for (const TaskView& task : current) {
     const TaskView* before = FindTask(previous, task.id);
     if (before == nullptr || HasNews(*before, task)) {
-      lines.push_back(time + TaskLine(before, task));
+      lines.push_back(time + TaskLine(before, task, rules));
     }
   }
   for (const TaskView& task : previous) {

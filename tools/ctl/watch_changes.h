@@ -3,7 +3,6 @@
 #ifndef IPSLA_TOOLS_CTL_WATCH_CHANGES_H_
 #define IPSLA_TOOLS_CTL_WATCH_CHANGES_H_
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -16,11 +15,11 @@ namespace ipsla::ctl {
 void MarkChanges(const TextTable& previous, TextTable* current);
 
 /// One line for each task that has a new result, is new or is gone; with no previous tasks, for
-/// every task. A result that differs from the one before is marked with "*". `now`: seconds since
-/// the epoch, shown as local time.
+/// every task. A result that differs from the one before is marked with "*". `rules.now` is shown
+/// as local time.
 [[nodiscard]] std::vector<std::string> ChangeLines(const std::vector<TaskView>& previous,
                                                    const std::vector<TaskView>& current,
-                                                   std::int64_t now);
+                                                   const TaskRules& rules);
 
 }  // namespace ipsla::ctl
 

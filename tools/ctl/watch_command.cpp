@@ -1,114 +1,173 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <optional>
+#include <memory>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include "client/task_document.h"
 #include "ctl/commands.h"
 #include "ctl/interrupts.h"
+#include "ctl/task_groups.h"
+#include "ctl/task_order.h"
 #include "ctl/terminal.h"
+#include "ctl/terminal_input.h"
 #include "ctl/watch_changes.h"
+#include "ctl/watch_feed.h"
+#include "ctl/watch_screen.h"
 
 namespace ipsla::ctl {
 namespace {
 
 using client::ClientError;
-using client::SenderClient;
+using Clock = std::chrono::steady_clock;
 
 /// Shows each refresh as its kind of output wants it.
 class Display {
  public:
-  Display(const CommonOptions& common, const WatchOptions& options)
-      : common_(common), options_(options) {
-    if (IsScreen()) {
-      fmt::print("\x1b[?25l\x1b[2J");
-    }
-  }
-  ~Display() {
-    if (IsScreen()) {
-      fmt::print("\x1b[?25h");
-    }
-    std::fflush(stdout);
-  }
+  Display() = default;
+  virtual ~Display() = default;
   Display(const Display&) = delete;
   Display& operator=(const Display&) = delete;
 
-  void Show(const Collected& collected) {
-    trouble_.clear();
-    if (common_.json) {
-      fmt::print("{}\n", CollectedJson(collected));
-    } else if (IsScreen()) {
-      TextTable table = TaskTable(collected.tasks, Now());
-      if (table_) {
-        MarkChanges(*table_, &table);
-      }
-      Draw(collected, table);
-      table_ = TaskTable(collected.tasks, Now());
-    } else {
-      const std::vector<TaskView> none;
-      for (const std::string& line :
-           ChangeLines(last_ ? last_->tasks : none, collected.tasks, Now())) {
-        fmt::print("{}\n", line);
-      }
+  virtual void Show(std::vector<TaskView> tasks) = 0;
+  /// A refresh that failed: what was shown stays.
+  virtual void ShowTrouble(const std::string& text) {
+    if (trouble_ != text) {
+      fmt::print(stderr, "ip-sla-ctl: {}\n", text);
     }
-    last_ = collected;
+    trouble_ = text;
+  }
+  /// False when the user wants to end.
+  virtual bool TakeInput() { return true; }
+  [[nodiscard]] virtual int InputFd() const { return -1; }
+  /// Ids of what is shown; empty: everything.
+  [[nodiscard]] virtual std::set<std::int32_t> Visible() const { return {}; }
+
+ protected:
+  std::string trouble_;  // of the last refresh
+};
+
+/// A line for each new result.
+class LineDisplay : public Display {
+ public:
+  void Show(std::vector<TaskView> tasks) override {
+    trouble_.clear();
+    for (const std::string& line : ChangeLines(last_, tasks, {.now = Now()})) {
+      fmt::print("{}\n", line);
+    }
+    last_ = std::move(tasks);
     std::fflush(stdout);
   }
 
-  /// A refresh that failed: the last tasks stay.
-  void ShowTrouble(const std::string& text) {
-    const bool is_new = trouble_ != text;
-    trouble_ = text;
-    if (IsScreen()) {
-      Draw(last_.value_or(Collected{}), table_.value_or(TextTable{}));
-      std::fflush(stdout);
-    } else if (is_new) {
-      fmt::print(stderr, "ip-sla-ctl: {}\n", text);
-    }
-  }
-
  private:
-  [[nodiscard]] bool IsScreen() const { return terminal_.is_terminal && !common_.json; }
-
-  void Draw(const Collected& collected, const TextTable& table) const {
-    const Terminal terminal = StandardOutput();
-    const auto failing = std::count_if(collected.tasks.begin(), collected.tasks.end(),
-                                       [](const TaskView& t) { return t.Failed(); });
-    std::vector<std::string> lines{
-        fmt::format("{:%H:%M:%S}  tasks {}, failing {}, every {} s; Ctrl-C ends",
-                    fmt::localtime(Now()), collected.tasks.size(), failing, options_.interval)};
-    lines.push_back(trouble_.empty() ? "" : Styled(trouble_, CellStyle::kBad, terminal.colour));
-    if (!table.rows.empty()) {
-      const auto rows = RenderTable(table, terminal.Layout());
-      lines.insert(lines.end(), rows.begin(), rows.end());
-    }
-    if (terminal.height > 3 && lines.size() > terminal.height - 1) {
-      const std::size_t hidden = lines.size() - (terminal.height - 2);
-      lines.resize(terminal.height - 2);
-      lines.push_back(fmt::format("({} more lines)", hidden));
-    }
-    fmt::print("\x1b[H");
-    for (const std::string& line : lines) {
-      fmt::print("{}\x1b[K\n", line);
-    }
-    fmt::print("\x1b[J");
-  }
-
-  const CommonOptions& common_;
-  const WatchOptions& options_;
-  const Terminal terminal_ = StandardOutput();
-  std::optional<Collected> last_;
-  std::optional<TextTable> table_;  // as last shown, without marks
-  std::string trouble_;
+  std::vector<TaskView> last_;
 };
 
+/// A document for each refresh.
+class JsonDisplay : public Display {
+ public:
+  void Show(std::vector<TaskView> tasks) override {
+    trouble_.clear();
+    const client::DocumentContext context{.now = Now(), .clock = client::ReadClockState()};
+    fmt::print("{}\n", client::JsonLine(client::TasksDocument(tasks, context).get()));
+    std::fflush(stdout);
+  }
+};
+
+/// The table on a terminal, which can be scrolled.
+class ScreenDisplay : public Display {
+ public:
+  ScreenDisplay(SortKey sort, double interval) : sort_(sort), interval_(interval) {
+    fmt::print("\x1b[?25l\x1b[2J");
+  }
+  ~ScreenDisplay() override {
+    fmt::print("\x1b[?25h");
+    std::fflush(stdout);
+  }
+  ScreenDisplay(const ScreenDisplay&) = delete;
+  ScreenDisplay& operator=(const ScreenDisplay&) = delete;
+
+  void Show(std::vector<TaskView> tasks) override {
+    content_.trouble.clear();
+    content_.rules = {.now = Now()};
+    SortTasks(sort_, content_.rules, &tasks);
+    content_.tasks = std::move(tasks);
+    content_.remark = ClockRemark(content_.tasks, client::ReadClockState());
+    TextTable table = TaskTable(content_.tasks, content_.rules);
+    content_.table = table;
+    if (has_shown_) {
+      MarkChanges(unmarked_, &content_.table);
+    }
+    has_shown_ = true;
+    unmarked_ = std::move(table);
+    Draw();
+  }
+
+  void ShowTrouble(const std::string& text) override {
+    content_.trouble = text;
+    Draw();
+  }
+
+  bool TakeInput() override {
+    for (const Key key : keys_.Feed(input_.Read())) {
+      if (key == Key::kQuit) {
+        return false;
+      }
+      screen_.Move(key);
+    }
+    Draw();
+    return true;
+  }
+  [[nodiscard]] int InputFd() const override { return input_.Fd(); }
+  [[nodiscard]] std::set<std::int32_t> Visible() const override { return screen_.Visible(); }
+
+ private:
+  void Draw() {
+    const Terminal terminal = StandardOutput();
+    const auto failing = std::count_if(
+        content_.tasks.begin(), content_.tasks.end(),
+        [this](const TaskView& task) { return CountsAsFailing(task, content_.rules); });
+    content_.title =
+        fmt::format("{:%H:%M:%S}  tasks {}, failing {}, every {} s; q ends",
+                    fmt::localtime(content_.rules.now == 0 ? Now() : content_.rules.now),
+                    content_.tasks.size(), failing, interval_);
+    // Every line ends with a line feed, so the last of the terminal stays empty. Cleared before it
+    // is written: a line that fills the width has no place behind it.
+    fmt::print("\x1b[H");
+    for (const std::string& line :
+         screen_.Draw(content_, terminal.Layout(), std::max<std::size_t>(terminal.height, 2) - 1)) {
+      fmt::print("\x1b[K{}\n", line);
+    }
+    fmt::print("\x1b[J");
+    std::fflush(stdout);
+  }
+
+  const SortKey sort_;
+  const double interval_;  // seconds
+  TerminalInput input_;
+  KeyReader keys_;
+  WatchScreen screen_;
+  ScreenContent content_;
+  TextTable unmarked_;  // as last shown, without marks
+  bool has_shown_ = false;
+};
+
+std::unique_ptr<Display> MakeDisplay(const CommonOptions& common, const WatchOptions& options) {
+  if (common.json) {
+    return std::make_unique<JsonDisplay>();
+  }
+  if (StandardOutput().is_terminal) {
+    return std::make_unique<ScreenDisplay>(SortKeyOf(options.sort, false), options.interval);
+  }
+  return std::make_unique<LineDisplay>();
+}
+
 /// One refresh; kInterrupted passes through, and so does anything at the first one.
-void Refresh(const SenderClient& sender, const WatchOptions& options, bool is_first,
-             Display* display) {
+void Refresh(WatchFeed* feed, bool is_first, Display* display) {
   try {
-    display->Show(Collect(sender, options.selection, MetricGroupNames()));
+    display->Show(feed->Refresh(display->Visible(), Now()));
   } catch (const ClientError& error) {
     if (is_first || error.GetKind() == ClientError::Kind::kInterrupted) {
       throw;
@@ -117,29 +176,52 @@ void Refresh(const SenderClient& sender, const WatchOptions& options, bool is_fi
   }
 }
 
+/// False when the command is to end.
+bool WaitForNext(const Interrupts& interrupts, Clock::time_point deadline, Display* display) {
+  while (true) {
+    switch (interrupts.WaitUntil(deadline, display->InputFd())) {
+      case Interrupts::Wake::kTime:
+        return true;
+      case Interrupts::Wake::kInterrupt:
+        return false;
+      case Interrupts::Wake::kInput:
+        if (!display->TakeInput()) {
+          return false;
+        }
+        break;
+    }
+  }
+}
+
+std::set<std::string> GroupsFor(const CommonOptions& common) {
+  // A terminal may become wider.
+  return common.json ? MetricGroupNames() : TableGroups(0);
+}
+
 }  // namespace
 
 int RunWatch(const CommonOptions& common, const WatchOptions& options) {
   const Interrupts interrupts;
   client::ClientOptions client_options = common.client;
   client_options.interrupt_fd = interrupts.Fd();
-  const SenderClient sender(client_options);
   const auto interval =
       std::chrono::milliseconds(static_cast<std::int64_t>(options.interval * 1000));
   try {
-    if (!options.selection.ids.empty()) {
-      const Collected known = Collect(sender, options.selection, {});
+    TaskSource source(client_options, options.choice);
+    if (!options.choice.selection.ids.empty()) {
+      const client::TaskAnswer known = source.Query({});
       if (!known.unknown.empty()) {
-        ReportUnknown(known);
+        ReportUnknown(known.unknown);
         return kExitUsage;
       }
     }
-    Display display(common, options);
+    WatchFeed feed(&source, GroupsFor(common));
+    const std::unique_ptr<Display> display = MakeDisplay(common, options);
     for (std::uint32_t shown = 0; options.count == 0 || shown < options.count; ++shown) {
-      if (shown > 0 && interrupts.WaitFor(interval)) {
+      if (shown > 0 && !WaitForNext(interrupts, Clock::now() + interval, display.get())) {
         break;
       }
-      Refresh(sender, options, shown == 0, &display);
+      Refresh(&feed, shown == 0, display.get());
     }
   } catch (const ClientError& error) {
     if (error.GetKind() != ClientError::Kind::kInterrupted) {

@@ -16,12 +16,19 @@ from .waiting import SCALE, wait_for
 _UNREACHABLE = "192.0.2.10"  # on no interface
 NO_SOURCE = "source address or interface not exist"
 HEADER = (
-    "ID TYPE VRF DESTINATION RESULT AGE RTT/ms SD/ms DS/ms JITTER-SD/ms JITTER-DS/ms LOSS/% LOSS-SD/% LOSS-DS/% OK FAILED "
-    "ERROR"
+    "ID TYPE VRF DEST RESULT AGE RTT ONE-WAY sd/ds JITTER LOSS LOSS sd/ds JITTER sd/ds OK FAILED"
 )
-ECHO = "1 icmp-echo - 127.0.0.1 ok AGE N.NNN - - - - 0 - - COUNT 0 -"
-JITTER = "2 icmp-jitter blue 10.1.0.2 ok AGE N.NNN N.NNN N.NNN N.NNN N.NNN 0 0 0 COUNT 0 -"
-FAILING = f"5 icmp-echo - 127.0.0.1 FAIL AGE - - - - - - - - 0 COUNT {NO_SOURCE}"
+ECHO = "1 icmp-echo - 127.0.0.1 ok AGE N.NNN - - 0% - - COUNT 0"
+JITTER = "2 icmp-jitter blue 10.1.0.2 ok AGE N.NNN N.NNN/N.NNN N.NNN 0% 0%/0% N.NNN/N.NNN COUNT 0"
+NOT_RUN = "9 icmp-echo - 127.0.0.1 not run - - - - - - - - -"
+FAILING = [
+    "5 icmp-echo - 127.0.0.1 FAIL AGE - - - - - - 0 COUNT",
+    NO_SOURCE,
+    "hint: give the task a source address that an interface of its VRF has and that is up "
+    "(ip address)",
+]
+# Whether the machine's clock is synchronised is not the test's.
+CLOCK_REMARK = "the clock of this machine is not synchronised: one-way values may be wrong"
 
 
 class Ctl:
@@ -32,7 +39,7 @@ class Ctl:
         self.environment = {**lab.build.environment(), "TZ": "UTC0"}
         self.environment = {name: value for name, value in self.environment.items() if value}
 
-    def command(self, *arguments, **environment):
+    def command(self, *arguments, program="ip-sla-ctl", **environment):
         variables = [
             f"{name}={value}" for name, value in {**self.environment, **environment}.items()
         ]
@@ -42,7 +49,7 @@ class Ctl:
             "-i",
             *variables,
             *launcher,
-            self.lab.build.program("ip-sla-ctl"),
+            self.lab.build.program(program),
             *map(str, arguments),
         ]
 
@@ -96,12 +103,15 @@ class Terminal:
 
 
 def masked(text):
-    """The lines of a table with single spaces, and without what differs from run to run."""
+    """The lines of a table with single spaces, and without what differs from run to run and from
+    machine to machine.
+    """
     lines = [re.sub(r" +", " ", line.strip()) for line in text.splitlines()]
-    lines = [re.sub(r"\b\d+\.\d{3}\b", "N.NNN", line) for line in lines]
-    lines = [re.sub(r" \d+s (?=N|-)", " AGE ", line) for line in lines]
-    lines = [re.sub(r" \d+ 0 -$", " COUNT 0 -", line) for line in lines]
-    return [re.sub(r" 0 \d+ (source)", r" 0 COUNT \1", line) for line in lines]
+    lines = [line for line in lines if line != CLOCK_REMARK]
+    lines = [re.sub(r"\b\d+\.\d{2,3}\b", "N.NNN", line) for line in lines]
+    lines = [re.sub(r" (ok|FAIL) (\d+m\d\ds|\d+s) ", r" \1 AGE ", line) for line in lines]
+    lines = [re.sub(r"( ok .*) \d+ 0$", r"\1 COUNT 0", line) for line in lines]
+    return [re.sub(r"( FAIL .*) 0 \d+$", r"\1 0 COUNT", line) for line in lines]
 
 
 def start_usual_daemon(lab, start_daemon):

@@ -23,3 +23,13 @@ def good_runs(daemon, number, count=1):
         return runs if len(runs) >= count else None
 
     return wait_for(found, f"{count} good run(s) of task {number}")
+
+
+def start_responder(lab):
+    """The project's own responder, on the control port of the tasks."""
+    output = lab.directory / "responder"
+    variables = [f"{name}={value}" for name, value in lab.build.environment().items() if value]
+    program = [*lab.build.launcher(), lab.build.program("ip-sla-responder"), "--allow-open"]
+    with open(output, "wb") as out:
+        lab.popen("env", *variables, *program, "--control-port", "2000", stdout=out, stderr=out)
+    wait_for(lambda: "listening on" in output.read_text(), "the responder to listen")

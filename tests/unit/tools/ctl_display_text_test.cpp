@@ -57,6 +57,18 @@ TEST(DisplayText, ShortensToColumns) {
   EXPECT_EQ(Shorten("東京都", 4), "東…");
 }
 
+TEST(DisplayText, BreaksLinesAtSpaces) {
+  using Lines = std::vector<std::string>;
+  EXPECT_EQ(WrapText("timeout, no samples", 0), Lines{"timeout, no samples"});
+  EXPECT_EQ(WrapText("timeout, no samples", 19), Lines{"timeout, no samples"});
+  EXPECT_EQ(WrapText("timeout, no samples", 11), (Lines{"timeout, no", "samples"}));
+  EXPECT_EQ(WrapText("timeout, no samples", 10), (Lines{"timeout,", "no samples"}));
+  EXPECT_EQ(WrapText("timeout, no", 5), (Lines{"timeo", "ut,", "no"}));
+  EXPECT_EQ(WrapText("東京都", 3), (Lines{"東", "京", "都"}));
+  EXPECT_EQ(WrapText("東", 1), Lines{"東"}) << "there is no narrower way";
+  EXPECT_EQ(WrapText("", 5), Lines{""});
+}
+
 TEST(DisplayText, WritesAges) {
   const struct {
     std::int64_t seconds;

@@ -9,61 +9,82 @@ namespace {
 using testing::ElementsAre;
 
 TextTable Table() {
-  return {{{"ID", true}, {"VRF"}, {"RTT/ms", true}, {"ERROR"}},
-          {{{"1"}, {"größe"}, {"0.100"}, {"-"}},
-           {{"12"}, {"-"}, {"-"}, {"timeout, no samples", CellStyle::kBad}}}};
+  return {{{.header = "ID", .right_aligned = true},
+           {.header = "VRF", .rank = 2, .least_width = 4},
+           {.header = "RTT", .right_aligned = true, .rank = 1},
+           {.header = "RUNS", .right_aligned = true, .rank = 3, .optional = true}},
+          {{{{"1"}, {"größe"}, {"0.100"}, {"7"}}},
+           {{{"12"}, {"-"}, {"-"}, {"8"}}, {{"timeout, no samples", CellStyle::kBad}}}}};
 }
 
 TEST(TextTable, AlignsColumnsByWhatIsSeen) {
-  EXPECT_THAT(RenderTable(Table(), {}), ElementsAre("ID  VRF    RTT/ms  ERROR",  //
-                                                    " 1  größe   0.100  -",      //
-                                                    "12  -           -  timeout, no samples"));
+  EXPECT_THAT(RenderTable(Table(), {}), ElementsAre("ID  VRF      RTT  RUNS",  //
+                                                    " 1  größe  0.100     7",  //
+                                                    "12  -          -     8",  //
+                                                    "  timeout, no samples"));
 }
 
 TEST(TextTable, WritesAHeaderForNoRows) {
   TextTable table = Table();
   table.rows.clear();
-  EXPECT_THAT(RenderTable(table, {}), ElementsAre("ID  VRF  RTT/ms  ERROR"));
+  EXPECT_THAT(RenderTable(table, {}), ElementsAre("ID  VRF  RTT  RUNS"));
 }
 
 TEST(TextTable, FitsTheTerminalExactly) {
-  EXPECT_THAT(RenderTable(Table(), {.width = 38}), RenderTable(Table(), {}));
+  EXPECT_THAT(RenderTable(Table(), {.width = 22}), RenderTable(Table(), {}));
 }
 
-TEST(TextTable, ShortensTheLastColumnFirst) {
-  EXPECT_THAT(RenderTable(Table(), {.width = 36}),
-              ElementsAre("ID  VRF    RTT/ms  ERROR",  //
-                          " 1  größe   0.100  -",      //
-                          "12  -           -  timeout, no samp…"));
+TEST(TextTable, LetsOptionalColumnsLeaveFirst) {
+  EXPECT_THAT(RenderTable(Table(), {.width = 21}), ElementsAre("ID  VRF      RTT",  //
+                                                               " 1  größe  0.100",  //
+                                                               "12  -          -",  //
+                                                               "  timeout, no samples"));
 }
 
-TEST(TextTable, WritesBlocksWhereATableDoesNotFit) {
-  EXPECT_THAT(RenderTable(Table(), {.width = 28}), ElementsAre("ID      1",      //
-                                                               "VRF     größe",  //
-                                                               "RTT/ms  0.100",  //
-                                                               "",               //
-                                                               "ID      12",     //
-                                                               "ERROR   timeout, no samples"));
+TEST(TextTable, MovesColumnsCloserThenCutsThem) {
+  EXPECT_EQ(RenderTable(Table(), {.width = 15})[1], " 1 größe 0.100");
+  EXPECT_EQ(RenderTable(Table(), {.width = 13})[1], " 1 grö… 0.100");
+}
+
+TEST(TextTable, LetsColumnsLeaveByRankAndBreaksNotes) {
+  EXPECT_THAT(RenderTable(Table(), {.width = 12}), ElementsAre("ID   RTT",  //
+                                                               " 1 0.100",  //
+                                                               "12     -",  //
+                                                               "  timeout,", "  no samples"));
+}
+
+TEST(TextTable, CutsTheLastColumnThatIsLeft) {
+  TextTable table = Table();
+  table.rows[1].cells[0].text = "65535";
+  EXPECT_THAT(RenderTable(table, {.width = 4}),
+              ElementsAre("  ID", "   1", "655…", "  ti", "  me", "  ou", "  t,", "  no", "  sa",
+                          "  mp", "  le", "  s"));
+}
+
+TEST(TextTable, TellsRowsApart) {
+  const TableLines lines = LayOutTable(Table(), {});
+  EXPECT_EQ(lines.header, "ID  VRF      RTT  RUNS");
+  ASSERT_EQ(lines.rows.size(), 2U);
+  EXPECT_EQ(lines.rows[0].size(), 1U);
+  EXPECT_EQ(lines.rows[1].size(), 2U);
 }
 
 TEST(TextTable, MarksChangesWithoutColour) {
   TextTable table = Table();
-  table.rows[0][2].style = CellStyle::kChanged;
-  EXPECT_THAT(RenderTable(table, {}), ElementsAre("ID  VRF    RTT/ms  ERROR",  //
-                                                  " 1  größe  0.100*  -",      //
-                                                  "12  -           -  timeout, no samples"));
+  table.rows[0].cells[2].style = CellStyle::kChanged;
+  EXPECT_EQ(RenderTable(table, {})[1], " 1  größe  0.100*     7");
+  EXPECT_EQ(RenderTable(table, {})[2], "12  -           -     8");
 }
 
 TEST(TextTable, ColoursCellsWithoutMovingThem) {
   TextTable table = Table();
-  table.rows[0][1].style = CellStyle::kGood;
-  table.rows[0][2].style = CellStyle::kChanged;
-  EXPECT_THAT(
-      RenderTable(table, {.colour = true}),
-      ElementsAre(
-          "\x1b[1mID\x1b[0m  \x1b[1mVRF\x1b[0m    \x1b[1mRTT/ms\x1b[0m  \x1b[1mERROR\x1b[0m",
-          " 1  \x1b[32mgröße\x1b[0m   \x1b[7m0.100\x1b[0m  -",
-          "12  -           -  \x1b[1;31mtimeout, no samples\x1b[0m"));
+  table.rows[0].cells[1].style = CellStyle::kGood;
+  table.rows[0].cells[2].style = CellStyle::kChanged;
+  EXPECT_THAT(RenderTable(table, {.colour = true}),
+              ElementsAre("\x1b[1mID\x1b[0m  \x1b[1mVRF\x1b[0m      \x1b[1mRTT\x1b[0m  "
+                          "\x1b[1mRUNS\x1b[0m",
+                          " 1  \x1b[32mgröße\x1b[0m  \x1b[7m0.100\x1b[0m     7",
+                          "12  -          -     8", "  \x1b[1;31mtimeout, no samples\x1b[0m"));
 }
 
 TEST(TextTable, StylesText) {

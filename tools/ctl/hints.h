@@ -1,0 +1,26 @@
+// What to do about the reasons that runs fail for. One table: docs/troubleshooting.md says the same
+// at length. Pure.
+
+#ifndef IPSLA_TOOLS_CTL_HINTS_H_
+#define IPSLA_TOOLS_CTL_HINTS_H_
+
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace ipsla::ctl {
+
+struct Hint {
+  std::string_view reason;  ///< the text of a failed run, or how it begins
+  std::string_view hint;    ///< one short sentence without a full stop
+};
+
+/// All of them. A reason that begins with another stands before it.
+[[nodiscard]] std::span<const Hint> Hints();
+
+/// The hint for a reason; empty when there is none.
+[[nodiscard]] std::string_view HintFor(std::string_view reason);
+
+}  // namespace ipsla::ctl
+
+#endif  // IPSLA_TOOLS_CTL_HINTS_H_

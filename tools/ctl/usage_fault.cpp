@@ -1,0 +1,47 @@
+#include "ctl/usage_fault.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include "ctl/display_text.h"
+#include "ctl/nearest_word.h"
+
+namespace ipsla::ctl {
+namespace {
+
+std::string DidYouMean(const std::string& word) {
+  return word.empty() ? "" : "; did you mean '" + word + "'?";
+}
+
+std::string Quoted(const std::string& word) {
+  return "'" + Printable(word) + "'";
+}
+
+}  // namespace
+
+std::string SurplusText(const std::vector<std::string>& words,
+                        const std::vector<std::string>& commands,
+                        const std::vector<std::string>& options) {
+  const auto option = std::find_if(words.begin(), words.end(), [](const std::string& word) {
+    return word.size() > 1 && word.front() == '-';
+  });
+  if (option != words.end()) {
+    const std::vector<std::string_view> known(options.begin(), options.end());
+    const std::string name = option->substr(0, option->find('='));
+    return "unknown option " + Quoted(*option) + DidYouMean(NearestWord(name, known));
+  }
+  if (!commands.empty()) {
+    const std::vector<std::string_view> known(commands.begin(), commands.end());
+    return "unknown command " + Quoted(words.front()) +
+           DidYouMean(ClosestWord(words.front(), known));
+  }
+  std::string text = words.size() == 1 ? "surplus argument" : "surplus arguments";
+  for (const std::string& word : words) {
+    text += " " + Quoted(word);
+  }
+  return text;
+}
+
+}  // namespace ipsla::ctl

@@ -1,0 +1,48 @@
+// The tasks that `watch` shows, kept up to date without filling the daemon's log.
+
+#ifndef IPSLA_TOOLS_CTL_WATCH_FEED_H_
+#define IPSLA_TOOLS_CTL_WATCH_FEED_H_
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ctl/refresh_plan.h"
+#include "ctl/task_source.h"
+
+namespace ipsla::ctl {
+
+/// Few tasks are asked for anew at each refresh. Of many, each refresh asks for what is shown, and
+/// looks seldom which tasks there are: by the tasks file every half minute, without one by listing
+/// all results every five.
+class WatchFeed {
+ public:
+  /// `wanted`: the groups that the output needs.
+  WatchFeed(TaskSource* source, std::set<std::string> wanted);
+
+  /// The tasks as they are now, `now` in seconds since the epoch, ascending by id. `visible`: the
+  /// ids that are shown; empty: all. Throws ClientError; the next call then begins afresh.
+  [[nodiscard]] std::vector<client::TaskView> Refresh(const std::set<std::int32_t>& visible,
+                                                      std::int64_t now);
+
+ private:
+  [[nodiscard]] bool ListsNow(std::int64_t now) const;
+  /// Lists the tasks, without values.
+  void List(std::int64_t now);
+  /// Looks which tasks there are, by their status; returns what that wrote into the log.
+  [[nodiscard]] std::size_t CheckMembers(std::int64_t now);
+  void Ask(const StatisticsRequest& request);
+  [[nodiscard]] std::vector<client::TaskView> Shown() const;
+
+  TaskSource* const source_;
+  RefreshPlan plan_;
+  bool is_known_ = false;  // tasks_ is what the daemon had
+  std::int64_t members_checked_ = 0, listed_ = 0;
+  std::map<std::int32_t, client::TaskView> tasks_;
+};
+
+}  // namespace ipsla::ctl
+
+#endif  // IPSLA_TOOLS_CTL_WATCH_FEED_H_
