@@ -220,6 +220,19 @@ def test_the_daemon_ends_where_check_says_so(lab, ctl, start_daemon):
         assert daemon.wait_exit() != 0
 
 
+def test_before_a_start_only_what_ends_the_daemon_is_a_failure(lab, ctl):
+    tasks, keys = _files(lab, [icmp_echo(1, num_rep_hist=0), icmp_echo(2)])
+    skipped = "num-rep-hist = 0: invalid history count value"
+    assert skipped in ctl("check", tasks, keys, status=1)
+    assert skipped in ctl("check", "--start", tasks, keys)
+    _files(lab, [icmp_echo(1, scheduler={"Start-time": "soon"})])
+    ctl("check", "--start", tasks, keys, status=1)
+    lab.path(keys).unlink()
+    _files(lab, [icmp_echo(1)])
+    lab.path(keys).write_text("{}")
+    ctl("check", "--start", tasks, keys, status=1)
+
+
 def test_check_knows_addresses_interfaces_and_cpus(lab, ctl):
     lab.add_vrf("blue")
     assert _check_task(lab, ctl, icmp_echo(1, src="10.9.9.9"), cpus=(0, 250)) == [

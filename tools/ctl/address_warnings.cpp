@@ -103,17 +103,17 @@ void InspectVrf(const SlaTaskConfig& task, HostView* host, TaskRemarks* remarks)
     return;
   }
   if (vrf.find('/') != std::string::npos || vrf == "." || vrf == "..") {
-    remarks->Fault(kKey, fmt::format("cannot be the name of a network namespace, {}", kEnd));
+    remarks->Fatal(kKey, fmt::format("cannot be the name of a network namespace, {}", kEnd));
     return;
   }
   if (host == nullptr) {
     return;
   }
   if (const std::string fault = host->VrfFault(vrf); !fault.empty()) {
-    remarks->Fault(kKey, fmt::format("cannot be entered ({}), {}", fault, kEnd));
+    remarks->Fatal(kKey, fmt::format("cannot be entered ({}), {}", fault, kEnd));
   }
   if (const std::string fault = host->ReturnFault(); !fault.empty()) {
-    remarks->Fault(kKey,
+    remarks->Fatal(kKey,
                    fmt::format("needs the daemon's own network namespace under the name 1 ({}): "
                                "without it the daemon ends or measures elsewhere",
                                fault));

@@ -84,7 +84,7 @@ class TasksChecker {
       Add(place, remark);
     }
     Accept(place, check.config, std::ranges::any_of(remarks, [](const Remark& remark) {
-             return remark.severity == Severity::kFault;
+             return remark.severity != Severity::kWarning;
            }));
   }
 

@@ -26,6 +26,7 @@ struct Finding {
   TaskFault fault;                   ///< key and value may be empty
   std::string expected{};            ///< what works there, when that can be said in a phrase
   bool missing = false;              ///< nothing has that key
+  bool is_fatal = false;             ///< it ends the daemon that reads the file at its start
   TextPlace place{};                 ///< the value, or what it is missing in
 };
 
@@ -44,6 +45,7 @@ struct CheckReport {
       keychain;  ///< none: no keychain file was given, key ids were not looked up
 
   [[nodiscard]] bool HasFaults() const;
+  [[nodiscard]] bool IsFatal() const;
   [[nodiscard]] bool HasWarnings() const;
 };
 

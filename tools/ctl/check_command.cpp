@@ -7,6 +7,16 @@
 #include "ctl/display_text.h"
 
 namespace ipsla::ctl {
+namespace {
+
+bool IsFailure(const CheckReport& report, const CheckOptions& options) {
+  if (options.start) {
+    return report.IsFatal();
+  }
+  return report.HasFaults() || (options.strict && report.HasWarnings());
+}
+
+}  // namespace
 
 int RunCheck(const CommonOptions& common, const CheckOptions& options) {
   timespec now{};
@@ -23,8 +33,7 @@ int RunCheck(const CommonOptions& common, const CheckOptions& options) {
       fmt::print("{}\n", Printable(line));
     }
   }
-  const bool failed = report.HasFaults() || (options.strict && report.HasWarnings());
-  return failed ? kExitFailing : kExitFine;
+  return IsFailure(report, options) ? kExitFailing : kExitFine;
 }
 
 }  // namespace ipsla::ctl

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include <cjson/cJSON.h>
 #include <fmt/format.h>
 
@@ -90,6 +92,13 @@ cJSON* FileJson(const FileReport& report) {
 
 bool CheckReport::HasFaults() const {
   return !tasks.faults.empty() || (keychain && !keychain->faults.empty());
+}
+
+bool CheckReport::IsFatal() const {
+  const auto is_fatal = [](const FileReport& file) {
+    return std::ranges::any_of(file.faults, &Finding::is_fatal);
+  };
+  return is_fatal(tasks) || (keychain && is_fatal(*keychain));
 }
 
 bool CheckReport::HasWarnings() const {

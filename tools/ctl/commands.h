@@ -84,6 +84,7 @@ struct CheckOptions {
   std::string keychain_file;  ///< empty: key ids are not looked up
   bool no_host = false;       ///< leaves out what only this machine can tell
   bool strict = false;        ///< a warning makes the exit status kExitFailing, too
+  bool start = false;         ///< only what would end the daemon at its start does
 };
 /// Needs no daemon and no privileges. One of the files may be standard input, "-".
 int RunCheck(const CommonOptions& common, const CheckOptions& options);

@@ -46,18 +46,20 @@ void FileCheck::Add(std::size_t number, const std::optional<std::int32_t>& id, c
   if (missing) {
     item = NearestMemberAt(element, remark.fault.key);
   }
-  auto& findings = remark.severity == Severity::kFault ? report_.faults : report_.warnings;
+  auto& findings = remark.severity == Severity::kWarning ? report_.warnings : report_.faults;
   findings.push_back(
       {.number = number,
        .id = id,
        .fault = WithoutSecret(remark.fault),
        .expected = std::move(expected),
        .missing = missing && !remark.fault.key.empty(),
+       .is_fatal = remark.severity == Severity::kFatal,
        .place = remark.at_name ? positions_->OfName(item) : positions_->OfValue(item)});
 }
 
 void FileCheck::AddFileFault(std::string reason, TextPlace place) {
-  report_.faults.push_back({.fault = {"", "", std::move(reason)}, .place = place});
+  report_.faults.push_back(
+      {.fault = {"", "", std::move(reason)}, .is_fatal = true, .place = place});
 }
 
 void FileCheck::AddDocumentFault(const char* array) {

@@ -46,6 +46,7 @@ _ip_sla_ctl() {
       "") options="$options --version" ;;
       show) options="$options --all --metrics" ;;
       watch) options="$options --all --interval --count" ;;
+      check) options="$options --no-host --start --strict" ;;
       probe) options="$options --warning --critical" ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")

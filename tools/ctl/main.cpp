@@ -200,7 +200,11 @@ void AddCheck(CLI::App* app, Arguments* a) {
           "", "one standard input"));
   check->add_flag("--no-host", a->check.no_host,
                   "Leaves out what only this machine can tell: VRFs, addresses, CPUs, permissions");
-  check->add_flag("--strict", a->check.strict, "Warnings count as faults");
+  CLI::Option* strict = check->add_flag("--strict", a->check.strict, "Warnings count as faults");
+  check
+      ->add_flag("--start", a->check.start,
+                 "Only what would end the daemon at its start is a failure")
+      ->excludes(strict);
   AddCommand(check, a, [a] { return RunCheck(a->common, a->check); });
 }
 

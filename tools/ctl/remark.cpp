@@ -31,8 +31,8 @@ void TaskRemarks::Warn(const std::string& key, std::string reason) {
   Add(key, std::move(reason), Severity::kWarning);
 }
 
-void TaskRemarks::Fault(const std::string& key, std::string reason) {
-  Add(key, std::move(reason), Severity::kFault);
+void TaskRemarks::Fatal(const std::string& key, std::string reason) {
+  Add(key, std::move(reason), Severity::kFatal);
 }
 
 void TaskRemarks::Add(const std::string& key, std::string reason, Severity severity) {

@@ -14,9 +14,9 @@ struct cJSON;
 
 namespace ipsla::ctl {
 
-/// A fault keeps the daemon from using what it is about, or from running at all; a warning is
-/// about what it takes and does otherwise than one may think.
-enum class Severity : std::uint8_t { kFault, kWarning };
+/// What is fatal keeps the daemon from running at all, a fault from using what it is about; a
+/// warning is about what it takes and does otherwise than one may think.
+enum class Severity : std::uint8_t { kFatal, kFault, kWarning };
 
 /// One of them.
 struct Remark {
@@ -44,7 +44,8 @@ class TaskRemarks {
   [[nodiscard]] std::string Text(const std::string& key) const;
 
   void Warn(const std::string& key, std::string reason);
-  void Fault(const std::string& key, std::string reason);
+  /// About what ends the daemon.
+  void Fatal(const std::string& key, std::string reason);
 
   [[nodiscard]] std::vector<Remark> Take() { return std::move(remarks_); }
 

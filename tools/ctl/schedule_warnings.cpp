@@ -88,7 +88,7 @@ void InspectStart(const SlaSchedulerConfig& scheduler, const timespec& now, Task
   try {
     first = ComputeFirstStart(start, now);
   } catch (const std::runtime_error&) {
-    remarks->Fault(kStartKey,
+    remarks->Fatal(kStartKey,
                    "cannot be read as a time, which ends the daemon when it creates the test");
     return;
   }
@@ -128,7 +128,7 @@ void InspectLife(const SlaSchedulerConfig& scheduler, const timespec& now, TaskR
   try {
     first = ComputeFirstStart(at_once, now);
   } catch (const std::runtime_error&) {
-    remarks->Fault(kLifeKey,
+    remarks->Fatal(kLifeKey,
                    "is longer than can be counted, which ends the daemon when it creates the test");
     return;
   }

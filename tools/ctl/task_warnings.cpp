@@ -95,7 +95,7 @@ void TaskInspector::CheckKey() {
   const std::string key = std::string(kAuthentication) + ".key-id";
   const KeychainStorage* keychain = around_.keychain;
   if (keychain != nullptr && !keychain->contains(task_.auth.key_id)) {
-    remarks_.Fault(key, fmt::format("is kept as {}: key ids of tasks have 8 bits, and there is no "
+    remarks_.Fatal(key, fmt::format("is kept as {}: key ids of tasks have 8 bits, and there is no "
                                     "such key, which ends the daemon when it creates the test",
                                     task_.auth.key_id));
     return;
@@ -180,7 +180,7 @@ void TaskInspector::CheckProbeCount() {
   const bool has_wide_numbers =
       task_.sla_type == SlaTestType::kUdpJitter || task_.sla_type == SlaTestType::kUdpJitterNtp;
   if (task_.num_packets > kMaxProbes) {
-    remarks_.Fault(key, fmt::format("is more than the daemon has memory for, which ends it: at "
+    remarks_.Fatal(key, fmt::format("is more than the daemon has memory for, which ends it: at "
                                     "most {} are safe",
                                     kMaxProbes));
   } else if (!has_wide_numbers && task_.num_packets > std::numeric_limits<std::uint16_t>::max()) {

@@ -264,6 +264,23 @@ TEST(Check, CountsATaskThatEndsTheDaemonAsAFault) {
                   "TASKS: 2 tasks, 0 accepted, 2 faults, 0 warnings", testing::_));
 }
 
+TEST(Check, TellsWhatEndsTheDaemonFromWhatItSkips) {
+  const auto is_fatal = [](const std::string& tasks, const std::string& keychain) {
+    const ScratchFile tasks_file(tasks);
+    const ScratchFile keychain_file(keychain);
+    const CheckReport report = CheckBoth(tasks_file.Name(), keychain_file.Name());
+    EXPECT_TRUE(report.HasFaults()) << tasks << keychain;
+    return report.IsFatal();
+  };
+  const std::string good = TasksFile({Task({})});
+  EXPECT_FALSE(is_fatal(TasksFile({Task({{"num-rep-hist", "0"}})}), kKeys));
+  EXPECT_FALSE(is_fatal(good, R"({"keychain-storage": [{"key-id": 1}]})"));
+  EXPECT_TRUE(is_fatal(TasksFile({Task({{"scheduler.Start-time", "\"soon\""}})}), kKeys));
+  EXPECT_TRUE(is_fatal(TasksFile({Task({{"vrf-instance", "\"..\""}})}), kKeys));
+  EXPECT_TRUE(is_fatal("nonsense", kKeys));
+  EXPECT_TRUE(is_fatal(good, "{}"));
+}
+
 TEST(Check, DoesNotMissKeysOfAKeychainThatCannotBeRead) {
   const std::string tasks =
       TasksFile({Task({{"control-phase.authentication",

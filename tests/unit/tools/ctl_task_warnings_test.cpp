@@ -41,7 +41,7 @@ std::vector<std::string> Warnings(const std::string& json, const std::vector<Edi
   std::vector<std::string> texts;
   const TaskSurroundings around{.keychain = keychain, .now = kWarnedAt, .host = host};
   for (const Remark& remark : InspectTask(task.get(), check.config, around)) {
-    const char* severity = remark.severity == Severity::kFault ? "fault " : "";
+    const char* severity = remark.severity != Severity::kWarning ? "fault " : "";
     texts.push_back(severity + remark.fault.key + ": " + remark.fault.reason);
   }
   return texts;
