@@ -347,7 +347,7 @@ NOT_RELOADED = "ip-sla-ctl: not reloaded; with --force the daemon is told all th
 def test_reload_of_a_file_with_faults_is_refused(ctl, lab, daemon):
     daemon.write_tasks([], "nonsense")
     path = daemon.tasks_path
-    error = f"ip-sla-ctl: {path}:1:2: not valid JSON\n"
+    error = f"ip-sla-ctl: {path}:1:1: not valid JSON\n"
     assert ctl("reload", "tasks", status=1, error=error + NOT_RELOADED) == ""
     text = (
         "the daemon could not read the tasks file and goes on with the tasks it has; its log says "
@@ -411,7 +411,7 @@ def test_keychain_that_loses_a_key_in_use_is_refused(ctl, start_daemon):
 def test_keychain_that_cannot_be_read_is_always_refused(ctl, daemon):
     daemon.write_keychain("nonsense")
     error = (
-        f"ip-sla-ctl: {daemon.keychain_path}:1:2: not valid JSON\n"
+        f"ip-sla-ctl: {daemon.keychain_path}:1:1: not valid JSON\n"
         "ip-sla-ctl: not reloaded: the daemon would end\n"
     )
     ctl("reload", "keychain", status=1, error=error)

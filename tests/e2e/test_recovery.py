@@ -206,6 +206,7 @@ class TestKeychain:
             *lab.build.launcher(),
             lab.build.program("ip-sla-responder"),
             *("--bind", "127.0.0.1", "--control-port", 2000, "--keychain", keys),
+            *("--port-range", "2001-2999"),
         )
         return udp_jitter(1, authentication=self.AUTHENTICATION)
 

@@ -314,19 +314,23 @@ void AddOptionNames(const CLI::App& app, std::vector<std::string>* names) {
 
 /// What is wrong with the command line: as the library says it, but for words too many.
 std::string UsageFault(const CLI::App& app, const CLI::ParseError& error) {
-  const std::vector<std::string> words = app.remaining(true);
+  std::vector<std::string> words = app.remaining();
   const CLI::App* command = &app;
   std::vector<std::string> options;
   AddOptionNames(app, &options);
   while (!command->get_subcommands().empty()) {
     command = command->get_subcommands().front();
     AddOptionNames(*command, &options);
+    // Each command has the words that it could not use, the last one first.
+    const std::vector<std::string> left = command->remaining();
+    words.insert(words.end(), left.begin(), left.end());
   }
   std::vector<std::string> commands;
   for (const CLI::App* sub : command->get_subcommands({})) {
     commands.push_back(sub->get_name());
   }
-  const bool is_about_them = !commands.empty() || error.get_name() == "ExtrasError";
+  const bool is_about_them =
+      !commands.empty() || error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError);
   return words.empty() || !is_about_them ? error.what() : SurplusText(words, commands, options);
 }
 

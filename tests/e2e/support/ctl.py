@@ -56,7 +56,7 @@ class Ctl:
     def __call__(self, *arguments, status=0, error=""):
         """Standard output; the exit status and standard error must be as given."""
         result = self.lab.run(*self.command(*arguments), check=False, timeout=60 * SCALE)
-        assert (result.returncode, result.stderr) == (status, error), result.stdout
+        assert (result.returncode, result.stderr) == (status, error), (result.stdout, result.stderr)
         return result.stdout
 
     def json(self, *arguments, **expected):

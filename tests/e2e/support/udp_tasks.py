@@ -31,5 +31,15 @@ def start_responder(lab):
     variables = [f"{name}={value}" for name, value in lab.build.environment().items() if value]
     program = [*lab.build.launcher(), lab.build.program("ip-sla-responder"), "--allow-open"]
     with open(output, "wb") as out:
-        lab.popen("env", *variables, *program, "--control-port", "2000", stdout=out, stderr=out)
+        lab.popen(
+            "env",
+            *variables,
+            *program,
+            "--control-port",
+            "2000",
+            "--port-range",
+            "2001-2999",
+            stdout=out,
+            stderr=out,
+        )
     wait_for(lambda: "listening on" in output.read_text(), "the responder to listen")
