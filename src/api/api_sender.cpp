@@ -13,6 +13,7 @@
 #include "config/print_funcs.h"
 #include "config/sender_help_funcs.h"
 #include "env/descriptor.h"
+#include "env/keep_alive.h"
 #include "env/network_namespace.h"
 #include "env/time_values.h"
 #include "log/error_limiter.h"
@@ -130,6 +131,7 @@ int ApiSender::UpdateTaskConfigs(const SlaTaskMap& new_tasks) {
   for (const auto& [id, task] : tasks_) ids.insert(id);
   for (const std::int32_t id : ids) {
     SleepUntil(SteadyNow() + kReloadPause);
+    SignalKeepAlive();  // thousands of tasks take longer than the watchdog is patient
     const auto wanted = new_tasks.find(id);
     const auto current = tasks_.find(id);
     if (wanted == new_tasks.end()) {

@@ -16,6 +16,10 @@ namespace ipsla {
 /// boost::system::system_error naming "cancel".
 void StartKeepAlive(boost::asio::io_context& service);
 
+/// The signal in between, for work that keeps the service context from running for long: sends it
+/// when one is due, and does nothing before StartKeepAlive. Threads: as StartKeepAlive.
+void SignalKeepAlive();
+
 }  // namespace ipsla
 
 #endif  // IPSLA_ENV_KEEP_ALIVE_H_

@@ -28,6 +28,9 @@ class KeepAliveTimer {
   /// As StartKeepAlive.
   void Start();
 
+  /// As SignalKeepAlive.
+  void SignalWhenDue();
+
  private:
   // A record of the device's library, which alone knows what is in it.
   struct Record {
@@ -40,6 +43,7 @@ class KeepAliveTimer {
   boost::asio::steady_timer
       timer_;  // steady: a clock that is set must not delay the watchdog's signal
   bool is_announced_ = false;
+  std::chrono::steady_clock::time_point last_signal_;  // or the announcement
   Record watchdog_;
   Record signal_;
 };

@@ -1,6 +1,7 @@
 #include "env/process.h"
 
 #include <sched.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "log/log.h"
@@ -10,6 +11,13 @@ namespace ipsla {
 
 int CheckRootPriv() {
   return getuid() == 0 ? 1 : -1;
+}
+
+void AllowManyDescriptors() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  static_cast<void>(setrlimit(RLIMIT_NOFILE, &limit));
 }
 
 int SetCpuNum(pthread_t thread, std::uint8_t cpu) {

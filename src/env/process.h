@@ -13,6 +13,10 @@ namespace ipsla {
 /// 1 when the real user id is 0, else -1.
 [[nodiscard]] int CheckRootPriv();
 
+/// Raises the soft limit of open files to the hard one: every running test has one to three. Best
+/// effort; without it a thousand tests fail to start.
+void AllowManyDescriptors();
+
 /// Pins `thread` to `cpu`. 0, or -1 after logging "set thread affinity failed".
 int SetCpuNum(pthread_t thread, std::uint8_t cpu);
 

@@ -108,6 +108,7 @@ int main(int argc, char* argv[]) {  // NOLINT(bugprone-exception-escape): delibe
   backtrace_open_console();
   backtrace_install_signal_handlers();
   std::srand(static_cast<unsigned>(std::time(nullptr)));
+  ipsla::AllowManyDescriptors();
   OpenLog();
   usual_terminate = std::set_terminate(WriteLogAndTerminate);
   SwitchToRealTime();

@@ -5,6 +5,7 @@ What one test does must not be seen in the figures of another.
 
 import os
 import re
+import resource
 import signal
 import time
 
@@ -135,3 +136,17 @@ def test_a_clock_that_is_set_does_not_move_the_next_start(lab, start_daemon, tmp
     file.write_text(str(step))
     assert len(daemon.wait_for_reports(1, count=2, deadline=15)) >= 2
     assert all(0 <= wait <= 3000 for wait in waits(daemon, 1))
+
+
+def test_a_thousand_tests_run_under_a_small_soft_limit_of_open_files(lab, start_daemon):
+    tasks = [icmp_echo(n, packets=1, interval=0, time=5, timeout=3000) for n in range(1, 1101)]
+    (_, hard) = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (1024, hard))
+    try:
+        daemon = start_daemon(tasks)
+    finally:
+        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    for number in (1, 550, 1100):
+        report = daemon.wait_for_reports(number, deadline=60)[0]
+        assert (report.status, report.error) == ("successful", "")
+    assert "Too many open files" not in "".join(lab.log_text(n) for n in range(1101))

@@ -205,6 +205,9 @@ def _end(process):
             stream.close()
 
 
+_TSAN_SUPPRESSIONS = pathlib.Path(__file__).parents[2] / "tsan-suppressions.txt"
+
+
 class Build:
     """The build directory under test and what it was built with."""
 
@@ -237,7 +240,8 @@ class Build:
         return {
             "ASAN_OPTIONS": "detect_leaks=1:halt_on_error=1:exitcode=66:verify_asan_link_order=0",
             "UBSAN_OPTIONS": "print_stacktrace=1:halt_on_error=1",
-            "TSAN_OPTIONS": "halt_on_error=1:exitcode=66:second_deadlock_stack=1",
+            "TSAN_OPTIONS": "halt_on_error=1:exitcode=66:second_deadlock_stack=1"
+            f":suppressions={_TSAN_SUPPRESSIONS}",
             "PATH": os.environ.get("PATH", "/usr/sbin:/usr/bin:/sbin:/bin"),
             "TZ": os.environ.get("TZ", ""),
         }

@@ -46,6 +46,24 @@ bool IsZeroed(const void* record) {
                      [](unsigned char byte) { return byte == 0; });
 }
 
+TEST_F(KeepAliveTest, SignalsInBetweenWhenOneIsDue) {
+  KeepAliveTimer keep_alive(service_, {.first = kNever, .restart = kNever, .next = kAtOnce});
+  keep_alive.SignalWhenDue();
+  EXPECT_THAT(Names(TakeKeepAliveCalls()), IsEmpty()) << "not announced yet";
+  keep_alive.Start();
+  TakeKeepAliveCalls();
+  keep_alive.SignalWhenDue();
+  EXPECT_THAT(Names(TakeKeepAliveCalls()), ElementsAre("send_and_shift_timeout"));
+}
+
+TEST_F(KeepAliveTest, DoesNotSignalInBetweenBeforeOneIsDue) {
+  KeepAliveTimer keep_alive(service_, {.first = kNever, .restart = kNever, .next = kNever});
+  keep_alive.Start();
+  TakeKeepAliveCalls();
+  keep_alive.SignalWhenDue();
+  EXPECT_THAT(Names(TakeKeepAliveCalls()), IsEmpty());
+}
+
 TEST_F(KeepAliveTest, AnnouncesTheProcessAndThenSignals) {
   KeepAliveTimer keep_alive(service_, {.first = kAtOnce, .restart = kNever, .next = kNever});
   keep_alive.Start();

@@ -98,8 +98,8 @@ TEST(ExporterCollector, SaysWhyThereIsNoAnswer) {
 
 // The daemon sends parts for ever: the whole question is bounded, not each silence.
 TEST(ExporterCollector, BoundsTheWholeQuestion) {
+  std::atomic<bool> done = false;  // outlives the daemon's thread
   FakeDaemon daemon;
-  std::atomic<bool> done = false;
   daemon.Serve(1, [&done](FakeDaemon& self, const ApiHeader& request, const std::string&) {
     const auto parts = BuildJsonReply(request, std::string(500 * kApiMaxSlice, 'x'));
     for (std::size_t number = 0; !done && number < parts.size(); ++number) {
