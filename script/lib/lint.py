@@ -23,11 +23,14 @@ BY_ITSELF = (
 
 
 def units(build):
-    """The files that the build directory compiles for src and tools."""
+    """The files that the build directory compiles for src and tools, less those that only a build
+    makes.
+    """
     commands = json.loads((build / "compile_commands.json").read_text())
     roots = [base / name for base in (ROOT, build) for name in ("src", "tools")]
     files = {pathlib.Path(command["directory"], command["file"]) for command in commands}
-    return sorted(file for file in files if any(root in file.parents for root in roots))
+    ours = (file for file in files if any(root in file.parents for root in roots))
+    return sorted(file for file in ours if file.exists())
 
 
 def tidy(build, checks, file):

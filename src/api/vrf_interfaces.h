@@ -64,7 +64,7 @@ class VrfInterfaces {
   void AddAddresses(const NetlinkMessage& message);
   void RemoveAddresses(const NetlinkMessage& message);
   void TellLink(std::uint32_t index, const std::optional<std::string>& name);
-  void TellAddress(const boost::asio::ip::address& address, std::int32_t index, bool added);
+  void TellAddress(const boost::asio::ip::address& one, std::int32_t index, bool added);
 
   const std::string vrf_key_;
   InterfaceTable& table_;

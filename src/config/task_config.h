@@ -76,22 +76,6 @@ struct SlaTaskConfig {
 /// All tasks, by id (16 bits, widened). Iterated in ascending id.
 using SlaTaskMap = std::map<std::int32_t, SlaTaskConfig>;
 
-// Names. An unlisted value gives "undefined" ("Undefined" for priorities, "Undefined PHB" for
-// DSCPs).
-
-[[nodiscard]] std::string TestTypeToString(SlaTestType type);
-[[nodiscard]] std::string AuthModeToString(SlaAuthMode mode);
-[[nodiscard]] std::string AuthAlgorithmToString(SlaAuthAlgorithm algorithm);
-[[nodiscard]] std::string ControlStatusToString(SlaControlStatus status);
-[[nodiscard]] std::string CsldTypeToString(CsldType type);
-[[nodiscard]] std::string AddressTypeToString(AddressType type);
-[[nodiscard]] std::string RoleToString(Role role);
-[[nodiscard]] std::string ResultToString(RunResult result);
-[[nodiscard]] std::string BoolToString(bool value);
-[[nodiscard]] std::string PacketStateToString(SlaPacketState state);
-[[nodiscard]] std::string CosToPriorityName(std::uint8_t cos);
-[[nodiscard]] std::string DscpToPhbName(std::uint8_t dscp);
-
 /// The scheduler's period as decimal text.
 [[nodiscard]] std::string ScheduleTimeToString(const SlaSchedulerConfig& scheduler);
 

@@ -114,7 +114,7 @@ void LogFile::Write(std::span<const LogLine> lines, const LogFileCalls& calls,
 
 // Returns the text of the failure when the file's length or its name cannot be found out, else an
 // empty text.
-std::string LogFile::CheckLogFileSize(const LogFileCalls& calls, off_t* position) {
+std::string LogFile::CheckLogFileSize(const LogFileCalls& calls, off_t* position) const {
   *position = calls.tell(fd_);
   if (*position == kUnknown) return std::string("ftell failed: ") + std::strerror(errno);
   if (*position <= kMaxBytes) return {};

@@ -49,7 +49,7 @@ class LogFile {
  private:
   explicit LogFile(int fd) : fd_(fd) {}
 
-  [[nodiscard]] std::string CheckLogFileSize(const LogFileCalls& calls, off_t* position);
+  [[nodiscard]] std::string CheckLogFileSize(const LogFileCalls& calls, off_t* position) const;
   void Append(std::span<const LogLine> lines);
 
   const int fd_;

@@ -79,7 +79,7 @@ std::optional<SteadyTime> Sender::SendNext() {
   }
   if (ring_.Sent() == static_cast<std::uint32_t>(num_packets_)) return std::nullopt;
   if (config_.interval == 0 && ring_.Sent() % kProbesPerTurn == 0) {
-    static_cast<void>(TakeReplies(2 * kProbesPerTurn));
+    static_cast<void>(TakeReplies(std::size_t{2} * kProbesPerTurn));
     if (run != run_) return std::nullopt;
   }
   return last_send_ + std::chrono::milliseconds(config_.interval);

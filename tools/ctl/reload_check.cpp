@@ -34,7 +34,7 @@ std::string FileToCheck(const std::string& file, const std::string& own,
     }
     return file;
   }
-  const std::string reachable = daemon->Reachable(own);
+  std::string reachable = daemon->Reachable(own);
   if (!file.empty() && !IsSameFile(file, reachable)) {
     check->objections.push_back(fmt::format("the daemon reads {}, not {}", own, file));
     return "";

@@ -71,7 +71,7 @@ void InspectStartForm(const std::string& text, const timespec& now, TaskRemarks*
     remarks->Warn(kStartKey, fmt::format("has a tail that is not read: \"{}\"", read->rest));
   } else if (!IsUsualForm(text)) {
     remarks->Warn(kStartKey,
-                  "is not written like \"12:30:00\", \"March 05\" or \"March 05 12:30:00\"");
+                  R"(is not written like "12:30:00", "March 05" or "March 05 12:30:00")");
   }
   if (!read->other_day.empty()) {
     remarks->Warn(kStartKey, "is no day of this year: it is taken for " + read->other_day);

@@ -148,8 +148,8 @@ void TaskInspector::CheckPacketSize() {
 void TaskInspector::CheckIcmpSize(const std::string& key, std::int64_t configured) {
   // The message is shorter than the payload by an IP header.
   const std::int64_t message = configured - PacketHeaderSize(task_.sla_type) - kIpHeaderBytes;
-  const std::int64_t header =
-      task_.sla_type == SlaTestType::kIcmpEcho ? kIcmpHeaderSize : kIcmpTimestampHeaderSize;
+  const auto header = static_cast<std::int64_t>(
+      task_.sla_type == SlaTestType::kIcmpEcho ? kIcmpHeaderSize : kIcmpTimestampHeaderSize);
   if (message < header) {
     remarks_.Warn(key, fmt::format("leaves {} of the {} bytes of the ICMP message's header; the "
                                    "smallest that works is {}",

@@ -77,7 +77,8 @@ Collector::Collector(CollectorOptions options)
       history_(options_.history_bytes, kKeepSeconds),
       thread_([this] { Run(); }) {}
 
-Collector::~Collector() {
+// The alarm is set with values that timerfd_settime(2) cannot refuse.
+Collector::~Collector() {  // NOLINT(bugprone-exception-escape): see above
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
@@ -109,7 +110,7 @@ void Collector::Ask(milliseconds max_age, Callback callback) {
     }
   }
   if (young) {
-    callback(std::move(young));
+    callback(std::move(young));  // NOLINT(bugprone-use-after-move): moved on the other way only
   } else {
     wanted_.notify_one();
   }

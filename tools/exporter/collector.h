@@ -39,7 +39,7 @@ class Collector {
 
   explicit Collector(CollectorOptions options);
   /// Interrupts the question under way; whoever waits is not called any more.
-  ~Collector();
+  ~Collector();  // NOLINT(bugprone-exception-escape): see its definition
   Collector(const Collector&) = delete;
   Collector& operator=(const Collector&) = delete;
 

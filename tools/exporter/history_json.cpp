@@ -84,7 +84,7 @@ std::string HistoryJson(std::int32_t task, const TaskHistory& history,
   const char* separator = "";
   for (const HistoryPoint& point : history.points) {
     if (const auto reason = point.Failure()) {
-      fmt::format_to(std::back_inserter(json), "{}{{\"time\":{},\"reason\":{}}}", separator,
+      fmt::format_to(std::back_inserter(json), R"({}{{"time":{},"reason":{}}})", separator,
                      point.time, Quoted(*reason < reasons.size() ? reasons[*reason] : ""));
       separator = ",";
     }

@@ -37,7 +37,7 @@ Seen NoteProbe(std::uint64_t sequence, Run* run) {
 // The possible new run is the session's run from now on.
 void TakeRestart(Session* session) {
   session->previous_run = session->restart->before;
-  session->run = std::move(session->restart->run);
+  session->run = session->restart->run;
   session->restart.reset();
 }
 

@@ -17,7 +17,7 @@ void ReplyTimes::Note(std::int64_t nanoseconds) {
   const std::int64_t time =
       (std::max<std::int64_t>(nanoseconds, 0) + kNanosecondsPerMicrosecond - 1) /
       kNanosecondsPerMicrosecond;
-  const auto bound = std::lower_bound(kBounds.begin(), kBounds.end(), time);
+  const auto* const bound = std::lower_bound(kBounds.begin(), kBounds.end(), time);
   ++counts_.at(static_cast<std::size_t>(bound - kBounds.begin()));
   ++replies_;
   longest_ = std::max(longest_, time);

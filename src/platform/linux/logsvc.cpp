@@ -178,6 +178,6 @@ void SYSLOG_close(void) {
   sockaddr nobody{};
   nobody.sa_family = AF_UNSPEC;
   const int fd = log_socket;
-  if (fd >= 0) connect(fd, &nobody, sizeof nobody);
+  if (fd >= 0) static_cast<void>(connect(fd, &nobody, sizeof nobody));
   quiet_until_ms = 0;
 }
