@@ -27,7 +27,7 @@ bool IsSameFile(const std::string& a, const std::string& b) {
 /// one is not known. `own`: the daemon's, by its own name.
 std::string FileToCheck(const std::string& file, const std::string& own,
                         const DaemonProcess* daemon, ReloadCheck* check) {
-  if (own.empty()) {
+  if (own.empty() || daemon == nullptr) {
     if (file.empty()) {
       check->objections.emplace_back(
           "which file the daemon reads cannot be told from here: name it");
