@@ -7,7 +7,6 @@
 #include <vector>
 
 #include <boost/system/system_error.hpp>
-#include <boost/thread/lock_guard.hpp>
 
 #include "api/sender_factory.h"
 #include "config/print_funcs.h"
@@ -173,7 +172,7 @@ void ApiSender::ReplaceTask(const SlaTaskConfig& task) {
 }
 
 void ApiSender::EraseStatistics(std::uint16_t id) {
-  const boost::lock_guard<boost::mutex> lock(statistics_->mutex);
+  const MutexLock lock(statistics_->mutex);
   statistics_->tasks.erase(id);
 }
 

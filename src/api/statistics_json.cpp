@@ -1,6 +1,5 @@
 #include "api/statistics_json.h"
 
-#include <boost/thread/lock_guard.hpp>
 #include <cjson/cJSON.h>
 
 namespace ipsla {
@@ -101,7 +100,7 @@ void AddFixedKeys(cJSON* object, std::int32_t id, const SlaTaskStatistics& stati
 
 int SerializeTasksMetrics(cJSON* reply, const StatisticsRequest& request, const SlaTaskMap& tasks,
                           StatisticsStore& statistics) {
-  const boost::lock_guard<boost::mutex> lock(statistics.mutex);
+  const MutexLock lock(statistics.mutex);
   cJSON* array = cJSON_AddArrayToObject(reply, "tasks");
   for (const auto& [id, groups] : request) {
     const auto stored = statistics.tasks.find(static_cast<std::uint16_t>(id));

@@ -31,12 +31,12 @@ WorkerThreads::~WorkerThreads() {  // NOLINT(bugprone-exception-escape): a log c
 }
 
 void WorkerThreads::SetCpus(std::vector<std::uint8_t> cpus) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   cpus_ = std::move(cpus);
 }
 
 void WorkerThreads::Start() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (started_ || cpus_.empty()) return;
   started_ = true;
   idle_timer_.expires_from_now(boost::posix_time::seconds(kIdleSeconds));
@@ -74,7 +74,7 @@ void WorkerThreads::WaitIdle() {
 void WorkerThreads::Stop() {
   context_.stop();
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     started_ = true;  // none is started any more
     threads_.join_all();
   }

@@ -5,12 +5,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 #include <boost/asio/deadline_timer.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/thread/thread.hpp>
+
+#include "log/mutex.h"
 
 namespace ipsla {
 
@@ -44,13 +45,14 @@ class WorkerThreads {
 
  private:
   void WaitIdle();
-  void StartOnCpu(std::uint8_t cpu, const boost::thread::attributes& attributes);
+  void StartOnCpu(std::uint8_t cpu, const boost::thread::attributes& attributes)
+      IPSLA_REQUIRES(mutex_);
 
   boost::asio::io_context context_;
-  std::mutex mutex_;
-  std::vector<std::uint8_t> cpus_;  // guarded by mutex_
-  bool started_ = false;            // likewise
-  boost::thread_group threads_;     // likewise
+  Mutex mutex_;
+  std::vector<std::uint8_t> cpus_ IPSLA_GUARDED_BY(mutex_);
+  bool started_ IPSLA_GUARDED_BY(mutex_) = false;
+  boost::thread_group threads_ IPSLA_GUARDED_BY(mutex_);
   boost::asio::deadline_timer idle_timer_;
 };
 

@@ -35,13 +35,13 @@ int ParseKeychainConfig(const std::string& filename, KeychainStorage* storage) {
 }
 
 std::shared_ptr<const KeychainStorage> KeyStore::Snapshot() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return storage_;
 }
 
 void KeyStore::Replace(KeychainStorage storage) {
   auto fresh = std::make_shared<const KeychainStorage>(std::move(storage));
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   storage_.swap(
       fresh);  // the old keys are freed by `fresh`, after the lock when it was the last owner
 }

@@ -7,10 +7,10 @@
 #define IPSLA_CONFIG_KEYCHAIN_H_
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "config/keychain_rules.h"
+#include "log/mutex.h"
 
 namespace ipsla {
 
@@ -30,9 +30,9 @@ class KeyStore {
   void Replace(KeychainStorage storage);
 
  private:
-  mutable std::mutex mutex_;
-  std::shared_ptr<const KeychainStorage> storage_ =
-      std::make_shared<const KeychainStorage>();  // guarded by mutex_
+  mutable Mutex mutex_;
+  std::shared_ptr<const KeychainStorage> storage_ IPSLA_GUARDED_BY(mutex_) =
+      std::make_shared<const KeychainStorage>();
 };
 
 }  // namespace ipsla

@@ -18,17 +18,17 @@ ErrorLimiter::Slots ErrorLimiter::NewSlots() const {
 }
 
 void ErrorLimiter::Add(std::uint16_t id) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   tests_.try_emplace(id, NewSlots());
 }
 
 void ErrorLimiter::Remove(std::uint16_t id) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   tests_.erase(id);
 }
 
 bool ErrorLimiter::IsAllowed(std::uint16_t id, ErrorKind kind) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   Slot& slot = tests_.try_emplace(id, NewSlots()).first->second.at(static_cast<std::size_t>(kind));
   const std::time_t now = clock_();
   const std::time_t elapsed = now - slot.last;

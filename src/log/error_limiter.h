@@ -10,7 +10,8 @@
 #include <ctime>
 #include <functional>
 #include <map>
-#include <mutex>
+
+#include "log/mutex.h"
 
 namespace ipsla {
 
@@ -50,8 +51,8 @@ class ErrorLimiter {
   [[nodiscard]] Slots NewSlots() const;
 
   const Clock clock_;
-  std::mutex mutex_;
-  std::map<std::uint16_t, Slots> tests_;  // guarded by mutex_
+  Mutex mutex_;
+  std::map<std::uint16_t, Slots> tests_ IPSLA_GUARDED_BY(mutex_);
 };
 
 /// Gives test `id` its slots, all periods starting now; an id that has slots keeps them.

@@ -36,7 +36,7 @@ void AddLines(char* bytes, std::size_t used, std::vector<LogLine>* lines) {
 void LineQueue::Push(std::uint16_t id, std::string_view text) noexcept {
   bool wakes = false;
   {
-    const std::lock_guard lock(mutex_);
+    const PriorityLock lock(mutex_);
     if (is_closed_) return;
     try {
       if (is_dropping_ || !Append(id, text)) {
@@ -52,19 +52,19 @@ void LineQueue::Push(std::uint16_t id, std::string_view text) noexcept {
 }
 
 bool LineQueue::WaitUntilDone(std::chrono::steady_clock::time_point deadline) {
-  PriorityCondition::Lock lock(mutex_);
+  PriorityLock lock(mutex_);
   const std::uint64_t until = pushed_;
   if (written_ >= until) return true;
   is_urgent_ = true;
   wake_.NotifyAll();
   while (written_ < until) {
-    if (!done_.WaitUntil(lock, deadline)) return written_ >= until;
+    if (!done_.WaitUntil(&lock, deadline)) return written_ >= until;
   }
   return true;
 }
 
 void LineQueue::Close() {
-  const std::lock_guard lock(mutex_);
+  const PriorityLock lock(mutex_);
   is_closed_ = true;
   wake_.NotifyAll();
 }
@@ -72,12 +72,12 @@ void LineQueue::Close() {
 bool LineQueue::Take(std::vector<LogLine>* lines) {
   lines->clear();
   {
-    PriorityCondition::Lock lock(mutex_);
-    Rest(lock);
+    PriorityLock lock(mutex_);
+    Rest(&lock);
     while (chunks_.empty()) {
       if (is_closed_) return false;
       is_asleep_ = true;
-      wake_.Wait(lock);
+      wake_.Wait(&lock);
     }
     is_asleep_ = false;
     for (std::size_t bytes = 0; !chunks_.empty() && bytes < kBatchBytes;) {
@@ -97,7 +97,7 @@ void LineQueue::Done() {
   Chunk usual;
   if (taken_.front().size == kChunkBytes) usual = std::move(taken_.front());
   taken_.clear();
-  const std::lock_guard lock(mutex_);
+  const PriorityLock lock(mutex_);
   if (!spare_.bytes) spare_ = std::move(usual);
   spare_.used = 0;
   memory_ -= freed;
@@ -148,11 +148,11 @@ void LineQueue::TellDropped() {
 }
 
 // Only behind a batch: the first line after a pause goes to its file at once.
-void LineQueue::Rest(PriorityCondition::Lock& lock) {
+void LineQueue::Rest(PriorityLock* held) {
   if (written_ == 0) return;
   const auto end = std::chrono::steady_clock::now() + kRest;
   while (!is_urgent_ && !is_closed_ && memory_ < kBatchBytes) {
-    if (!wake_.WaitUntil(lock, end)) break;
+    if (!wake_.WaitUntil(held, end)) break;
   }
   is_urgent_ = false;
 }

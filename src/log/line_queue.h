@@ -63,27 +63,27 @@ class LineQueue {
     std::size_t used = 0;
   };
 
-  // These need mutex_.
-  bool Append(std::uint16_t id, std::string_view text);
-  char* Room(std::size_t bytes);
-  void TellDropped();
-  void Rest(PriorityCondition::Lock& lock);
+  bool Append(std::uint16_t id, std::string_view text) IPSLA_REQUIRES(mutex_);
+  char* Room(std::size_t bytes) IPSLA_REQUIRES(mutex_);
+  void TellDropped() IPSLA_REQUIRES(mutex_);
+  void Rest(PriorityLock* held) IPSLA_REQUIRES(mutex_);
 
   PriorityMutex mutex_;
   PriorityCondition wake_;  // for the taking thread
   PriorityCondition done_;  // for WaitUntilDone
 
-  // All guarded by mutex_.
-  std::deque<Chunk> chunks_;
-  Chunk spare_;
-  std::size_t memory_ = 0;    // bytes of all chunks, those being written included
-  std::uint64_t pushed_ = 0;  // lines
-  std::uint64_t written_ = 0;
-  std::map<std::uint16_t, std::uint64_t> dropped_;  // lines by file
-  bool is_dropping_ = false;
-  bool is_asleep_ = false;  // the taking thread waits for a line
-  bool is_urgent_ = false;  // it is not to rest
-  bool is_closed_ = false;
+  std::deque<Chunk> chunks_ IPSLA_GUARDED_BY(mutex_);
+  Chunk spare_ IPSLA_GUARDED_BY(mutex_);
+  // Bytes of all chunks, those being written included.
+  std::size_t memory_ IPSLA_GUARDED_BY(mutex_) = 0;
+  std::uint64_t pushed_ IPSLA_GUARDED_BY(mutex_) = 0;  // lines
+  std::uint64_t written_ IPSLA_GUARDED_BY(mutex_) = 0;
+  // Lines by file.
+  std::map<std::uint16_t, std::uint64_t> dropped_ IPSLA_GUARDED_BY(mutex_);
+  bool is_dropping_ IPSLA_GUARDED_BY(mutex_) = false;
+  bool is_asleep_ IPSLA_GUARDED_BY(mutex_) = false;  // the taking thread waits for a line
+  bool is_urgent_ IPSLA_GUARDED_BY(mutex_) = false;  // it is not to rest
+  bool is_closed_ IPSLA_GUARDED_BY(mutex_) = false;
 
   // The taking thread's own.
   std::vector<Chunk> taken_;

@@ -10,7 +10,6 @@
 #include <ctime>
 #include <exception>
 #include <map>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -23,6 +22,7 @@
 #include "log/line_queue.h"
 #include "log/line_time.h"
 #include "log/log_file.h"
+#include "log/mutex.h"
 #include "log/open_ids.h"
 #include "log/signal_stack.h"
 #include "log/system_log.h"
@@ -72,7 +72,7 @@ struct Logger::Impl {
       : directory(std::move(log_directory)), calls(file_calls) {}
 
   std::shared_ptr<LogFile> Find(std::uint16_t id) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     const auto found = files.find(id);
     return found == files.end() ? nullptr : found->second;
   }
@@ -129,13 +129,13 @@ struct Logger::Impl {
   OpenIds open;
   LineQueue queue;
   std::atomic<bool> is_stuck{false};  // the disk has outlasted a CloseLogFile and not gone on since
-  std::mutex mutex;                   // never held while the disk is waited for
-  std::map<std::uint16_t, std::shared_ptr<LogFile>>
-      files;                  // guarded by mutex; null: could not be opened
-  bool is_accepting = true;   // guarded by mutex
-  LineTime time;              // the writer thread's
-  std::mutex shutdown_mutex;  // one Shutdown() at a time
-  boost::thread writer;       // guarded by shutdown_mutex
+  Mutex mutex;                        // never held while the disk is waited for
+  // Null: could not be opened.
+  std::map<std::uint16_t, std::shared_ptr<LogFile>> files IPSLA_GUARDED_BY(mutex);
+  bool is_accepting IPSLA_GUARDED_BY(mutex) = true;
+  LineTime time;         // the writer thread's
+  Mutex shutdown_mutex;  // one Shutdown() at a time
+  boost::thread writer IPSLA_GUARDED_BY(shutdown_mutex);
 };
 
 Logger::Logger(std::string directory) : Logger(std::move(directory), SystemLogFileCalls()) {}
@@ -158,7 +158,7 @@ void Logger::OpenLogFile(std::uint16_t id) {
   CreateDirectory(impl_->directory);
   // Silent when it cannot be opened: nobody could act on it, and the system log has the messages.
   std::shared_ptr<LogFile> opened = LogFile::Open(impl_->directory + FileName(id));
-  const std::lock_guard lock(impl_->mutex);
+  const MutexLock lock(impl_->mutex);
   if (!impl_->is_accepting) return;
   std::shared_ptr<LogFile>& entry = impl_->files[id];
   if (!entry) entry = std::move(opened);
@@ -168,7 +168,7 @@ void Logger::OpenLogFile(std::uint16_t id) {
 void Logger::CloseLogFile(std::uint16_t id) {
   if (impl_->open.Has(id) && !impl_->is_stuck) impl_->is_stuck = !Flush(kClosePatience);
   std::shared_ptr<LogFile> file;  // closed behind the lock, or by the writer that is writing to it
-  const std::lock_guard lock(impl_->mutex);
+  const MutexLock lock(impl_->mutex);
   const auto found = impl_->files.find(id);
   if (found == impl_->files.end()) return;
   impl_->open.Remove(id);
@@ -191,7 +191,7 @@ bool Logger::Flush(std::chrono::milliseconds patience) {
 
 void Logger::Shutdown() {
   {
-    const std::lock_guard lock(impl_->mutex);
+    const MutexLock lock(impl_->mutex);
     impl_->is_accepting = false;
   }
   impl_->queue.Close();
@@ -202,12 +202,12 @@ void Logger::Shutdown() {
         static_cast<int>(boost::system::errc::resource_deadlock_would_occur),
         "boost thread: trying joining itself");
   }
-  const std::lock_guard one_at_a_time(impl_->shutdown_mutex);
+  const MutexLock one_at_a_time(impl_->shutdown_mutex);
   if (impl_->writer.joinable() &&
       !impl_->writer.try_join_for(boost::chrono::milliseconds(shutdown_patience_.count())))
     impl_->writer.detach();
   std::map<std::uint16_t, std::shared_ptr<LogFile>> files;
-  const std::lock_guard lock(impl_->mutex);
+  const MutexLock lock(impl_->mutex);
   for (const auto& [id, file] : impl_->files) impl_->open.Remove(id);
   files.swap(impl_->files);
 }

@@ -1,5 +1,5 @@
-// A mutex that the compiler understands: with clang's -Wthread-safety every "guarded by" below is
-// checked, not said. It stands on the lowest floor because the log needs one too.
+// Mutexes that the compiler understands: clang's -Wthread-safety, an error in every build with it,
+// checks each "guarded by". They stand on the lowest floor because the log needs them too.
 //
 // The macros are empty for other compilers. They are not a style of this project but the form that
 // the attributes have to take.
@@ -48,19 +48,21 @@ class IPSLA_ATTRIBUTE(capability("mutex")) Mutex {
 };
 
 /// Holds a mutex from here to the end of the block, or in between to Unlock().
-class IPSLA_ATTRIBUTE(scoped_lockable) MutexLock {
+template <typename AnyMutex>
+class IPSLA_ATTRIBUTE(scoped_lockable) LockOf {
  public:
-  explicit MutexLock(Mutex& mutex) IPSLA_ATTRIBUTE(acquire_capability(mutex)) : mutex_(mutex) {
+  /// Waits for the mutex.
+  explicit LockOf(AnyMutex& mutex) IPSLA_ATTRIBUTE(acquire_capability(mutex)) : mutex_(mutex) {
     mutex_.lock();
   }
   /// Takes over a mutex that the caller holds.
-  MutexLock(Mutex& mutex, std::adopt_lock_t) IPSLA_ATTRIBUTE(requires_capability(mutex))
+  LockOf(AnyMutex& mutex, std::adopt_lock_t) IPSLA_ATTRIBUTE(requires_capability(mutex))
       : mutex_(mutex) {}
-  ~MutexLock() IPSLA_ATTRIBUTE(release_capability()) {
+  ~LockOf() IPSLA_ATTRIBUTE(release_capability()) {
     if (held_) mutex_.unlock();
   }
-  MutexLock(const MutexLock&) = delete;
-  MutexLock& operator=(const MutexLock&) = delete;
+  LockOf(const LockOf&) = delete;
+  LockOf& operator=(const LockOf&) = delete;
 
   /// Gives the mutex back before the block ends.
   void Unlock() IPSLA_ATTRIBUTE(release_capability()) {
@@ -73,11 +75,15 @@ class IPSLA_ATTRIBUTE(scoped_lockable) MutexLock {
     held_ = true;
   }
 
+  /// For conditions.
+  [[nodiscard]] AnyMutex& Held() { return mutex_; }
+
  private:
-  friend class Condition;
-  Mutex& mutex_;
+  AnyMutex& mutex_;
   bool held_ = true;
 };
+
+using MutexLock = LockOf<Mutex>;
 
 /// std::condition_variable for a Mutex. Each wait gives the held mutex back meanwhile and may also
 /// end for no reason.
@@ -90,7 +96,7 @@ class Condition {
 
   /// Waits for a notification.
   void Wait(MutexLock* held) {
-    std::unique_lock lock(held->mutex_.mutex_, std::adopt_lock);
+    std::unique_lock lock(held->Held().mutex_, std::adopt_lock);
     condition_.wait(lock);
     static_cast<void>(lock.release());
   }
@@ -98,7 +104,7 @@ class Condition {
   /// Waits for a notification until `deadline` at the latest.
   template <typename Clock, typename Duration>
   void WaitUntil(MutexLock* held, const std::chrono::time_point<Clock, Duration>& deadline) {
-    std::unique_lock lock(held->mutex_.mutex_, std::adopt_lock);
+    std::unique_lock lock(held->Held().mutex_, std::adopt_lock);
     condition_.wait_until(lock, deadline);
     static_cast<void>(lock.release());
   }

@@ -7,13 +7,14 @@
 
 #include <chrono>
 #include <ctime>
-#include <mutex>
+
+#include "log/mutex.h"
 
 namespace ipsla {
 
 /// Who holds it has the priority of who waits for it, so that an ordinary thread that was put aside
 /// while it held the mutex does not keep a real-time one waiting behind a busy machine.
-class PriorityMutex {
+class IPSLA_ATTRIBUTE(capability("mutex")) PriorityMutex {
  public:
   PriorityMutex() {
     pthread_mutexattr_t attributes;
@@ -27,9 +28,10 @@ class PriorityMutex {
   PriorityMutex(const PriorityMutex&) = delete;
   PriorityMutex& operator=(const PriorityMutex&) = delete;
 
-  /// For std::lock_guard and std::unique_lock.
-  void lock() { pthread_mutex_lock(&mutex_); }
-  void unlock() { pthread_mutex_unlock(&mutex_); }
+  /// Waits for the mutex.
+  void lock() IPSLA_ATTRIBUTE(acquire_capability()) { pthread_mutex_lock(&mutex_); }
+  /// Gives it back.
+  void unlock() IPSLA_ATTRIBUTE(release_capability()) { pthread_mutex_unlock(&mutex_); }
 
   /// For PriorityCondition.
   [[nodiscard]] pthread_mutex_t* Native() { return &mutex_; }
@@ -38,11 +40,12 @@ class PriorityMutex {
   pthread_mutex_t mutex_{};
 };
 
-/// A condition variable over a PriorityMutex, by the steady clock. Waits may end without reason.
+using PriorityLock = LockOf<PriorityMutex>;
+
+/// A condition variable over a PriorityMutex, by the steady clock. Each wait gives the held mutex
+/// back meanwhile and may also end for no reason.
 class PriorityCondition {
  public:
-  using Lock = std::unique_lock<PriorityMutex>;
-
   PriorityCondition() {
     pthread_condattr_t attributes;
     pthread_condattr_init(&attributes);
@@ -54,18 +57,20 @@ class PriorityCondition {
   PriorityCondition(const PriorityCondition&) = delete;
   PriorityCondition& operator=(const PriorityCondition&) = delete;
 
-  void Wait(Lock& lock) { pthread_cond_wait(&condition_, lock.mutex()->Native()); }
+  /// Waits for a notification.
+  void Wait(PriorityLock* held) { pthread_cond_wait(&condition_, held->Held().Native()); }
 
-  /// False when `deadline` has passed.
-  bool WaitUntil(Lock& lock, std::chrono::steady_clock::time_point deadline) {
+  /// Waits for a notification until `deadline` at the latest. False when that has passed.
+  bool WaitUntil(PriorityLock* held, std::chrono::steady_clock::time_point deadline) {
     const auto since = deadline.time_since_epoch();
     const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
     timespec time{};
     time.tv_sec = seconds.count();
     time.tv_nsec = std::chrono::nanoseconds(since - seconds).count();
-    return pthread_cond_timedwait(&condition_, lock.mutex()->Native(), &time) == 0;
+    return pthread_cond_timedwait(&condition_, held->Held().Native(), &time) == 0;
   }
 
+  /// Wakes every waiter.
   void NotifyAll() { pthread_cond_broadcast(&condition_); }
 
  private:

@@ -3,7 +3,8 @@
 #include <bitset>
 #include <cstddef>
 #include <cstdlib>
-#include <mutex>
+
+#include "log/mutex.h"
 
 namespace ipsla {
 namespace {
@@ -11,8 +12,8 @@ namespace {
 constexpr std::size_t kIdentifiers = 65536;
 
 struct Registry {
-  std::mutex mutex;
-  std::bitset<kIdentifiers> used;  // guarded by mutex
+  Mutex mutex;
+  std::bitset<kIdentifiers> used IPSLA_GUARDED_BY(mutex);
 };
 
 // Never destroyed: tests may still die while the process exits.
@@ -25,7 +26,7 @@ Registry& TheRegistry() {
 
 IcmpIdentifier::IcmpIdentifier() {
   Registry& registry = TheRegistry();
-  const std::lock_guard lock(registry.mutex);
+  const MutexLock lock(registry.mutex);
   std::size_t candidate = static_cast<std::size_t>(std::rand()) % kIdentifiers;
   if (!registry.used.all()) {
     while (registry.used.test(candidate)) candidate = (candidate + 1) % kIdentifiers;
@@ -38,7 +39,7 @@ IcmpIdentifier::IcmpIdentifier() {
 IcmpIdentifier::~IcmpIdentifier() {
   if (!owned_) return;
   Registry& registry = TheRegistry();
-  const std::lock_guard lock(registry.mutex);
+  const MutexLock lock(registry.mutex);
   registry.used.reset(value_);
 }
 

@@ -27,7 +27,7 @@ class IcmpSender final : public Sender {
   static const ProbeCalls kCalls;
 
   void StartTest() override IPSLA_REQUIRES(mutex_);
-  void CalcTestMetric() override;
+  void CalcTestMetric() override IPSLA_UNCHECKED_LOCKING;
   [[nodiscard]] SlaTaskMetrics GetMetrics(const std::list<SlaTaskMetrics>& history) const override;
   void CloseSockets() override IPSLA_REQUIRES(mutex_);
 

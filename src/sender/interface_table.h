@@ -5,12 +5,13 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 
 #include <boost/asio/ip/address.hpp>
+
+#include "log/mutex.h"
 
 namespace ipsla {
 
@@ -55,8 +56,8 @@ class InterfaceTable {
       const std::string& vrf_key) const;
 
  private:
-  mutable std::mutex mutex_;
-  std::map<Key, InterfaceRecord> records_;  // guarded by mutex_
+  mutable Mutex mutex_;
+  std::map<Key, InterfaceRecord> records_ IPSLA_GUARDED_BY(mutex_);
 };
 
 }  // namespace ipsla

@@ -7,6 +7,7 @@
 #include <boost/asio/post.hpp>
 
 namespace ipsla {
+
 void Pacer::Add(SteadyTime due, SendProbe send) {
   const MutexLock lock(mutex_);
   if (stopped_) return;
@@ -38,9 +39,17 @@ void Pacer::Serve() {
     const SteadyTime due = queue_.begin()->first;
     if (SteadyNow() < due) {
       SleepUntilDue(due, &lock);
-    } else {
-      SendEarliest(&lock);
+      continue;
     }
+    auto probe = queue_.extract(queue_.begin());
+    lock.Unlock();
+    const std::optional<SteadyTime> next = probe.mapped()();
+    // What `send` holds is let go without the lock: it may be the last owner of a test.
+    if (!next) probe = {};
+    lock.Lock();
+    if (!next || stopped_) continue;
+    probe.key() = *next;
+    queue_.insert(std::move(probe));
   }
   on_duty_ = false;
 }
@@ -58,18 +67,6 @@ void Pacer::SleepUntilDue(SteadyTime due, MutexLock* lock) {
   }
   while (SteadyNow() < due) {
   }
-}
-
-void Pacer::SendEarliest(MutexLock* lock) {
-  auto probe = queue_.extract(queue_.begin());
-  lock->Unlock();
-  const std::optional<SteadyTime> next = probe.mapped()();
-  // What `send` holds is let go without the lock: it may be the last owner of a test.
-  if (!next) probe = {};
-  lock->Lock();
-  if (!next || stopped_) return;
-  probe.key() = *next;
-  queue_.insert(std::move(probe));
 }
 
 }  // namespace ipsla

@@ -50,7 +50,6 @@ class Pacer {
  private:
   void Serve();
   void SleepUntilDue(SteadyTime due, MutexLock* lock) IPSLA_REQUIRES(mutex_);
-  void SendEarliest(MutexLock* lock) IPSLA_REQUIRES(mutex_);
 
   boost::asio::io_context& worker_;
   Mutex mutex_;

@@ -9,7 +9,6 @@
 #include <utility>
 
 #include <boost/asio/ip/address_v4.hpp>
-#include <boost/thread/lock_guard.hpp>
 
 #include "env/network_namespace.h"
 #include "env/process.h"
@@ -238,10 +237,11 @@ void Sender::ClearFailedRun() {
 void Sender::ReportRun() {
   const BelowPacing priority;
   const SlaTaskConfig config = config_;
+  const bool has_replies = ring_.Received() != 0;
   reporting_ = true;
   mutex_.unlock();
   try {
-    if (ring_.Received() != 0) CalcTestMetric();
+    if (has_replies) CalcTestMetric();
     StoreRun(config);
   } catch (...) {
     mutex_.lock();
@@ -253,7 +253,7 @@ void Sender::ReportRun() {
 }
 
 void Sender::StoreRun(const SlaTaskConfig& config) {
-  const boost::lock_guard<boost::mutex> lock(context_.statistics->mutex);
+  const MutexLock lock(context_.statistics->mutex);
   // The task was removed or changed meanwhile, and its statistics may be erased already.
   if (withdrawn_) return;
   SlaTaskStatistics& statistics = context_.statistics->tasks[id_];

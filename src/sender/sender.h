@@ -142,7 +142,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
 
   /// Starts one run: BeginRun, then the sockets, then the first probe or the control phase.
   /// Failures end in FailRun. Called with mutex_ held.
-  virtual void StartTest() = 0;
+  virtual void StartTest() IPSLA_REQUIRES(mutex_) = 0;
   /// Fills metrics_ from the ring. Only called with at least one reply accepted, and without
   /// mutex_, while the results are the caller's (reporting_).
   virtual void CalcTestMetric() = 0;
@@ -151,7 +151,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
       const std::list<SlaTaskMetrics>& history) const = 0;
   /// Closes every open socket of the run. Throws boost::system::system_error naming "close". Called
   /// with mutex_ held.
-  virtual void CloseSockets() = 0;
+  virtual void CloseSockets() IPSLA_REQUIRES(mutex_) = 0;
 
   // For concrete tests; all require mutex_ unless they say otherwise.
 
@@ -204,7 +204,8 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   void AcceptReply(SlaPacketRecord* record) IPSLA_REQUIRES(mutex_);
 
   /// The run's own metrics, or for a successful run of a jitter type those of its whole history.
-  [[nodiscard]] SlaTaskMetrics LatestOf(const std::list<SlaTaskMetrics>& history) const;
+  [[nodiscard]] SlaTaskMetrics LatestOf(const std::list<SlaTaskMetrics>& history) const
+      IPSLA_UNCHECKED_LOCKING;
 
   /// A pointer to the concrete test, to be held by a pending operation.
   template <typename Test>
@@ -229,10 +230,10 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   std::vector<std::uint8_t> receive_buffer_ IPSLA_GUARDED_BY(mutex_);
   static constexpr std::size_t kMinBufferBytes = 64;
 
-  // The run's results: guarded by mutex_, but while reporting_ is set they belong to the thread
-  // that reports, without it.
-  ProbeRing ring_;
-  SlaTaskMetrics metrics_;
+  // The run's results. While reporting_ is set they belong to the thread that reports, without the
+  // mutex: its operations are the ones with IPSLA_UNCHECKED_LOCKING.
+  ProbeRing ring_ IPSLA_GUARDED_BY(mutex_);
+  SlaTaskMetrics metrics_ IPSLA_GUARDED_BY(mutex_);
 
  private:
   // Start and end of runs (sender.cpp).
@@ -247,7 +248,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   [[nodiscard]] std::uint32_t SecondsToNextRun() const IPSLA_REQUIRES(mutex_);
   void ClearFailedRun() IPSLA_REQUIRES(mutex_);
   void ReportRun() IPSLA_REQUIRES(mutex_);
-  void StoreRun(const SlaTaskConfig& config);
+  void StoreRun(const SlaTaskConfig& config) IPSLA_UNCHECKED_LOCKING;
 
   // Probes out and replies in (sender_probes.cpp).
   void PaceNow() IPSLA_REQUIRES(mutex_);

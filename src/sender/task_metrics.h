@@ -8,9 +8,8 @@
 #include <map>
 #include <string>
 
-#include <boost/thread/mutex.hpp>
-
 #include "config/task_config.h"
+#include "log/mutex.h"
 
 namespace ipsla {
 
@@ -86,8 +85,8 @@ struct SlaTaskStatistics {
 /// The statistics of all tasks, shared by the tests (which store into it) and the Sender API (which
 /// reads and erases).
 struct StatisticsStore {
-  boost::mutex mutex;
-  std::map<std::uint16_t, SlaTaskStatistics> tasks;  // guarded by mutex
+  Mutex mutex;
+  std::map<std::uint16_t, SlaTaskStatistics> tasks IPSLA_GUARDED_BY(mutex);  ///< by task id
 };
 
 }  // namespace ipsla

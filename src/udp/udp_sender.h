@@ -42,7 +42,7 @@ class UdpSender final : public Sender {
   static const ProbeCalls kCalls;
 
   void StartTest() override IPSLA_REQUIRES(mutex_);
-  void CalcTestMetric() override;
+  void CalcTestMetric() override IPSLA_UNCHECKED_LOCKING;
   [[nodiscard]] SlaTaskMetrics GetMetrics(const std::list<SlaTaskMetrics>& history) const override;
   void CloseSockets() override IPSLA_REQUIRES(mutex_);
 
@@ -76,7 +76,8 @@ class UdpSender final : public Sender {
   // Nonce and digest are those of the last control phase.
   ControlPhaseMessage request_ IPSLA_GUARDED_BY(mutex_);
   ControlMessageBytes response_ IPSLA_GUARDED_BY(mutex_){};  // zeroed at the start of each run
-  std::uint32_t highest_counter_ = 0;  // of the responder, in this run; guarded as metrics_ is
+  // Of the responder, in this run. It goes with metrics_.
+  std::uint32_t highest_counter_ IPSLA_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace ipsla

@@ -80,11 +80,11 @@ Collector::Collector(CollectorOptions options)
 // The alarm is set with values that timerfd_settime(2) cannot refuse.
 Collector::~Collector() {  // NOLINT(bugprone-exception-escape): see above
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     stopping_ = true;
     SetAlarm(std::chrono::nanoseconds(1));
   }
-  wanted_.notify_one();
+  wanted_.NotifyOne();
   thread_.join();
   close(alarm_fd_);
 }
@@ -102,7 +102,7 @@ void Collector::SetAlarm(std::chrono::nanoseconds delay) const {
 void Collector::Ask(milliseconds max_age, Callback callback) {
   SnapshotPtr young;
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const MutexLock lock(mutex_);
     if (latest_ && steady_clock::now() - latest_->asked_at <= max_age) {
       young = latest_;
     } else {
@@ -112,7 +112,7 @@ void Collector::Ask(milliseconds max_age, Callback callback) {
   if (young) {
     callback(std::move(young));  // NOLINT(bugprone-use-after-move): moved on the other way only
   } else {
-    wanted_.notify_one();
+    wanted_.NotifyOne();
   }
 }
 
@@ -130,13 +130,13 @@ Collector::Clock::time_point Collector::NextOwnQuestion() const {
   return latest_->asked_at + std::max(interval, leisure);
 }
 
-bool Collector::WaitUntilDue(std::unique_lock<std::mutex>* lock) {
+bool Collector::WaitUntilDue(MutexLock* held) {
   while (!stopping_ && waiting_.empty()) {
     const auto due = NextOwnQuestion();
     if (Clock::now() >= due) {
       break;
     }
-    wanted_.wait_until(*lock, due);
+    wanted_.WaitUntil(held, due);
   }
   return !stopping_;
 }
@@ -166,33 +166,33 @@ SnapshotPtr Collector::Question() {
 }
 
 void Collector::Run() {
-  std::unique_lock<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   while (WaitUntilDue(&lock)) {
     SetAlarm(options_.timeout);
-    lock.unlock();
+    lock.Unlock();
     SnapshotPtr snapshot = Question();
-    lock.lock();
+    lock.Lock();
     latest_ = snapshot;
     history_.Record(snapshot->tasks, SecondsOf(snapshot->answered_at));
     // Those who came meanwhile as well: what they get is younger than their question could wait.
     const std::vector<Callback> waiting = std::exchange(waiting_, {});
-    lock.unlock();
+    lock.Unlock();
     for (const Callback& callback : waiting) {
       callback(snapshot);
     }
     snapshot.reset();
-    lock.lock();
+    lock.Lock();
   }
 }
 
 std::string Collector::HistoryOf(std::int32_t task, std::int64_t since) const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const MutexLock lock(mutex_);
   return HistoryJson(task, history_.Read(task, since, SecondsOf(system_clock::now())),
                      history_.Reasons());
 }
 
 HistoryState Collector::StateOfHistory() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const MutexLock lock(mutex_);
   return history_.State();
 }
 

@@ -9,10 +9,8 @@
 #define IPSLA_TOOLS_EXPORTER_COLLECTOR_H_
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +19,7 @@
 #include "exporter/history.h"
 #include "exporter/snapshot.h"
 #include "exporter/tasks_file.h"
+#include "log/mutex.h"
 
 namespace ipsla::exporter {
 
@@ -57,21 +56,20 @@ class Collector {
   using Clock = std::chrono::steady_clock;
 
   void Run();
-  [[nodiscard]] bool WaitUntilDue(std::unique_lock<std::mutex>* lock);
-  [[nodiscard]] Clock::time_point NextOwnQuestion() const;
+  [[nodiscard]] bool WaitUntilDue(MutexLock* held) IPSLA_REQUIRES(mutex_);
+  [[nodiscard]] Clock::time_point NextOwnQuestion() const IPSLA_REQUIRES(mutex_);
   void SetAlarm(std::chrono::nanoseconds delay) const;
   [[nodiscard]] SnapshotPtr Question();
 
   const CollectorOptions options_;
   const int alarm_fd_;    // a timer: readable when a question has to end
   TasksFile tasks_file_;  // used by the thread alone
-  mutable std::mutex mutex_;
-  // Guarded by mutex_:
-  std::condition_variable wanted_;
-  bool stopping_ = false;
-  std::vector<Callback> waiting_;
-  SnapshotPtr latest_;
-  History history_;
+  mutable Mutex mutex_;
+  Condition wanted_;
+  bool stopping_ IPSLA_GUARDED_BY(mutex_) = false;
+  std::vector<Callback> waiting_ IPSLA_GUARDED_BY(mutex_);
+  SnapshotPtr latest_ IPSLA_GUARDED_BY(mutex_);
+  History history_ IPSLA_GUARDED_BY(mutex_);
   // Last, so that it starts when all else is there.
   std::thread thread_;
 };

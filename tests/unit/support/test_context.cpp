@@ -4,7 +4,6 @@
 #include <net/if.h>
 
 #include <boost/asio/ip/address_v4.hpp>
-#include <boost/thread/lock_guard.hpp>
 
 namespace ipsla::test {
 
@@ -29,7 +28,7 @@ void TestContext::RunReady() {
 }
 
 SlaTaskStatistics TestContext::StatisticsOf(std::uint16_t id) const {
-  const boost::lock_guard<boost::mutex> lock(statistics->mutex);
+  const MutexLock lock(statistics->mutex);
   const auto found = statistics->tasks.find(id);
   return found == statistics->tasks.end() ? SlaTaskStatistics{} : found->second;
 }
