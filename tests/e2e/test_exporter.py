@@ -6,46 +6,25 @@ import signal
 import pytest
 
 from support.ctl import NO_SOURCE, Ctl
-from support.exporter import Exporter
-from support.tasks import icmp_echo, icmp_jitter, udp_echo, udp_jitter, udp_jitter_ntp
-from support.udp_tasks import start_responder
-from support.waiting import wait_for
+from support.exporter import RUN_ONCE, Exporter, start_each_type
+from support.tasks import icmp_echo
+from support.waiting import SCALE, wait_for
 
 OPEN_METRICS = "application/openmetrics-text;version=1.0.0"
-PERIOD = 2
+PERIOD = int(2 * SCALE)  # seconds, of a task that has to run several times
 
 
 @pytest.fixture
 def daemon(lab, start_daemon):
-    """One task of each type, and one that fails."""
-    start_responder(lab)
-    number_and_kind = enumerate((udp_echo, udp_jitter, udp_jitter_ntp, icmp_echo, icmp_jitter), 1)
-    tasks = [kind(number, time=PERIOD) for number, kind in number_and_kind]
-    tasks.append(icmp_echo(6, time=PERIOD, src="192.0.2.10"))
-    daemon = start_daemon(tasks)
-    for number in range(1, 7):
-        daemon.wait_for_reports(number)
-    return daemon
-
-
-def scraped_between_runs(exporter):
-    """Metrics and the daemon's own results of the same runs."""
-
-    def shown():
-        return {task["sla-id"]: task for task in exporter.json("/api/tasks")["tasks"]}
-
-    def same():
-        before, metrics, after = shown(), exporter.metrics(), shown()
-        runs = [{n: t["finish-time"] for n, t in tasks.items()} for tasks in (before, after)]
-        return (metrics, after) if runs[0] == runs[1] and len(after) == 6 else None
-
-    return wait_for(same, "a scrape between two runs")
+    """One task of each type, and one that fails; each has run once."""
+    return start_each_type(lab, start_daemon)
 
 
 def test_metrics_are_the_values_of_the_tasks(lab, daemon):
     exporter = Exporter(lab, "--tasks", daemon.tasks_path)
-    metrics, tasks = scraped_between_runs(exporter)
-    assert metrics.value("ipsla_up") == 1
+    metrics = exporter.metrics()
+    tasks = {task["sla-id"]: task for task in Ctl(lab).json("show", status=1)["tasks"]}
+    assert metrics.value("ipsla_up") == 1 and len(tasks) == 6
 
     def close(name, milliseconds, **labels):
         assert metrics.value(name, **labels) == pytest.approx(milliseconds / 1000, rel=1e-9, abs=0)
@@ -87,7 +66,7 @@ def test_metrics_are_the_values_of_the_tasks(lab, daemon):
         destination="127.0.0.1",
         dscp=0,
     )
-    assert metrics.value("ipsla_task_period_seconds", task=2) == PERIOD
+    assert metrics.value("ipsla_task_period_seconds", task=2) == RUN_ONCE["time"]
 
 
 COMMON = {
@@ -139,7 +118,9 @@ def test_the_exporters_own_figures(lab, daemon):
     assert metrics.text.endswith("\n# EOF\n")
 
 
-def test_history_has_a_point_for_each_run(lab, daemon):
+def test_history_has_a_point_for_each_run(lab, start_daemon):
+    timing = {"time": PERIOD, "timeout": 700 * PERIOD}
+    start_daemon([icmp_echo(4, **timing), icmp_echo(6, src="192.0.2.10", **timing)])
     exporter = Exporter(lab, "--interval", "0.5")
 
     def points():

@@ -7,12 +7,29 @@ import signal
 import socket
 
 from .daemon import SANITIZER_MARKS
+from .tasks import icmp_echo, icmp_jitter, udp_echo, udp_jitter, udp_jitter_ntp
+from .udp_tasks import start_responder
 from .waiting import DEFAULT_DEADLINE, SCALE, wait_for
 
 PORT = 9815
 
+# A task that has run is not soon run again, so that its results stay the same; and no reply is too
+# late for it, however slow the programs are.
+RUN_ONCE = {"time": 3600, "timeout": int(10000 * SCALE), "control": {"timeout": int(5000 * SCALE)}}
+
 _SAMPLE = re.compile(r"([a-zA-Z_:][a-zA-Z0-9_:]*)(?:\{(.*)\})? (\S+)")
 _LABEL = re.compile(r'([a-zA-Z_][a-zA-Z0-9_]*)="((?:[^"\\]|\\.)*)"')
+
+
+def start_each_type(lab, start_daemon):
+    """A daemon with a task of each type, 1 to 5, and 6, which fails; each has run once."""
+    start_responder(lab)
+    kinds = (udp_echo, udp_jitter, udp_jitter_ntp, icmp_echo, icmp_jitter)
+    tasks = [kind(number, **RUN_ONCE) for number, kind in enumerate(kinds, 1)]
+    daemon = start_daemon([*tasks, icmp_echo(6, src="192.0.2.10", **RUN_ONCE)])
+    for number in range(1, 7):
+        daemon.wait_for_reports(number)
+    return daemon
 
 
 class Metrics(dict):
