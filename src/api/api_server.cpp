@@ -1,21 +1,24 @@
 #include "api/api_server.h"
 
+#include <linux/sock_diag.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <array>
+#include <chrono>
 #include <utility>
 #include <vector>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/ip/address_v4.hpp>
 #include <boost/asio/ip/udp.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/system/system_error.hpp>
 #include <cjson/cJSON.h>
 
-#include "api/receive_outcome.h"
 #include "api/request_bodies.h"
 #include "api/statistics_json.h"
-#include "env/packet_stamps.h"
+#include "env/process.h"
 #include "env/time_values.h"
 #include "log/log.h"
 
@@ -27,15 +30,49 @@ using boost::asio::ip::udp;
 // Lets the requester keep up with the fragments of a long reply.
 constexpr std::chrono::milliseconds kFragmentPause{10};
 
-// A burst of 1000 requests of full size waits in the socket while a long reply goes out. The kernel
-// counts about 17 kB for a datagram of 8192 bytes and doubles the figure that it is given.
-constexpr int kApiReceiveBufferBytes = 16 * 1024 * 1024;
+// What the kernel counts for what waits, in bytes: room for a burst of 1000 requests of full size
+// (17 kB each), but for no more small ones (832 bytes each) than are taken in five seconds. The
+// kernel doubles the figure that it is given.
+constexpr int kApiReceiveBufferBytes = 9 * 1024 * 1024;
+
+// A while in which some requests become due again.
+constexpr std::chrono::milliseconds kRatePause{5};
+
+// Requests that produce a JSON reply take 10 ms and more each, so the buffer can hold the work of
+// minutes. What has waited longer than this behind more than a burst is not worth an answer: its
+// client has given up, and the next one is waiting.
+constexpr std::chrono::seconds kLongestWait{5};
+constexpr std::size_t kBurst = 1000;
+
+// Requests that are dropped for that at a time: they count as one that is taken.
+constexpr int kDroppedAtOnce = 8;
 
 void EnlargeReceiveBuffer(int fd) {
   const int bytes = kApiReceiveBufferBytes;
   // The first needs privilege, the second is cut to the system's limit; both are only an attempt.
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) == 0) return;
   static_cast<void>(setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes));
+}
+
+// Bytes that the kernel counts for what waits in the socket; 0 when it does not tell.
+std::size_t WaitingBytes(int fd) {
+  std::array<std::uint32_t, SK_MEMINFO_VARS> info{};
+  socklen_t length = sizeof info;
+  if (getsockopt(fd, SOL_SOCKET, SO_MEMINFO, info.data(), &length) != 0) return 0;
+  return info[SK_MEMINFO_RMEM_ALLOC];
+}
+
+// At least what the kernel counts for one datagram of this size.
+std::size_t ChargedBytes(std::size_t bytes) {
+  return 1280 + 2 * bytes;
+}
+
+bool IsFromHere(const sockaddr_in& source) {
+  return source.sin_addr.s_addr == htonl(INADDR_LOOPBACK) && source.sin_port == htons(kApiPort);
+}
+
+udp::endpoint EndpointOf(const sockaddr_in& source) {
+  return {boost::asio::ip::address_v4(ntohl(source.sin_addr.s_addr)), ntohs(source.sin_port)};
 }
 
 const char* TextOrEmpty(const JsonText& text) {
@@ -45,10 +82,11 @@ const char* TextOrEmpty(const JsonText& text) {
 }  // namespace
 
 struct ApiServer::Channel {
-  explicit Channel(boost::asio::io_context& service) : socket(service) {}
+  explicit Channel(boost::asio::io_context& service) : socket(service), pause(service) {}
 
   udp::socket socket;
-  udp::endpoint requester;  // of the last request: where its reply goes
+  boost::asio::steady_timer pause;  // while requests come too fast
+  udp::endpoint requester;          // of the last request: where its reply goes
   std::array<std::uint8_t, kApiMaxDatagram> buffer{};
 };
 
@@ -64,37 +102,62 @@ void ApiServer::Open() {
   // on between the runs of the tests.
   EnableReceiveStamps(socket.native_handle());
   socket.bind(udp::endpoint(boost::asio::ip::address_v4::loopback(), kApiPort));
-  ArmReceive();
+  Receive();
 }
 
 void ApiServer::Close() {
+  channel_->pause.cancel();
   channel_->socket.close();
 }
 
-void ApiServer::ArmReceive() {
-  channel_->socket.async_receive_from(
-      boost::asio::buffer(channel_->buffer), channel_->requester,
-      [this, channel = channel_](const boost::system::error_code& error, std::size_t bytes) {
-        // Checked first: once the socket is closed, the server itself may be gone.
-        if (channel->socket.is_open()) ReceivePacket(error, bytes);
-      });
+void ApiServer::Receive() {
+  channel_->socket.async_wait(udp::socket::wait_read,
+                              [this, channel = channel_](const boost::system::error_code& error) {
+                                // Checked first: once the socket is closed, the server itself may
+                                // be gone.
+                                if (channel->socket.is_open()) ReceivePacket(error);
+                              });
 }
 
-void ApiServer::ReceivePacket(const boost::system::error_code& error, std::size_t bytes) {
-  switch (ClassifyReceive(error, bytes)) {
-    case ReceiveOutcome::kEnd:
-      if (error != boost::asio::error::operation_aborted) {
-        LOG_DEBUG(0, "Catch exception %s", error.message().c_str());
-      }
-      return;
-    case ReceiveOutcome::kData:
-      HandleRequest(std::span<const std::uint8_t>(channel_->buffer).first(bytes));
-      break;
-    case ReceiveOutcome::kAgain:
-    case ReceiveOutcome::kLost:
-      break;
+void ApiServer::ReceiveLater() {
+  channel_->pause.expires_after(kRatePause);
+  channel_->pause.async_wait([this, channel = channel_](const boost::system::error_code& error) {
+    if (!error && channel->socket.is_open()) Receive();
+  });
+}
+
+void ApiServer::ReceivePacket(const boost::system::error_code& error) {
+  if (!error && !rate_.Pass(SteadyNow())) {
+    ReceiveLater();
+    return;
   }
-  ArmReceive();
+  ReceiveOutcome outcome = error ? ClassifyReceive(error, 0) : TakeRequest();
+  for (int more = 1; is_dropping_ && more < kDroppedAtOnce; ++more) outcome = TakeRequest();
+  if (outcome != ReceiveOutcome::kEnd) Receive();
+}
+
+ReceiveOutcome ApiServer::TakeRequest() {
+  int failure = 0;
+  const auto request = ReceiveStamped(channel_->socket.native_handle(), channel_->buffer.data(),
+                                      channel_->buffer.size(), &failure);
+  const boost::system::error_code error(failure, boost::system::system_category());
+  const ReceiveOutcome outcome = ClassifyReceive(error, request ? request->bytes : 0);
+  if (outcome == ReceiveOutcome::kEnd) LOG_DEBUG(0, "Catch exception %s", error.message().c_str());
+  if (outcome != ReceiveOutcome::kData) return outcome;
+  if (IsFromHere(request->source) || IsLeftByFlood(*request)) return ReceiveOutcome::kAgain;
+  channel_->requester = EndpointOf(request->source);
+  const BelowPacing below;
+  HandleRequest(std::span<const std::uint8_t>(channel_->buffer).first(request->bytes));
+  return outcome;
+}
+
+bool ApiServer::IsLeftByFlood(const StampedDatagram& request) {
+  const std::chrono::nanoseconds waited(ToNanoseconds(RealTimeNow()) -
+                                        ToNanoseconds(request.arrival));
+  const bool is_old = waited > kLongestWait;
+  is_dropping_ = is_old && (is_dropping_ || WaitingBytes(channel_->socket.native_handle()) >
+                                                kBurst * ChargedBytes(request.bytes));
+  return is_dropping_;
 }
 
 void ApiServer::HandleRequest(std::span<const std::uint8_t> received) {

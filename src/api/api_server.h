@@ -14,9 +14,12 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/system/error_code.hpp>
 
+#include "api/receive_outcome.h"
+#include "api/request_rate.h"
 #include "api/sender_api_message.h"
 #include "config/json_text.h"
 #include "config/task_config.h"
+#include "env/packet_stamps.h"
 #include "sender/task_metrics.h"
 
 namespace ipsla {
@@ -29,7 +32,10 @@ struct ApiSubjects {
   std::function<bool()> reload_keychain;  ///< likewise
 };
 
-/// One request is executed at a time; the others wait in the socket.
+/// One request is executed at a time; the others wait in the socket. They are taken no faster than
+/// RequestRate lets them, whatever a local user sends; the socket has room for a burst of a
+/// thousand, and what exceeds it is dropped. A datagram that claims to come from the socket itself
+/// is ignored: its answer would be the next request.
 ///
 /// Threads: the one that runs the service context, or any one while none does. Lifetime: a handler
 /// still queued after Close() does nothing, also when the server is gone.
@@ -56,8 +62,11 @@ class ApiServer {
     JsonDocument document;
   };
 
-  void ArmReceive();
-  void ReceivePacket(const boost::system::error_code& error, std::size_t bytes);
+  void Receive();
+  void ReceiveLater();
+  void ReceivePacket(const boost::system::error_code& error);
+  [[nodiscard]] ReceiveOutcome TakeRequest();
+  [[nodiscard]] bool IsLeftByFlood(const StampedDatagram& request);
   void HandleRequest(std::span<const std::uint8_t> received);
   [[nodiscard]] Answer Execute(std::uint16_t command, std::string_view text);
   [[nodiscard]] Answer AnswerQuery(ApiCommand command, std::string_view text);
@@ -68,6 +77,8 @@ class ApiServer {
 
   const ApiSubjects subjects_;
   const std::shared_ptr<Channel> channel_;
+  RequestRate rate_;
+  bool is_dropping_ = false;  // the requests that are too old, until a younger one is met
 };
 
 }  // namespace ipsla

@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <ctime>
 #include <random>
 #include <string>
 
@@ -16,6 +18,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "env/descriptor.h"
+#include "env/time_values.h"
 #include "support/api_client.h"
 #include "support/recording_syslog.h"
 
@@ -324,12 +328,12 @@ TEST_F(ApiServerTest, TakenPortIsAnErrorThatNamesTheStep) {
   EXPECT_EQ(client.Exchange(RequestBytes(7, "")), HeaderReply(7, 0));
 }
 
-TEST_F(ApiServerTest, RequesterThatCannotBeAnsweredEndsOnlyItsRequest) {
-  // From source port 0, which only a raw socket can use.
-  const int raw = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
-  const Datagram request = RequestBytes(7, "");
+// Sends a request to the server from any port of the loopback address.
+void SendFromPort(std::uint16_t port, const Datagram& request) {
+  const Descriptor raw(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP));
   Datagram packet(sizeof(udphdr));
   udphdr header{};
+  header.source = htons(port);
   header.dest = htons(kApiPort);
   header.len = htons(static_cast<std::uint16_t>(sizeof header + request.size()));
   std::memcpy(packet.data(), &header, sizeof header);
@@ -337,10 +341,20 @@ TEST_F(ApiServerTest, RequesterThatCannotBeAnsweredEndsOnlyItsRequest) {
   sockaddr_in to{};
   to.sin_family = AF_INET;
   to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(sendto(raw, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&to),
-                   sizeof to),
+  ASSERT_EQ(sendto(raw.Get(), packet.data(), packet.size(), 0,
+                   reinterpret_cast<const sockaddr*>(&to), sizeof to),
             static_cast<ssize_t>(packet.size()));
-  close(raw);
+}
+
+TEST_F(ApiServerTest, DatagramInItsOwnNameIsIgnored) {
+  // Its answer would be the next request, for ever.
+  SendFromPort(kApiPort, RequestBytes(7, ""));
+  EXPECT_EQ(client.Exchange(RequestBytes(8, "")), HeaderReply(8, 0));
+  EXPECT_THAT(test::TakeSyslogTexts(), ElementsAre("Recive commad unknown command"));
+}
+
+TEST_F(ApiServerTest, RequesterThatCannotBeAnsweredEndsOnlyItsRequest) {
+  SendFromPort(0, RequestBytes(7, ""));
   EXPECT_EQ(client.Exchange(RequestBytes(8, "")), HeaderReply(8, 0));
   EXPECT_THAT(test::TakeSyslogTexts(), Contains(HasSubstr("send_to: Invalid argument")));
 }
@@ -353,6 +367,52 @@ TEST_F(ApiServerTest, BurstOfAThousandRequestsOfFullSizeIsAnswered) {
   int replies = 0;
   while (replies < kRequests && client.ReceiveReply().size() == kApiHeaderSize) ++replies;
   EXPECT_EQ(replies, kRequests);
+}
+
+// The kernel stamps what arrives; the server looks at the clock some seconds later.
+timespec SixSecondsLater() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  now.tv_sec += 6;
+  return now;
+}
+
+constexpr Clocks kLater{.real_time = SixSecondsLater, .steady = std::chrono::steady_clock::now};
+
+class OldRequestsTest : public ApiServerTest {
+ protected:
+  // Sends so many requests, which are six seconds old when the server sees them. Tells how many it
+  // answers.
+  int Answered(int requests) {
+    for (int count = 0; count < requests; ++count) client.Send(RequestBytes(7, ""));
+    UseClocks(&kLater);
+    client.service.run_for(std::chrono::seconds(1));
+    UseClocks(nullptr);
+    int replies = 0;
+    while (client.TakeReply()) ++replies;
+    return replies;
+  }
+};
+
+TEST_F(OldRequestsTest, BurstIsAnsweredHoweverLongItWaited) {
+  EXPECT_EQ(Answered(1000), 1000);
+}
+
+TEST_F(OldRequestsTest, WhatAFloodLeftIsDroppedAndTheNextRequestAnswered) {
+  EXPECT_EQ(Answered(4000), 0);
+  EXPECT_EQ(client.Exchange(RequestBytes(8, "")), HeaderReply(8, 0));
+}
+
+TEST_F(ApiServerTest, RequestsAreTakenAtABoundedRate) {
+  for (int count = 0; count < 2 * RequestRate::kPerSecond; ++count)
+    client.Send(RequestBytes(7, ""));
+  const auto start = std::chrono::steady_clock::now();
+  client.service.run_for(std::chrono::milliseconds(200));
+  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+  int replies = 0;
+  while (client.TakeReply()) ++replies;
+  EXPECT_LE(replies, RequestRate::kAtOnce + 1 + RequestRate::kPerSecond * elapsed.count());
+  EXPECT_GT(replies, RequestRate::kAtOnce);
 }
 
 TEST_F(ApiServerTest, HostileDatagramsLeaveItAnswering) {
