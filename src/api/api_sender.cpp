@@ -8,6 +8,7 @@
 
 #include <boost/system/system_error.hpp>
 
+#include "api/creation_note.h"
 #include "api/sender_factory.h"
 #include "config/print_funcs.h"
 #include "config/sender_help_funcs.h"
@@ -116,6 +117,7 @@ bool ApiSender::ReloadKeychain() {
 }
 
 void ApiSender::StartTest(const SlaTaskConfig& task) {
+  const CreationNote note(task);
   netlink_.CreateNetlinkSocketInVrf(VrfOf(task));
   const boost::shared_ptr<Sender> test =
       CreateSender(workers_.Context(), task, {statistics_, interfaces_, keys_, pacer_});

@@ -15,6 +15,7 @@
 #include <openssl/crypto.h>
 
 #include "api/api_sender.h"
+#include "api/creation_note.h"
 #include "env/keep_alive.h"
 #include "env/process.h"
 #include "log/log.h"
@@ -34,6 +35,7 @@ std::terminate_handler usual_terminate = nullptr;
 
 // What led to the end is among the last lines, and those are still queued.
 [[noreturn]] void WriteLogAndTerminate() {
+  ipsla::ReportFailedCreation();
   ipsla::FlushLog(kLastWords);
   usual_terminate();
   std::abort();

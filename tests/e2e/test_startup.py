@@ -6,7 +6,7 @@ import stat
 
 import pytest
 
-from support.api_client import ApiClient
+from support.api_client import RELOAD_TASKS, ApiClient, Header
 from support.tasks import icmp_echo, icmp_jitter, udp_jitter
 from support.waiting import holds_for, wait_for
 
@@ -132,10 +132,21 @@ def _is_real_time_timer(daemon, number, target):
         return re.search(r"^clockid: 0$", info.read(), re.MULTILINE) is not None
 
 
-def _said(daemon, text):
-    """In both logs: the process is aborted, but not before what it has logged is written."""
-    said = any(record.text.endswith(f"(): {text}") for record in daemon.syslog())
-    return said and daemon.log_records()[-1] == text
+def _said(daemon, *texts):
+    """Last in both logs: the process is aborted, but not before what it has logged is written."""
+    system = [record.text for record in daemon.syslog()]
+    said = all(any(line.endswith(f"(): {text}") for line in system) for text in texts)
+    return said and daemon.log_records()[-len(texts) :] == list(texts)
+
+
+ABORTED = (-signal.SIGABRT, 128 + signal.SIGABRT)
+
+
+def _last_words(daemon, vrf, reason):
+    """On the terminal, before what the C++ library says; returned as it stands in the log."""
+    line = f"task 1 in {vrf} cannot be created: {reason}"
+    assert daemon.stderr.startswith(line + "\n")
+    return line
 
 
 class TestFatalConfigurations:
@@ -146,21 +157,33 @@ class TestFatalConfigurations:
     @pytest.mark.parametrize("start", ["soon", "25:00:00", ""])
     def test_start_time_that_cannot_be_parsed(self, start_daemon, start):
         daemon = start_daemon([icmp_echo(1, scheduler={"Start-time": start})], wait=False)
-        assert daemon.wait_exit() in (-signal.SIGABRT, 128 + signal.SIGABRT)
-        assert f"Cannot parse time string: {start}" in daemon.stderr
+        assert daemon.wait_exit() in ABORTED
+        reason = f"Cannot parse time string: {start}"
+        assert _said(daemon, _last_words(daemon, "the default VRF", reason))
+
+    NO_VRF = "Catch exception SetNetworkNamespaceredfailed: open() failed: %m"
+    NO_SOCKET = "CreateNetlinkSocketInVrf failed"
 
     def test_vrf_that_does_not_exist(self, start_daemon):
         daemon = start_daemon([icmp_echo(1, vrf="red")], wait=False)
-        assert daemon.wait_exit() in (-signal.SIGABRT, 128 + signal.SIGABRT)
-        assert _said(daemon, "Catch exception SetNetworkNamespaceredfailed: open() failed: %m")
-        assert "CreateNetlinkSocketInVrf failed" in daemon.stderr
+        assert daemon.wait_exit() in ABORTED
+        assert _said(daemon, self.NO_VRF, _last_words(daemon, "VRF red", self.NO_SOCKET))
+
+    def test_vrf_that_does_not_exist_at_a_reload(self, lab, start_daemon):
+        daemon = start_daemon([icmp_echo(2)])
+        daemon.write_tasks([icmp_echo(1, vrf="red"), icmp_echo(2)])
+        ApiClient(lab).send(Header(command=RELOAD_TASKS, length=28, block=8).pack())
+        assert daemon.wait_exit() in ABORTED
+        words = _last_words(daemon, "VRF red", self.NO_SOCKET)
+        assert words in daemon.log_records()
 
     def test_own_namespace_not_registered_as_1(self, lab, start_daemon):
         lab.add_vrf("red")
         lab.unregister_own_namespace()
         daemon = start_daemon([icmp_echo(1, vrf="red", src="10.1.0.1", dst="10.1.0.2")], wait=False)
-        assert daemon.wait_exit() in (-signal.SIGABRT, 128 + signal.SIGABRT)
-        assert _said(daemon, "Catch exception SetNetworkNamespace1failed: open() failed: %m")
+        assert daemon.wait_exit() in ABORTED
+        reason = "Catch exception SetNetworkNamespace1failed: open() failed: %m"
+        assert _said(daemon, reason, _last_words(daemon, "VRF red", self.NO_SOCKET))
 
 
 def test_own_namespace_needs_no_name_without_vrfs(lab, start_daemon):
