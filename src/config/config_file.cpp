@@ -1,5 +1,6 @@
 #include "config/config_file.h"
 
+#include <cstring>
 #include <utility>
 
 #include <cjson/cJSON.h>
@@ -12,12 +13,14 @@ ConfigFile ReadConfigFile(const std::string& filename, const char* key) {
     file.fault = ConfigFileFault::kNoName;
     return file;
   }
-  const std::optional<std::string> content = ReadWholeFile(filename);
+  std::optional<std::string> content = ReadWholeFile(filename);
   if (!content) {
     file.fault = ConfigFileFault::kUnreadable;
     return file;
   }
-  return ReadConfigText(*content, key);
+  file = ReadConfigText(*content, key);
+  explicit_bzero(content->data(), content->size());  // it may hold keys
+  return file;
 }
 
 ConfigFile ReadConfigText(std::string_view content, const char* key) {

@@ -1,5 +1,6 @@
 #include "config/keychain.h"
 
+#include <cstring>
 #include <utility>
 
 #include <cjson/cJSON.h>
@@ -18,6 +19,13 @@ void LogKeychainFileFault(const ConfigFile& file) {
   // new document.
   if (file.fault == ConfigFileFault::kNoArray && cJSON_GetErrorPtr() != nullptr)
     LOG_DEBUG(0, "invalid configuration");
+}
+
+// Keys that were replaced do not stay behind in freed memory. (This floor has no cryptographic
+// library; the C library's own function is not optimised away either.)
+void Wipe(KeychainStorage* storage) {
+  for (auto& [id, key] : *storage) explicit_bzero(key.data(), key.size());
+  delete storage;  // NOLINT(cppcoreguidelines-owning-memory): the deleter of a shared pointer
 }
 
 }  // namespace
@@ -40,7 +48,8 @@ std::shared_ptr<const KeychainStorage> KeyStore::Snapshot() const {
 }
 
 void KeyStore::Replace(KeychainStorage storage) {
-  auto fresh = std::make_shared<const KeychainStorage>(std::move(storage));
+  const std::shared_ptr<KeychainStorage> owned(new KeychainStorage(std::move(storage)), Wipe);
+  std::shared_ptr<const KeychainStorage> fresh = owned;
   const MutexLock lock(mutex_);
   storage_.swap(
       fresh);  // the old keys are freed by `fresh`, after the lock when it was the last owner

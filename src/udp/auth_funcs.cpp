@@ -10,6 +10,7 @@
 #include <openssl/rand.h>
 
 #include "log/log.h"
+#include "udp/wiped.h"
 
 namespace ipsla {
 
@@ -39,7 +40,10 @@ struct DigestBuffer {
 
 bool HashWithKey(std::uint16_t id, const ControlMessageBytes& message, std::string_view key,
                  DigestBuffer* digest) {
-  std::vector<std::uint8_t> data(message.begin(), message.end());
+  std::vector<std::uint8_t> data;
+  data.reserve(message.size() + key.size());
+  const WipedAtEnd wiped(data);
+  data.assign(message.begin(), message.end());
   data.insert(data.end(), key.begin(), key.end());
   return GetHash(id, EVP_sha256(), data.data(), data.size(), digest->bytes.data(),
                  &digest->length) == 0;

@@ -6,6 +6,8 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
+#include "udp/wiped.h"
+
 namespace ipsla {
 
 namespace {
@@ -35,7 +37,10 @@ std::optional<Digest> HmacSha256(std::string_view key, std::span<const std::uint
 std::optional<Digest> MessageDigest(SlaAuthAlgorithm algorithm,
                                     std::span<const std::uint8_t, kControlMessageSize> message,
                                     std::string_view key) {
-  std::vector<std::uint8_t> data(message.begin(), message.end());
+  std::vector<std::uint8_t> data;
+  data.reserve(message.size() + key.size());
+  const WipedAtEnd wiped(data);
+  data.assign(message.begin(), message.end());
   std::fill_n(data.begin() + kDigestOffset, kDigestSize, std::uint8_t{0});
   switch (algorithm) {
     case SlaAuthAlgorithm::kSha256:

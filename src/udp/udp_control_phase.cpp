@@ -18,6 +18,7 @@
 #include "udp/auth_funcs.h"
 #include "udp/print_funcs.h"
 #include "udp/udp_sender.h"
+#include "udp/wiped.h"
 
 namespace ipsla {
 namespace {
@@ -74,6 +75,7 @@ void UdpSender::ControlPhase() {
                 config_.auth, *context_.keys->Snapshot());
   if (config_.auth.mode != SlaAuthMode::kNone) {
     std::string key;
+    const WipedAtEnd wiped(key);
     try {
       key = CurrentKey();
     } catch (const std::exception& error) {

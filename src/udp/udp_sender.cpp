@@ -17,6 +17,7 @@
 #include "log/log.h"
 #include "sender/sender_metric_funcs.h"
 #include "udp/probe_message.h"
+#include "udp/wiped.h"
 
 namespace ipsla {
 namespace {
@@ -54,7 +55,8 @@ UdpSender::UdpSender(boost::asio::io_context& worker, const SlaTaskConfig& task,
   const std::size_t header = ProbeHeaderSize(task.sla_type);
   if (header == 0) throw std::runtime_error("Unknown UDP sla sender type");
   // A test whose key is missing is not created. Every control phase then asks the store again.
-  static_cast<void>(CurrentKey());
+  std::string key = CurrentKey();
+  const WipedAtEnd wiped(key);
   FillPadding(header, task.packet_size);
 }
 
