@@ -40,4 +40,12 @@ function(ipsla_install_project_files)
     DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT sender PATTERN man EXCLUDE)
   ipsla_install_system(COMPONENT sender
     UNITS ip-sla-sender.service.in CONFIGURATION etc/tasks.json SECRETS etc/keychain.json)
+  if(TARGET ip-sla-responder)
+    ipsla_install_system(COMPONENT responder
+      UNITS ip-sla-responder.service.in CONFIGURATION etc/responder.conf SECRETS etc/responder-keychain.json)
+  endif()
+  if(TARGET ip-sla-exporter)
+    ipsla_install_system(COMPONENT exporter
+      UNITS ip-sla-exporter.service.in CONFIGURATION etc/exporter.conf)
+  endif()
 endfunction()

@@ -10,7 +10,7 @@ import stat
 import subprocess
 
 import pytest
-from conftest import install
+from installation import install
 from support.ctl import Ctl
 from support.tasks import icmp_echo
 
@@ -50,7 +50,8 @@ def test_the_samples_make_a_daemon_that_measures(lab, start_daemon):
 
 def test_keys_are_for_root_alone_and_kept_by_the_next_installation(tmp_path):
     install(tmp_path)
-    assert stat.S_IMODE((tmp_path / "etc/ip-sla/keychain.json").stat().st_mode) == 0o600
+    for name in ("keychain.json", "responder-keychain.json"):
+        assert stat.S_IMODE((tmp_path / "etc/ip-sla" / name).stat().st_mode) == 0o600
     mine = '{"keychain-storage": [{"key-id": 1, "key-string": "mine"}]}'
     (tmp_path / "etc/ip-sla/keychain.json").write_text(mine)
     (tmp_path / "etc/ip-sla/tasks.json").unlink()
