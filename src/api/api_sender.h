@@ -61,6 +61,7 @@ class ApiSender : private InterfaceObserver {
   void Stop();
 
  private:
+  // Begins to wait for the system clock to be set. Logs when that cannot be done.
   void OpenClockWatch();
 
   // Reads the tasks file and takes over its CPU list. 0, or -1 after logging.
@@ -85,12 +86,15 @@ class ApiSender : private InterfaceObserver {
   void SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,
                          const std::optional<std::string>& if_name) override;
 
+  // Constant, as given on the command line.
   const std::string tasks_file_;
   const std::string keychain_file_;
 
+  // Shared with the tests, each with a lock of its own.
   const std::shared_ptr<StatisticsStore> statistics_ = std::make_shared<StatisticsStore>();
   const std::shared_ptr<InterfaceTable> interfaces_ = std::make_shared<InterfaceTable>();
   const std::shared_ptr<KeyStore> keys_ = std::make_shared<KeyStore>();
+  // What the service thread alone uses.
   SlaTaskMap tasks_;
 
   // Declared before the tests, whose timers and sockets live on its context.
@@ -98,6 +102,7 @@ class ApiSender : private InterfaceObserver {
   const std::shared_ptr<Pacer> pacer_ = std::make_shared<Pacer>(workers_.Context());
   TestMap tests_;
 
+  // The entrances for events, all on the service context.
   ApiServer server_;
   const std::shared_ptr<ClockWatch> clock_;
   NetlinkWatcher netlink_;

@@ -41,6 +41,7 @@ struct ApiSubjects {
 /// still queued after Close() does nothing, also when the server is gone.
 class ApiServer {
  public:
+  /// Opens nothing yet. `service` must outlive the server.
   ApiServer(boost::asio::io_context& service, ApiSubjects subjects);
   ~ApiServer() = default;
   ApiServer(const ApiServer&) = delete;
@@ -62,6 +63,7 @@ class ApiServer {
     JsonDocument document;
   };
 
+  // A request's way: received, read, executed, answered; then the next one is waited for.
   void Receive();
   void ReceiveLater();
   void ReceivePacket(const boost::system::error_code& error);
@@ -75,6 +77,7 @@ class ApiServer {
   void SendJson(const ApiHeader& request, const cJSON* document);
   void SendHeader(const ApiHeader& request, std::uint16_t result);
 
+  // Constant; the channel outlives the server while a receive is pending.
   const ApiSubjects subjects_;
   const std::shared_ptr<Channel> channel_;
   RequestRate rate_;

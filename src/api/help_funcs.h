@@ -31,9 +31,11 @@ using TestMap = std::map<std::uint16_t, boost::shared_ptr<Sender>>;
 struct ClockWatch {
   ClockWatch(boost::asio::io_context& context, const TestMap& running);
 
+  /// A timer of the real-time clock: readable when that was set.
   boost::asio::posix::stream_descriptor descriptor;
   boost::asio::steady_timer
       pause;  ///< before waiting again after a failure that might repeat at once
+  /// Where its handlers run, and whose tests start anew.
   boost::asio::io_context& service;
   const TestMap& tests;
   // Replaced by tests: no test sets the machine's clock.

@@ -31,6 +31,7 @@
 
 namespace ipsla {
 
+/// What a message tells.
 enum class NetlinkEvent {
   kIgnored,         ///< nothing the watcher acts on, or too short to say anything
   kTruncated,       ///< the message is longer than what was received: a change was lost
@@ -41,6 +42,7 @@ enum class NetlinkEvent {
   kAddressRemoved,  ///< `index`, `addresses`
 };
 
+/// One message, as far as it concerns us. Indexes and flags as in netdevice(7).
 struct NetlinkMessage {
   NetlinkEvent event = NetlinkEvent::kIgnored;
   int error = 0;  ///< errno value, positive; 0 is an acknowledgement

@@ -32,6 +32,7 @@ class NetlinkWatcher {
   /// How often the names are looked at.
   static constexpr std::chrono::seconds kRound{2};
 
+  /// Watches nothing yet. `service` and `observer` must outlive it.
   NetlinkWatcher(boost::asio::io_context& service, std::shared_ptr<InterfaceTable> table,
                  InterfaceObserver& observer);
   ~NetlinkWatcher();
@@ -57,6 +58,7 @@ class NetlinkWatcher {
 
  private:
   struct Watch;
+  // Held by the map of watches and by a pending read.
   using WatchPtr = std::shared_ptr<Watch>;
 
   // Opens the socket inside the VRF and lists what is there. Throws.
@@ -70,6 +72,7 @@ class NetlinkWatcher {
   static void Resync(Watch& watch, const std::string& vrf_key);
   void WaitForRound();
 
+  // Constant.
   boost::asio::io_context& service_;
   const std::shared_ptr<InterfaceTable> table_;
   InterfaceObserver& observer_;

@@ -14,6 +14,7 @@ namespace ipsla {
 /// Raw sockets of the family AF_NETLINK, protocol NETLINK_ROUTE. An endpoint holds a sockaddr_nl.
 class nl_protocol {
  public:
+  /// What Asio asks a protocol for.
   using endpoint = boost::asio::generic::basic_endpoint<nl_protocol>;
   using socket = boost::asio::basic_raw_socket<nl_protocol>;
 

@@ -10,6 +10,7 @@
 
 namespace ipsla {
 
+/// What to do after a receive.
 enum class ReceiveOutcome {
   kData,   ///< a datagram: handle it and receive again
   kAgain,  ///< nothing to handle: receive again

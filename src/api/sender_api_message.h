@@ -33,6 +33,7 @@ struct cJSON;
 
 namespace ipsla {
 
+/// UDP port, sizes in bytes, and the constant values of the header's fields.
 inline constexpr std::uint16_t kApiPort = 10101;
 inline constexpr std::size_t kApiHeaderSize = 28;
 inline constexpr std::size_t kApiMaxDatagram = 8192;
@@ -42,6 +43,7 @@ inline constexpr std::uint8_t kApiMoreFragments = 1;
 inline constexpr std::uint16_t kApiSuccess = 0;
 inline constexpr std::uint16_t kApiFailure = 4;
 
+/// What a request asks for, by its number.
 enum class ApiCommand : std::uint16_t {
   kGetTaskStatistics = 0,
   kGetAllActiveTaskStatistics = 1,
@@ -65,6 +67,7 @@ struct ApiHeader {
   bool operator==(const ApiHeader&) const = default;
 };
 
+/// One datagram.
 using ApiBytes = std::vector<std::uint8_t>;
 
 /// Reads a header; bytes that are missing read as zero.

@@ -27,6 +27,7 @@ class InterfaceObserver {
   InterfaceObserver(const InterfaceObserver&) = delete;
   InterfaceObserver& operator=(const InterfaceObserver&) = delete;
 
+  /// An address came or went, a link came or is gone: see Sender.
   virtual void UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
                                   std::uint32_t new_address, std::uint32_t old_address) = 0;
   virtual void SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,
@@ -38,6 +39,7 @@ class InterfaceObserver {
 /// thread.
 class VrfInterfaces {
  public:
+  /// Knows nothing yet. Table and observer must outlive it.
   VrfInterfaces(std::string vrf_key, InterfaceTable& table, InterfaceObserver& observer);
 
   /// What was there at the beginning. Nobody is told.
@@ -58,14 +60,17 @@ class VrfInterfaces {
   void Forget();
 
  private:
+  // By address.
   using Addresses = std::map<boost::asio::ip::address, InterfaceRecord>;
 
+  // What messages do: first to the table, then (Tell) to the observer.
   void ApplyName(std::uint32_t index, const std::string& name);
   void AddAddresses(const NetlinkMessage& message);
   void RemoveAddresses(const NetlinkMessage& message);
   void TellLink(std::uint32_t index, const std::optional<std::string>& name);
   void TellAddress(const boost::asio::ip::address& one, std::int32_t index, bool added);
 
+  // Constant.
   const std::string vrf_key_;
   InterfaceTable& table_;
   InterfaceObserver& observer_;

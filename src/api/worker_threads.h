@@ -22,6 +22,7 @@ inline constexpr std::size_t kThreadsPerCpu = 15;
 /// once handle a reload.)
 class WorkerThreads {
  public:
+  /// Starts nothing yet.
   WorkerThreads();
   /// Stop().
   ~WorkerThreads();  // NOLINT(bugprone-exception-escape): a log call does not throw
@@ -44,15 +45,19 @@ class WorkerThreads {
   void Stop();
 
  private:
+  // Steps of Start().
   void WaitIdle();
   void StartOnCpu(std::uint8_t cpu, const boost::thread::attributes& attributes)
       IPSLA_REQUIRES(mutex_);
 
+  // Where every test's handlers run.
   boost::asio::io_context context_;
+  // Between Start(), SetCpus() and Stop().
   Mutex mutex_;
   std::vector<std::uint8_t> cpus_ IPSLA_GUARDED_BY(mutex_);
   bool started_ IPSLA_GUARDED_BY(mutex_) = false;
   boost::thread_group threads_ IPSLA_GUARDED_BY(mutex_);
+  // The threads' while there are any.
   boost::asio::deadline_timer idle_timer_;
 };
 

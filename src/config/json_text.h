@@ -13,6 +13,7 @@ struct cJSON;
 
 namespace ipsla {
 
+/// Frees what cJSON allocated.
 struct JsonDeleter {
   void operator()(cJSON* document) const;
   void operator()(char* printed) const;

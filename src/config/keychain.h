@@ -30,6 +30,7 @@ class KeyStore {
   void Replace(KeychainStorage storage);
 
  private:
+  // Held for the copy of one pointer.
   mutable Mutex mutex_;
   std::shared_ptr<const KeychainStorage> storage_ IPSLA_GUARDED_BY(mutex_) =
       std::make_shared<const KeychainStorage>();

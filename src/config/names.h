@@ -18,6 +18,7 @@ template <typename Enumeration>
   return static_cast<std::underlying_type_t<Enumeration>>(value);
 }
 
+/// What a test measures, and with which probes.
 enum class SlaTestType : std::int32_t {
   kNone = -1,
   kUdpEcho = 1,
@@ -27,6 +28,7 @@ enum class SlaTestType : std::int32_t {
   kIcmpJitter = 5,
 };
 
+/// How control messages are authenticated.
 enum class SlaAuthMode : std::uint8_t { kUndefined = 0, kNone = 1, kPassword = 2, kKeychain = 3 };
 
 enum class SlaAuthAlgorithm : std::uint8_t { kUndefined = 0, kSha256 = 1, kHmacSha256 = 2 };
@@ -49,6 +51,7 @@ enum class SlaControlStatus : std::uint16_t {
   kUnknownInternalError = 13,
 };
 
+/// Fields of the control message.
 enum class CsldType : std::uint16_t { kAuthentication = 1, kMeasurement = 2 };
 enum class AddressType : std::uint8_t { kIpv4 = 2, kIpv6 = 3 };
 enum class Role : std::uint8_t { kResponder = 1, kSender = 2 };
@@ -67,7 +70,6 @@ enum class SlaPacketState : std::uint8_t {
 
 // Names. An unlisted value gives "undefined" ("Undefined" for priorities, "Undefined PHB" for
 // DSCPs).
-
 [[nodiscard]] std::string TestTypeToString(SlaTestType type);
 [[nodiscard]] std::string AuthModeToString(SlaAuthMode mode);
 [[nodiscard]] std::string AuthAlgorithmToString(SlaAuthAlgorithm algorithm);

@@ -18,6 +18,7 @@ class Descriptor {
   explicit Descriptor(int fd) noexcept : fd_(fd) {}
   ~Descriptor() { Reset(); }
 
+  /// Leaves the other one without a descriptor.
   Descriptor(Descriptor&& other) noexcept : fd_(other.Release()) {}
   Descriptor& operator=(Descriptor&& other) noexcept {
     Reset(other.Release());
@@ -42,6 +43,7 @@ class Descriptor {
   }
 
  private:
+  // -1: none.
   int fd_ = -1;
 };
 

@@ -14,6 +14,7 @@
 
 namespace ipsla {
 
+/// When the watchdog is told that the daemon lives.
 struct KeepAlivePeriods {
   std::chrono::milliseconds first{10000};   ///< from the creation to the first signal
   std::chrono::milliseconds restart{5000};  ///< from a later start to the next signal
@@ -23,6 +24,7 @@ struct KeepAlivePeriods {
 /// Must outlive the run of its context. Threads: one at a time, as StartKeepAlive.
 class KeepAliveTimer {
  public:
+  /// Starts nothing yet. `service` must outlive the timer.
   KeepAliveTimer(boost::asio::io_context& service, const KeepAlivePeriods& periods);
 
   /// As StartKeepAlive.
@@ -37,13 +39,17 @@ class KeepAliveTimer {
     alignas(std::max_align_t) std::array<unsigned char, KEEPALIVE_RECORD_BYTES> bytes{};
   };
 
+  // Until the next signal is due.
   void Wait();
 
+  // Constant.
   const KeepAlivePeriods periods_;
   boost::asio::steady_timer
       timer_;  // steady: a clock that is set must not delay the watchdog's signal
+  // The first signal is out.
   bool is_announced_ = false;
   std::chrono::steady_clock::time_point last_signal_;  // or the announcement
+  // What the device's library keeps from one signal to the next.
   Record watchdog_;
   Record signal_;
 };

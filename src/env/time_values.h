@@ -15,6 +15,7 @@
 
 namespace ipsla {
 
+/// Of timespec and of steady time.
 inline constexpr std::int64_t kNanosecondsPerSecond = 1000000000;
 
 /// The real-time clock (CLOCK_REALTIME). Any thread.

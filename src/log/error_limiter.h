@@ -39,6 +39,7 @@ class ErrorLimiter {
   [[nodiscard]] bool IsAllowed(std::uint16_t id, ErrorKind kind);
 
  private:
+  // How often one kind of failure was seen.
   struct Slot {
     std::time_t last = 0;     // start of the current counting period
     std::uint32_t count = 0;  // messages counted in the current period
@@ -48,9 +49,11 @@ class ErrorLimiter {
   static constexpr std::size_t kSlots = 13;  // by kind; not every one is in use
   using Slots = std::array<Slot, kSlots>;
 
+  // Slots whose periods all begin now.
   [[nodiscard]] Slots NewSlots() const;
 
   const Clock clock_;
+  // Held for one count.
   Mutex mutex_;
   std::map<std::uint16_t, Slots> tests_ IPSLA_GUARDED_BY(mutex_);
 };

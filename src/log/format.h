@@ -26,6 +26,7 @@ class FormattedText {
   FormattedText(const char* format, va_list arguments) noexcept
       __attribute__((format(printf, 2, 0)));
 
+  /// The text; valid as long as this object.
   [[nodiscard]] std::string_view View() const {
     return long_.empty() ? std::string_view(usual_.data(), length_) : std::string_view(long_);
   }
@@ -33,8 +34,10 @@ class FormattedText {
   [[nodiscard]] const char* Text() const { return View().data(); }
 
  private:
+  // Longer texts are allocated.
   static constexpr std::size_t kUsualBytes = 1024;
 
+  // The text: in one of the two, by its length.
   std::array<char, kUsualBytes> usual_;
   std::size_t length_ = 0;
   std::string long_;

@@ -63,15 +63,18 @@ class LineQueue {
     std::size_t used = 0;
   };
 
+  // Steps of Push, Done and Take.
   bool Append(std::uint16_t id, std::string_view text) IPSLA_REQUIRES(mutex_);
   char* Room(std::size_t bytes) IPSLA_REQUIRES(mutex_);
   void TellDropped() IPSLA_REQUIRES(mutex_);
   void Rest(PriorityLock* held) IPSLA_REQUIRES(mutex_);
 
+  // Never held for longer than a copy of one line.
   PriorityMutex mutex_;
   PriorityCondition wake_;  // for the taking thread
   PriorityCondition done_;  // for WaitUntilDone
 
+  // What waits for the taking thread, and an empty chunk kept for later.
   std::deque<Chunk> chunks_ IPSLA_GUARDED_BY(mutex_);
   Chunk spare_ IPSLA_GUARDED_BY(mutex_);
   // Bytes of all chunks, those being written included.

@@ -19,8 +19,10 @@ class LineTime {
   void PutBefore(const LogLine& line, std::time_t now);
 
  private:
+  // Makes the text of the second `now`.
   void Make(std::time_t now);
 
+  // The second whose text is here; -1: none yet.
   std::time_t second_ = -1;
   std::array<char, LogLine::kTimeBytes + 1> text_{};
 };

@@ -37,6 +37,7 @@ class LogFile {
   /// Null when that fails.
   [[nodiscard]] static std::unique_ptr<LogFile> Open(const std::string& path);
 
+  /// Closes it.
   ~LogFile();
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;
@@ -49,9 +50,11 @@ class LogFile {
  private:
   explicit LogFile(int fd) : fd_(fd) {}
 
+  // Steps of Write.
   [[nodiscard]] std::string CheckLogFileSize(const LogFileCalls& calls, off_t* position) const;
   void Append(std::span<const LogLine> lines);
 
+  // Open for appending.
   const int fd_;
   bool is_torn_ = false;  // the last write ended within a line
 };

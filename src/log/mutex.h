@@ -12,6 +12,7 @@
 #include <mutex>
 
 #if defined(__clang__)
+/// An attribute of the analysis, for the compiler that has it.
 #define IPSLA_ATTRIBUTE(x) __attribute__((x))
 #else
 #define IPSLA_ATTRIBUTE(x)
@@ -83,6 +84,7 @@ class IPSLA_ATTRIBUTE(scoped_lockable) LockOf {
   bool held_ = true;
 };
 
+// Holds a Mutex.
 using MutexLock = LockOf<Mutex>;
 
 /// std::condition_variable for a Mutex. Each wait gives the held mutex back meanwhile and may also

@@ -13,6 +13,7 @@ namespace ipsla {
 /// A set of test ids. Threads: any.
 class OpenIds {
  public:
+  /// Never waits.
   [[nodiscard]] bool Has(std::uint16_t id) const {
     return (words_.at(id / kBits).load(std::memory_order_relaxed) & Bit(id)) != 0;
   }
@@ -22,8 +23,10 @@ class OpenIds {
  private:
   static constexpr std::size_t kBits = 64;
 
+  // The bit of `id` in its word.
   static std::uint64_t Bit(std::uint16_t id) { return std::uint64_t{1} << (id % kBits); }
 
+  // One bit for each id.
   std::array<std::atomic<std::uint64_t>, 65536 / kBits> words_{};
 };
 

@@ -16,6 +16,7 @@ namespace ipsla {
 /// while it held the mutex does not keep a real-time one waiting behind a busy machine.
 class IPSLA_ATTRIBUTE(capability("mutex")) PriorityMutex {
  public:
+  /// With priority inheritance where the kernel has it.
   PriorityMutex() {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
@@ -37,15 +38,18 @@ class IPSLA_ATTRIBUTE(capability("mutex")) PriorityMutex {
   [[nodiscard]] pthread_mutex_t* Native() { return &mutex_; }
 
  private:
+  // Of the C library: std::mutex inherits no priorities.
   pthread_mutex_t mutex_{};
 };
 
+// Holds a PriorityMutex.
 using PriorityLock = LockOf<PriorityMutex>;
 
 /// A condition variable over a PriorityMutex, by the steady clock. Each wait gives the held mutex
 /// back meanwhile and may also end for no reason.
 class PriorityCondition {
  public:
+  /// Its deadlines are of the steady clock.
   PriorityCondition() {
     pthread_condattr_t attributes;
     pthread_condattr_init(&attributes);

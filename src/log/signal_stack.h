@@ -15,10 +15,12 @@ namespace ipsla::log_internal {
 /// in its function. Best effort.
 class SignalStack {
  public:
+  /// Gives the calling thread its own, and takes it back on the same thread.
   SignalStack() {
     stack_t current{};
-    if (sigaltstack(nullptr, &current) != 0 || (current.ss_flags & SS_DISABLE) == 0)
+    if (sigaltstack(nullptr, &current) != 0 || (current.ss_flags & SS_DISABLE) == 0) {
       return;  // a sanitizer has made one already
+    }
     bytes_ = std::make_unique_for_overwrite<std::byte[]>(kBytes);
     stack_t own{};
     own.ss_sp = bytes_.get();
@@ -35,6 +37,7 @@ class SignalStack {
   SignalStack& operator=(const SignalStack&) = delete;
 
  private:
+  // Room for a crash trace.
   static constexpr std::size_t kBytes = 65536;
 
   std::unique_ptr<std::byte[]> bytes_;

@@ -14,6 +14,7 @@ namespace ipsla::log_internal {
 /// afterwards.
 class ErrnoKeeper {
  public:
+  /// Remembers errno, and puts it back.
   ErrnoKeeper() : saved_(errno) {}
   ~ErrnoKeeper() { errno = saved_; }
   ErrnoKeeper(const ErrnoKeeper&) = delete;

@@ -11,6 +11,7 @@
 // Instrumented frames are several times as large, and the sanitizers' thread-local storage lies on
 // the stack as well.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+/// Frames are larger under a sanitizer.
 #define IPSLA_SANITIZED 1
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
@@ -22,8 +23,10 @@
 namespace ipsla::log_internal {
 
 #ifdef IPSLA_SANITIZED
+/// Bytes asked for.
 inline constexpr std::size_t kStackBytes = 16U * 131072U;
 #else
+/// Bytes asked for.
 inline constexpr std::size_t kStackBytes = 131072;
 #endif
 

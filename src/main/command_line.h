@@ -7,6 +7,7 @@
 
 namespace ipsla {
 
+/// What the command line asks for.
 struct CommandLine {
   enum class Action {
     kRun,
@@ -14,6 +15,7 @@ struct CommandLine {
     kPrintUsage,    ///< print UsageText() and exit with 1
   };
 
+  /// Both files are empty unless given.
   Action action = Action::kRun;
   std::string tasks_file;     ///< "-f"; empty when not given, which fails later, when it is read
   std::string keychain_file;  ///< "-k"; likewise

@@ -20,11 +20,13 @@
 
 namespace ipsla {
 
+/// Message types.
 inline constexpr std::uint8_t kIcmpEchoReply = 0;
 inline constexpr std::uint8_t kIcmpEchoRequest = 8;
 inline constexpr std::uint8_t kIcmpTimestampRequest = 13;
 inline constexpr std::uint8_t kIcmpTimestampReply = 14;
 
+/// Bytes.
 inline constexpr std::size_t kIpv4HeaderSize = 20;
 inline constexpr std::size_t kIcmpHeaderSize = 8;
 inline constexpr std::size_t kIcmpTimestampHeaderSize = 20;
@@ -44,6 +46,7 @@ void EncodeOriginateTimestamp(std::uint32_t milliseconds_of_day, std::span<std::
 /// holds at least 4 bytes and `covered` is at most its size.
 void SealIcmpMessage(std::size_t covered, std::span<std::uint8_t> buffer);
 
+/// A reply's fields.
 struct IcmpReply {
   std::uint8_t type = 0;
   std::uint8_t code = 0;

@@ -24,6 +24,7 @@ class IcmpSender final : public Sender {
              const SenderContext& context);
 
  private:
+  // SendNextProbe and TakeReply.
   static const ProbeCalls kCalls;
 
   void StartTest() override IPSLA_REQUIRES(mutex_);
@@ -31,10 +32,12 @@ class IcmpSender final : public Sender {
   [[nodiscard]] SlaTaskMetrics GetMetrics(const std::list<SlaTaskMetrics>& history) const override;
   void CloseSockets() override IPSLA_REQUIRES(mutex_);
 
+  // Steps of a run.
   void OpenSocket() IPSLA_REQUIRES(mutex_);
   [[nodiscard]] SendOutcome SendNextProbe() IPSLA_REQUIRES(mutex_);
   [[nodiscard]] bool TakeReply(const StampedDatagram& datagram) IPSLA_REQUIRES(mutex_);
 
+  // Constant.
   const IcmpIdentifier identifier_;
   const bool jitter_;             // "icmp-jitter": time-stamp requests
   const std::size_t sent_bytes_;  // L: what goes out of send_buffer_

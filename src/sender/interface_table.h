@@ -28,8 +28,10 @@ struct InterfaceRecord {
 /// (VrfKey). Threads: any; it has its own lock, which is never held over a call out of this class.
 class InterfaceTable {
  public:
+  /// Address and VRF key.
   using Key = std::pair<boost::asio::ip::address, std::string>;
 
+  /// The interface that has the address; nothing when none is known to.
   [[nodiscard]] std::optional<InterfaceRecord> Find(const boost::asio::ip::address& address,
                                                     const std::string& vrf_key) const;
 
@@ -56,6 +58,7 @@ class InterfaceTable {
       const std::string& vrf_key) const;
 
  private:
+  // Held for one look-up or change.
   mutable Mutex mutex_;
   std::map<Key, InterfaceRecord> records_ IPSLA_GUARDED_BY(mutex_);
 };

@@ -24,6 +24,7 @@ struct JitterSample {
 struct JitterSamples {
   explicit JitterSamples(std::size_t count) : sd(count), ds(count) {}
 
+  /// Latencies in milliseconds, by the place of the record; the sums are over all samples.
   std::vector<double> sd;
   std::vector<double> ds;
   JitterSample sum;

@@ -67,8 +67,10 @@ class MeasurementSocket {
   }
 
  private:
+  // Of whatever family the run asked for.
   using Descriptor = boost::asio::posix::stream_descriptor;
 
+  // Non-blocking.
   Descriptor descriptor_;
 };
 

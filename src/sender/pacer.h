@@ -48,10 +48,13 @@ class Pacer {
   void Stop();
 
  private:
+  // What the thread on duty does.
   void Serve();
   void SleepUntilDue(SteadyTime due, MutexLock* lock) IPSLA_REQUIRES(mutex_);
 
+  // Lends the threads.
   boost::asio::io_context& worker_;
+  // Held for one look at the queue.
   Mutex mutex_;
   // What the thread on duty sleeps for; the end of time when it is awake, or there is none.
   std::atomic<SteadyTime> waiting_for_{SteadyTime::max()};

@@ -54,11 +54,14 @@ class ProbeRing {
   [[nodiscard]] std::span<SlaPacketRecord> Records() { return records_; }
 
  private:
+  // The record that a sequence number has.
   [[nodiscard]] std::size_t SlotOf(std::uint32_t sequence) const {
     return sequence % records_.size();
   }
 
+  // One for each probe of a run.
   std::vector<SlaPacketRecord> records_;
+  // Probes opened and replies accepted in this run.
   std::uint32_t sent_ = 0;
   std::uint32_t received_ = 0;
 };

@@ -33,6 +33,7 @@ class RunTimer {
   [[nodiscard]] bool IsCurrent(Ticket ticket) const { return ticket == ticket_; }
 
  private:
+  // Its wait belongs to the last ticket given.
   boost::asio::steady_timer timer_;
   Ticket ticket_ = 0;
 };

@@ -15,6 +15,7 @@ namespace ipsla {
 /// End of life of a test that never ends.
 inline constexpr std::int64_t kForever = std::numeric_limits<std::int64_t>::max();
 
+/// When a task begins for the first time.
 struct FirstStart {
   std::int64_t end_of_life = 0;  ///< nanoseconds since the epoch
   std::uint32_t delay_ms =

@@ -95,10 +95,12 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   /// True when the end of life has passed or Stop(true) was called.
   [[nodiscard]] bool IsStopped() const;
 
+  /// Constant: any thread.
   [[nodiscard]] std::uint16_t GetId() const { return id_; }
   [[nodiscard]] SlaTestType GetType() const { return type_; }
 
  protected:
+  // Counts runs, and what ends them.
   using RunNumber = std::uint64_t;
 
   /// What the timer does when it expires; called with mutex_ held. The name appears in the log.
@@ -128,6 +130,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
     kAfterTime,  ///< "time" seconds after this one's start, whatever happened
   };
 
+  // Begin the next run; end the one that has run out of time.
   static const TimerHandler kNewStart;
   static const TimerHandler kTestStop;
 
@@ -262,6 +265,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   [[nodiscard]] bool IsInTime(const timespec& arrival) const IPSLA_REQUIRES(mutex_);
   void TakeDepartures() IPSLA_REQUIRES(mutex_);
 
+  // Constant.
   const ProbeCalls calls_;
   // The sources that the task gives by address; 0 where it names an interface.
   const in_addr given_control_;

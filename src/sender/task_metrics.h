@@ -74,7 +74,7 @@ struct SlaTaskMetrics {
   bool operator==(const SlaTaskMetrics&) const = default;
 };
 
-/// What is kept of one task.
+/// Points of one task, and its last result.
 struct SlaTaskStatistics {
   SlaTaskMetrics last;                 ///< what the Sender API reports
   std::uint32_t successful_count = 0;  ///< runs stored with a status other than fail
@@ -85,6 +85,7 @@ struct SlaTaskStatistics {
 /// The statistics of all tasks, shared by the tests (which store into it) and the Sender API (which
 /// reads and erases).
 struct StatisticsStore {
+  /// Held while a run is stored and reported, and while a reply is made.
   Mutex mutex;
   std::map<std::uint16_t, SlaTaskStatistics> tasks IPSLA_GUARDED_BY(mutex);  ///< by task id
 };

@@ -48,6 +48,7 @@
 
 namespace ipsla {
 
+/// Sizes and offsets in bytes, and the constant values of a request's fields.
 inline constexpr std::size_t kControlMessageSize = 172;
 inline constexpr std::uint8_t kControlProtocolVersion = 2;
 inline constexpr std::uint32_t kAuthenticationCsldLength = 60;
@@ -60,6 +61,7 @@ inline constexpr std::size_t kDigestSize = 32;
 /// Slack added to every probe interval, milliseconds, when the length of a session is computed.
 inline constexpr std::uint32_t kIntervalSlackMs = 7;
 
+/// The message as it is sent.
 using ControlMessageBytes = std::array<std::uint8_t, kControlMessageSize>;
 
 /// Every field of the message. Integers in host order, addresses (in_addr) in network order as
@@ -71,6 +73,7 @@ struct ControlPhaseMessage {
   std::uint32_t total_length = kControlMessageSize;
   std::uint32_t sender_timestamp = 0;
 
+  /// The authentication block.
   CsldType auth_command = CsldType::kAuthentication;
   SlaControlStatus auth_status = SlaControlStatus::kSuccessful;
   std::uint32_t auth_length = kAuthenticationCsldLength;
@@ -80,12 +83,14 @@ struct ControlPhaseMessage {
   std::array<std::uint8_t, kNonceSize> nonce{};
   std::array<std::uint8_t, kDigestSize> digest{};
 
+  /// The measurement block. Ports in host order.
   CsldType measurement_command = CsldType::kMeasurement;
   SlaControlStatus measurement_status = SlaControlStatus::kSuccessful;
   std::uint32_t measurement_length = kMeasurementCsldLength;
   AddressType address_type = AddressType::kIpv4;
   Role role = Role::kResponder;
   std::uint8_t operation_type = 0;  ///< an SlaTestType as its number
+  /// The session, and where its two conversations go.
   std::uint32_t session_id = 0;
   in_addr control_sender_address{};
   in_addr control_responder_address{};

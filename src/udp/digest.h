@@ -16,6 +16,7 @@
 
 namespace ipsla {
 
+/// As it stands in the message.
 using Digest = std::array<std::uint8_t, kDigestSize>;
 
 /// The digest that a message with this key must carry, computed over the 172 bytes with the digest

@@ -38,7 +38,9 @@ class UdpSender final : public Sender {
   using Socket = boost::asio::ip::udp::socket;
   using Endpoint = boost::asio::ip::udp::endpoint;
 
+  // Ends a control phase that was not answered.
   static const TimerHandler kControlPhaseTimer;
+  // SendNextProbe and TakeReply.
   static const ProbeCalls kCalls;
 
   void StartTest() override IPSLA_REQUIRES(mutex_);
@@ -46,6 +48,7 @@ class UdpSender final : public Sender {
   [[nodiscard]] SlaTaskMetrics GetMetrics(const std::list<SlaTaskMetrics>& history) const override;
   void CloseSockets() override IPSLA_REQUIRES(mutex_);
 
+  // Steps of a start.
   void OpenSockets() IPSLA_REQUIRES(mutex_);
   void BindSockets() IPSLA_REQUIRES(mutex_);
 
@@ -71,6 +74,7 @@ class UdpSender final : public Sender {
   const Endpoint control_destination_;
   const std::uint32_t duration_ms_;  // of a session, agreed with the responder
 
+  // Open during the control phase.
   Socket control_socket_ IPSLA_GUARDED_BY(mutex_);
   sockaddr_in measurement_destination_ IPSLA_GUARDED_BY(mutex_){};  // port: from the response
   // Nonce and digest are those of the last control phase.

@@ -26,20 +26,24 @@ template <std::size_t Size>
   return field;
 }
 
+/// The unsigned integer at `offset`; bytes that are missing read as zero.
 [[nodiscard]] inline std::uint8_t LoadU8(std::span<const std::uint8_t> bytes, std::size_t offset) {
   return LoadBytes<1>(bytes, offset)[0];
 }
 
+/// Likewise, two bytes.
 [[nodiscard]] inline std::uint16_t LoadU16(std::span<const std::uint8_t> bytes,
                                            std::size_t offset) {
   return boost::endian::load_big_u16(LoadBytes<2>(bytes, offset).data());
 }
 
+/// Likewise, four bytes.
 [[nodiscard]] inline std::uint32_t LoadU32(std::span<const std::uint8_t> bytes,
                                            std::size_t offset) {
   return boost::endian::load_big_u32(LoadBytes<4>(bytes, offset).data());
 }
 
+/// Likewise, eight bytes.
 [[nodiscard]] inline std::uint64_t LoadU64(std::span<const std::uint8_t> bytes,
                                            std::size_t offset) {
   return boost::endian::load_big_u64(LoadBytes<8>(bytes, offset).data());
@@ -53,22 +57,26 @@ void StoreBytes(std::span<std::uint8_t> bytes, std::size_t offset,
   std::copy(field.begin(), field.end(), bytes.subspan(offset, Size).begin());
 }
 
+/// Puts one byte at `offset` if that lies inside.
 inline void StoreU8(std::span<std::uint8_t> bytes, std::size_t offset, std::uint8_t value) {
   StoreBytes<1>(bytes, offset, {value});
 }
 
+/// Puts two bytes at `offset` if they all fit.
 inline void StoreU16(std::span<std::uint8_t> bytes, std::size_t offset, std::uint16_t value) {
   std::array<std::uint8_t, 2> field{};
   boost::endian::store_big_u16(field.data(), value);
   StoreBytes(bytes, offset, field);
 }
 
+/// Likewise, four bytes.
 inline void StoreU32(std::span<std::uint8_t> bytes, std::size_t offset, std::uint32_t value) {
   std::array<std::uint8_t, 4> field{};
   boost::endian::store_big_u32(field.data(), value);
   StoreBytes(bytes, offset, field);
 }
 
+/// Likewise, eight bytes.
 inline void StoreU64(std::span<std::uint8_t> bytes, std::size_t offset, std::uint64_t value) {
   std::array<std::uint8_t, 8> field{};
   boost::endian::store_big_u64(field.data(), value);

@@ -16,6 +16,7 @@ namespace ipsla::client {
 /// Why there is no (usable) reply; what() is a sentence for people.
 class ClientError : public std::runtime_error {
  public:
+  /// Why there is no usable answer.
   enum class Kind : std::uint8_t {
     kNoDaemon,     ///< nothing listens at the address
     kEnded,        ///< the daemon listened when the request was sent and does no more
@@ -25,6 +26,7 @@ class ClientError : public std::runtime_error {
     kInterrupted,  ///< the interrupt descriptor became readable
     kSystem,       ///< a system call failed here
   };
+  /// `text` is for people.
   ClientError(Kind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
   [[nodiscard]] Kind GetKind() const { return kind_; }
 
@@ -32,6 +34,7 @@ class ClientError : public std::runtime_error {
   Kind kind_;
 };
 
+/// Where the daemon is asked, and how patiently.
 struct ClientOptions {
   std::string address = "127.0.0.1";
   std::uint16_t port = kApiPort;

@@ -21,6 +21,7 @@ using ReplyTag = std::array<std::uint8_t, 8>;
 /// Collects the datagrams that answer one request, in any order and each as often as it comes.
 class ReplyAssembler {
  public:
+  /// What a datagram was.
   enum class Outcome : std::uint8_t {
     kIgnored,    ///< not of this reply, or seen already: nothing changed
     kMore,       ///< taken; others are missing
@@ -41,6 +42,7 @@ class ReplyAssembler {
   /// What was wrong, after kMalformed.
   [[nodiscard]] const std::string& Fault() const { return fault_; }
 
+  /// Fragments taken so far.
   [[nodiscard]] std::size_t FragmentCount() const { return slices_.size(); }
 
   /// Fragments known to exist that have not come: gaps below the highest number seen.
@@ -50,10 +52,12 @@ class ReplyAssembler {
   [[nodiscard]] Outcome Malformed(std::string fault);
   [[nodiscard]] Outcome AddSlice(const ApiHeader& header, std::string slice);
 
+  // Constant: what the reply is told by.
   const ReplyTag tag_;
   const std::uint16_t command_;
   std::map<std::uint32_t, std::string> slices_;  // by fragment number
   std::optional<std::uint32_t> last_;            // number of the last fragment, once it is known
+  // Empty while there is none.
   std::string fault_;
 };
 

@@ -40,11 +40,14 @@ class SenderClient {
   /// kEnded: the file could not be read, which ends the daemon.
   void ReloadKeychain(std::chrono::milliseconds timeout) const;
 
+  /// For questions that have no operation here.
   [[nodiscard]] const ApiClient& Api() const { return api_; }
 
  private:
+  // Asks for each body in turn and joins the answers.
   [[nodiscard]] StatisticsMap QueryStatistics(const std::vector<std::string>& requests) const;
 
+  // Constant.
   ApiClient api_;
 };
 

@@ -25,6 +25,7 @@ struct TaskSelection {
   bool scan = false;
 };
 
+/// What there is of a selection.
 struct TaskAnswer {
   std::vector<TaskView> tasks;        ///< in ascending id
   std::vector<std::int32_t> unknown;  ///< ids of the selection that no task has

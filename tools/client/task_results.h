@@ -27,17 +27,20 @@ struct DirectionValues {
   Value min, avg, max, deviation;
 };
 
+/// Milliseconds, there (sd) and back (ds).
 struct TwoWayValues {
   DirectionValues sd;  ///< source to destination
   DirectionValues ds;  ///< destination to source
 };
 
+/// Probes that did not count, and why; percent of those that went that way.
 struct LossValues {
   std::int64_t sd_loss = 0, ds_loss = 0;  ///< probes
   Value sd_percent{}, ds_percent{};
   std::int64_t late_arrival = 0, skipped = 0, duplicate = 0;
 };
 
+/// Probes.
 struct OutOfSequenceValues {
   std::int64_t sd = 0, ds = 0;
 };
@@ -60,9 +63,11 @@ struct TaskStatistics {
   std::optional<OutOfSequenceValues> out_of_sequence;
   std::string json;  ///< the object as it came, compact
 
+  /// Whether the last run failed.
   [[nodiscard]] bool Failed() const { return status != "successful"; }
 };
 
+/// By task id.
 using StatisticsMap = std::map<std::int32_t, TaskStatistics>;
 
 /// Reads a statistics document and adds its tasks to `tasks`. False when it is none.

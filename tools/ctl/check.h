@@ -30,6 +30,7 @@ struct Finding {
   TextPlace place{};                 ///< the value, or what it is missing in
 };
 
+/// What was found in one file.
 struct FileReport {
   std::string name;
   std::vector<Finding> faults{};
@@ -39,6 +40,7 @@ struct FileReport {
   std::size_t accepted = 0;          ///< of these, what the daemon can use
 };
 
+/// What was found in both.
 struct CheckReport {
   FileReport tasks;
   std::optional<FileReport>

@@ -24,6 +24,7 @@ enum ExitStatus : int {
   kExitUsage = 3,     ///< the command line, or a task id that no task has
 };
 
+/// What every command takes.
 struct CommonOptions {
   client::ClientOptions client;
   bool timeout_given = false;  ///< client.timeout was chosen by the user
@@ -33,11 +34,14 @@ struct CommonOptions {
 /// Ends a command with a message and an exit status.
 class CommandError : public std::runtime_error {
  public:
+  /// `text` is printed on standard error.
   CommandError(ExitStatus status, const std::string& text)
       : std::runtime_error(text), status_(status) {}
+  /// What the program ends with.
   [[nodiscard]] ExitStatus Status() const { return status_; }
 
  private:
+  // Constant.
   ExitStatus status_;
 };
 
@@ -50,6 +54,7 @@ void ReportUnknown(const std::vector<std::int32_t>& ids);
 /// Seconds since the epoch.
 [[nodiscard]] std::int64_t Now();
 
+/// Of "show".
 struct ShowOptions {
   TaskChoice choice;
   bool metrics = false;
@@ -58,8 +63,10 @@ struct ShowOptions {
   std::string sort;           ///< one of SortKeyNames(); empty: failing tasks first, in JSON by id
   std::string max_age;        ///< seconds, or "auto"; empty: stale results do not count
 };
+/// Prints results. The exit status.
 int RunShow(const CommonOptions& common, const ShowOptions& options);
 
+/// Of "watch".
 struct WatchOptions {
   TaskChoice choice;
   std::string sort;         ///< as above
@@ -69,8 +76,10 @@ struct WatchOptions {
 /// Returns kExitFine when interrupted (SIGINT, SIGTERM), which it takes over.
 int RunWatch(const CommonOptions& common, const WatchOptions& options);
 
+/// Prints whether the daemon answers, and how its tasks are. The exit status.
 int RunStatus(const CommonOptions& common, const TaskChoice& choice);
 
+/// Of "reload".
 struct ReloadOptions {
   std::string file;    ///< what the daemon reads; empty: as the daemon's command line says
   bool force = false;  ///< also a file with faults, unless it would end the daemon
@@ -79,6 +88,7 @@ struct ReloadOptions {
 int RunReloadTasks(const CommonOptions& common, const ReloadOptions& options);
 int RunReloadKeychain(const CommonOptions& common, const ReloadOptions& options);
 
+/// Of "check".
 struct CheckOptions {
   std::string tasks_file;
   std::string keychain_file;  ///< empty: key ids are not looked up
@@ -89,6 +99,7 @@ struct CheckOptions {
 /// Needs no daemon and no privileges. One of the files may be standard input, "-".
 int RunCheck(const CommonOptions& common, const CheckOptions& options);
 
+/// Of "template".
 struct TemplateOptions {
   std::string type;           ///< an "sla-type"
   std::string destination;    ///< the responder: a name or an address
@@ -103,6 +114,7 @@ int RunTaskTemplate(const CommonOptions& common, const TemplateOptions& options)
 /// Prints a keychain file with one random key.
 int RunKeychainTemplate(std::int32_t key_id);
 
+/// Of "probe".
 struct ProbeOptions {
   std::int32_t id = 0;
   std::string warning;  ///< thresholds.h

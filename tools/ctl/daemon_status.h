@@ -25,12 +25,14 @@ struct TasksReload {
 /// epoch). The log has local times and is cut now and then: nothing does not mean never.
 [[nodiscard]] std::optional<TasksReload> LastReload(std::string_view log, std::int64_t since);
 
+/// How many tasks there are, run, and fail.
 struct TaskCounts {
   /// None when tasks that have not run could not be looked for.
   std::optional<std::size_t> configured{}, scheduled{};
   std::size_t failing = 0;
 };
 
+/// All that "status" tells.
 struct DaemonStatus {
   std::optional<client::DaemonProcess> process{};  ///< the one that answers; none: not to be told
   std::optional<std::string> version{};

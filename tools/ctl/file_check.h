@@ -33,11 +33,13 @@ class FileCheck {
            const Remark& remark, std::string expected = "");
 
  private:
+  // Notes a fault of the file as a whole.
   void AddFileFault(std::string reason, TextPlace place);
   void AddDocumentFault(const char* array);
   /// What the file has behind the document's end.
   void AddRest(std::string_view text, std::size_t end);
 
+  // The document, and where its members stand.
   ConfigFile file_;
   std::optional<JsonPositions> positions_;
   FileReport report_;

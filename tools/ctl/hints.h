@@ -10,6 +10,7 @@
 
 namespace ipsla::ctl {
 
+/// What to look at when a run failed.
 struct Hint {
   std::string_view reason;  ///< the text of a failed run, or how it begins
   std::string_view hint;    ///< one short sentence without a full stop

@@ -58,9 +58,11 @@ class SystemHost : public HostView {
   [[nodiscard]] bool HasCpu(std::uint8_t cpu) override;
 
  private:
+  // The file of the network namespace that the daemon has.
   [[nodiscard]] std::string OwnNamespace() const;
 
   std::string own_namespace_;  // its file; empty: this process is in it
+  // By VRF, as far as they were asked for.
   std::map<std::string, HostInterfaces> interfaces_;
 };
 

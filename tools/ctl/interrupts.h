@@ -22,6 +22,7 @@ class Interrupts {
   /// Readable from the first signal on.
   [[nodiscard]] int Fd() const { return fd_; }
 
+  /// What ended a wait.
   enum class Wake : std::uint8_t { kTime, kInput, kInterrupt };
   /// Waits until `deadline`, until `input_fd` is readable (-1: none), or until interrupted.
   [[nodiscard]] Wake WaitUntil(std::chrono::steady_clock::time_point deadline, int input_fd) const;

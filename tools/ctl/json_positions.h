@@ -39,10 +39,12 @@ class JsonPositions {
   [[nodiscard]] std::size_t End() const { return end_; }
 
  private:
+  // Bytes from the start of the text.
   struct Offsets {
     std::size_t name = 0;
     std::size_t value = 0;
   };
+  // Offsets of lines, and of what stands on them.
   std::vector<std::size_t> line_starts_;
   std::unordered_map<const cJSON*, Offsets> offsets_;
   std::size_t end_ = 0;

@@ -26,6 +26,7 @@ struct PerformanceValue {
   std::string limits;  ///< "WARN;CRIT;MIN;MAX"
 };
 
+/// What a monitoring system is told.
 struct PluginResult {
   PluginState state = PluginState::kUnknown;
   std::string text;  ///< without the state

@@ -27,6 +27,7 @@ inline constexpr std::size_t kRefreshBudget = std::size_t{48} << 10;
 [[nodiscard]] std::size_t LogBytesOfResult(const std::set<std::string>& groups);
 inline constexpr std::size_t kLogBytesOfStatus = 64;
 
+/// Which tasks to ask for next.
 class RefreshPlan {
  public:
   /// `wanted`: the groups that the output needs.
@@ -38,6 +39,7 @@ class RefreshPlan {
                                        std::int64_t now);
 
  private:
+  // Constant.
   const std::set<std::string> wanted_;
   std::map<std::int32_t, std::int64_t> asked_;  // when, by task id
 };

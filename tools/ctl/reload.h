@@ -20,6 +20,7 @@ struct TaskSnapshot {
   client::StatisticsMap results;
 };
 
+/// What a reload will do, by task id.
 struct ReloadChanges {
   std::vector<std::int32_t> added, removed, changed, unchanged;  ///< task ids, ascending
   std::vector<SkippedElement> skipped{};                         ///< of the file

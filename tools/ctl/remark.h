@@ -39,19 +39,24 @@ class TaskRemarks {
   /// `task` is its JSON object, which must stay.
   explicit TaskRemarks(const cJSON* task) : task_(task) {}
 
+  /// The member of that name; null when there is none.
   [[nodiscard]] const cJSON* Find(const std::string& key) const { return MemberAt(task_, key); }
   /// The text there; empty when there is none.
   [[nodiscard]] std::string Text(const std::string& key) const;
 
+  /// A remark on the member `key` that does not keep the task from running.
   void Warn(const std::string& key, std::string reason);
   /// About what ends the daemon.
   void Fatal(const std::string& key, std::string reason);
 
+  /// All remarks so far, which are forgotten here.
   [[nodiscard]] std::vector<Remark> Take() { return std::move(remarks_); }
 
  private:
+  // Remarks are kept in their order.
   void Add(const std::string& key, std::string reason, Severity severity);
 
+  // The task, and what was remarked on it.
   const cJSON* task_;
   std::vector<Remark> remarks_;
 };

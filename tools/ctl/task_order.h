@@ -11,6 +11,7 @@
 
 namespace ipsla::ctl {
 
+/// What tasks can be sorted by.
 enum class SortKey : std::uint8_t {
   kFailing,  ///< failing tasks first
   kId,

@@ -34,6 +34,7 @@ class TaskSource {
   /// On standard error, when tasks that have not run are asked for and cannot be found.
   void WarnOfHiddenTasks() const;
 
+  /// What it was made of; the plans of the last refresh.
   [[nodiscard]] const client::SenderClient& Sender() const { return sender_; }
   [[nodiscard]] const client::TaskSelection& Selection() const { return choice_.selection; }
   [[nodiscard]] const client::TaskPlans& Plans() const { return plans_; }
@@ -42,8 +43,10 @@ class TaskSource {
   [[nodiscard]] const std::vector<client::DaemonProcess>& Daemons() const { return daemons_; }
 
  private:
+  // Plans of the tasks file; nothing, and `error`, when it cannot be read.
   [[nodiscard]] std::optional<client::TaskPlans> ReadPlans(std::string* error) const;
 
+  // Constant but for the plans.
   const client::SenderClient sender_;
   const TaskChoice choice_;
   const std::vector<client::DaemonProcess> daemons_;

@@ -14,6 +14,7 @@
 
 namespace ipsla::ctl {
 
+/// What the client library calls so.
 using client::Figures;
 using client::TaskFigures;
 using client::TaskView;

@@ -9,12 +9,14 @@
 
 namespace ipsla::ctl {
 
+/// What standard output can show.
 struct Terminal {
   bool is_terminal = false;
   bool colour = false;     ///< a terminal that is not "dumb", and NO_COLOR is not set
   std::size_t width = 0;   ///< columns; 0 when it is no terminal
   std::size_t height = 0;  ///< lines; 0 when it is no terminal
 
+  /// How tables are laid out on it.
   [[nodiscard]] TableLayout Layout() const { return {.width = width, .colour = colour}; }
 };
 

@@ -13,6 +13,7 @@ namespace ipsla::ctl {
 /// nothing where standard input is no terminal, or one that another process group has.
 class TerminalInput {
  public:
+  /// Makes the terminal give each key at once, and as it was in the end.
   TerminalInput();
   ~TerminalInput();
   TerminalInput(const TerminalInput&) = delete;
@@ -25,6 +26,7 @@ class TerminalInput {
   [[nodiscard]] std::string Read();
 
  private:
+  // -1: there is no terminal.
   int fd_ = -1;
   termios before_{};
 };

@@ -10,17 +10,20 @@
 
 namespace ipsla::ctl {
 
+/// How a cell is shown where there are colours.
 enum class CellStyle : std::uint8_t { kPlain, kGood, kDoubtful, kBad, kChanged, kHeader };
 
 /// `text` with the terminal sequences of `style`, or, without colour, as it is (kChanged then gets
 /// a "*" at its end).
 [[nodiscard]] std::string Styled(const std::string& text, CellStyle style, bool colour);
 
+/// One value as it is shown.
 struct TableCell {
   std::string text;  ///< printable
   CellStyle style = CellStyle::kPlain;
 };
 
+/// What the cells of a column have in common.
 struct TableColumn {
   std::string header;
   bool right_aligned = false;
@@ -32,16 +35,19 @@ struct TableColumn {
   bool optional = false;
 };
 
+/// One line, as many cells as columns.
 struct TableRow {
   std::vector<TableCell> cells;    ///< as many as there are columns
   std::vector<TableCell> notes{};  ///< lines of their own below the row
 };
 
+/// Columns and rows, not yet laid out.
 struct TextTable {
   std::vector<TableColumn> columns;
   std::vector<TableRow> rows;
 };
 
+/// What the table has to fit.
 struct TableLayout {
   std::size_t width = 0;  ///< columns of the terminal; 0: as wide as it gets
   bool colour = false;

@@ -28,6 +28,7 @@ class WatchFeed {
                                                       std::int64_t now);
 
  private:
+  // Whether it is time to ask which tasks there are.
   [[nodiscard]] bool ListsNow(std::int64_t now) const;
   /// Lists the tasks, without values.
   void List(std::int64_t now);
@@ -36,9 +37,11 @@ class WatchFeed {
   void Ask(const StatisticsRequest& request);
   [[nodiscard]] std::vector<client::TaskView> Shown() const;
 
+  // Where answers come from, and which to ask for next.
   TaskSource* const source_;
   RefreshPlan plan_;
   bool is_known_ = false;  // tasks_ is what the daemon had
+  // Times in seconds, and the tasks as last seen.
   std::int64_t members_checked_ = 0, listed_ = 0;
   std::map<std::int32_t, client::TaskView> tasks_;
 };

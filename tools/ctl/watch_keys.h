@@ -10,6 +10,7 @@
 
 namespace ipsla::ctl {
 
+/// What a key asks for.
 enum class Key : std::uint8_t { kUp, kDown, kPageUp, kPageDown, kFirst, kLast, kQuit };
 
 /// Turns what a terminal sends into keys; others are dropped. Arrows, page keys, Home, End and q,

@@ -24,6 +24,7 @@ struct ScreenContent {
   std::string remark{};  ///< below the table
 };
 
+/// Puts what there is to show into as many lines as there are, and remembers what is in sight.
 class WatchScreen {
  public:
   /// The lines, at most `height`, none wider than `layout`.
@@ -37,12 +38,14 @@ class WatchScreen {
   [[nodiscard]] const std::set<std::int32_t>& Visible() const { return visible_; }
 
  private:
+  // Adds as many rows as `room` lines take.
   void Fill(const ScreenContent& content, const TableLines& rows, std::size_t room,
             std::vector<std::string>* lines);
 
   std::size_t first_ = 0;      // row at the top
   std::size_t shown_ = 0;      // rows that had room
   std::size_t row_count_ = 0;  // of the table
+  // Tasks whose rows are shown.
   std::set<std::int32_t> visible_;
 };
 

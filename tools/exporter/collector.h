@@ -23,6 +23,7 @@
 
 namespace ipsla::exporter {
 
+/// How the daemon is asked, and how much is kept.
 struct CollectorOptions {
   std::uint16_t api_port = 10101;
   std::chrono::milliseconds timeout{5000};   ///< of a whole question
@@ -34,8 +35,10 @@ struct CollectorOptions {
 /// Threads: any. The questions are asked on a thread of its own, which lives as long as it does.
 class Collector {
  public:
+  /// Takes an answer, which does not change any more.
   using Callback = std::function<void(SnapshotPtr)>;
 
+  /// Starts the thread. Throws std::system_error when there is no timer or thread to be had.
   explicit Collector(CollectorOptions options);
   /// Interrupts the question under way; whoever waits is not called any more.
   ~Collector();  // NOLINT(bugprone-exception-escape): see its definition
@@ -50,6 +53,7 @@ class Collector {
   /// JSON of the results of one task since `since`, seconds since the epoch.
   [[nodiscard]] std::string HistoryOf(std::int32_t task, std::int64_t since) const;
 
+  /// How much is kept now.
   [[nodiscard]] HistoryState StateOfHistory() const;
 
  private:
@@ -61,9 +65,11 @@ class Collector {
   void SetAlarm(std::chrono::nanoseconds delay) const;
   [[nodiscard]] SnapshotPtr Question();
 
+  // Constant.
   const CollectorOptions options_;
   const int alarm_fd_;    // a timer: readable when a question has to end
   TasksFile tasks_file_;  // used by the thread alone
+  // Held for short steps, never while a question is asked.
   mutable Mutex mutex_;
   Condition wanted_;
   bool stopping_ IPSLA_GUARDED_BY(mutex_) = false;

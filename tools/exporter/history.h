@@ -41,7 +41,9 @@ class HistoryPoint {
   /// Seconds since the epoch, up to the year 2106.
   std::uint32_t time = 0;
 
+  /// A run without values.
   HistoryPoint();
+  /// A value is kept as a float, one that is none as such.
   void Set(Column column, const Value& value);
   [[nodiscard]] Value Get(Column column) const;
 
@@ -81,18 +83,22 @@ class History {
   /// Why runs failed, by the numbers in the points.
   [[nodiscard]] const std::vector<std::string>& Reasons() const { return reasons_; }
 
+  /// How much is kept now.
   [[nodiscard]] HistoryState State() const { return {Bytes(), points_, missed_}; }
 
   /// Shortest time between two runs of a task, seconds, as far as seen; 0 before that.
   [[nodiscard]] double ShortestPeriod() const;
 
  private:
+  // Points of one allocation.
   static constexpr std::size_t kBlockPoints = 31;
   struct Block {
     std::uint32_t used = 0;
     std::array<HistoryPoint, kBlockPoints> points;
   };
+  // Blocks move between series by pointer only.
   using BlockPtr = std::unique_ptr<Block>;
+  // Points of one task, and its last result.
   struct Series {
     SlaTestType type = SlaTestType::kNone;
     std::string destination, vrf;
@@ -101,6 +107,7 @@ class History {
     std::deque<BlockPtr> blocks{};
   };
 
+  // Steps of Record, and what they count.
   [[nodiscard]] std::size_t Bytes() const;
   void RecordTask(Series* series, const client::TaskStatistics& task);
   void Append(Series* series, const HistoryPoint& point);
@@ -110,6 +117,7 @@ class History {
   [[nodiscard]] HistoryPoint PointOf(const client::TaskStatistics& task);
   [[nodiscard]] std::uint16_t ReasonNumber(const std::string& reason);
 
+  // The limits; the tasks by id; reasons by number; totals over all tasks.
   const std::size_t max_bytes_;
   const std::int64_t keep_seconds_;
   std::map<std::int32_t, Series> tasks_;

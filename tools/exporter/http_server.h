@@ -37,12 +37,15 @@ class HttpServer {
   }
 
  private:
+  // Steps of a connection on its way in.
   void Accept();
   void Admit(boost::asio::ip::tcp::socket socket);
   [[nodiscard]] bool MakePlace();
 
+  // Outlive the server.
   boost::asio::io_context* const context_;
   const Routes* const routes_;
+  // Listens, or pauses for want of descriptors.
   boost::asio::ip::tcp::acceptor acceptor_;
   boost::asio::steady_timer pause_;
   std::list<std::weak_ptr<HttpSession>> sessions_;  // oldest first

@@ -20,6 +20,7 @@ namespace ipsla::exporter {
 /// the connection, on a fault of the other side, or when that is too slow.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
+  /// Takes over a connection. `routes` must outlive it.
   HttpSession(boost::asio::ip::tcp::socket socket, const Routes* routes);
 
   /// To be called once.
@@ -34,8 +35,10 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   }
 
  private:
+  // Sends bytes that somebody else keeps.
   using Response = boost::beast::http::response<boost::beast::http::span_body<const char>>;
 
+  // A request's way: read, answered, written; then the next one, or what is left is drained.
   void Read();
   void OnRead();
   void OnReadFault(const boost::beast::error_code& error);
@@ -43,6 +46,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   void OnWritten(const boost::beast::error_code& error, bool keep_alive);
   void Drain(std::size_t left);
 
+  // The connection, and what was read from it.
   boost::beast::tcp_stream stream_;
   const Routes* const routes_;
   boost::beast::flat_buffer buffer_;

@@ -12,16 +12,19 @@
 
 namespace ipsla::exporter {
 
+/// The two text formats that scrapers ask for.
 enum class MetricFormat : std::uint8_t {
   kPrometheus,   ///< text/plain; version=0.0.4
   kOpenMetrics,  ///< application/openmetrics-text; version=1.0.0
 };
 
+/// As the format calls them.
 enum class MetricType : std::uint8_t { kGauge, kCounter, kInfo };
 
 /// Writes one family of samples after the other. A family without a sample leaves no trace.
 class MetricWriter {
  public:
+  /// Names and values; the values are escaped here.
   using Labels = std::initializer_list<std::pair<std::string_view, std::string_view>>;
 
   explicit MetricWriter(MetricFormat format) : format_(format) {}
@@ -38,10 +41,12 @@ class MetricWriter {
   [[nodiscard]] std::string Finish();
 
  private:
+  // Writes what stands above a family's first sample.
   void WriteHead();
 
   const MetricFormat format_;
   std::string text_;
+  // The family at hand; its head is written with its first sample.
   std::string_view name_, unit_, help_;
   MetricType type_ = MetricType::kGauge;
   bool head_pending_ = false;

@@ -18,6 +18,7 @@ struct SelfInfo {
   HistoryState history;
 };
 
+/// The whole reply to a scrape.
 [[nodiscard]] std::string MetricsText(const Snapshot& snapshot, const SelfInfo& self,
                                       MetricFormat format);
 

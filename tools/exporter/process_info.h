@@ -16,6 +16,7 @@ struct ProcessInfo {
   std::optional<double> start_time;  ///< seconds since the epoch
 };
 
+/// Of this process, now.
 [[nodiscard]] ProcessInfo ReadProcessInfo();
 
 }  // namespace ipsla::exporter

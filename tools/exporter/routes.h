@@ -49,6 +49,7 @@ class Routes {
   void Answer(const WebRequest& request, Callback callback) const;
 
  private:
+  // One for each resource.
   void AnswerMetrics(const WebRequest& request, Callback callback) const;
   void AnswerTasks(const WebRequest& request, Callback callback) const;
   [[nodiscard]] WebReply History(const WebRequest& request) const;

@@ -13,6 +13,7 @@
 
 namespace ipsla::exporter {
 
+/// One answer of the daemon, and what was read along with it.
 struct Snapshot {
   bool up = false;              ///< the daemon answered, in time
   std::string error;            ///< why not
@@ -25,6 +26,7 @@ struct Snapshot {
   std::chrono::steady_clock::time_point asked_at;     ///< begin of the question
   std::chrono::system_clock::time_point answered_at;  ///< its end
 };
+/// Shared by all who asked.
 using SnapshotPtr = std::shared_ptr<const Snapshot>;
 
 }  // namespace ipsla::exporter

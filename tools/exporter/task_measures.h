@@ -10,6 +10,7 @@
 
 namespace ipsla::exporter {
 
+/// A number, or none.
 using client::Value;
 
 /// The daemon's figures are in milliseconds and percent.

@@ -23,8 +23,10 @@ class TasksFile {
   [[nodiscard]] const client::TaskPlans& Plans();
 
  private:
+  // Empty: there is none.
   const std::string filename_;
   std::optional<struct stat> seen_;  // the file whose plans these are
+  // As last read.
   client::TaskPlans plans_;
 };
 

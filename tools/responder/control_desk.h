@@ -41,6 +41,7 @@ class Ports {
 /// Single-threaded. Times are the steady clock in nanoseconds. The objects it is given outlive it.
 class ControlDesk {
  public:
+  /// No session is open yet.
   ControlDesk(AuthPolicy policy, IsOurAddress is_our_address, const SessionLimits& limits,
               Ports* ports, Report* report);
 
@@ -62,6 +63,7 @@ class ControlDesk {
   /// Requests are checked against these keys from now on.
   void SetPolicy(AuthPolicy policy) { policy_ = std::move(policy); }
 
+  /// For whoever serves the probes: sessions by their key, and the counts of all.
   [[nodiscard]] SessionTable& Sessions() { return sessions_; }
   [[nodiscard]] Totals& Counts() { return totals_; }
 
@@ -73,6 +75,7 @@ class ControlDesk {
     std::int64_t now = 0;
   };
 
+  // Steps of Handle, each towards an answer or a status to refuse with.
   void Admit(const Application& application, CheckedRequest* checked);
   void AnswerAgain(const Application& application, Session* session, CheckedRequest* checked);
   void OpenSession(const Application& application, SessionKey key, CheckedRequest* checked);
@@ -80,11 +83,14 @@ class ControlDesk {
   [[nodiscard]] bool HasRoom(const SessionKey& key, const Endpoint& source);
   void Close(SessionTable::Node session, const char* reason, std::int64_t now);
 
+  // What requests are judged by.
   AuthPolicy policy_;
   const IsOurAddress is_our_address_;
   const SessionLimits limits_;
+  // The caller's.
   Ports* const ports_;
   Report* const report_;
+  // What is remembered of requests so far.
   SessionTable sessions_;
   NonceMemory nonces_;
   SourceLimiter refusals_;

@@ -34,13 +34,16 @@ class LocalAddresses {
   [[nodiscard]] std::uint64_t Reads() const { return reads_; }
 
  private:
+  // Asks the kernel for all addresses.
   void Read();
 
+  // A netlink socket that tells when to read again.
   Descriptor changes_;
   bool fresh_ = false;
   std::int64_t read_at_ = 0;
   std::uint64_t reads_ = 0;
   std::set<std::uint32_t> addresses_;  // host order
+  // There is a loopback address: all of 127.0.0.0/8 is ours.
   bool loopback_ = false;
 };
 

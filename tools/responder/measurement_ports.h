@@ -37,13 +37,16 @@ class MeasurementPorts : public Ports {
   void Release(const Endpoint& local) override;
 
  private:
+  // By address and port.
   using Sockets = std::map<Endpoint, MeasurementSocket>;
 
   int Open(const Endpoint& local);
 
+  // The range, both included, and who watches the sockets.
   const std::uint16_t lowest_;
   const std::uint16_t highest_;
   const int poll_;
+  // Those that somebody holds.
   Sockets sockets_;
 };
 

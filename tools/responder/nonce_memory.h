@@ -18,8 +18,10 @@ namespace ipsla::responder {
 /// whose digest is right.
 class NonceMemory {
  public:
+  /// As it stands in a request.
   using Nonce = std::array<std::uint8_t, kNonceSize>;
 
+  /// Nonces remembered; the oldest goes first.
   static constexpr std::size_t kCapacity = 65536;
 
   explicit NonceMemory(std::size_t capacity = kCapacity) : capacity_(capacity) {}

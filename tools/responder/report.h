@@ -51,8 +51,10 @@ class Report {
  private:
   bool HasTurn(std::int64_t now) noexcept;
 
+  // Constant.
   const Print print_;
   const bool verbose_;
+  // Limits the lines about strangers.
   TokenBucket bucket_;
   std::uint64_t left_out_ = 0;
   std::uint64_t told_ = 0;  // of these, as the output says

@@ -52,6 +52,7 @@ struct AuthPolicy {
 /// Tells whether this host answers on an address.
 using IsOurAddress = std::function<bool(in_addr)>;
 
+/// What a datagram to the control port was.
 struct CheckedRequest {
   enum class Verdict { kAccepted, kRefused, kIgnored };
 
@@ -64,6 +65,7 @@ struct CheckedRequest {
   std::optional<std::string> key;
 };
 
+/// Reads and judges a datagram. Nothing is remembered of it.
 [[nodiscard]] CheckedRequest CheckRequest(std::span<const std::uint8_t> received,
                                           const AuthPolicy& policy,
                                           const IsOurAddress& is_our_address);

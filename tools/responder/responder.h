@@ -23,6 +23,7 @@
 
 namespace ipsla::responder {
 
+/// What the command line asks for.
 struct ResponderOptions {
   in_addr bind{};  ///< 0.0.0.0: every address of the host
   std::uint16_t control_port = 50000;
@@ -62,21 +63,25 @@ class Responder {
   [[nodiscard]] std::uint16_t ControlPort() const { return control_port_; }
 
  private:
+  // Wishes, as bits.
   static constexpr unsigned kReload = 1;
   static constexpr unsigned kStatistics = 2;
   static constexpr unsigned kStop = 4;
 
+  // How the loop is woken, and for how long it sleeps.
   void Wish(unsigned what);
   void Watch(int fd, void* data) const;
   [[nodiscard]] int TimeoutMs();
   [[nodiscard]] bool IsOurs(in_addr address);
 
+  // What it does with what woke it.
   [[nodiscard]] bool HandleEvents(std::span<const epoll_event> events);
   void AnswerRequest();
   void ReceiveProbes(MeasurementSocket* measurement);
   void TellTotals();
 
   ResponderOptions options_;  // the keys are the desk's
+  // In the order in which they need each other.
   Report report_;
   Descriptor poll_;
   Descriptor wake_;

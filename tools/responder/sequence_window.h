@@ -13,8 +13,10 @@ namespace ipsla::responder {
 /// probe that comes so late would otherwise be counted again with every copy of it.
 class SequenceWindow {
  public:
+  /// Numbers behind the highest one that are remembered.
   static constexpr std::size_t kSize = 8192;
 
+  /// What a number was.
   enum class Seen { kFirst, kFirstOutOfOrder, kBefore };
 
   /// Notes one received number and tells whether it is new, and whether a higher one came before

@@ -26,11 +26,13 @@ struct Endpoint {
   std::uint16_t port = 0;
 
   bool operator==(const Endpoint&) const = default;
+  /// For maps.
   bool operator<(const Endpoint& other) const {
     return std::tie(address, port) < std::tie(other.address, other.port);
   }
 };
 
+/// Between network order and ours.
 [[nodiscard]] Endpoint FromSockaddr(const sockaddr_in& address);
 [[nodiscard]] sockaddr_in ToSockaddr(const Endpoint& endpoint);
 /// "192.0.2.1:50000"
@@ -42,11 +44,13 @@ struct SessionKey {
   Endpoint peer;   ///< where they come from
 
   bool operator==(const SessionKey&) const = default;
+  /// For maps.
   bool operator<(const SessionKey& other) const {
     return std::tie(local, peer) < std::tie(other.local, other.peer);
   }
 };
 
+/// Counts of one run, or of several.
 struct SessionStatistics {
   std::uint64_t received = 0;  ///< valid probes, duplicates included
   std::uint64_t distinct = 0;  ///< different sequence numbers among them
@@ -57,6 +61,7 @@ struct SessionStatistics {
   std::uint64_t unanswered = 0;    ///< duplicates beyond the bound
   std::uint64_t unsent = 0;        ///< replies that the system did not take
 
+  /// What is not as it should be; and the sum of two runs.
   [[nodiscard]] std::uint64_t Errors() const { return malformed + unanswered + unsent; }
   SessionStatistics& operator+=(const SessionStatistics& more);
 };

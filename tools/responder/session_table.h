@@ -34,6 +34,7 @@ enum class Room : std::uint8_t { kFree, kFull, kFullForSource };
 /// std::bad_alloc and leave the table as it was.
 class SessionTable {
  public:
+  /// A session that is in no table.
   using Node = std::unique_ptr<Session>;
 
   explicit SessionTable(const SessionLimits& limits) : limits_(limits) {}
@@ -67,6 +68,7 @@ class SessionTable {
   /// When to call TakeEnded next; nothing without sessions.
   [[nodiscard]] std::optional<std::int64_t> NextCheck() const;
 
+  /// Sessions that are open.
   [[nodiscard]] std::size_t Size() const { return sessions_.size(); }
 
   /// Calls `visit` with each session.
@@ -86,11 +88,14 @@ class SessionTable {
   using Sessions = std::map<SessionKey, Entry>;
   using Sources = std::map<std::uint32_t, std::size_t>;
 
+  // When to look after a session, and how it leaves.
   [[nodiscard]] std::int64_t CheckOf(const Session& session) const;
   [[nodiscard]] std::int64_t EndAfter(std::uint32_t duration_ms, std::int64_t now) const;
   Node Remove(Sessions::iterator position);
 
+  // Constant.
   const SessionLimits limits_;
+  // The last id given. Ids count up and leave 0 out.
   std::uint32_t last_id_ = 0;
   Sessions sessions_;
   Checks checks_;      // of every session

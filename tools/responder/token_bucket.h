@@ -32,6 +32,7 @@ class TokenBucket {
   }
 
  private:
+  // When the bucket will be full again, nanoseconds of the steady clock.
   std::int64_t full_ = std::numeric_limits<std::int64_t>::min();
 };
 

@@ -29,8 +29,10 @@ class ReplyTimes {
   static constexpr std::array<std::int64_t, 12> kBounds = {5,   10,   20,   50,   100,   200,
                                                            500, 1000, 2000, 5000, 10000, 100000};
 
+  // The bound below which `rank` replies are.
   [[nodiscard]] std::string AtMost(std::uint64_t rank) const;
 
+  // Replies by bound, and all.
   std::array<std::uint64_t, kBounds.size() + 1> counts_{};
   std::uint64_t replies_ = 0;
   std::int64_t longest_ = 0;  // microseconds
@@ -40,6 +42,7 @@ class ReplyTimes {
 class RefusalCounts {
  public:
   void Note(const ControlPhaseMessage& answer);
+  /// Answers of all kinds.
   [[nodiscard]] std::uint64_t Total() const { return total_; }
   /// One text for each reason there was: "authentication: authentication fail 3".
   [[nodiscard]] std::vector<std::string> Describe() const;
@@ -48,6 +51,7 @@ class RefusalCounts {
   static constexpr std::size_t kStatuses = 14;  // the known ones
   static constexpr std::size_t kBlocks = 3;     // header, authentication, measurement
 
+  // By block and status.
   std::array<std::array<std::uint64_t, kStatuses>, kBlocks> counts_{};
   std::uint64_t total_ = 0;
 };
