@@ -1,6 +1,7 @@
 """Accuracy, scale and cost of the daemon, measured: what `script/bench` runs.
 
-The laboratory is the end-to-end tests' (`tests/e2e/support`), so that no traffic leaves the machine.
+The laboratory is the end-to-end tests' (`tests/e2e/support`), so that no traffic leaves the
+machine.
 """
 
 import pathlib

@@ -43,8 +43,9 @@ std::vector<SlaPacketRecord> FairRun(std::size_t count, std::uint64_t stamps_per
     record.receive_ms =
         static_cast<double>(record.receive_stamp) / static_cast<double>(stamps_per_ms);
     SlaPacketRecord& before = records[probe - 1];
-    if (one_in(50) && before.state == SlaPacketState::kReceived && probe > 1)
+    if (one_in(50) && before.state == SlaPacketState::kReceived && probe > 1) {
       std::swap(record.id, before.id);
+    }
   }
   return records;
 }

@@ -8,8 +8,8 @@ from support.tasks import icmp_echo, icmp_jitter
 from . import others, own, stage
 from .figures import spread, table
 
-# (type, tests, probes of each, interval in milliseconds). The kernel offers every ICMP reply to every
-# raw socket, so that a thousand tests at this pace are UDP's.
+# (type, tests, probes of each, interval in milliseconds). The kernel offers every ICMP reply to
+# every raw socket, so that a thousand tests at this pace are UDP's.
 _CROWDS = [
     ("icmp-echo", 254, 100, 100),
     ("icmp-echo", 100, 250, 20),

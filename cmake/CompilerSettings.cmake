@@ -12,7 +12,8 @@ target_compile_options(ipsla_warnings INTERFACE
   # Each access to what a mutex guards (log/mutex.h).
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 # Boost 1.74's Asio does not compile with GCC 12's coroutines.
-target_compile_definitions(ipsla_warnings INTERFACE BOOST_ASIO_DISABLE_CO_AWAIT BOOST_ASIO_NO_DEPRECATED)
+target_compile_definitions(ipsla_warnings
+  INTERFACE BOOST_ASIO_DISABLE_CO_AWAIT BOOST_ASIO_NO_DEPRECATED)
 # Its functions are compiled once, in env/asio.cpp, and not anew in every file that includes it.
 target_compile_definitions(ipsla_warnings INTERFACE BOOST_ASIO_SEPARATE_COMPILATION)
 # Boost as system headers, our own sources by their place below src.
@@ -22,7 +23,8 @@ add_library(ipsla_settings INTERFACE)
 target_link_libraries(ipsla_settings INTERFACE ipsla_warnings)
 
 if(IPSLA_SANITIZE)
-  target_compile_options(ipsla_settings INTERFACE -fsanitize=${IPSLA_SANITIZE} -fno-sanitize-recover=all)
+  target_compile_options(ipsla_settings
+    INTERFACE -fsanitize=${IPSLA_SANITIZE} -fno-sanitize-recover=all)
   target_link_options(ipsla_settings INTERFACE -fsanitize=${IPSLA_SANITIZE})
   if(IPSLA_SANITIZE MATCHES thread AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
     # Asio's fences, which GCC says it does not model, are not what orders handlers: the scheduler's

@@ -11,7 +11,8 @@ function(ipsla_find_device_libraries target bindir)
     ${CMAKE_INSTALL_PREFIX}/${bindir} ${CMAKE_INSTALL_PREFIX}/${IPSLA_PRIVATE_LIBDIR})
   set(directories /usr/local/lib)
   if(CMAKE_LIBRARY_ARCHITECTURE)
-    list(APPEND directories /lib/${CMAKE_LIBRARY_ARCHITECTURE} /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
+    list(APPEND directories
+      /lib/${CMAKE_LIBRARY_ARCHITECTURE} /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
   endif()
   list(APPEND directories /lib64 /usr/lib64 /lib /usr/lib $ORIGIN/${private_libdir})
   set_target_properties(${target} PROPERTIES INSTALL_RPATH "${directories}")
@@ -33,9 +34,11 @@ function(ipsla_install_system)
 endfunction()
 
 function(ipsla_install_project_files)
-  install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/CHANGELOG.md ${CMAKE_SOURCE_DIR}/LICENSE
+  install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/CHANGELOG.md
+    ${CMAKE_SOURCE_DIR}/LICENSE
     DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT sender)
-  # Beside each other as in the tree, so that their links hold. Manual pages have a place of their own.
+  # Beside each other as in the tree, so that their links hold. Manual pages have a place of their
+  # own.
   install(DIRECTORY ${CMAKE_SOURCE_DIR}/docs ${CMAKE_SOURCE_DIR}/examples
     DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT sender PATTERN man EXCLUDE)
   ipsla_install_system(COMPONENT sender

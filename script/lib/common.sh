@@ -21,4 +21,6 @@ die() {
 
 # The tests and the demo make namespaces of their own, the bootstrap installs packages: both need
 # root.
-need_root() { [[ $(id -u) -eq 0 ]] || die "needs root (it works in namespaces of its own): run it with sudo"; }
+need_root() {
+  [[ $(id -u) -eq 0 ]] || die "needs root (it works in namespaces of its own): run it with sudo"
+}

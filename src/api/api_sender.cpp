@@ -187,8 +187,9 @@ void ApiSender::ReleaseNetlinkSocket(const std::string& vrf) {
 
 void ApiSender::UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
                                    std::uint32_t new_address, std::uint32_t old_address) {
-  for (const auto& [id, test] : tests_)
+  for (const auto& [id, test] : tests_) {
     test->UpdateLocalAddress(vrf_key, if_index, new_address, old_address);
+  }
 }
 
 void ApiSender::SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,

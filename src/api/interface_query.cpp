@@ -62,8 +62,9 @@ InterfaceRecord QueryInterface(std::uint32_t index) {
   if (!socket_to_ask) return record;
   ifreq request{};
   std::memcpy(request.ifr_name, name.data(), name.size());
-  if (ioctl(socket_to_ask.Get(), SIOCGIFFLAGS, &request) == 0)
+  if (ioctl(socket_to_ask.Get(), SIOCGIFFLAGS, &request) == 0) {
     record.flags = static_cast<std::uint16_t>(request.ifr_flags);
+  }
   return record;
 }
 

@@ -99,8 +99,9 @@ NetlinkMessage ParseAddress(Bytes body, NetlinkEvent event) {
                    [&message, family = body[0]](std::uint16_t type, Bytes payload) {
                      if (type != IFA_LOCAL) return;
                      const auto address = AddressOf(family, message.index, payload);
-                     if (address && !address->is_unspecified())
+                     if (address && !address->is_unspecified()) {
                        message.addresses.push_back(*address);
+                     }
                    });
   return message;
 }

@@ -79,8 +79,9 @@ std::string ShortJsonText(const cJSON* item, std::size_t limit) {
   std::string text(printed.get());
   if (text.size() <= limit) return text;
   std::size_t end = limit;
-  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U)
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) {
     --end;  // not inside a UTF-8 character
+  }
   text.resize(end);
   return text + "...";
 }
@@ -95,8 +96,9 @@ std::optional<std::string> ReadWholeFile(const std::string& filename) {
   // A directory opens but cannot be read.
   std::string content;
   char piece[4096];
-  while (const std::size_t bytes = std::fread(piece, 1, sizeof piece, file.get()))
+  while (const std::size_t bytes = std::fread(piece, 1, sizeof piece, file.get())) {
     content.append(piece, bytes);
+  }
   if (std::ferror(file.get()) != 0) return std::nullopt;
   return content;
 }

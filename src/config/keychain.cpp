@@ -17,8 +17,9 @@ void LogKeychainFileFault(const ConfigFile& file) {
   LogFileFault(file, "keychain");
   // Deliberately silent unless the JSON library still holds an error, which it forgets with every
   // new document.
-  if (file.fault == ConfigFileFault::kNoArray && cJSON_GetErrorPtr() != nullptr)
+  if (file.fault == ConfigFileFault::kNoArray && cJSON_GetErrorPtr() != nullptr) {
     LOG_DEBUG(0, "invalid configuration");
+  }
 }
 
 // Keys that were replaced do not stay behind in freed memory. (This floor has no cryptographic
@@ -37,8 +38,9 @@ int ParseKeychainConfig(const std::string& filename, KeychainStorage* storage) {
     LogKeychainFileFault(file);
     return -1;
   }
-  for (const KeyFault& fault : ReadKeys(file.array, storage))
+  for (const KeyFault& fault : ReadKeys(file.array, storage)) {
     LOG_DEBUG(0, "%s", fault.reason.c_str());
+  }
   return 0;
 }
 

@@ -34,8 +34,9 @@ void PrintVrf(const std::string& vrf) {
 void PrintKey(const SlaAuthConfig& auth, const KeychainStorage& keychain) {
   LOG_DEBUG(0, "   .  .  |- Algorithm    : %s (#%u)\n   .  .  |- Key",
             AuthAlgorithmToString(auth.algorithm).c_str(), NumberOf(auth.algorithm));
-  if (auth.mode == SlaAuthMode::kKeychain)
+  if (auth.mode == SlaAuthMode::kKeychain) {
     LOG_DEBUG_FILE(0, "   .  .  .  |- ID        : #%u", unsigned{auth.key_id});
+  }
   LOG_DEBUG_SYSTEM("   .  .  .  |- ID        : #%u", unsigned{auth.key_id});
   std::string key;
   GetTaskKey(&key, auth, keychain);  // without a key its word for that is shown

@@ -16,8 +16,9 @@ namespace {
 // Logs what is wrong with the file as a whole.
 void LogTasksFileFault(const ConfigFile& file) {
   LogFileFault(file, "SLA tasks");
-  if (file.fault == ConfigFileFault::kNoArray)
+  if (file.fault == ConfigFileFault::kNoArray) {
     LOG_DEBUG(0, "ivalid configuration");  // spelled so on purpose
+  }
 }
 
 // Appends the numbers of "cpus", cut to 8 bits. A missing list, or one that is no array, adds

@@ -127,8 +127,9 @@ class TaskReader {
   }
 
   bool Require(bool holds, const Member& member, const char* reason) {
-    if (!holds && !Finished())
+    if (!holds && !Finished()) {
       result_.faults.push_back({member.key, ShortJsonText(member.item), reason});
+    }
     return holds;
   }
 
@@ -342,8 +343,10 @@ void TaskReader::ReadType() {
   const Member type = task_.Find("sla-type");
   if (!Require(type.HasText(), type, "no measurement phase configuration")) return;
   result_.config.sla_type = TestTypeFromString(type.Text());
-  if (!Require(result_.config.sla_type != SlaTestType::kNone, type, "invalid SLA task type value"))
+  if (!Require(result_.config.sla_type != SlaTestType::kNone, type,
+               "invalid SLA task type value")) {
     return;
+  }
   measurement_ = RequireObject(task_, type.Text(), "no measurement phase type configuration");
 }
 
@@ -406,8 +409,9 @@ void TaskReader::CheckBudget() {
   const auto run_ms = static_cast<std::uint32_t>(PlainRunMs(config));
   const std::uint32_t period_ms = static_cast<std::uint32_t>(config.scheduler.time) * 1000U;
   Member place = task_.Find("schedule");
-  if (config.schedule)
+  if (config.schedule) {
     place = {"scheduler.time", cJSON_GetObjectItem(task_.Find("scheduler").item, "time")};
+  }
   Require(run_ms < period_ms, place, kOverBudget);
 }
 

@@ -120,8 +120,9 @@ std::string LogFile::CheckLogFileSize(const LogFileCalls& calls, off_t* position
   if (*position <= kMaxBytes) return {};
   std::array<char, 128> path{};
   const std::string link = "/proc/self/fd/" + std::to_string(fd_);
-  if (calls.read_link(link.c_str(), path.data(), path.size() - 1) == -1)
+  if (calls.read_link(link.c_str(), path.data(), path.size() - 1) == -1) {
     return std::string("readlink failed: ") + std::strerror(errno);
+  }
   *position = KeepNewerHalf(path.data(), *position);
   return {};
 }
@@ -141,8 +142,9 @@ void LogFile::Append(std::span<const LogLine> lines) {
       continue;
     }
     // The rest is lost. What is left begins at a line, unless that line was written in part.
-    if (left.size() <= batch.size())
+    if (left.size() <= batch.size()) {
       is_torn_ = left.front().iov_base != batch[batch.size() - left.size()].bytes.data();
+    }
     return;
   }
 }

@@ -204,8 +204,9 @@ void Logger::Shutdown() {
   }
   const MutexLock one_at_a_time(impl_->shutdown_mutex);
   if (impl_->writer.joinable() &&
-      !impl_->writer.try_join_for(boost::chrono::milliseconds(shutdown_patience_.count())))
+      !impl_->writer.try_join_for(boost::chrono::milliseconds(shutdown_patience_.count()))) {
     impl_->writer.detach();
+  }
   std::map<std::uint16_t, std::shared_ptr<LogFile>> files;
   const MutexLock lock(impl_->mutex);
   for (const auto& [id, file] : impl_->files) impl_->open.Remove(id);

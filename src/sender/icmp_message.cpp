@@ -21,8 +21,9 @@ constexpr std::size_t kTransmitOffset = 16;
 
 std::uint16_t InternetChecksum(std::span<const std::uint8_t> bytes) {
   std::uint64_t sum = 0;
-  for (std::size_t i = 0; i + 1 < bytes.size(); i += 2)
+  for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
     sum += boost::endian::load_big_u16(&bytes[i]);
+  }
   if (bytes.size() % 2 != 0) sum += static_cast<std::uint64_t>(bytes.back()) << 8U;
   while (sum > 0xFFFFU) sum = (sum & 0xFFFFU) + (sum >> 16U);
   return static_cast<std::uint16_t>(~sum);

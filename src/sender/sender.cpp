@@ -164,8 +164,9 @@ void Sender::FailRun(const std::string& error_description) {
 }
 
 void Sender::FailStart(const std::string& reason) {
-  if (IsErrorLogAllowed(id_, ErrorKind::kStart))
+  if (IsErrorLogAllowed(id_, ErrorKind::kStart)) {
     LOG_ERROR(id_, "(test %d) %s", id_, reason.c_str());
+  }
   FailRun("Start test failed");
 }
 

@@ -98,8 +98,9 @@ void PrintCtlPhPkt(std::uint16_t id, const std::uint8_t* buffer, std::uint16_t s
               NumberOf(message.auth_algorithm));
     // In password mode only the system log names a key id, deliberately.
     const unsigned key_id = message.key_id;
-    if (auth.mode == SlaAuthMode::kKeychain)
+    if (auth.mode == SlaAuthMode::kKeychain) {
       LOG_DEBUG_FILE(id, "   .  .  |- ID                     : #%u", key_id);
+    }
     LOG_DEBUG_SYSTEM("   .  .  |- ID                     : #%u", key_id);
     LOG_DEBUG(id, "   .  .  |- Value                  : \"%s\"\n   .  .  -\n   .  -", key.c_str());
   } else {

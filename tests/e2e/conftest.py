@@ -73,7 +73,8 @@ def _show(laboratory):
     """Prints what a failed test's daemon had to say."""
     for daemon in laboratory.daemons:
         print(
-            f"--- daemon {daemon.pid}, status {daemon.process.poll()}, stderr:\n{daemon.stderr[-4000:]}"
+            f"--- daemon {daemon.pid}, status {daemon.process.poll()}, stderr:\n"
+            f"{daemon.stderr[-4000:]}"
         )
     directory = laboratory.path("/var/log/ip-sla")
     if directory.is_dir():

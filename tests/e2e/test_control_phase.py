@@ -16,7 +16,10 @@ from support.waiting import SCALE, wait_for
 FIRST_PORT = 3000
 CLOSED_PORT = 1999
 NOT_RESPONDING = "Control phase failed: destination host is not responding"
-REFUSED = "Control phase failed: connection refused. The responder may not be running or is using a different port"
+REFUSED = (
+    "Control phase failed: connection refused. "
+    "The responder may not be running or is using a different port"
+)
 WRONG_VERSION = "Control phase failed: invalid response control phase protocol version"
 
 
@@ -259,7 +262,7 @@ def test_a_response_is_read_up_to_its_172nd_byte(lab, start_daemon, size):
 
 
 def test_a_response_from_any_address_counts(lab, start_daemon):
-    """And the measurement goes to the task's own destination, at the port that the response names."""
+    """And the measurement goes to the task's own destination, at the port of the response."""
     responder = ScriptedResponder(lab)
     stranger = lab.socket(socket.AF_INET, socket.SOCK_DGRAM, bind=("127.0.0.9", 0))
     silent = Control(silent=True)

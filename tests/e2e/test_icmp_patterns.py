@@ -28,7 +28,8 @@ FIRST_SIZE = 200  # a task is told by the size of its probes
 class Plan:
     count: int
     replies: tuple  # sequence numbers in the order of their answers, copies included
-    stamps: tuple  # the peer's clock at the answer to probe 1, 2 ..., in milliseconds; it may stand or go back
+    # The peer's clock at the answer to probe 1, 2 ..., in milliseconds; it may stand or go back.
+    stamps: tuple
 
 
 def _plans():

@@ -24,7 +24,8 @@ from support.run_events import (
 from support.tasks import task
 from support.waiting import SCALE, wait_for
 
-BATCH = 200  # tasks of one daemon, each with one run: well below the descriptors that a process may have
+# Tasks of one daemon, each with one run: well below the descriptors that a process may have.
+BATCH = 200
 FIRST_PORT = 20000
 TIMEOUT_MS = int(700 * SCALE)
 INTERVAL_MS = 10

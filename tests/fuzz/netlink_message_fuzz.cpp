@@ -7,7 +7,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   using namespace ipsla;
   const auto input = fuzz::Exactly(data, size);
   const NetlinkMessage message = ParseNetlinkMessage(input);
-  for (const auto& address : message.addresses)
+  for (const auto& address : message.addresses) {
     fuzz::Require(!address.is_unspecified(), "no unspecified address");
+  }
   return 0;
 }

@@ -29,8 +29,9 @@ int main(int argc, char** argv) {
       Replay(argv[i], &count);
       continue;
     }
-    for (const auto& entry : std::filesystem::directory_iterator(argv[i]))
+    for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
       Replay(entry.path(), &count);
+    }
   }
   std::printf("%s: %d inputs replayed\n", argv[0], count);
   return count > 0 ? 0 : 1;

@@ -21,8 +21,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const TaskCheck check = CheckTask(element, accepted, &keys, ConfiguredInterface);
     fuzz::Require(task.Accepted() == (check.faults.empty() && !check.abandoned),
                   "both users of the rules agree");
-    if (task.fault)
+    if (task.fault) {
       fuzz::Require(check.faults.front().reason == *task.fault, "the first fault is the daemon's");
+    }
     if (task.Accepted()) accepted[task.config.sla_id] = task.config;
   }
   PrintTaskConfigs(accepted, keys);

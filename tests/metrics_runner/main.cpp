@@ -52,8 +52,9 @@ SlaTaskMetrics RunIcmp(WordReader* words) {
 
 SlaTaskMetrics RunHistory(WordReader* words) {
   std::list<SlaTaskMetrics> history;
-  for (std::uint64_t left = words->Unsigned(); left > 0; --left)
+  for (std::uint64_t left = words->Unsigned(); left > 0; --left) {
     history.push_back(words->HistoryEntry());
+  }
   return AggregateHistory(history);
 }
 
@@ -74,8 +75,9 @@ int main() {
   std::ios::sync_with_stdio(false);
   std::string line;
   try {
-    while (std::getline(std::cin, line))
+    while (std::getline(std::cin, line)) {
       std::cout << ipsla::MetricsToJson(ipsla::RunLine(line)) << '\n';
+    }
   } catch (const std::exception& error) {
     std::cerr << "ipsla-metrics-runner: " << error.what() << " in: " << line << '\n';
     return 1;

@@ -5,7 +5,8 @@ import re
 from test_floors import ROOT, includes, sources
 
 SHARED = ("ipsla_protocol", "ipsla_digest", "ipsla_parser")
-# What a program pays for by linking it: an io context, a thread, a log file, the device's libraries.
+# What a program pays for by linking it: an io context, a thread, a log file, the device's
+# libraries.
 HEAVY = re.compile(r"^(boost/(asio|thread)|thread|future|log/(?!format)|platform/|systemd/)")
 
 

@@ -40,8 +40,9 @@ bool BringLoopbackUp() {
 
 bool EnterPrivateNamespaces() {
   if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) return Failed("unshare");
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
     return Failed("make mounts private");
+  }
   for (const char* directory : {"/var/log", "/run"}) {
     if (mount("tmpfs", directory, "tmpfs", 0, "mode=755") != 0) return Failed(directory);
   }
@@ -63,8 +64,9 @@ std::string MountNamespace() {
 // ports.
 bool EnterNamespaces() {
   const char* place = std::getenv(kPlace);
-  if (place != nullptr && place == MountNamespace())
+  if (place != nullptr && place == MountNamespace()) {
     return (unshare(CLONE_NEWNET) == 0 || Failed("unshare")) && BringLoopbackUp();
+  }
   if (!EnterPrivateNamespaces()) return false;
   setenv(kPlace, MountNamespace().c_str(), 1);
   return true;

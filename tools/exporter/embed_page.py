@@ -76,7 +76,8 @@ def array(number, body):
         # A char is signed on some machines and unsigned on others: its bits are written as a text.
         lines.append('    "' + "".join(f"\\{byte:03o}" for byte in piece) + '"')
     size = len(body)
-    return f"constexpr char kBody{number}[] =\n" + "\n".join(lines) + f";\nstatic_assert(sizeof(kBody{number}) == {size} + 1);\n\n"
+    check = f"static_assert(sizeof(kBody{number}) == {size} + 1);"
+    return f"constexpr char kBody{number}[] =\n" + "\n".join(lines) + f";\n{check}\n\n"
 
 
 def main():

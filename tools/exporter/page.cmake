@@ -7,7 +7,8 @@ set(IPSLA_PAGE "AUTO" CACHE STRING
 set_property(CACHE IPSLA_PAGE PROPERTY STRINGS AUTO ON OFF)
 
 set(page_modules ${CMAKE_CURRENT_BINARY_DIR}/page)
-set(page_inputs ${CMAKE_CURRENT_SOURCE_DIR}/page/package.json ${CMAKE_CURRENT_SOURCE_DIR}/page/package-lock.json)
+set(page_inputs ${CMAKE_CURRENT_SOURCE_DIR}/page/package.json
+  ${CMAKE_CURRENT_SOURCE_DIR}/page/package-lock.json)
 
 # Sets `fault` in the caller's scope: empty when the library is there.
 function(fetch_plots fault)
@@ -31,7 +32,8 @@ function(fetch_plots fault)
   execute_process(
     COMMAND ${NPM_PROGRAM} ci --omit=dev --ignore-scripts --no-audit --no-fund --prefer-offline
       --fetch-retries=1 --fetch-retry-mintimeout=2000 --fetch-timeout=20000
-    WORKING_DIRECTORY ${page_modules} TIMEOUT 120 RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+    WORKING_DIRECTORY ${page_modules} TIMEOUT 120
+    RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
   if(NOT result EQUAL 0)
     set(${fault} "npm could not fetch its plotting library:\n${output}" PARENT_SCOPE)
     return()
@@ -60,7 +62,8 @@ endif()
 find_package(Python3 REQUIRED COMPONENTS Interpreter)
 set(IPSLA_PAGE_SOURCE ${CMAKE_CURRENT_BINARY_DIR}/page_files.cpp)
 add_custom_command(OUTPUT ${IPSLA_PAGE_SOURCE}
-  COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/embed_page.py ${IPSLA_PAGE_SOURCE} ${page_arguments}
+  COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/embed_page.py ${IPSLA_PAGE_SOURCE}
+    ${page_arguments}
   DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/embed_page.py ${page_files}
   COMMENT "Embedding the exporter's page" VERBATIM)
 set_source_files_properties(${IPSLA_PAGE_SOURCE} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)

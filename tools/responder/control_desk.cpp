@@ -70,14 +70,16 @@ void ControlDesk::Admit(const Application& application, CheckedRequest* checked)
   // Left to us: the port on which this peer has a session already, else one that is open.
   if (key.local.port == 0) key.local.port = sessions_.PortInUse(key.local.address, key.peer);
   Session* const running = sessions_.Find(key);
-  if (running != nullptr && std::ranges::equal(running->request, application.received))
+  if (running != nullptr && std::ranges::equal(running->request, application.received)) {
     return AnswerAgain(application, running, checked);
+  }
   if (checked->key && !nonces_.Remember(checked->answer.nonce)) {
     ++totals_.repeated;
     return RefuseAuthentication(Status::kAuthenticationFail, checked);
   }
-  if (!HasRoom(key, application.source))
+  if (!HasRoom(key, application.source)) {
     return RefuseMeasurement(Status::kRequestedPortIsBusy, checked);
+  }
   const Status fault = key.local.port == 0 ? ports_->HoldAny(&key.local) : ports_->Hold(key.local);
   if (fault != Status::kSuccessful) return RefuseMeasurement(fault, checked);
   try {
@@ -152,8 +154,9 @@ bool ControlDesk::EndOne(std::int64_t now) {
 }
 
 void ControlDesk::EndAll(std::int64_t now) {
-  while (SessionTable::Node session = sessions_.TakeAny())
+  while (SessionTable::Node session = sessions_.TakeAny()) {
     Close(std::move(session), "stopped", now);
+  }
 }
 
 void ControlDesk::NoteProbe(Session* session, std::int64_t now) {

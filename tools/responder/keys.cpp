@@ -40,8 +40,9 @@ std::string KeyOfFile(const std::string& file, const Warn& warn) {
   std::string line = FirstLine(file);
   if (line.ends_with('\r')) line.pop_back();  // written where lines end with two characters
   if (line.empty()) throw std::runtime_error("the first line of " + file + " is empty: no key");
-  if (std::string_view(" \t").find(line.back()) != std::string_view::npos)
+  if (std::string_view(" \t").find(line.back()) != std::string_view::npos) {
     warn("the key in " + file + " ends with blanks, which belong to it");
+  }
   return line;
 }
 
@@ -56,13 +57,15 @@ std::string KeyBytes(const std::string& text, const std::string& origin) {
 KeychainStorage ReadKeychain(const std::string& file) {
   KeychainStorage keys;
   const ConfigFile content = ReadConfigFile(file, kKeychainKey);
-  if (content.fault != ConfigFileFault::kNone)
+  if (content.fault != ConfigFileFault::kNone) {
     throw std::runtime_error("cannot read the keychain file " + file);
+  }
   static_cast<void>(ReadKeys(content.array, &keys));
   for (const auto& [id, key] : keys) {
-    if (key.empty())
+    if (key.empty()) {
       throw std::runtime_error("key " + std::to_string(id) + " of the keychain file " + file +
                                " is empty");
+    }
   }
   return keys;
 }

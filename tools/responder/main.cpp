@@ -83,8 +83,9 @@ void InstallHandlers(Responder* responder) {
   struct sigaction action {};
   action.sa_handler = HandleSignal;
   action.sa_flags = SA_RESTART;
-  for (const int signal_number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1})
+  for (const int signal_number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) {
     sigaction(signal_number, &action, nullptr);
+  }
 }
 
 int Serve(CommandLine line) {

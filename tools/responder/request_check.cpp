@@ -28,8 +28,9 @@ bool IsUdpType(std::uint8_t operation_type) {
 Status CheckHeader(std::size_t received, const ControlPhaseMessage& request) {
   if (request.version != kControlProtocolVersion) return Status::kUnsupportedProtocolVersion;
   if (request.status != Status::kSuccessful) return Status::kInvalidStatus;
-  if (received != kControlMessageSize || request.total_length != kControlMessageSize)
+  if (received != kControlMessageSize || request.total_length != kControlMessageSize) {
     return Status::kInvalidLength;
+  }
   return Status::kSuccessful;
 }
 

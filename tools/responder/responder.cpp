@@ -36,8 +36,9 @@ std::int64_t SteadyCount() {
 std::uint16_t BoundPort(int fd) {
   sockaddr_in address{};
   socklen_t length = sizeof address;
-  if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
     Throw(errno, "getsockname");
+  }
   return ntohs(address.sin_port);
 }
 
@@ -73,8 +74,9 @@ void Responder::Run(const std::function<std::optional<AuthPolicy>()>& load) {
     const int count =
         epoll_wait(poll_.Get(), events.data(), static_cast<int>(events.size()), TimeoutMs());
     // A probe waits for no more than one request, one session's end and what an operator wants.
-    if (HandleEvents(std::span(events).first(static_cast<std::size_t>(std::max(count, 0)))))
+    if (HandleEvents(std::span(events).first(static_cast<std::size_t>(std::max(count, 0))))) {
       AnswerRequest();
+    }
     desk_.EndOne(SteadyCount());
     const unsigned wishes = wishes_.exchange(0);
     if ((wishes & kReload) != 0) {
@@ -180,8 +182,9 @@ void Responder::ReceiveProbes(MeasurementSocket* measurement) {
 
 void Responder::TellTotals() {
   try {
-    for (const std::string& line : DescribeTotals(desk_.Counts(), desk_.Sessions()))
+    for (const std::string& line : DescribeTotals(desk_.Counts(), desk_.Sessions())) {
       report_.Line(line);
+    }
     report_.Line(fmt::format("statistics: lines: left out {}", report_.LeftOut()));
   } catch (const std::bad_alloc&) {
     ++desk_.Counts().out_of_memory;

@@ -10,8 +10,9 @@ SequenceWindow::Seen SequenceWindow::Note(std::uint64_t sequence) {
     // What the window moves over has not been seen yet.
     const std::uint64_t advance =
         empty_ ? kSize : std::min<std::uint64_t>(sequence - highest_, kSize);
-    for (std::uint64_t i = 0; i < advance; ++i)
+    for (std::uint64_t i = 0; i < advance; ++i) {
       seen_.reset(static_cast<std::size_t>((sequence - i) % kSize));
+    }
     seen_.set(bit);
     highest_ = sequence;
     empty_ = false;

@@ -84,8 +84,9 @@ std::vector<std::string> DescribeTotals(const Totals& totals, const SessionTable
   lines.push_back(fmt::format("requests: received {}, refused {}, ignored {}, given up {}",
                               totals.requests, totals.refusals.Total(), totals.ignored,
                               totals.out_of_memory));
-  for (const std::string& reason : totals.refusals.Describe())
+  for (const std::string& reason : totals.refusals.Describe()) {
     lines.push_back("refused: " + reason);
+  }
   lines.push_back(
       fmt::format("refused for: repeated request {}, no room {}, no room for the source {}",
                   totals.repeated, totals.full, totals.full_for_source));

@@ -52,8 +52,9 @@ struct Message {
   template <class Taker>
   void ForEachDetail(Taker take) {
     for (const cmsghdr* part = CMSG_FIRSTHDR(&header); part != nullptr;
-         part = CMSG_NXTHDR(&header, const_cast<cmsghdr*>(part)))
+         part = CMSG_NXTHDR(&header, const_cast<cmsghdr*>(part))) {
       take(*part);
+    }
   }
 
   iovec vector{};

@@ -50,8 +50,9 @@ int Socket() {
   if (existing >= 0) return existing;
   const int opened = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (opened < 0) return -1;
-  if (setsockopt(opened, SOL_SOCKET, SO_SNDBUFFORCE, &kSendBuffer, sizeof kSendBuffer) != 0)
+  if (setsockopt(opened, SOL_SOCKET, SO_SNDBUFFORCE, &kSendBuffer, sizeof kSendBuffer) != 0) {
     setsockopt(opened, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
+  }
   int nobodys = -1;
   if (log_socket.compare_exchange_strong(nobodys, opened)) return opened;
   close(opened);  // another thread was first

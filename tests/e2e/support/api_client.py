@@ -1,8 +1,8 @@
 """A client of the Sender API that works on raw datagrams and shares no code with the daemon.
 
-Header, 28 bytes: 0 prefix[8] | 8 marker | 9 flags (bit 0: more fragments) | 10 reserved[2] | 12 fragment number u32 |
-16 datagram length u32 | 20 command u16 (host order) | 22 result u16 (host order) | 24 block length u32; big-endian unless
-stated. The JSON text follows, ended by a NUL.
+Header, 28 bytes: 0 prefix[8] | 8 marker | 9 flags (bit 0: more fragments) | 10 reserved[2] |
+12 fragment number u32 | 16 datagram length u32 | 20 command u16 (host order) | 22 result u16 (host
+order) | 24 block length u32; big-endian unless stated. The JSON text follows, ended by a NUL.
 """
 
 import json

@@ -300,7 +300,7 @@ def icmp_jitter_metrics(records, metrics=None):
 
 
 def latest_of_history(kind, history):
-    """What is reported as a task's latest result, given the metrics of its kept runs, oldest first."""
+    """A task's latest result as it is reported, given the metrics of its kept runs, oldest first."""
     newest = history[-1]
     if kind in ECHO_TYPES or newest.status != 0:
         return newest

@@ -31,7 +31,7 @@ def _record(record):
 
 
 def line_of(run, budget_ms):
-    """The text of one run. Taken before the model has its turn, which changes the records' states."""
+    """The text of one run. Taken before the model's turn, which changes the records' states."""
     records = " ".join(map(_record, run.records))
     if run.kind in model.ECHO_TYPES:
         return f"echo {run.kind} {len(run.records)} {records}"
@@ -52,7 +52,7 @@ def history_line(history):
 
 
 def differences(expected, found, names):
-    """The fields in which a model's metrics and the runner's answer differ: name, expected, found."""
+    """Where a model's metrics and the runner's answer differ: name, expected, found."""
     result = []
     for name in names:
         ours, theirs = getattr(expected, name), found[name]

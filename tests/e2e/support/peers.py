@@ -77,7 +77,7 @@ class Peer:
 
 
 class Session:
-    """The probes of one run: applies the fates, in the order of arrival, and keeps what was seen."""
+    """The probes of one run: applies the fates in the order of arrival, keeps what was seen."""
 
     def __init__(self, peer, fates, answer):
         self._peer = peer

@@ -1,9 +1,10 @@
 """A scripted responder of the UDP tests, written against the wire formats and independent of the
 daemon's own code.
 
-Control message, 172 bytes, big-endian: 0 version | 2 status u16 | 8 total length u32 | 20 authentication block: 22 status
-u16, 32 nonce[16], 48 digest[32] | 80 measurement block: 82 status u16, 90 operation type, 164 sender's measurement port u16,
-166 responder's measurement port u16, 168 duration u32.
+Control message, 172 bytes, big-endian: 0 version | 2 status u16 | 8 total length u32 | 20
+authentication block: 22 status u16, 32 nonce[16], 48 digest[32] | 80 measurement block: 82 status
+u16, 90 operation type, 164 sender's measurement port u16, 166 responder's measurement port u16, 168
+duration u32.
 Answer to a probe: 0 type u16 | 12 time stamp u64 | 20 sequence u32 | 24 counter u32.
 """
 

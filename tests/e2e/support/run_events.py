@@ -49,7 +49,8 @@ class Pattern:
 
     outcomes: tuple
     arrivals: tuple  # sequence numbers that reach the responder
-    replies: tuple  # sequence numbers of the first replies, in the order of their arrival; late ones included
+    # Sequence numbers of the first replies, in the order of their arrival; late ones included.
+    replies: tuple
 
     @property
     def count(self):

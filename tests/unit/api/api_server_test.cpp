@@ -404,8 +404,9 @@ TEST_F(OldRequestsTest, WhatAFloodLeftIsDroppedAndTheNextRequestAnswered) {
 }
 
 TEST_F(ApiServerTest, RequestsAreTakenAtABoundedRate) {
-  for (int count = 0; count < 2 * RequestRate::kPerSecond; ++count)
+  for (int count = 0; count < 2 * RequestRate::kPerSecond; ++count) {
     client.Send(RequestBytes(7, ""));
+  }
   const auto start = std::chrono::steady_clock::now();
   client.service.run_for(std::chrono::milliseconds(200));
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;

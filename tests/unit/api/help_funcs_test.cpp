@@ -215,8 +215,9 @@ TEST(ClockDescriptorTest, IsATimerThatNeverExpires) {
 TEST(ClockDescriptorTest, FailureNamesTheStep) {
   // Every number taken: no descriptor is left for the timer.
   std::vector<int> fillers;
-  for (int fd = open("/dev/null", O_RDONLY); fd >= 0; fd = open("/dev/null", O_RDONLY))
+  for (int fd = open("/dev/null", O_RDONLY); fd >= 0; fd = open("/dev/null", O_RDONLY)) {
     fillers.push_back(fd);
+  }
   std::string what;
   try {
     static_cast<void>(CreateClockDescriptor());

@@ -30,8 +30,9 @@ TEST(JsonTextTest, FindsTheFirstBracketBeyondTheLimit) {
       {R"(["\)", 1, std::string::npos},
       {"]]]][[", 1, 5},
   };
-  for (const auto& row : rows)
+  for (const auto& row : rows) {
     EXPECT_EQ(FindTooDeep(row.text, row.limit), row.position) << row.text;
+  }
 }
 
 TEST(JsonTextTest, ParsesUpToTheGreatestDepth) {

@@ -107,13 +107,15 @@ TEST(NamesTest, KnowsTheWordsOfTheFilesAndNoOthers) {
       {"udp-echo", 1},    {"udp-jitter", 2},  {"udp-jitter-ntp", 3}, {"icmp-echo", 4},
       {"icmp-jitter", 5}, {"", -1},           {"UDP-echo", -1},      {"udp-echo ", -1},
       {"undefined", -1},  {"udp-jitter-", -1}};
-  for (const auto& [word, type] : types)
+  for (const auto& [word, type] : types) {
     EXPECT_EQ(static_cast<int>(TestTypeFromString(word)), type) << word;
+  }
   const std::map<std::string, int> modes = {{"no", 1},  {"password", 2}, {"keychain", 3},
                                             {"", 0},    {"No", 0},       {"no authentication", 0},
                                             {"none", 0}};
-  for (const auto& [word, mode] : modes)
+  for (const auto& [word, mode] : modes) {
     EXPECT_EQ(static_cast<int>(AuthModeFromString(word)), mode) << word;
+  }
   const std::map<std::string, int> algorithms = {{"sha256", 1},  {"hmac-sha256", 2},  {"", 0},
                                                  {"SHA-256", 0}, {"HMAC-SHA-256", 0}, {"md5", 0}};
   for (const auto& [word, number] : algorithms) {

@@ -59,8 +59,9 @@ TEST(NtpTest, ConvertsATimeWithItsMicroseconds) {
       {{1, 999999999}, 0x83AA7E81FFFFEF39U},   // 999999 microseconds
       {{2085978496, 250000000}, 0x40000000U},  // 2036: the second NTP era begins
   }};
-  for (const NtpCase& c : cases)
+  for (const NtpCase& c : cases) {
     EXPECT_EQ(NtpFromTime(c.time), c.stamp) << c.time.tv_sec << "." << c.time.tv_nsec;
+  }
 }
 
 TEST(NtpTest, ConvertsMicroseconds) {

@@ -63,8 +63,9 @@ TEST(LineQueueTest, TakesTextsOfAnyLength) {
   }
   queue.Close();
   std::vector<std::string> taken;
-  for (auto texts = TakeTexts(queue); !texts.empty(); texts = TakeTexts(queue))
+  for (auto texts = TakeTexts(queue); !texts.empty(); texts = TakeTexts(queue)) {
     taken.insert(taken.end(), texts.begin(), texts.end());
+  }
   EXPECT_EQ(taken, expected);
 }
 

@@ -53,8 +53,9 @@ TEST(LineTimeTest, IsTheLocalTimeOfEachSecond) {
 TEST(LineTimeTest, FollowsTheMachineToAnotherTimeZone) {
   const auto run = [] {
     unsetenv("TZ");
-    if (unshare(CLONE_NEWNS) != 0 || mount("tmpfs", "/etc", "tmpfs", 0, nullptr) != 0)
+    if (unshare(CLONE_NEWNS) != 0 || mount("tmpfs", "/etc", "tmpfs", 0, nullptr) != 0) {
       FinishChild("no private /etc");
+    }
     WriteText("/etc/localtime", ZoneFile(2));
     LineTime time;
     const std::string before = TimeOf(time, 1721037600);

@@ -109,8 +109,9 @@ TEST_F(LogTest, LeavesErrnoAsItWas) {
 std::vector<int> WriterPolicies() {
   std::vector<int> policies;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    if (ReadText(task.path() / "comm") == "log-writer\n")
+    if (ReadText(task.path() / "comm") == "log-writer\n") {
       policies.push_back(sched_getscheduler(std::stoi(task.path().filename())));
+    }
   }
   return policies;
 }

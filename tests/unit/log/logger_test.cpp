@@ -57,8 +57,9 @@ class LoggerTest : public testing::Test {
 };
 
 TEST_F(LoggerTest, WritesTheDaemonsFileAndOnePerTest) {
-  for (const std::uint16_t id : std::initializer_list<std::uint16_t>{0, 7, 65535})
+  for (const std::uint16_t id : std::initializer_list<std::uint16_t>{0, 7, 65535}) {
     logger_.OpenLogFile(id);
+  }
   logger_.Write(0, Format("%s %d", "daemon", 1));
   logger_.Write(7, "plain");
   logger_.Write(65535, Format("%5.1f%%", 99.5));
@@ -183,8 +184,9 @@ TEST_F(LoggerTest, OpensAndClosesFilesWhileOthersLog) {
   std::vector<std::thread> threads;
   for (const char* name : {"a", "b", "c"}) {
     threads.emplace_back([&, name] {
-      for (int i = 0; !is_done; ++i)
+      for (int i = 0; !is_done; ++i) {
         logger_.Write(static_cast<std::uint16_t>(i % 2), Format("%s %d", name, i));
+      }
     });
   }
   for (const std::uint16_t id : std::initializer_list<std::uint16_t>{0, 1}) {
@@ -301,8 +303,9 @@ TEST(LoggerThreadTest, HasASmallStackAndNormalPriorityEvenForARealTimeCreator) {
       writer.stack,
       4 * log_internal::RoundedStackBytes());  // the C library may reuse one up to so much larger
   EXPECT_EQ(writer.policy, SCHED_OTHER);
-  if (!is_real_time)
+  if (!is_real_time) {
     GTEST_SKIP() << "this machine gives no real-time priority: inheritance was not tried";
+  }
 }
 
 Logger* logger_to_end = nullptr;

@@ -36,8 +36,9 @@ Library Load() {
   library.timeout = reinterpret_cast<decltype(library.timeout)>(dlsym(handle, "set_timeout"));
   library.shift =
       reinterpret_cast<decltype(library.shift)>(dlsym(handle, "send_and_shift_timeout"));
-  if (!library.live || !library.timeout || !library.shift || library.live == &send_signal_live)
+  if (!library.live || !library.timeout || !library.shift || library.live == &send_signal_live) {
     FinishChild("symbols");
+  }
   return library;
 }
 

@@ -39,14 +39,16 @@ LogLibrary LoadLogLibrary() {
   LogLibrary library;
   library.message = reinterpret_cast<decltype(library.message)>(dlsym(handle, "SYSLOG_message"));
   library.close = reinterpret_cast<decltype(library.close)>(dlsym(handle, "SYSLOG_close"));
-  if (!library.message || !library.close || library.message == &SYSLOG_message)
+  if (!library.message || !library.close || library.message == &SYSLOG_message) {
     FinishChild("symbols");
+  }
   return library;
 }
 
 void EnterPrivateDev() {
-  if (unshare(CLONE_NEWNS) != 0 || mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0)
+  if (unshare(CLONE_NEWNS) != 0 || mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0) {
     FinishChild("no private /dev");
+  }
 }
 
 int ListenAsSystemLog() {
@@ -55,8 +57,9 @@ int ListenAsSystemLog() {
   address.sun_family = AF_UNIX;
   std::strcpy(address.sun_path, "/dev/log");
   unlink(address.sun_path);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
     FinishChild("no /dev/log");
+  }
   return fd;
 }
 
@@ -236,14 +239,16 @@ TEST(LogServiceStandInTest, CountsRightlyForManyThreads) {
     while (!is_last) {
       is_last = running == 0;
       for (std::string text = TextOf(TakeDatagram(fd)); !text.empty();
-           text = TextOf(TakeDatagram(fd)))
+           text = TextOf(TakeDatagram(fd))) {
         take(text);
+      }
     }
     for (std::thread& thread : threads) thread.join();
     library.message(59, 1, 7, "%s", "message");
     for (std::string text = TextOf(TakeDatagram(fd)); !text.empty();
-         text = TextOf(TakeDatagram(fd)))
+         text = TextOf(TakeDatagram(fd))) {
       take(text);
+    }
     const int all = kThreads * kEach + 1;
     FinishChild(taken + lost == all ? "" : std::to_string(taken) + " + " + std::to_string(lost));
   };

@@ -140,8 +140,9 @@ OneWay UdpSample(const SlaPacketRecord& r) {
   const auto ms = [](std::uint64_t stamp) { return static_cast<double>(stamp) / 100000.0; };
   const double rtt = ms(r.receive_stamp - r.send_stamp);
   const std::uint64_t whole = r.remote_transmit_stamp / 100000;
-  if (whole < r.send_stamp / 100000 || whole > r.receive_stamp / 100000)
+  if (whole < r.send_stamp / 100000 || whole > r.receive_stamp / 100000) {
     return {rtt, rtt / 2, rtt / 2};
+  }
   return {rtt, std::fabs(ms(r.remote_transmit_stamp) - ms(r.send_stamp)),
           std::fabs(ms(r.receive_stamp) - ms(r.remote_transmit_stamp))};
 }
@@ -297,8 +298,9 @@ testing::AssertionResult SameMetrics(const SlaTaskMetrics& expected, const SlaTa
   for (const auto& [name, field] : kValues) {
     const double a = expected.*field;
     const double b = actual.*field;
-    if (a == b || (std::isnan(a) && std::isnan(b)) || std::fabs(a - b) <= 1e-12 * std::fabs(a))
+    if (a == b || (std::isnan(a) && std::isnan(b)) || std::fabs(a - b) <= 1e-12 * std::fabs(a)) {
       continue;
+    }
     return testing::AssertionFailure() << name << ": expected " << a << ", got " << b;
   }
   if (expected.status != actual.status || expected.error_description != actual.error_description ||

@@ -169,8 +169,9 @@ TEST_F(SenderTest, ConcurrentEventsStoreEachRunOnce) {
     }
   });
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (context.RunsOf(7) < 300 && std::chrono::steady_clock::now() < deadline)
+  while (context.RunsOf(7) < 300 && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::yield();
+  }
   done = true;
   service.join();
   test->Stop(true);

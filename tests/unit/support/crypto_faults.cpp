@@ -48,8 +48,9 @@ extern "C" {
 int RAND_bytes(unsigned char* buffer, int count) {
   if (Fails(CryptoCall::kRandBytes)) return 0;
   if (!fixed_random.empty()) {
-    for (int i = 0; i < count; ++i)
+    for (int i = 0; i < count; ++i) {
       buffer[i] = fixed_random[static_cast<std::size_t>(i) % fixed_random.size()];
+    }
     return 1;
   }
   return Library(&RAND_bytes, "RAND_bytes", buffer, count);

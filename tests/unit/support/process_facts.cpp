@@ -20,8 +20,9 @@ std::map<ino_t, int> DescriptorsByInode() {
   std::map<ino_t, int> found;
   for (const auto& entry : std::filesystem::directory_iterator(kDescriptors)) {
     struct stat status {};
-    if (stat(entry.path().c_str(), &status) == 0)
+    if (stat(entry.path().c_str(), &status) == 0) {
       found[status.st_ino] = std::stoi(entry.path().filename());
+    }
   }
   return found;
 }

@@ -38,8 +38,9 @@ Bytes SignedAnew(const Bytes& request, std::uint8_t nonce, std::uint16_t port = 
   if (port != 0) message.measurement_sender_port = port;
   message.nonce[0] = nonce;
   ControlMessageBytes bytes = EncodeControlMessage(message);
-  if (const auto digest = MessageDigest(message.auth_algorithm, bytes, kDeskKey))
+  if (const auto digest = MessageDigest(message.auth_algorithm, bytes, kDeskKey)) {
     std::ranges::copy(*digest, bytes.begin() + kDigestOffset);
+  }
   return {bytes.begin(), bytes.end()};
 }
 
@@ -119,8 +120,9 @@ TEST_F(ControlDeskTest, ReportsTheRunsOfAnOpenSession) {
   ASSERT_EQ(lines_.size(), 3U);
   EXPECT_THAT(lines_[0], testing::StartsWith("session 1 restarted: udp-jitter from "));
   EXPECT_THAT(lines_[2], testing::StartsWith("session 1 stopped: "));
-  for (const std::string& line : lines_)
+  for (const std::string& line : lines_) {
     EXPECT_THAT(line, testing::HasSubstr("received 20, distinct 20, duplicates 0"));
+  }
   EXPECT_EQ(desk_.Counts().probes.received, 60U);
 }
 
@@ -148,12 +150,14 @@ TEST_F(ControlDeskTest, RefusesForWantOfMemory) {
 }
 
 TEST_F(ControlDeskTest, BoundsTheSessionsOfASource) {
-  for (std::uint16_t port = 1; port <= 5; ++port)
+  for (std::uint16_t port = 1; port <= 5; ++port) {
     EXPECT_EQ(Ask(SignedAnew(open_, 0, port)).status, Status::kSuccessful);
+  }
   EXPECT_EQ(Ask(SignedAnew(open_, 0, 6)).measurement_status, Status::kRequestedPortIsBusy);
   const Endpoint other = {.address = 77, .port = 1};
-  for (std::uint16_t port = 11; port <= 13; ++port)
+  for (std::uint16_t port = 11; port <= 13; ++port) {
     EXPECT_EQ(Ask(SignedAnew(open_, 0, port), 0, other).status, Status::kSuccessful);
+  }
   EXPECT_EQ(Ask(SignedAnew(open_, 0, 14), 0, other).measurement_status,
             Status::kRequestedPortIsBusy);
   EXPECT_EQ(desk_.Counts().full_for_source, 1U);
@@ -200,8 +204,9 @@ class HostileInputTest : public ControlDeskTest {
                            static_cast<std::uint16_t>(Number(65536)));
         break;
       default:
-        for (std::size_t i = Number(4); i > 0; --i)
+        for (std::size_t i = Number(4); i > 0; --i) {
           bytes[Number(bytes.size())] = static_cast<std::uint8_t>(Number(256));
+        }
     }
     return bytes;
   }
@@ -248,8 +253,9 @@ TEST_F(HostileInputTest, ProbesOfAnyKindAreAnsweredInPlaceOrNotAtAll) {
     }
     if (Number(500) == 0) ExpectRestart(&session);
     Bytes probe = test::Probe(session.type, static_cast<std::uint32_t>(Number(100)), Number(80));
-    if (Number(3) == 0 && !probe.empty())
+    if (Number(3) == 0 && !probe.empty()) {
       probe[Number(probe.size())] = static_cast<std::uint8_t>(Number(256));
+    }
     const Bytes before = probe;
     const bool answered = AnswerProbe(&session, {.tv_sec = i, .tv_nsec = i}, probe);
     ASSERT_EQ(probe.size(), before.size());

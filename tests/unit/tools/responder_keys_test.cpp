@@ -80,8 +80,9 @@ TEST_F(KeysTest, CutsACarriageReturnAndWarnsOfBlanks) {
 }
 
 TEST_F(KeysTest, TakesNoEmptyKey) {
-  for (const char* content : {"", "\n", "\nkey\n", "\r\nkey\r\n", "0x\n", "0x\r\n"})
+  for (const char* content : {"", "\n", "\nkey\n", "\r\nkey\r\n", "0x\n", "0x\r\n"}) {
     EXPECT_THAT(FaultOfFile(content), HasSubstr("empty")) << content;
+  }
   EXPECT_THAT(Fault(FromCommandLine("")), HasSubstr("empty"));
   EXPECT_THAT(Fault(FromCommandLine("0x")), HasSubstr("empty"));
 }

@@ -58,8 +58,9 @@ TEST_F(MeasurementPortsTest, ChooseTheHighestFreePort) {
 
 TEST_F(MeasurementPortsTest, HaveNoneWhereAllAreTaken) {
   MeasurementPorts others(40000, 40010, poll_.Get());
-  for (std::uint16_t port = 40000; port <= 40010; ++port)
+  for (std::uint16_t port = 40000; port <= 40010; ++port) {
     ASSERT_EQ(others.Hold(Local(port)), Status::kSuccessful);
+  }
   Endpoint local = Local(0);
   EXPECT_EQ(ports_.HoldAny(&local), Status::kRequestedPortIsBusy);
 }

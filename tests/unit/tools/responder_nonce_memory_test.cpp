@@ -21,8 +21,9 @@ TEST(NonceMemory, KnowsANonceAgain) {
 
 TEST(NonceMemory, ForgetsTheOldestBeyondItsBound) {
   NonceMemory memory(3);
-  for (std::uint8_t number = 1; number <= 4; ++number)
+  for (std::uint8_t number = 1; number <= 4; ++number) {
     EXPECT_TRUE(memory.Remember(NonceNumber(number)));
+  }
   EXPECT_FALSE(memory.Remember(NonceNumber(2)));
   EXPECT_FALSE(memory.Remember(NonceNumber(4)));
   EXPECT_TRUE(memory.Remember(NonceNumber(1)));

@@ -20,8 +20,9 @@ using testing::ElementsAre;
 TEST(Report, LeavesOutLinesBeyondTheRateAndSaysSo) {
   std::vector<std::string> lines;
   Report report([&lines](const std::string& line) { lines.push_back(line); }, false);
-  for (int i = 0; i < kSessionLines.burst + 7; ++i)
+  for (int i = 0; i < kSessionLines.burst + 7; ++i) {
     report.Session(0, [] { return std::string("a session"); });
+  }
   EXPECT_EQ(lines.size(), static_cast<std::size_t>(kSessionLines.burst));
   EXPECT_EQ(report.LeftOut(), 7U);
   lines.clear();

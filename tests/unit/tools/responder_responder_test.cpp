@@ -338,8 +338,9 @@ TEST_F(ResponderTest, TakesNewKeysOnReloadAndKeepsTheOldOnesWhenThereAreNone) {
   responder_->Reload();
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDeadlineMs);
   ControlPhaseMessage answer = Ask(request);
-  while (answer.status == Status::kSuccessful && std::chrono::steady_clock::now() < deadline)
+  while (answer.status == Status::kSuccessful && std::chrono::steady_clock::now() < deadline) {
     answer = Ask(request);
+  }
   EXPECT_EQ(answer.auth_status, Status::kUnsupportedAuthenticationMode);
 
   ControlPhaseMessage signed_request = request;

@@ -76,8 +76,9 @@ TEST(ExtendSequence, GoesOnCountingAfter65535) {
       {32768, 0, 32768},
       {40000, 40010, 40000},
   };
-  for (const Row& row : kRows)
+  for (const Row& row : kRows) {
     EXPECT_EQ(ExtendSequence(row.low, row.highest), row.expected) << row.low;
+  }
 }
 
 }  // namespace

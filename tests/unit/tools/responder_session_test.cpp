@@ -202,8 +202,9 @@ TEST_F(RestartTest, LossInANewRunIsSeenWhateverTheOldOneLost) {
   for (const std::uint32_t sequence : {1U, 2U, 4U, 5U, 6U, 7U, 9U, 10U}) Ask(sequence);
   AskedAgain();
   std::uint32_t expected = 0;
-  for (const std::uint32_t sequence : {2U, 3U, 4U, 6U, 8U, 9U, 10U})
+  for (const std::uint32_t sequence : {2U, 3U, 4U, 6U, 8U, 9U, 10U}) {
     EXPECT_EQ(Ask(sequence), ++expected) << sequence;
+  }
 }
 
 TEST_F(RestartTest, ANewRunGoesBeyondAnOldOneThatWasCutShort) {
@@ -211,8 +212,9 @@ TEST_F(RestartTest, ANewRunGoesBeyondAnOldOneThatWasCutShort) {
     session_ = MakeSession(SlaTestType::kUdpJitter);
     AskAll(1, old);
     AskedAgain();
-    for (std::uint32_t sequence = 1; sequence <= 50; ++sequence)
+    for (std::uint32_t sequence = 1; sequence <= 50; ++sequence) {
       EXPECT_EQ(Ask(sequence), sequence) << old;
+    }
   }
 }
 

@@ -70,8 +70,9 @@ TEST(BuildControlRequest, ReservedBytesAreZero) {
   for (const test::GoldenRequest& golden : test::kGoldenRequests) {
     const ControlMessageBytes bytes = EncodeControlMessage(BuildControlRequest(TaskOf(golden)));
     for (const auto& [first, last] : kReserved) {
-      for (std::size_t i = first; i <= last; ++i)
+      for (std::size_t i = first; i <= last; ++i) {
         EXPECT_EQ(bytes[i], 0) << golden.name << " byte " << i;
+      }
     }
   }
 }

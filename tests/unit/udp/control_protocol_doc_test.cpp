@@ -74,8 +74,9 @@ TEST(ControlProtocolPage, NamesEveryStatus) {
   bool inside = false;
   for (const std::string& line : test::DocumentLines(kPage)) {
     if (line.starts_with("#")) inside = line == "### Statuses";
-    if (inside && line.starts_with("| ") && line.size() > 2 && line[2] >= '0' && line[2] <= '9')
+    if (inside && line.starts_with("| ") && line.size() > 2 && line[2] >= '0' && line[2] <= '9') {
       rows.push_back(line);
+    }
   }
   EXPECT_THAT(rows, testing::ElementsAreArray(expected));
 }
