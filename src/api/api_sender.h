@@ -29,17 +29,16 @@ namespace ipsla {
 /// once it runs the service context, the main thread before that and after it has ended. Only that
 /// thread changes the task map, the test map, the netlink sockets and the interface table.
 ///
-/// Failures: a file that cannot be read is a status. A test or a VRF that cannot be set up throws,
-/// and nobody catches it, at start as at a reload: the process ends, because a task that looks
-/// right but cannot run is not to be lost silently.
+/// Failures: a file that cannot be read is a status. A test or a VRF that cannot be set up throws
+/// past every caller: kept-behaviours.md#a-task-that-cannot-be-set-up-ends-the-daemon
 ///
 /// The service context must outlive the object. A handler still queued there after Stop() does
 /// nothing.
 class ApiSender : private InterfaceObserver {
  public:
-  /// Opens the API socket, then the wall-clock watcher. A failure is logged ("Sender api creation
-  /// failed: ...") and the daemon measures all the same: with the port taken no request arrives,
-  /// and in either case the tests do not learn that the clock was set.
+  /// Opens the API socket and behind it the clock watch; the first failure is logged ("Sender api
+  /// creation failed: ...") and leaves the rest out. So a port that is taken costs both the API and
+  /// the watch, and a watch that fails only itself. The daemon measures all the same.
   ApiSender(boost::asio::io_context& service, std::string tasks_file, std::string keychain_file);
 
   /// Stop().
@@ -61,7 +60,8 @@ class ApiSender : private InterfaceObserver {
   void Stop();
 
  private:
-  // Begins to wait for the system clock to be set. Logs when that cannot be done.
+  // Begins to wait for the system clock to be set. Throws std::runtime_error or
+  // boost::system::system_error.
   void OpenClockWatch();
 
   // Reads the tasks file and takes over its CPU list. 0, or -1 after logging.

@@ -188,7 +188,7 @@ ApiServer::Answer ApiServer::Execute(std::uint16_t command, std::string_view tex
     case ApiCommand::kParseKeychainConfig:
       return {.failed = !subjects_.reload_keychain(), .document = nullptr};
   }
-  return {};  // an unknown command is answered as done, deliberately
+  return {};  // kept-behaviours.md#unknown-commands-succeed
 }
 
 ApiServer::Answer ApiServer::AnswerQuery(ApiCommand command, std::string_view text) {

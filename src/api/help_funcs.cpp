@@ -44,9 +44,7 @@ Descriptor CreateClockDescriptor() {
   itimerspec never{};
   static_assert(sizeof never.it_value.tv_sec == sizeof(std::int64_t));
   never.it_value.tv_sec = std::numeric_limits<std::int64_t>::max();
-  // Deliberately without TFD_TIMER_ABSTIME. The kernel documents cancel-on-set for absolute timers
-  // only, so it is up to the kernel whether a change of the clock is reported with these settings;
-  // they are the ones this system uses.
+  // Not absolute: kept-behaviours.md#whether-a-set-clock-is-noticed-is-up-to-the-kernel
   if (timerfd_settime(timer.Get(), TFD_TIMER_CANCEL_ON_SET, &never, nullptr) < 0) {
     throw std::runtime_error("Set time for timer fd failed");
   }

@@ -53,8 +53,9 @@ struct NetlinkMessage {
       addresses{};  ///< the local addresses, unspecified ones left out
 };
 
-/// Reads the first message of a datagram; deliberately, whatever follows it is not looked at.
-/// Nothing is read beyond `received`: an attribute that does not fit ends the walk.
+/// Reads the first message of a datagram
+/// (kept-behaviours.md#only-the-first-message-of-a-netlink-datagram-is-read). Nothing is read
+/// beyond `received`: an attribute that does not fit ends the walk.
 [[nodiscard]] NetlinkMessage ParseNetlinkMessage(std::span<const std::uint8_t> received);
 
 }  // namespace ipsla

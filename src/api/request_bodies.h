@@ -16,9 +16,8 @@ namespace ipsla {
 
 // Each gives nothing, after logging the reason, when the body is not what the command takes.
 
-/// {"tasks": [{"sla-id": number, "metrics": [...]}, ...]}. Deliberately lenient: whatever integer
-/// an "sla-id" holds is taken as it is, an element without one is skipped, and an id asked for
-/// twice keeps its first groups.
+/// {"tasks": [{"sla-id": number, "metrics": [...]}, ...]}. Lenient:
+/// kept-behaviours.md#requests-are-read-leniently
 [[nodiscard]] std::optional<StatisticsRequest> ReadTasksToReport(const cJSON* body);
 
 /// {"metrics": [...]}, for every scheduled task.

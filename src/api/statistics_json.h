@@ -10,10 +10,9 @@
 
 namespace ipsla {
 
-/// Adds "tasks" to the object `reply`: an array with one object for each requested task of which a
-/// result is known, by ascending id. An id beyond 16 bits shows the results of its low half,
-/// without the configuration. Holds the statistics lock throughout, so that each object is of one
-/// run. Always 0.
+/// Adds the array "tasks" to `reply`: what was asked for and has a result, ascending by id. Ids
+/// beyond 16 bits: kept-behaviours.md#requests-are-read-leniently. No run is stored meanwhile, so
+/// that no object mixes two. Always 0.
 [[nodiscard]] int SerializeTasksMetrics(cJSON* reply, const StatisticsRequest& request,
                                         const SlaTaskMap& tasks, StatisticsStore& statistics);
 

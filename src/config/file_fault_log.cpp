@@ -15,8 +15,7 @@ void LogFileFault(const ConfigFile& file, const char* what) {
       LOG_DEBUG(0, "unable to open configuration file");
       break;
     case ConfigFileFault::kNotJson: {
-      // Without a known position the log file gets no line and the system log one with an empty
-      // text; deliberate.
+      // kept-behaviours.md#unusable-files-may-leave-no-word
       const std::string text = file.json.error_text.value_or("");
       if (file.json.error_text) LOG_DEBUG_FILE(0, "JSON parse error at line: %s", text.c_str());
       LOG_DEBUG_SYSTEM("JSON parse error at line: %s", text.c_str());

@@ -15,8 +15,8 @@ namespace {
 // Logs what is wrong with the file as a whole.
 void LogKeychainFileFault(const ConfigFile& file) {
   LogFileFault(file, "keychain");
-  // Deliberately silent unless the JSON library still holds an error, which it forgets with every
-  // new document.
+  // The JSON library forgets its error with every new document, so this is hardly ever said:
+  // kept-behaviours.md#unusable-files-may-leave-no-word
   if (file.fault == ConfigFileFault::kNoArray && cJSON_GetErrorPtr() != nullptr) {
     LOG_DEBUG(0, "invalid configuration");
   }

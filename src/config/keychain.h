@@ -15,8 +15,8 @@
 namespace ipsla {
 
 /// Reads the keychain file into `storage`, which is emptied first. 0, or -1 after logging the
-/// reason (a document without "keychain-storage" fails without a line, deliberately). Faulty and
-/// duplicate entries are logged and skipped; the first definition of an id wins.
+/// reason (but see kept-behaviours.md#unusable-files-may-leave-no-word). Faulty and duplicate
+/// entries are logged and skipped; the first definition of an id wins.
 [[nodiscard]] int ParseKeychainConfig(const std::string& filename, KeychainStorage* storage);
 
 /// The one key store of the daemon, shared with every test: an immutable snapshot that a re-read

@@ -126,7 +126,7 @@ std::string CosToPriorityName(std::uint8_t cos) {
 }
 
 std::string DscpToPhbName(std::uint8_t dscp) {
-  // 1 to 4 have no name of their own and count as 0, deliberately.
+  // kept-behaviours.md#dscp-1-to-4-are-called-default-forwarding
   if (dscp <= 4) return "Default Forwarding";
   const auto* const found = std::find_if(kPhbNames.begin(), kPhbNames.end(),
                                          [dscp](const PhbName& phb) { return phb.dscp == dscp; });

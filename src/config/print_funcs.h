@@ -1,4 +1,5 @@
-// Dumps of the configuration to the log, in clear (keys included, deliberately).
+// Dumps of the configuration to the log, keys included
+// (kept-behaviours.md#keys-stand-in-the-log-in-clear).
 
 #ifndef IPSLA_CONFIG_PRINT_FUNCS_H_
 #define IPSLA_CONFIG_PRINT_FUNCS_H_
@@ -8,9 +9,8 @@
 
 namespace ipsla {
 
-/// Logs all tasks in ascending id. Entries are numbered 1, 3, 5, ... in the log file and 2, 4, 6,
-/// ... in the system log, and some lines reach the file only when they mean something for the task;
-/// both are deliberate.
+/// Logs all tasks in ascending id. Numbers and lines are not those of the system log:
+/// kept-behaviours.md#dumps-differ-between-the-two-logs
 void PrintTaskConfigs(const SlaTaskMap& tasks, const KeychainStorage& keychain);
 
 /// Logs all keys in ascending id, numbered likewise.

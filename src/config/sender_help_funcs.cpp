@@ -28,8 +28,8 @@ void AppendCpus(const cJSON* root, std::vector<std::uint8_t>* cpus) {
   if (cJSON_IsArray(list) == 0) return;
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, list) {
-    // What is no number counts as CPU 0, deliberately; the library keeps integers for other types
-    // too, true being 1.
+    // The library keeps integers for other types too, true being 1; here they are all
+    // kept-behaviours.md#a-cpu-that-is-no-number-is-cpu-0
     cpus->push_back(cJSON_IsNumber(element) != 0 ? static_cast<std::uint8_t>(element->valueint)
                                                  : std::uint8_t{0});
   }

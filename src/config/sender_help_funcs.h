@@ -1,7 +1,5 @@
-// The tasks file.
-//
-// The parser is strict per task and lenient per file: a task with any fault is skipped with one log
-// line that names the first fault, and the other tasks are kept.
+// The tasks file. A faulty task costs itself and one line in the log, which has its first fault;
+// the rest of the file is used.
 
 #ifndef IPSLA_CONFIG_SENDER_HELP_FUNCS_H_
 #define IPSLA_CONFIG_SENDER_HELP_FUNCS_H_

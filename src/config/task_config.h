@@ -31,7 +31,7 @@ struct SlaEndpointConfig {
   std::string if_name;         ///< its name, else empty
   sockaddr_in src{};           ///< local source; port and address in network byte order
   sockaddr_in dst{};           ///< remote responder, same form
-  bool src_port_any = false;   ///< source port was configured as "any"; the port in src is then 0
+  bool src_port_any = false;   ///< the system chooses src's port, which is 0 here
   std::string vrf;  ///< network namespace of this phase's sockets; empty: the daemon's own
 
   /// Compares every configured field (addresses by family, port and address).
@@ -88,8 +88,8 @@ using SlaTaskMap = std::map<std::int32_t, SlaTaskConfig>;
 /// Smallest accepted "packet-size", headers included.
 [[nodiscard]] std::int32_t MinPacketSize(SlaTestType type);
 
-/// Bytes of "packet-size" that are not payload: 42 for types 1 to 4, 34 for every other.
-/// icmp-jitter is deliberately counted differently from icmp-echo.
+/// Bytes of "packet-size" that are not payload: 42 for types 1 to 4, 34 for every other
+/// (kept-behaviours.md#icmp-header-sizes-differ).
 [[nodiscard]] std::int32_t PacketHeaderSize(SlaTestType type);
 
 /// Time from the first probe of a run to its end when no probe of it is answered, in milliseconds

@@ -41,9 +41,7 @@ struct Object {
   }
 };
 
-// Both phases are read alike, but the reasons do not always name the phase they are about: some say
-// "control" of the measurement phase, and the control phase's destination port is reported with
-// words of its own. Deliberately kept.
+// kept-behaviours.md#reasons-may-name-the-other-phase
 constexpr const char* kNoSource = "no control phase source address/interface configuration";
 constexpr const char* kNoSourcePort = "no control phase source port configuration";
 constexpr const char* kInvalidSourcePort = "invalid control phase source port configuration";
@@ -80,8 +78,8 @@ in_port_t NetworkPort(std::int32_t port) {
   return htons(static_cast<std::uint16_t>(port));
 }
 
-// Converts dotted text. Text that is no IPv4 address deliberately counts as 0.0.0.0; false is only
-// the failure of the conversion itself, which inet_pton(3) has for an unknown address family alone.
+// Converts dotted text (kept-behaviours.md#text-that-is-no-address-is-0000). False is only the
+// failure of the conversion itself, which inet_pton(3) has for an unknown address family alone.
 bool ReadAddress(const char* text, in_addr* address, std::optional<std::string>* failure) {
   in_addr converted{};
   const int status = inet_pton(AF_INET, text, &converted);
@@ -177,8 +175,7 @@ void TaskReader::ReadMain() {
   const bool has_id = Require(id.IsNumber(), id, kInvalidMain);
   const bool has_history = Require(history.IsNumber(), history, kInvalidMain);
   Require(cJSON_IsBool(schedule.item) != 0, schedule, kInvalidMain);
-  // The id is compared before it is cut to 16 bits, so 65541 is no duplicate of 5 (but replaces
-  // it); deliberate.
+  // Before it is cut: kept-behaviours.md#numbers-are-checked-whole-and-kept-cut
   if (has_id) Require(!accepted_.contains(id.Int()), id, kDuplicateTask);
   if (has_history) Require(history.Int() >= 1, history, "invalid history count value");
   if (Finished()) return;  // faults up to here are reported with id 0
@@ -205,8 +202,8 @@ void TaskReader::ReadScheduler() {
   Require(life.HasText() || (life.IsNumber() && life.Int() >= 0), life,
           "invalid scheduler time configuration");
 
-  config.time =
-      time.IsNumber() ? time.Int() : 0;  // a period given as text is deliberately no period
+  // kept-behaviours.md#a-period-given-as-text-is-no-period
+  config.time = time.IsNumber() ? time.Int() : 0;
   if (start.HasText()) config.start_time = start.Text();
   if (life.HasText()) config.life_time = life.Text();
   if (life.IsNumber()) config.life_time = std::to_string(life.Int());
@@ -278,7 +275,7 @@ void TaskReader::ReadSourcePort(const Object& phase, SlaEndpointConfig* endpoint
     endpoint->src.sin_port = NetworkPort(port.Int());
     return;
   }
-  // Only the beginning of the text counts, so "anything" is "any"; deliberate.
+  // kept-behaviours.md#text-that-begins-with-any-is-any
   endpoint->src_port_any =
       Require(std::string_view(port.Text()).starts_with(kAny), port, kInvalidSourcePort);
   endpoint->src.sin_port = 0;
@@ -335,7 +332,7 @@ void TaskReader::ReadKey(const Object& authentication, SlaAuthConfig* auth) {
   if (!Require(id.IsNumber(), id, "no control phase authentication key id configuration")) return;
   const bool known = keychain_ == nullptr || keychain_->contains(id.Int());
   Require(known, id, kUnknownKeyId);
-  // Checked whole but kept in 8 bits: 257 is checked as 257 and used as 1; deliberate.
+  // kept-behaviours.md#numbers-are-checked-whole-and-kept-cut
   auth->key_id = static_cast<std::uint8_t>(id.Int());
 }
 
@@ -387,7 +384,7 @@ void TaskReader::ReadParameters() {
       dscp, [](auto n) { return IsWithin(n, kMaxDscp); }, "invalid dscp value");
   has_duration_ = has_packets && has_interval && timeout.IsNumber();
 
-  // The ranges were checked on the whole integers; what does not fit its field is deliberately cut.
+  // kept-behaviours.md#numbers-are-checked-whole-and-kept-cut
   const auto number = [](const Member& member) { return member.IsNumber() ? member.Int() : 0; };
   const auto payload = static_cast<std::uint32_t>(number(size)) -
                        static_cast<std::uint32_t>(PacketHeaderSize(config.sla_type));
@@ -400,9 +397,8 @@ void TaskReader::ReadParameters() {
   config.cos = static_cast<std::uint8_t>(number(cos));
 }
 
-// One run must be shorter than the period. Deliberately checked for every task: one without a
-// schedule, or with a period given as text, has period 0 and never passes. The arithmetic wraps at
-// 32 bits, deliberately too.
+// One run must be shorter than the period:
+// kept-behaviours.md#the-budget-holds-for-every-task-and-wraps
 void TaskReader::CheckBudget() {
   if (!has_period_ || !has_duration_) return;
   const SlaTaskConfig& config = result_.config;

@@ -67,7 +67,8 @@ struct TaskParse {
 
 /// Checks one element of "IP-SLA-tasks" against the rules, in their order. `accepted` holds the
 /// tasks accepted so far (for duplicates), `keychain` the keys. The fault's id is config.sla_id: 0
-/// until the third check has passed, deliberately. Logs nothing.
+/// until the third check has passed (kept-behaviours.md#early-faults-are-reported-with-id-0). Logs
+/// nothing.
 [[nodiscard]] TaskParse ParseTask(const cJSON* element, const SlaTaskMap& accepted,
                                   const KeychainStorage& keychain, const InterfaceLookup& lookup);
 

@@ -27,7 +27,7 @@ bool LookUp(InterfaceAddress* interface) {
   interface->index = if_nametoindex(interface->name.c_str());
   ifreq request{};
   interface->name.copy(request.ifr_name, IFNAMSIZ - 1);
-  // Not checked, deliberately: the address of an interface without one stays all zero.
+  // kept-behaviours.md#text-that-is-no-address-is-0000
   ioctl(fd.Get(), SIOCGIFADDR, &request);
   static_assert(sizeof interface->address == sizeof request.ifr_addr);
   std::memcpy(&interface->address, &request.ifr_addr, sizeof request.ifr_addr);
@@ -38,8 +38,8 @@ void LogException(const std::exception& error) {
   LOG_DEBUG(0, "Catch exception %s", error.what());
 }
 
-// Enters `vrf`. When that fails the lookup goes on outside, deliberately: the status tells the
-// caller that its result is worth nothing.
+// Enters `vrf`. When that fails the lookup goes on outside, and the status tells the caller that
+// its result is worth nothing.
 void Enter(const std::string& vrf, std::optional<NetworkNamespaceScope>* scope,
            std::int32_t* status) {
   try {

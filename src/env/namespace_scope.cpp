@@ -31,7 +31,7 @@ void ReturnThrough(const Descriptor& origin) {
 NetworkNamespaceScope::NetworkNamespaceScope(const std::string& name) {
   if (name.empty()) return;
   Descriptor origin(open(kOwnNamespace, O_RDONLY | O_CLOEXEC));
-  // "%m" stays as it is, deliberately: see SetNetworkNamespace.
+  // kept-behaviours.md#some-reasons-end-in-m
   if (!origin) throw std::runtime_error("SetNetworkNamespace" + name + "failed: open() failed: %m");
   SetNetworkNamespace(name);
   origin_ = std::move(origin);

@@ -10,8 +10,7 @@
 namespace ipsla {
 namespace {
 
-// The pieces are joined without separators and "%m" stays as it is, deliberately: the text is part
-// of the interface.
+// kept-behaviours.md#some-reasons-end-in-m
 [[noreturn]] void Fail(const std::string& name, const char* what) {
   throw std::runtime_error("SetNetworkNamespace" + name + "failed: " + what);
 }

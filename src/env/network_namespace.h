@@ -14,7 +14,7 @@ inline constexpr const char* kDefaultVrf = "1";
 /// `vrf`, or "1" when it is empty: the key of that VRF in every table.
 [[nodiscard]] std::string VrfKey(const std::string& vrf);
 
-/// Moves the calling thread into the network namespace registered as `name` below "/var/run/netns/"
+/// Enters, on the calling thread alone, the namespace registered as `name` below "/var/run/netns/"
 /// (setns(2)). Throws std::runtime_error. Prefer NetworkNamespaceScope: a thread must never be left
 /// in a VRF.
 void SetNetworkNamespace(const std::string& name);

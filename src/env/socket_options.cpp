@@ -19,7 +19,7 @@ constexpr std::size_t ChargedBytes(std::size_t bytes) {
 int SetSockOpt(int fd, int level, int option, const void* value, socklen_t length,
                const std::string& name) {
   const int result = setsockopt(fd, level, option, value, length);
-  // "%m" stays as it is, deliberately: the text is part of the interface.
+  // kept-behaviours.md#some-reasons-end-in-m
   if (result == -1) throw std::runtime_error("Failed to set sockoption " + name + ": %m");
   return result;
 }

@@ -21,8 +21,7 @@ std::uint64_t Fraction(NtpStamp stamp) {
   return stamp & 0xFFFFFFFFU;
 }
 
-// Wraps for seconds before 1970, deliberately: the difference of two such values is right all the
-// same.
+// Wraps for seconds before 1970; the difference of two such values is right all the same.
 std::uint64_t UnixSeconds(NtpStamp stamp) {
   return (stamp >> 32U) - kNtpUnixOffset;
 }

@@ -1,16 +1,17 @@
-// The daemon's log: every message goes to the device's system-log service and to a text file.
+// The daemon's log, in two copies: a text file (of the test `id`, or with 0 "sender.log") and the
+// device's system log.
 //
-// Message sites use the macros. LOG_DEBUG and LOG_ERROR write both copies of one message; the few
-// messages whose two copies differ use the halves LOG_DEBUG_FILE and LOG_DEBUG_SYSTEM. Formats are
-// literals, checked by the compiler. `id` selects the file: 0 is the daemon's own "sender.log", any
-// other id the file of that test.
+// To be used through the macros, with literal formats, which the compiler checks. LOG_DEBUG and
+// LOG_ERROR write both copies; LOG_DEBUG_FILE and LOG_DEBUG_SYSTEM are for the few messages that do
+// not read the same in both.
 //
 //   LOG_DEBUG(0, "Recive commad %s", name);
 //   LOG_ERROR(id, "(test %d) %s", id, what);     // an ERROR text begins with "(test %d) "
 //
-// Threads: a message may be logged from any thread at any time, also while the process exits. That
-// never throws, never waits for the disk and leaves errno as it was. The other calls do as they
-// say.
+// Threads: any may log a message at any time, also while the process exits. That throws nothing,
+// leaves errno as it was and does not wait for the log files' disk; for how long it waits for the
+// system log is up to the device's library. Opening, closing, flushing and shutting down do wait
+// for the disk, as long as each says.
 
 #ifndef IPSLA_LOG_LOG_H_
 #define IPSLA_LOG_LOG_H_
@@ -24,10 +25,11 @@ namespace ipsla {
 
 /// Starts the process's log files below "/var/log/ip-sla/" and their writer thread, which takes
 /// neither the priority nor the stack size of the caller. Without it, and after ShutdownLog, every
-/// message reaches only the system log and the calls below do nothing. Main thread.
+/// message reaches only the system log and the calls below do nothing. Throws
+/// boost::thread_resource_error when there is no thread to be had. Main thread.
 void StartLog();
 
-/// The file half of one message (Logger::Write). Nothing depends on `flag`; callers give 1.
+/// The file half of one message (Logger::Write). `flag` is not read.
 void Log(std::uint16_t id, int flag, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
 /// Opens the file of `id` unless it is open (Logger::OpenLogFile). Waits for the disk. Throws
@@ -42,8 +44,8 @@ void CloseLogFile(std::uint16_t id);
 bool FlushLog(std::chrono::milliseconds patience);
 
 /// Writes out what is queued, ends the writer thread and closes every file (Logger::Shutdown): at
-/// most five seconds. Later messages reach only the system log. Runs by itself at exit; calling it
-/// earlier, or twice, is harmless.
+/// most five seconds. Later messages reach only the system log. Runs by itself at exit and may run
+/// before, or twice; on the writer thread it throws as Logger::Shutdown does.
 void ShutdownLog();
 
 namespace log_internal {

@@ -147,8 +147,8 @@ Logger::Logger(std::string directory, const LogFileCalls& calls,
   impl_->writer = boost::thread(WriterAttributes(), [impl = impl_] { impl->Run(); });
 }
 
-// On its own writer thread, which would go on with the freed logger, the exception deliberately
-// ends the process. NOLINTNEXTLINE(bugprone-exception-escape)
+// On its own writer thread, which would go on with the freed logger, the exception ends the
+// process. NOLINTNEXTLINE(bugprone-exception-escape)
 Logger::~Logger() {
   Shutdown();
 }

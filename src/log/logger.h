@@ -19,8 +19,8 @@ struct LogFileCalls;
 /// line is appended.
 ///
 /// Threads: any. Whoever logs queues a line; the disk is the writer thread's business, so that
-/// a slow one stops nobody. A file has its lines in the order in which they were logged. When the
-/// disk falls 16 MiB behind, lines are dropped, and "N lines dropped" stands in their place.
+/// a slow one stops nobody. Within a file, first logged is first written. When the disk falls 16
+/// MiB behind, lines are dropped, and "N lines dropped" stands in their place.
 class Logger {
  public:
   /// For so long CloseLogFile waits for the disk, and no longer until the disk goes on again.

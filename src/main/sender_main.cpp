@@ -96,9 +96,9 @@ void RunMainLoop(boost::asio::io_context& service, ipsla::ApiSender& sender) {
 
 }  // namespace
 
-// What throws from here on (a test that cannot be created, for example) is deliberately not caught:
-// it ends the process abnormally, with its log written, and the crash-trace handlers report it.
-int main(int argc, char* argv[]) {  // NOLINT(bugprone-exception-escape): deliberate, see above
+// What throws from here on ends the process abnormally, with its log written and a crash trace:
+// kept-behaviours.md#a-task-that-cannot-be-set-up-ends-the-daemon
+int main(int argc, char* argv[]) {  // NOLINT(bugprone-exception-escape): see above
   // The library would otherwise take itself apart at exit, under threads that still use it.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 

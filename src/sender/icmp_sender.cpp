@@ -83,8 +83,7 @@ void IcmpSender::OpenSocket() {
 
   SetProbeOptions();
   if (!measurement.if_name.empty() && !measurement.if_name.starts_with("lo")) {
-    // Deliberate: the measurement phase's interface decides whether to bind, the control phase's is
-    // bound to.
+    // kept-behaviours.md#icmp-binds-to-the-interface-of-the-control-phase
     socket_.BindToDevice(config_.control_phase.if_name);
   }
   AttachReplyFilter(socket_.Fd(), jitter_ ? kIcmpTimestampReply : kIcmpEchoReply,
@@ -129,8 +128,7 @@ Sender::SendOutcome IcmpSender::SendNextProbe() {
   if (jitter_) record.send_stamp = originate;
   const int error = SendProbe(sent_bytes_, nullptr);
   if (error == EAGAIN) return SendOutcome::kFull;
-  // A probe that could not be sent deliberately stays in state "sent": it counts as one that was
-  // lost.
+  // kept-behaviours.md#a-probe-that-could-not-be-sent-counts-as-lost
   ++metrics_.sd_pkt_count;
   if (error != 0) LOG_DEBUG(id_, "sendto() failed: %s", std::strerror(error));
   return SendOutcome::kSent;
@@ -149,7 +147,8 @@ bool IcmpSender::TakeReply(const StampedDatagram& datagram) {
       reply.originate_timestamp != 0 && reply.originate_timestamp != record->send_stamp;
   if (jitter_ && foreign) return true;
   if (record->state == SlaPacketState::kReceived) {
-    if (jitter_) ++metrics_.duplicate;  // echo tests deliberately do not count duplicates
+    // kept-behaviours.md#echo-requests-have-no-duplicates
+    if (jitter_) ++metrics_.duplicate;
     return true;
   }
   record->receive_ms = MillisecondsOfDay(datagram.arrival);

@@ -10,8 +10,8 @@ namespace ipsla {
 namespace {
 
 // Adds the squared distances of the first `count` samples from `average` to `start` and returns the
-// root of their mean. Only the first `count` positions are visited, wherever the usable samples
-// stand, and entries of exactly 0 are left out; both are deliberate.
+// root of their mean. Not all samples are among these:
+// kept-behaviours.md#the-deviation-leaves-samples-out
 double Deviation(double start, const std::vector<double>& values, std::int32_t count,
                  double average) {
   double sum = start;

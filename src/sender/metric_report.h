@@ -12,7 +12,7 @@ namespace ipsla {
 
 /// Logs the report of one run: a header, and for a successful run its packet counts, RTT, one-way
 /// latency, jitter, loss and order. The last three sections reach the test's file only for jitter
-/// types but the system log always; that asymmetry is deliberate. Any thread.
+/// types: kept-behaviours.md#reports-of-echo-tests-are-longer-in-the-system-log. Any thread.
 void PrintMetric(const SlaTaskConfig& config, const SlaTaskMetrics& metrics);
 
 /// The duration in the report's header: "~3 seconds" for 2.6.

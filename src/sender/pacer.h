@@ -16,8 +16,8 @@
 
 namespace ipsla {
 
-/// The queue of due probes. No test holds a thread while it waits for its next one: it stands here,
-/// and one thread of the worker context at a time is on duty. That thread waits for the earliest
+/// The queue of due probes, so that waiting tests need no threads. One thread of the worker context
+/// at a time is on duty: it waits for the earliest
 /// probe, sends what is due, and leaves when the queue is empty.
 ///
 /// All threads have one real-time priority, so the thread on duty does not interrupt the others:

@@ -43,7 +43,7 @@ class ProbeRing {
   /// Marks a record as answered and gives it its place in the order of arrival.
   void Accept(SlaPacketRecord* record);
 
-  /// Probes sent: the sequence number of the last one.
+  /// Probes opened so far, which is the last one's sequence number.
   [[nodiscard]] std::uint32_t Sent() const { return sent_; }
   /// Distinct probes answered.
   [[nodiscard]] std::uint32_t Received() const { return received_; }

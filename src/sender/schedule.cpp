@@ -67,8 +67,8 @@ std::optional<FirstStart> ComputeFirstStart(const SlaSchedulerConfig& scheduler,
     first.end_of_life = EndOfLife(start, life);
   }
 
-  // Whole seconds, cut toward zero. A start already past gives a negative number, which wraps to a
-  // wait of up to 2^32 milliseconds instead of an immediate start; that is deliberate.
+  // Whole seconds, cut toward zero, negative for
+  // kept-behaviours.md#a-start-in-the-past-waits-for-weeks
   const auto seconds = static_cast<std::int32_t>((start - now_nanoseconds) / kNanosecondsPerSecond);
   first.delay_ms = static_cast<std::uint32_t>(seconds) * 1000U;
   return first;

@@ -18,8 +18,7 @@ inline constexpr std::int64_t kForever = std::numeric_limits<std::int64_t>::max(
 /// When a task begins for the first time.
 struct FirstStart {
   std::int64_t end_of_life = 0;  ///< nanoseconds since the epoch
-  std::uint32_t delay_ms =
-      0;  ///< a start already past wraps to a wait of up to 2^32 ms; deliberate
+  std::uint32_t delay_ms = 0;    ///< kept-behaviours.md#a-start-in-the-past-waits-for-weeks
 };
 
 /// Interprets "Start-time" and "life-time" at the moment `now`, in local time. Nothing when the

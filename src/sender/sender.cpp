@@ -32,8 +32,7 @@ in_addr GivenAddress(const SlaEndpointConfig& endpoint) {
   return endpoint.if_index == 0 && endpoint.if_name.empty() ? endpoint.src.sin_addr : in_addr{};
 }
 
-// Seconds as the timer takes them; a value too large for 32 bits of milliseconds wraps,
-// deliberately.
+// As the timer takes them: kept-behaviours.md#long-waits-wrap
 std::uint32_t ToMilliseconds(std::uint32_t seconds) {
   return seconds * 1000U;
 }
@@ -174,8 +173,7 @@ void Sender::EndByTimeout() {
   // A reply that has arrived in time counts even if no thread was free to take it.
   const RunNumber run = run_;
   static_cast<void>(TakeReplies(2 * ring_.Slots() + 1));
-  // After the end of life the run is not stored, and its sockets stay open until the test is
-  // stopped or destroyed; deliberate.
+  // kept-behaviours.md#the-run-that-outlives-its-task-is-not-stored
   if (run != run_ || IsStoppedLocked()) return;
   const auto wanted = static_cast<std::uint32_t>(num_packets_);
   if (ring_.Sent() < wanted) {
@@ -190,7 +188,7 @@ std::uint32_t Sender::SecondsToNextRun() const {
   const std::chrono::nanoseconds elapsed = std::min(SteadyNow(), deadline_) - run_start_;
   const std::int64_t finish =
       (ToNanoseconds(run_start_real_) + elapsed.count()) / kNanosecondsPerSecond;
-  // Unsigned 32 bits: a run that lasted longer than "time" wraps to a very long wait, deliberately.
+  // Unsigned 32 bits: kept-behaviours.md#a-run-longer-than-its-period-stops-the-task-for-weeks
   return static_cast<std::uint32_t>(config_.scheduler.time) +
          static_cast<std::uint32_t>(metrics_.start_time) - static_cast<std::uint32_t>(finish);
 }

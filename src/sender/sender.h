@@ -39,7 +39,7 @@ struct SenderContext {
   std::shared_ptr<Pacer> pacer;
 };
 
-/// One test: what ICMP and UDP tests have in common. Created by CreateSender, held by shared
+/// One test, whatever its probes. Created by CreateSender, held by shared
 /// pointer.
 ///
 /// Life: Schedule() arms the first start; NewStart begins a run (StartTest of the concrete test);
@@ -55,8 +55,8 @@ struct SenderContext {
 /// is still that of the run. Stop, Restart and the end of a run count on, so a run ends once. After
 /// Stop() nothing is stored any more once the statistics' mutex has been taken.
 ///
-/// Lifetime: each pending operation holds a shared pointer. The destructor is deliberately not
-/// virtual: boost::make_shared makes the concrete class, and its pointer alone destroys it.
+/// Lifetime: each pending operation holds a shared pointer. The destructor need not be virtual:
+/// boost::make_shared makes the concrete class, and its pointer alone destroys it.
 ///
 /// Lock order: test, then pacer, statistics or interface table, then logger.
 class Sender : public boost::enable_shared_from_this<Sender> {
@@ -169,7 +169,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   /// failed".
   void FailStart(const std::string& reason) IPSLA_REQUIRES(mutex_);
 
-  /// Ends the run: stores its result, reports it and arms the timer for the next one. Gives mutex_
+  /// Ends the run: stores and reports its result, then waits for the next one. Gives mutex_
   /// back while it computes and reports: afterwards the test may have moved on.
   void CalcMetric(NextRun next = NextRun::kByOutcome) IPSLA_REQUIRES(mutex_);
 
@@ -187,8 +187,8 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   /// Sets the measurement socket's options as the task has them.
   void SetProbeOptions() IPSLA_REQUIRES(mutex_);
 
-  /// Fills the probe behind its header, up to `end`, with random bytes: the same ones in every
-  /// probe of the test's life.
+  /// Fills the probe behind its header, up to `end`, with random bytes, which
+  /// do not change as long as the test lives.
   void FillPadding(std::size_t header, std::size_t end) IPSLA_REQUIRES(mutex_);
 
   /// Begins to receive and to send, and arms TestStop: the run ends after so many milliseconds, and

@@ -53,8 +53,7 @@ SlaTaskMetrics AggregateHistory(const std::list<SlaTaskMetrics>& history) {
   result.jitter_ds_min = kLargest;
   result.jitter_sd_max = -kLargest;
   result.jitter_ds_max = -kLargest;
-  // The averages are not cleared: they start from the newest run's own, which the loop adds once
-  // more. Deliberate.
+  // The averages keep the newest run's own: kept-behaviours.md#the-newest-run-counts-twice
   int count = 0;
   for (const SlaTaskMetrics& run : history) {
     if (run.status == RunResult::kFail) continue;

@@ -13,8 +13,7 @@
 
 namespace ipsla {
 
-/// One probe. A test keeps "num-packets" of them as a ring indexed by sequence number modulo
-/// "num-packets".
+/// One probe. Where a test keeps it: ProbeRing.
 struct SlaPacketRecord {
   std::uint32_t id = 0;  ///< arrival order of the accepted reply, from 0
   SlaPacketState state = SlaPacketState::kSent;
@@ -27,7 +26,8 @@ struct SlaPacketRecord {
   std::uint64_t receive_stamp = 0;          ///< as send_stamp; stays 0 for udp-jitter-ntp
   double send_ms = 0;                       ///< ms of the day
   double receive_ms = 0;                    ///< ms of the day
-  std::uint64_t ntp_t1 = 0;  ///< network order, as all four; no path fills it, deliberately
+  // In network order. Nothing fills them all: kept-behaviours.md#ntp-tests-have-no-usable-values
+  std::uint64_t ntp_t1 = 0;
   std::uint64_t ntp_t2 = 0;
   std::uint64_t ntp_t3 = 0;
   std::uint64_t ntp_t4 = 0;

@@ -19,9 +19,8 @@ namespace {
 struct ContextDeleter {
   void operator()(EVP_MD_CTX* context) const {
     EVP_MD_CTX_destroy(context);
-    // After every digest, deliberately: it drops the tables of a library that is set up anew by its
-    // next user. With OpenSSL 1.1 and later it is an empty macro, because the library cleans up by
-    // itself.
+    // For libraries that clean up only when they are told to; with OpenSSL 1.1 and later it is an
+    // empty macro.
     EVP_cleanup();
   }
 };
@@ -58,8 +57,8 @@ MacKey MakeMacKey(std::string_view key) {
 
 }  // namespace
 
-// In both digest functions the two copies of a failure take the library's error code separately,
-// deliberately: the system-log copy shows the next queued error, usually 0.
+// In both digest functions each copy of a failure takes an error code of its own from the library's
+// queue: kept-behaviours.md#dumps-differ-between-the-two-logs
 
 int GetHash(std::uint16_t id, const EVP_MD* method, const std::uint8_t* data, std::size_t length,
             std::uint8_t* out, unsigned int* out_length) {

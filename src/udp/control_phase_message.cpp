@@ -148,8 +148,7 @@ ControlPhaseMessage BuildControlRequest(const SlaTaskConfig& task) {
   request.measurement_sender_address = task.measurement.src.sin_addr;
   request.measurement_responder_address = task.measurement.dst.sin_addr;
   request.control_sender_port = ntohs(task.control_phase.src.sin_port);
-  // The control responder port stays zero, deliberately: the request does not repeat its own
-  // destination port.
+  // kept-behaviours.md#requests-leave-the-control-port-at-0
   request.measurement_sender_port = ntohs(task.measurement.src.sin_port);
   request.measurement_responder_port = ntohs(task.measurement.dst.sin_port);
   request.duration_ms = SessionDuration(task);

@@ -1,6 +1,5 @@
-// The control-phase message: the one datagram with which a sender asks a responder to open a
-// measurement session, and the responder's answer of the same layout. Pure encoding and decoding,
-// shared by both ends.
+// The control-phase message: a sender's request for a measurement session and the answer to it, one
+// datagram each and of one layout. Pure encoding and decoding, shared by both ends.
 //
 // Offset  Size  Field                          (multi-byte integers big-endian; bytes without a
 // field are zero)
@@ -29,7 +28,7 @@
 //    128    16    measurement sender address
 //    144    16    measurement responder address
 //    160     2    control sender port
-//    162     2    control responder port         (the sender deliberately leaves it zero)
+//    162     2    control responder port         (a sender leaves it zero)
 //    164     2    measurement sender port
 //    166     2    measurement responder port     (in the response: where the probes go)
 //    168     4    duration, milliseconds

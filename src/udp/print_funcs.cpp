@@ -96,7 +96,7 @@ void PrintCtlPhPkt(std::uint16_t id, const std::uint8_t* buffer, std::uint16_t s
     LOG_DEBUG(id, "   .  |- Algorithm                 : %s (#%u)\n   .  |- Key",
               AuthAlgorithmToString(message.auth_algorithm).c_str(),
               NumberOf(message.auth_algorithm));
-    // In password mode only the system log names a key id, deliberately.
+    // kept-behaviours.md#dumps-differ-between-the-two-logs
     const unsigned key_id = message.key_id;
     if (auth.mode == SlaAuthMode::kKeychain) {
       LOG_DEBUG_FILE(id, "   .  .  |- ID                     : #%u", key_id);

@@ -10,9 +10,9 @@
 
 namespace ipsla {
 
-/// Logs one control-phase message field by field to the log of test `id`, the key in clear
-/// (deliberately). A size of 23 or less logs only "invalid buffer size", a null buffer "no args";
-/// with 24 to 171 bytes the rest reads as zeros.
+/// Logs one control-phase message field by field to the log of test `id`
+/// (kept-behaviours.md#keys-stand-in-the-log-in-clear). Below 24 bytes there is only "invalid
+/// buffer size", for a null buffer "no args"; bytes missing from there on read as zeros.
 void PrintCtlPhPkt(std::uint16_t id, const std::uint8_t* buffer, std::uint16_t size,
                    bool is_response, const SlaAuthConfig& auth, const KeychainStorage& keychain);
 

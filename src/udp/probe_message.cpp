@@ -12,7 +12,7 @@ constexpr std::size_t kTypeOffset = 0;
 constexpr std::size_t kEchoSequenceOffset = 2;
 constexpr std::size_t kStampOffset = 12;
 constexpr std::size_t kSequenceOffset = kReplySequenceEnd - sizeof(std::uint32_t);
-constexpr std::size_t kSecondNtpOffset = 20;  // over sequence number and counter, deliberately
+constexpr std::size_t kSecondNtpOffset = 20;  // kept-behaviours.md#ntp-replies-overlap
 constexpr std::size_t kCounterOffset = 24;
 constexpr std::size_t kNtpValueOffset = 54;
 

@@ -8,7 +8,7 @@
 // header end .. payload end: padding             20  4  sequence number of the probe answered,
 // every type
 //                                                20  8  udp-jitter-ntp: second NTP field
-//                                                (deliberately overlapping)
+//                                                (over the two counters)
 // Header: udp-echo 4, udp-jitter 28,             24  4  responder's counter, every type
 // udp-jitter-ntp 56 bytes.                       54  2  udp-jitter-ntp: responder's value
 
@@ -51,9 +51,8 @@ struct ProbeReply {
   std::uint16_t ntp_value = 0;   ///< offset 54
 };
 
-/// Reads a reply from a buffer; bytes beyond it read as zero. The sender passes its whole buffer,
-/// not only the bytes received: a field beyond those reads what the buffer holds there,
-/// deliberately.
+/// Reads a reply from a buffer; bytes beyond it read as zero. The sender passes its whole buffer:
+/// kept-behaviours.md#short-replies-are-completed-from-the-buffer
 [[nodiscard]] ProbeReply DecodeReply(std::span<const std::uint8_t> buffer);
 
 /// What a responder writes into the copy of a probe that it sends back.

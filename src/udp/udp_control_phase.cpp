@@ -69,8 +69,7 @@ std::string UdpSender::CurrentKey() const {
 }
 
 void UdpSender::ControlPhase() {
-  // Dumped before this phase's nonce and digest are written: it shows those of the previous one,
-  // deliberately.
+  // kept-behaviours.md#the-dump-of-a-request-shows-the-digest-before
   PrintCtlPhPkt(id_, EncodeControlMessage(request_).data(), kControlMessageSize, false,
                 config_.auth, *context_.keys->Snapshot());
   if (config_.auth.mode != SlaAuthMode::kNone) {
@@ -220,8 +219,8 @@ void UdpSender::ControlReceiveFailed(const boost::system::error_code& error) {
                 "different port",
                 id_);
     }
-    description =
-        "control phase failed: connection refused";  // deliberately shorter than the log line
+    // kept-behaviours.md#a-refused-connection-has-two-texts
+    description = "control phase failed: connection refused";
   }
   FailRun(description);
 }

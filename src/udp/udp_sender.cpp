@@ -148,10 +148,9 @@ Sender::SendOutcome UdpSender::SendNextProbe() {
 }
 
 bool UdpSender::TakeReply(const StampedDatagram& datagram) {
-  // An empty datagram ends the receiving of this run, deliberately.
+  // kept-behaviours.md#an-empty-datagram-ends-the-receiving
   if (datagram.bytes == 0) return false;
-  // The whole buffer, not only the bytes received: a field beyond them reads what the buffer holds,
-  // deliberately.
+  // kept-behaviours.md#short-replies-are-completed-from-the-buffer
   const ProbeReply reply = DecodeReply(datagram.buffer);
   if (reply.type != static_cast<std::uint16_t>(type_)) return true;
   SlaPacketRecord* record = ring_.FindSent(reply.sequence);

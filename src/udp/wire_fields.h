@@ -1,5 +1,5 @@
-// Big-endian fields of UDP payloads at fixed offsets. A field that does not lie wholly inside the
-// bytes at hand reads as zero bytes where they are missing, and is not written at all.
+// Big-endian fields of UDP payloads at fixed offsets. Of a field that lies partly or wholly
+// outside, the missing bytes read as zero; written it is not.
 
 #ifndef IPSLA_UDP_WIRE_FIELDS_H_
 #define IPSLA_UDP_WIRE_FIELDS_H_

@@ -26,8 +26,8 @@ struct ReloadChanges {
   std::vector<SkippedElement> skipped{};                         ///< of the file
 };
 
-/// Compares. A changed task starts afresh with empty statistics, which is how it is seen; one that
-/// had no result before counts as unchanged unless its configuration shows.
+/// Compares. The daemon drops the statistics of a task that it changes: that is what shows here, of
+/// tasks that had a result; of others only the configuration can.
 [[nodiscard]] ReloadChanges CompareSnapshots(const TaskSnapshot& before, const TaskSnapshot& after);
 
 /// For people, as lines.
