@@ -13,6 +13,7 @@ from support.run_events import (
     OUTCOMES,
     Pattern,
     Reply,
+    Run,
     Timing,
     all_patterns,
     metrics_of,
@@ -215,6 +216,55 @@ def test_ntp_stamps_are_compared_in_whole_milliseconds(comparison):
             )
             record.receive_stamp, record.rs = 2000, record.id + 1
         _add(comparison, run, 1000)
+    comparison.run()
+
+
+# Counters of the largest possible value are outside the model's domain: the next one is 0.
+_EDGES_32 = (*range(6), *range(2**31 - 2, 2**31 + 2), *range(2**32 - 8, 2**32 - 1))
+
+
+def _hostile_record(random_numbers):
+    """Values around the limits of their types, of each other, and anything in between."""
+
+    def u32():
+        return random_numbers.choice((*_EDGES_32, random_numbers.randrange(2**32 - 1)))
+
+    def stamp():
+        return random_numbers.choice(
+            (
+                random_numbers.randrange(4),
+                2**64 - 1 - random_numbers.randrange(4),
+                (4000 + random_numbers.randrange(700)) * model.UNITS_PER_MS,
+                random_numbers.randrange(2**64),
+            )
+        )
+
+    state = random_numbers.choice((model.SENT, model.RECEIVED, random_numbers.randrange(256)))
+    return model.Record(
+        id=u32(),
+        state=state,
+        ss=u32(),
+        rs=u32(),
+        send_stamp=stamp(),
+        remote_receive=stamp(),
+        remote_transmit=stamp(),
+        receive_stamp=stamp(),
+        send_ms=float(random_numbers.randrange(86_400_000)),
+        receive_ms=random_numbers.randrange(86_400_000) + 0.5,
+        ntp=tuple(stamp() for _ in range(4)),
+    )
+
+
+@pytest.mark.parametrize("kind", [model.UDP_JITTER, model.UDP_JITTER_NTP, model.ICMP_JITTER])
+def test_whatever_a_hostile_peer_leaves_in_the_records_agrees_with_the_model(comparison, kind):
+    random_numbers = random.Random(20240305)
+    for _ in range(4000):
+        count = random_numbers.randrange(12)
+        run = Run(kind, [_hostile_record(random_numbers) for _ in range(count)])
+        run.responder_count = random_numbers.choice((*_EDGES_32, random_numbers.randrange(2**32)))
+        run.accepted = 1
+        budget_ms = random_numbers.choice((*_EDGES_32, random_numbers.randrange(2**32)))
+        _add(comparison, run, budget_ms)
     comparison.run()
 
 

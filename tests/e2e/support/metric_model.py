@@ -193,9 +193,9 @@ def _sequence_gaps(records):
 def _take_late_arrivals(result, missing):
     result.sd_out_of_sequence = max(0, i32(result.sd_out_of_sequence - missing))
     result.ds_out_of_sequence = max(0, i32(result.ds_out_of_sequence - missing))
-    result.sd_smp_count -= result.sd_out_of_sequence
-    result.ds_smp_count -= result.ds_out_of_sequence
-    result.late_arrival = result.sd_out_of_sequence + result.ds_out_of_sequence
+    result.sd_smp_count = i32(result.sd_smp_count - result.sd_out_of_sequence)
+    result.ds_smp_count = i32(result.ds_smp_count - result.ds_out_of_sequence)
+    result.late_arrival = i32(result.sd_out_of_sequence + result.ds_out_of_sequence)
     result.rtt_smp_count = min(result.sd_smp_count, result.ds_smp_count)
 
 
@@ -254,8 +254,9 @@ def udp_jitter_metrics(kind, records, responder_count, budget_ms, metrics=None):
     result.ds_loss = i32(result.sd_smp_count - result.ds_smp_count - result.sd_loss)
     if result.sd_smp_count > 0:
         result.sd_loss_pct = result.sd_loss / result.sd_smp_count * 100
-    if result.sd_smp_count - result.sd_loss > 0:
-        result.ds_loss_pct = result.ds_loss / (result.sd_smp_count - result.sd_loss) * 100
+    arrived = i32(result.sd_smp_count - result.sd_loss)
+    if arrived > 0:
+        result.ds_loss_pct = result.ds_loss / arrived * 100
     _take_late_arrivals(result, result.sd_smp_count - result.ds_smp_count)
     samples.finish()
     return result

@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "sender/jitter_fixture.h"
-#include "sender/metric_model.h"
+#include "sender/same_metrics.h"
 #include "support/recording_syslog.h"
 
 namespace ipsla::test {

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "sender/jitter_fixture.h"
-#include "sender/metric_model.h"
+#include "sender/same_metrics.h"
 #include "sender/sender_metric_funcs.h"
 #include "support/recording_syslog.h"
 
