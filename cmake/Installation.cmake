@@ -45,7 +45,8 @@ function(ipsla_install_project_files)
     UNITS ip-sla-sender.service.in CONFIGURATION etc/tasks.json SECRETS etc/keychain.json)
   if(TARGET ip-sla-responder)
     ipsla_install_system(COMPONENT responder
-      UNITS ip-sla-responder.service.in CONFIGURATION etc/responder.conf SECRETS etc/responder-keychain.json)
+      UNITS ip-sla-responder.service.in CONFIGURATION etc/responder.conf
+      SECRETS etc/responder-keychain.json)
   endif()
   if(TARGET ip-sla-exporter)
     ipsla_install_system(COMPONENT exporter
