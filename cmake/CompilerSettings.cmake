@@ -8,9 +8,7 @@ target_compile_options(ipsla_warnings INTERFACE
   # GCC 12 takes inserts into a vector for overflows when it optimises; the sanitized builds find
   # the real ones.
   $<$<CXX_COMPILER_ID:GNU>:-Wno-array-bounds> $<$<CXX_COMPILER_ID:GNU>:-Wno-stringop-overflow>
-  $<$<CXX_COMPILER_ID:GNU>:-Wno-stringop-overread>
-  # Each access to what a mutex guards (log/mutex.h).
-  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-stringop-overread>)
 # Boost 1.74's Asio does not compile with GCC 12's coroutines.
 target_compile_definitions(ipsla_warnings
   INTERFACE BOOST_ASIO_DISABLE_CO_AWAIT BOOST_ASIO_NO_DEPRECATED)
