@@ -6,6 +6,8 @@
 
 #include <array>
 #include <chrono>
+#include <exception>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -13,9 +15,9 @@
 #include <boost/asio/ip/address_v4.hpp>
 #include <boost/asio/ip/udp.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/system/system_error.hpp>
 #include <cjson/cJSON.h>
 
+#include "api/json_memory.h"
 #include "api/request_bodies.h"
 #include "api/statistics_json.h"
 #include "env/process.h"
@@ -75,6 +77,11 @@ udp::endpoint EndpointOf(const sockaddr_in& source) {
   return {boost::asio::ip::address_v4(ntohl(source.sin_addr.s_addr)), ntohs(source.sin_port)};
 }
 
+bool IsReload(std::uint16_t command) {
+  return command == static_cast<std::uint16_t>(ApiCommand::kParseTasksConfig) ||
+         command == static_cast<std::uint16_t>(ApiCommand::kParseKeychainConfig);
+}
+
 const char* TextOrEmpty(const JsonText& text) {
   return text ? text.get() : "";
 }
@@ -91,7 +98,9 @@ struct ApiServer::Channel {
 };
 
 ApiServer::ApiServer(boost::asio::io_context& service, ApiSubjects subjects)
-    : subjects_(std::move(subjects)), channel_(std::make_shared<Channel>(service)) {}
+    : subjects_(std::move(subjects)), channel_(std::make_shared<Channel>(service)) {
+  WatchJsonMemory();
+}
 
 void ApiServer::Open() {
   udp::socket& socket = channel_->socket;
@@ -167,7 +176,22 @@ void ApiServer::HandleRequest(std::span<const std::uint8_t> received) {
     return;
   }
   LOG_DEBUG(0, "Recive commad %s", ApiCommandName(request.command));
-  const Answer answer = Execute(request.command, ApiPayloadText(received));
+  if (IsReload(request.command)) {
+    // What fails in it ends the daemon: half of the tests would be the old ones.
+    const bool done = !Execute(request.command, {}).failed;
+    SendHeader(request, done ? kApiSuccess : kApiFailure);
+    return;
+  }
+  try {
+    AnswerRequest(request, ApiPayloadText(received));
+  } catch (const std::bad_alloc&) {
+    LOG_DEBUG(0, "no memory for the request");
+    SendHeader(request, kApiFailure);
+  }
+}
+
+void ApiServer::AnswerRequest(const ApiHeader& request, std::string_view text) {
+  const Answer answer = Execute(request.command, text);
   if (answer.failed) {
     SendHeader(request, kApiFailure);
   } else if (answer.document) {
@@ -181,8 +205,12 @@ ApiServer::Answer ApiServer::Execute(std::uint16_t command, std::string_view tex
   switch (const auto known = static_cast<ApiCommand>(command)) {
     case ApiCommand::kGetTaskStatistics:
     case ApiCommand::kGetAllActiveTaskStatistics:
-    case ApiCommand::kGetTaskStatus:
-      return AnswerQuery(known, text);
+    case ApiCommand::kGetTaskStatus: {
+      static_cast<void>(TakeJsonMemoryFailure());
+      Answer answer = AnswerQuery(known, text);
+      if (TakeJsonMemoryFailure()) throw std::bad_alloc();
+      return answer;
+    }
     case ApiCommand::kParseTasksConfig:
       return {.failed = !subjects_.reload_tasks(), .document = nullptr};
     case ApiCommand::kParseKeychainConfig:
@@ -243,6 +271,7 @@ ApiServer::Answer ApiServer::ReportStatus(const cJSON* body) const {
 void ApiServer::SendJson(const ApiHeader& request, const cJSON* document) {
   LOG_DEBUG(0, "SenderAPI response JSON:\n%s", TextOrEmpty(JsonText(cJSON_Print(document))));
   const JsonText text(cJSON_PrintUnformatted(document));
+  if (TakeJsonMemoryFailure()) throw std::bad_alloc();
   for (const ApiBytes& datagram : BuildJsonReply(request, TextOrEmpty(text))) {
     SleepUntil(SteadyNow() + kFragmentPause);
     boost::system::error_code error;
@@ -258,9 +287,9 @@ void ApiServer::SendHeader(const ApiHeader& request, std::uint16_t result) {
   try {
     channel_->socket.send_to(boost::asio::buffer(BuildHeaderReply(request, result)),
                              channel_->requester);
-  } catch (const boost::system::system_error& exception) {
-    // A requester that cannot be answered (its source port is 0, for example) is no reason to stop
-    // measuring.
+  } catch (const std::exception& exception) {
+    // A requester that cannot be answered (its source port is 0, for example, or no memory is left)
+    // is no reason to stop measuring.
     LOG_DEBUG(0, "Catch exception %s", exception.what());
   }
 }

@@ -35,7 +35,7 @@ struct ApiSubjects {
 /// One request is executed at a time; the others wait in the socket. They are taken no faster than
 /// RequestRate lets them, whatever a local user sends; the socket has room for a burst of a
 /// thousand, and what exceeds it is dropped. A datagram that claims to come from the socket itself
-/// is ignored: its answer would be the next request.
+/// is ignored: its answer would be the next request. A query for which there is no memory fails.
 ///
 /// Threads: the one that runs the service context, or any one while none does. Lifetime: a handler
 /// still queued after Close() does nothing, also when the server is gone.
@@ -70,6 +70,7 @@ class ApiServer {
   [[nodiscard]] ReceiveOutcome TakeRequest();
   [[nodiscard]] bool IsLeftByFlood(const StampedDatagram& request);
   void HandleRequest(std::span<const std::uint8_t> received);
+  void AnswerRequest(const ApiHeader& request, std::string_view text);
   [[nodiscard]] Answer Execute(std::uint16_t command, std::string_view text);
   [[nodiscard]] Answer AnswerQuery(ApiCommand command, std::string_view text);
   [[nodiscard]] Answer ReportStatistics(const std::optional<StatisticsRequest>& request);

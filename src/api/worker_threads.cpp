@@ -47,6 +47,8 @@ void WorkerThreads::Start() {
     for (const std::uint8_t cpu : cpus_) StartOnCpu(cpu, attributes);
   } catch (const boost::thread_resource_error& exception) {
     LOG_DEBUG(0, "Start main loop failed: %s", exception.what());
+    // Without a single thread no test would ever run: the next reload tries again.
+    if (threads_.size() == 0) started_ = false;
   }
 }
 
