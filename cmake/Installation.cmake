@@ -51,5 +51,7 @@ function(ipsla_install_project_files)
   if(TARGET ip-sla-exporter)
     ipsla_install_system(COMPONENT exporter
       UNITS ip-sla-exporter.service.in CONFIGURATION etc/exporter.conf)
+    install(DIRECTORY ${CMAKE_SOURCE_DIR}/deploy/prometheus ${CMAKE_SOURCE_DIR}/deploy/grafana
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/ip-sla COMPONENT exporter)
   endif()
 endfunction()
