@@ -18,7 +18,8 @@ lab = _e2e.lab
 start_daemon = _e2e.start_daemon
 
 # The end-to-end tests' path is set by now.
-from installation import InstalledBuild, build_directory, install  # noqa: E402
+from installation import ROOT, InstalledBuild, build_directory, install  # noqa: E402
+from machine import Machine  # noqa: E402
 
 
 @pytest.fixture(scope="session")
@@ -27,3 +28,30 @@ def build(tmp_path_factory):
     prefix = tmp_path_factory.mktemp("prefix")
     install(prefix)
     return InstalledBuild(build_directory(), prefix)
+
+
+def _packages(directory):
+    """The packages that script/package has made there, by their names."""
+    found = {path.name.split("_")[0]: path for path in sorted(directory.glob("*.deb"))}
+    assert found, f"no packages in {directory}: script/test package makes them"
+    return found
+
+
+@pytest.fixture(scope="session")
+def packages():
+    return _packages(ROOT / "build/package-amd64")
+
+
+@pytest.fixture(scope="session")
+def packages_again():
+    """Of the same tree, made at another time in another place."""
+    return _packages(ROOT / "build/package-again/amd64")
+
+
+@pytest.fixture
+def machine(packages, tmp_path):
+    root = ROOT / "build/scratch-root"
+    assert root.is_dir(), f"{root} is missing: script/test package makes it"
+    booted = Machine(root, packages["ip-sla-sender"].parent, tmp_path)
+    yield booted
+    booted.close()
