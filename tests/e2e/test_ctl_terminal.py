@@ -1,7 +1,6 @@
 """ip-sla-ctl on a terminal: colours, widths, the live view; and what bash completes."""
 
 import json
-import os
 import re
 import signal
 
@@ -107,39 +106,3 @@ def test_watch_in_a_pipe_ends_on_ctrl_c(ctl, daemon):
     assert "task 1" in process.stdout.readline()
     process.send_signal(signal.SIGINT)
     assert process.wait(timeout=20 * SCALE) == 0
-
-
-# -- bash completion
-# -------------------------------------------------------------------------------------------------
-
-
-def _complete(ctl, *words):
-    """What bash offers for the last of the words."""
-    script = f"""
-        compopt() {{ :; }}
-        source {os.path.dirname(__file__)}/../../tools/ctl/ip-sla-ctl.bash
-        ip-sla-ctl() {{ {ctl.lab.build.program("ip-sla-ctl")} "$@"; }}
-        COMP_WORDS=(ip-sla-ctl "$@")
-        COMP_CWORD=$#
-        _ip_sla_ctl
-        printf '%s\\n' "${{COMPREPLY[@]}}"
-    """
-    result = ctl.lab.run(
-        "env",
-        *(f"{k}={v}" for k, v in ctl.environment.items()),
-        "bash",
-        "-c",
-        script,
-        "bash",
-        *words,
-    )
-    return result.stdout.split()
-
-
-def test_completion_offers_commands_options_and_task_ids(ctl, daemon):
-    assert _complete(ctl, "") == ["show", "watch", "status", "reload", "check", "probe"]
-    assert _complete(ctl, "s") == ["show", "status"]
-    assert _complete(ctl, "reload", "") == ["tasks", "keychain"]
-    assert _complete(ctl, "show", "--m") == ["--metrics"]
-    assert _complete(ctl, "--timeout", "3", "probe", "") == ["1", "2", "5", "9"]
-    assert _complete(ctl, "probe", "1", "--warning", "l") == ["latency=", "loss="]

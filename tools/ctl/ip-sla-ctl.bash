@@ -1,74 +1,132 @@
-# bash completion for ip-sla-ctl. Task ids come from a daemon that answers at once; without one
-# there are none.
+# bash completion for ip-sla-ctl. Commands, options and their values are those of its help texts, so
+# that they never fall behind the program. Task ids come from a daemon that answers at once; without
+# one there are none.
 
-_ip_sla_ctl_ids() {
-  ip-sla-ctl status --json --timeout 0.3 2>/dev/null | grep -o '"sla-id":[0-9]*' | cut -d: -f2
+# The options in a help text.
+_ip_sla_ctl_options() {
+  sed -nE 's/^  (-[A-Za-z],)?(--[a-z][a-z-]*)( .*)?$/\2/p' <<<"$1"
 }
 
-_ip_sla_ctl() {
-  local commands="show watch status reload check probe"
-  local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-  local command="" argument="" arguments=0 skip="" word
-  COMPREPLY=()
+# The sub-commands in a help text.
+_ip_sla_ctl_commands() {
+  sed -nE '/^Subcommands:$/,/^$/s/^  ([a-z][a-z-]*)( .*)?$/\1/p' <<<"$1"
+}
 
-  # The words before the cursor: the command, and how many arguments it has already.
-  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-    if [[ -n $skip ]]; then
-      skip=""
-      continue
-    fi
-    case $word in
-      --timeout | --port | --interval | -n | --count | --warning | -w | --critical | -c) skip=yes ;;
-      -*) ;;
-      *)
-        if [[ -z $command ]]; then
-          command=$word
-        else
-          argument=$word
-          arguments=$((arguments + 1))
-        fi
-        ;;
-    esac
-  done
+# Whether an option takes a value: its name is followed by a word in capitals.
+_ip_sla_ctl_takes_value() {
+  grep -qE -- "^  (-[A-Za-z],)?${2}(,--[a-z-]+)? [A-Z][A-Z]" <<<"$1"
+}
 
-  case $prev in
+# The values of an option or positional that are listed in a help text: "--sort KEY:{a,b}".
+_ip_sla_ctl_values() {
+  sed -nE "s/^  (-[A-Za-z],)?$2 [A-Z]*:?\{([^}]*)\}.*/\2/p" <<<"$1" | tr , ' '
+}
+
+# The positionals of a help text, a line each: "ID ..." is one that may be repeated.
+_ip_sla_ctl_positionals() {
+  sed -nE '/^Positionals:$/,/^$/{
+    s/^  ([A-Z][A-Z-]*) .*\.\.\..*$/\1 .../p
+    t
+    s/^  ([A-Z][A-Z-]*) .*$/\1/p
+  }' <<<"$1"
+}
+
+# Task ids but those that were given already: PORT and TASKS options in $1, the given ones behind.
+_ip_sla_ctl_ids() {
+  local given=" ${*:2} " id
+  # shellcheck disable=SC2086
+  ip-sla-ctl --json $1 --timeout 0.3 status 2>/dev/null | grep -o '"sla-id":[0-9]*' | cut -d: -f2 |
+    while read -r id; do
+      [[ $given == *" $id "* ]] || echo "$id"
+    done
+}
+
+# The value of an option.
+_ip_sla_ctl_complete_value() {
+  local option=$1 help=$2 cur=$3 listed
+  case $option in
     --warning | -w | --critical | -c)
       compopt -o nospace
-      mapfile -t COMPREPLY < <(compgen -W "rtt= latency= jitter= loss= age=" -- "$cur")
-      return
+      local before=""
+      [[ $cur == *,* ]] && before=${cur%,*},
+      mapfile -t COMPREPLY < <(compgen -P "$before" -W "rtt= latency= jitter= loss= age=" -- "${cur##*,}")
       ;;
-    --timeout | --port | --interval | -n | --count) return ;;
+    --tasks)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+      ;;
+    --max-age) mapfile -t COMPREPLY < <(compgen -W "auto" -- "$cur") ;;
+    *)
+      listed=$(_ip_sla_ctl_values "$help" "$option")
+      [[ -z $listed ]] || mapfile -t COMPREPLY < <(compgen -W "$listed" -- "$cur")
+      ;;
   esac
+}
 
-  if [[ $cur == -* ]]; then
-    local options="--help --json --timeout --port"
-    case $command in
-      "") options="$options --version" ;;
-      show) options="$options --all --metrics" ;;
-      watch) options="$options --all --interval --count" ;;
-      check) options="$options --no-host --start --strict" ;;
-      probe) options="$options --warning --critical" ;;
-    esac
-    mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
-    return
+# The next positional of a command.
+_ip_sla_ctl_complete_positional() {
+  local help=$1 source=$2 cur=$3 positional listed
+  local -a given=("${@:4}") names
+  mapfile -t names < <(_ip_sla_ctl_positionals "$help")
+  positional=${names[${#given[@]}]:-}
+  if [[ -z $positional && ${#names[@]} -gt 0 && ${names[-1]} == *" ..." ]]; then
+    positional=${names[-1]}
   fi
-
-  case $command in
-    "") mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$cur") ;;
-    reload)
-      [[ -n $argument ]] || mapfile -t COMPREPLY < <(compgen -W "tasks keychain" -- "$cur")
-      ;;
-    check)
-      if ((arguments < 2)); then
+  positional=${positional% ...}
+  case $positional in
+    "") ;;
+    ID) mapfile -t COMPREPLY < <(compgen -W "$(_ip_sla_ctl_ids "$source" "${given[@]}")" -- "$cur") ;;
+    *)
+      listed=$(_ip_sla_ctl_values "$help" "$positional")
+      if [[ -n $listed ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$listed" -- "$cur")
+      else
         compopt -o filenames
         mapfile -t COMPREPLY < <(compgen -f -- "$cur")
       fi
       ;;
-    probe)
-      ((arguments > 0)) || mapfile -t COMPREPLY < <(compgen -W "$(_ip_sla_ctl_ids)" -- "$cur")
-      ;;
-    show | watch | status) mapfile -t COMPREPLY < <(compgen -W "$(_ip_sla_ctl_ids)" -- "$cur") ;;
   esac
+}
+
+_ip_sla_ctl() {
+  local cur=${COMP_WORDS[COMP_CWORD]} top help pending="" source="" word
+  local -a path=() given=()
+  COMPREPLY=()
+  [[ $cur == = ]] && cur=""
+  top=$(ip-sla-ctl --help 2>/dev/null)
+  help=$top
+
+  # The words before the cursor: the command, its arguments, and where the ids come from. "--a=b"
+  # stands there as three words.
+  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+    if [[ $word == = ]]; then
+      continue
+    elif [[ -n $pending ]]; then
+      [[ $pending == --port && ${path[0]:-} != template || $pending == --tasks ]] && source+=" $pending $word"
+      pending=""
+    elif [[ $word == -* ]]; then
+      if _ip_sla_ctl_takes_value "$help" "$word" || _ip_sla_ctl_takes_value "$top" "$word"; then
+        pending=$word
+      fi
+    elif _ip_sla_ctl_commands "$help" | grep -qxF -- "$word"; then
+      path+=("$word")
+      help=$(ip-sla-ctl "${path[@]}" --help 2>/dev/null)
+    else
+      given+=("$word")
+    fi
+  done
+
+  if [[ -n $pending ]]; then
+    _ip_sla_ctl_complete_value "$pending" "$help" "$cur"
+  elif [[ $cur == -* ]]; then
+    mapfile -t COMPREPLY < <(
+      compgen -W "$( (_ip_sla_ctl_options "$help"; _ip_sla_ctl_options "$top" | grep -v -- --version) | sort -u)" -- "$cur"
+    )
+  elif [[ -n $(_ip_sla_ctl_commands "$help") ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "$(_ip_sla_ctl_commands "$help")" -- "$cur")
+  else
+    _ip_sla_ctl_complete_positional "$help" "$source" "$cur" "${given[@]}"
+  fi
 }
 
 complete -F _ip_sla_ctl ip-sla-ctl
