@@ -1,5 +1,6 @@
 #include "api/api_sender.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <set>
@@ -46,6 +47,7 @@ ApiSender::ApiSender(boost::asio::io_context& service, std::string tasks_file,
     OpenClockWatch();
   } catch (const std::exception& exception) {
     LOG_DEBUG(0, "Sender api creation failed: %s", exception.what());
+    creation_fault_ = exception.what();
   }
 }
 
@@ -68,7 +70,7 @@ void ApiSender::OpenClockWatch() {
 
 int ApiSender::ParseConfigsAndStart() {
   KeychainStorage keys;
-  if (ParseKeychainConfig(keychain_file_, &keys) != 0) {
+  if (ParseKeychainConfig(keychain_file_, &keys, &file_fault_) != 0) {
     LOG_DEBUG(0, "ParseKeychainConfigs() failed");
     return -1;
   }
@@ -83,7 +85,7 @@ int ApiSender::ParseConfigsAndStart() {
 
 int ApiSender::ReadTasksFile(SlaTaskMap* tasks) {
   std::vector<std::uint8_t> cpus;
-  if (ParseTaskConfigs(tasks_file_, tasks, *keys_->Snapshot(), &cpus) != 0) {
+  if (ParseTaskConfigs(tasks_file_, tasks, *keys_->Snapshot(), &cpus, &file_fault_) != 0) {
     LOG_DEBUG(0, "ParseTaskConfigs() failed");
     return -1;
   }
@@ -107,8 +109,9 @@ bool ApiSender::ReloadTasks() {
 
 bool ApiSender::ReloadKeychain() {
   KeychainStorage keys;
-  if (ParseKeychainConfig(keychain_file_, &keys) != 0) {
+  if (ParseKeychainConfig(keychain_file_, &keys, &file_fault_) != 0) {
     LOG_DEBUG(0, "ParseKeychainConfigs() failed");
+    std::fprintf(stderr, "ip-sla-sender: %s\n", file_fault_.c_str());
     ExitDaemon(EXIT_FAILURE);
   }
   keys_->Replace(std::move(keys));

@@ -47,9 +47,15 @@ class ApiSender : private InterfaceObserver {
   ApiSender(const ApiSender&) = delete;
   ApiSender& operator=(const ApiSender&) = delete;
 
+  /// Why no request can arrive, or the clock is not watched; empty when all is well.
+  [[nodiscard]] const std::string& CreationFault() const { return creation_fault_; }
+
   /// Reads both files, dumps them and starts one test per task in ascending id. 0, or -1 after
   /// logging the reason.
   [[nodiscard]] int ParseConfigsAndStart();
+
+  /// Why a file could not be used the last time, for a person: one line that names it.
+  [[nodiscard]] const std::string& FileFault() const { return file_fault_; }
 
   /// Starts the worker threads (WorkerThreads::Start). Threads: any.
   void StartMainLoop() { workers_.Start(); }
@@ -89,6 +95,8 @@ class ApiSender : private InterfaceObserver {
   // Constant, as given on the command line.
   const std::string tasks_file_;
   const std::string keychain_file_;
+  std::string creation_fault_;
+  std::string file_fault_;
 
   // Shared with the tests, each with a lock of its own.
   const std::shared_ptr<StatisticsStore> statistics_ = std::make_shared<StatisticsStore>();

@@ -1,5 +1,6 @@
 #include "config/config_file.h"
 
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -16,6 +17,7 @@ ConfigFile ReadConfigFile(const std::string& filename, const char* key) {
   std::optional<std::string> content = ReadWholeFile(filename);
   if (!content) {
     file.fault = ConfigFileFault::kUnreadable;
+    file.error = errno;
     return file;
   }
   file = ReadConfigText(*content, key);
@@ -37,6 +39,27 @@ ConfigFile ReadConfigText(std::string_view content, const char* key) {
   }
   file.array = array;
   return file;
+}
+
+std::string FileFaultText(const std::string& filename, const ConfigFile& file, const char* key) {
+  switch (file.fault) {
+    case ConfigFileFault::kNone:
+      return {};
+    case ConfigFileFault::kNoName:
+      return std::string("no file with \"") + key + "\" is named";
+    case ConfigFileFault::kUnreadable:
+      return filename + ": " + std::strerror(file.error);
+    case ConfigFileFault::kNotJson: {
+      const std::string what =
+          file.json.too_deep ? "nests deeper than " + std::to_string(kMaxJsonDepth) : "is not JSON";
+      if (!file.json.error_text) return filename + ": " + what;
+      return filename + ":" + std::to_string(file.json.error_line) + ":" +
+             std::to_string(file.json.error_column) + ": " + what;
+    }
+    case ConfigFileFault::kNoArray:
+      return filename + ": has no array \"" + key + "\" in its root";
+  }
+  return {};
 }
 
 }  // namespace ipsla

@@ -30,7 +30,8 @@ struct ConfigFile {
   ConfigFileFault fault = ConfigFileFault::kNone;
   JsonParse json;  ///< the document (also with kNoArray), or where its fault is (kNotJson)
   const cJSON* array =
-      nullptr;  ///< the required array, owned by json.document; null with any fault
+      nullptr;    ///< the required array, owned by json.document; null with any fault
+  int error = 0;  ///< errno of kUnreadable
 };
 
 /// Reads `filename` and finds the array `key` of its root. Logs nothing. Only one thread at a time
@@ -39,6 +40,11 @@ struct ConfigFile {
 
 /// The same from a file's content.
 [[nodiscard]] ConfigFile ReadConfigText(std::string_view content, const char* key);
+
+/// For a person: which file is no use and why, one line without the file's content, which may be a
+/// key. Empty with kNone.
+[[nodiscard]] std::string FileFaultText(const std::string& filename, const ConfigFile& file,
+                                        const char* key);
 
 }  // namespace ipsla
 

@@ -31,15 +31,16 @@ void Wipe(KeychainStorage* storage) {
 
 }  // namespace
 
-int ParseKeychainConfig(const std::string& filename, KeychainStorage* storage) {
+int ParseKeychainConfig(const std::string& filename, KeychainStorage* storage, std::string* fault) {
   storage->clear();
   const ConfigFile file = ReadConfigFile(filename, kKeychainKey);
   if (file.fault != ConfigFileFault::kNone) {
     LogKeychainFileFault(file);
+    *fault = FileFaultText(filename, file, kKeychainKey);
     return -1;
   }
-  for (const KeyFault& fault : ReadKeys(file.array, storage)) {
-    LOG_DEBUG(0, "%s", fault.reason.c_str());
+  for (const KeyFault& skipped : ReadKeys(file.array, storage)) {
+    LOG_DEBUG(0, "%s", skipped.reason.c_str());
   }
   return 0;
 }

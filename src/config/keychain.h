@@ -16,8 +16,10 @@ namespace ipsla {
 
 /// Reads the keychain file into `storage`, which is emptied first. 0, or -1 after logging the
 /// reason (but see kept-behaviours.md#unusable-files-may-leave-no-word). Faulty and duplicate
-/// entries are logged and skipped; the first definition of an id wins.
-[[nodiscard]] int ParseKeychainConfig(const std::string& filename, KeychainStorage* storage);
+/// entries are logged and skipped; the first definition of an id wins. With -1 `fault` is the
+/// reason for a person (FileFaultText).
+[[nodiscard]] int ParseKeychainConfig(const std::string& filename, KeychainStorage* storage,
+                                      std::string* fault);
 
 /// The one key store of the daemon, shared with every test: an immutable snapshot that a re-read
 /// replaces as a whole. Threads: any.

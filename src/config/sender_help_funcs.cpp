@@ -38,17 +38,22 @@ void AppendCpus(const cJSON* root, std::vector<std::uint8_t>* cpus) {
 }  // namespace
 
 int ParseTaskConfigs(const std::string& filename, SlaTaskMap* tasks,
-                     const KeychainStorage& keychain, std::vector<std::uint8_t>* cpus) {
+                     const KeychainStorage& keychain, std::vector<std::uint8_t>* cpus,
+                     std::string* fault) {
   tasks->clear();
   const ConfigFile file = ReadConfigFile(filename, kTasksKey);
   if (file.fault != ConfigFileFault::kNone) {
     LogTasksFileFault(file);
+    *fault = FileFaultText(filename, file, kTasksKey);
     return -1;
   }
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, file.array) {
     TaskParse task = ParseTask(element, *tasks, keychain, GetIfaceData);
-    if (task.abandoned) return -1;
+    if (task.abandoned) {
+      *fault = filename + ": the interface of a task cannot be looked up in its VRF";
+      return -1;
+    }
     if (task.conversion_failure) LOG_DEBUG(0, "%s", task.conversion_failure->c_str());
     if (task.fault) {
       LOG_DEBUG(0, "SLA task ID #%u parse skipped: %s", unsigned{task.config.sla_id},

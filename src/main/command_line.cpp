@@ -28,7 +28,25 @@ CommandLine ParseCommandLine(int argc, char* const argv[]) {
         return line;
     }
   }
+  // getopt(3) has moved them behind the options.
+  line.surplus.assign(argv + optind, argv + argc);
   return line;
+}
+
+std::string SurplusText(const CommandLine& line) {
+  if (line.surplus.empty()) return {};
+  std::string text = line.surplus.size() == 1 ? "surplus argument" : "surplus arguments";
+  for (const std::string& word : line.surplus) text += " '" + word + "'";
+  return text + (line.surplus.size() == 1 ? " is" : " are") + " not read";
+}
+
+std::string MissingText(const CommandLine& line) {
+  std::string text;
+  if (line.tasks_file.empty()) text = "-f with the tasks file";
+  if (line.keychain_file.empty()) {
+    text += (text.empty() ? "" : " and ") + std::string("-k with the keychain file");
+  }
+  return text.empty() ? text : "missing: " + text;
 }
 
 std::string VersionBanner() {

@@ -4,6 +4,7 @@
 #define IPSLA_MAIN_COMMAND_LINE_H_
 
 #include <string>
+#include <vector>
 
 namespace ipsla {
 
@@ -19,6 +20,7 @@ struct CommandLine {
   Action action = Action::kRun;
   std::string tasks_file;     ///< "-f"; empty when not given, which fails later, when it is read
   std::string keychain_file;  ///< "-k"; likewise
+  std::vector<std::string> surplus{};  ///< words that are no option and no option's; not read
 };
 
 /// Reads the options up to the first that decides ("-v", or one that is unknown or lacks its
@@ -29,6 +31,11 @@ struct CommandLine {
 
 /// One line with the version and the time of the build, its newline included.
 [[nodiscard]] std::string VersionBanner();
+
+/// For a person: the words that are not read, or the options that are missing. Empty when there are
+/// none.
+[[nodiscard]] std::string SurplusText(const CommandLine& line);
+[[nodiscard]] std::string MissingText(const CommandLine& line);
 
 /// How to call `program`, newlines included.
 [[nodiscard]] std::string UsageText(const std::string& program);

@@ -2,12 +2,15 @@
 
 #include <sched.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <exception>
+#include <string>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
@@ -16,6 +19,7 @@
 
 #include "api/api_sender.h"
 #include "api/creation_note.h"
+#include "api/sender_api_message.h"
 #include "env/keep_alive.h"
 #include "env/process.h"
 #include "log/log.h"
@@ -41,6 +45,21 @@ std::terminate_handler usual_terminate = nullptr;
   std::abort();
 }
 
+// Whoever starts the daemon by hand, and the service manager's journal, hear it from here; the log
+// has its own texts.
+void Complain(const std::string& text) {
+  if (!text.empty()) std::fprintf(stderr, "ip-sla-sender: %s\n", text.c_str());
+}
+
+std::string RootHint() {
+  return ipsla::CheckRootPriv() == -1 ? "; it has to be started as root" : "";
+}
+
+[[noreturn]] void EndWith(const std::string& text) {
+  Complain(text);
+  std::exit(EXIT_FAILURE);
+}
+
 // Before real-time scheduling: the log's writer thread stays an ordinary one.
 void OpenLog() {
   try {
@@ -48,8 +67,9 @@ void OpenLog() {
     ipsla::OpenLogFile(0);
   } catch (const std::exception& exception) {
     // There is no log to say it in.
-    std::fprintf(stderr, "%s\n", exception.what());
-    std::exit(EXIT_FAILURE);
+    const std::string reason = std::strerror(errno);
+    EndWith("no log in /var/log/ip-sla: " + std::string(exception.what()) + ": " + reason +
+            RootHint());
   }
 }
 
@@ -57,8 +77,9 @@ void SwitchToRealTime() {
   sched_param parameters{};
   parameters.sched_priority = kRealTimePriority;
   if (sched_setscheduler(0, SCHED_RR, &parameters) == -1) {
+    const std::string reason = std::strerror(errno);
     LOG_DEBUG(0, "sched_setscheduler");
-    std::exit(EXIT_FAILURE);
+    EndWith("real-time scheduling is refused: " + reason + RootHint());
   }
 }
 
@@ -74,6 +95,7 @@ ipsla::CommandLine ReadCommandLine(int argc, char* argv[]) {
     case ipsla::CommandLine::Action::kRun:
       break;
   }
+  Complain(ipsla::SurplusText(line));
   return line;
 }
 
@@ -119,9 +141,16 @@ int main(int argc, char* argv[]) {  // NOLINT(bugprone-exception-escape): see ab
   static auto& sender = *new ipsla::ApiSender(service, line.tasks_file, line.keychain_file);
   if (ipsla::CheckRootPriv() == -1) {
     LOG_DEBUG(0, "CheckRootPriv() failed: no root privileges");
-    std::exit(EXIT_FAILURE);
+    EndWith("no root privileges" + RootHint());
   }
-  if (sender.ParseConfigsAndStart() == -1) std::exit(EXIT_FAILURE);
+  if (sender.ParseConfigsAndStart() == -1) {
+    const std::string missing = ipsla::MissingText(line);
+    EndWith(missing.empty() ? sender.FileFault() : missing);
+  }
+  if (!sender.CreationFault().empty()) {
+    Complain("no API on 127.0.0.1:" + std::to_string(ipsla::kApiPort) + ": " +
+             sender.CreationFault() + "; the tests run all the same");
+  }
   ipsla::StartKeepAlive(service);
   RunMainLoop(service, sender);
 

@@ -176,6 +176,7 @@ def test_failed_keychain_reload_ends_the_daemon_with_status_1(lab, start_daemon)
     client.send(Header(command=RELOAD_KEYCHAIN, length=28, block=8).pack())
     assert daemon.wait_exit() == 1
     assert "ParseKeychainConfigs() failed" in daemon.log_records()
+    assert daemon.stderr == f"ip-sla-sender: {daemon.keychain_path}:1:1: is not JSON\n"
     client.socket.settimeout(0.2)
     with pytest.raises(TimeoutError):
         client.receive()

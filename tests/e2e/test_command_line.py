@@ -37,58 +37,95 @@ def test_bad_option_and_missing_argument_print_the_usage(build, start_daemon, ar
 
 
 @pytest.mark.parametrize(
-    "arguments, reason",
+    "arguments, reason, said",
     [
-        ([], "invalid keychain configuration filename"),
-        (["-f", "{tasks}"], "invalid keychain configuration filename"),
-        (["-f", "{tasks}", "-k", "/nowhere/keychain.json"], "unable to open configuration file"),
-        (["-f", "{tasks}", "-k", "/tmp"], "unable to open configuration file"),
+        (
+            [],
+            "invalid keychain configuration filename",
+            "missing: -f with the tasks file and -k with the keychain file",
+        ),
+        (
+            ["-f", "{tasks}"],
+            "invalid keychain configuration filename",
+            "missing: -k with the keychain file",
+        ),
+        (
+            ["-f", "{tasks}", "-k", "/nowhere/keychain.json"],
+            "unable to open configuration file",
+            "/nowhere/keychain.json: No such file or directory",
+        ),
+        (
+            ["-f", "{tasks}", "-k", "/tmp"],
+            "unable to open configuration file",
+            "/tmp: Is a directory",
+        ),
     ],
     ids=["no files", "no keychain", "absent", "directory"],
 )
 def test_keychain_that_cannot_be_read_ends_the_start(
-    lab, start_daemon, tmp_path, arguments, reason
+    lab, start_daemon, tmp_path, arguments, reason, said
 ):
     tasks = tmp_path / "tasks.json"
     tasks.write_text('{"IP-SLA-tasks": []}')
     daemon = start_daemon(wait=False, arguments=[text.format(tasks=tasks) for text in arguments])
     assert daemon.wait_exit() == 1
     assert daemon.log_records() == [reason, "ParseKeychainConfigs() failed"]
+    assert daemon.stderr == f"ip-sla-sender: {said}\n"
 
 
 @pytest.mark.parametrize(
-    "tasks, reason",
+    "tasks, reason, said",
     [
-        (None, "invalid SLA tasks configuration filename"),
-        ("/nowhere/tasks.json", "unable to open configuration file"),
-        ("/tmp", "unable to open configuration file"),
+        (None, "invalid SLA tasks configuration filename", "missing: -f with the tasks file"),
+        (
+            "/nowhere/tasks.json",
+            "unable to open configuration file",
+            "/nowhere/tasks.json: No such file or directory",
+        ),
+        ("/tmp", "unable to open configuration file", "/tmp: Is a directory"),
     ],
 )
-def test_tasks_file_that_cannot_be_read_ends_the_start(start_daemon, tmp_path, tasks, reason):
+def test_tasks_file_that_cannot_be_read_ends_the_start(start_daemon, tmp_path, tasks, reason, said):
     keychain = tmp_path / "keychain.json"
     keychain.write_text('{"keychain-storage": []}')
     arguments = ["-k", keychain] + (["-f", tasks] if tasks else [])
     daemon = start_daemon(wait=False, arguments=arguments)
     assert daemon.wait_exit() == 1
     assert daemon.log_records() == [reason, "ParseTaskConfigs() failed"]
+    assert daemon.stderr == f"ip-sla-sender: {said}\n"
 
 
 def test_json_error_shows_the_text_from_the_error_on(start_daemon):
     daemon = start_daemon(wait=False, document='{"IP-SLA-tasks": [}')
     assert daemon.wait_exit() == 1
     assert daemon.log_records() == ["JSON parse error at line: }", "ParseTaskConfigs() failed"]
+    assert re.fullmatch(r"ip-sla-sender: /\S+:1:19: is not JSON\n", daemon.stderr)
 
 
 def test_tasks_file_without_a_task_list_ends_the_start(start_daemon):
     daemon = start_daemon(wait=False, document='{"cpus": [0]}')
     assert daemon.wait_exit() == 1
     assert daemon.log_records() == ["ivalid configuration", "ParseTaskConfigs() failed"]
+    assert daemon.stderr.endswith(': has no array "IP-SLA-tasks" in its root\n')
 
 
 def test_keychain_without_a_key_list_ends_the_start_silently(start_daemon):
     daemon = start_daemon(wait=False, keychain="{}")
     assert daemon.wait_exit() == 1
     assert daemon.log_records() == ["ParseKeychainConfigs() failed"]
+    assert daemon.stderr.endswith(': has no array "keychain-storage" in its root\n')
+    assert daemon.stderr.count("\n") == 1
+
+
+def test_surplus_arguments_are_named(start_daemon, tmp_path):
+    empty = tmp_path / "empty.json"
+    empty.write_text('{"IP-SLA-tasks": []}')
+    daemon = start_daemon(wait=False, arguments=["start", "-f", empty, "now"])
+    assert daemon.wait_exit() == 1
+    assert daemon.stderr.splitlines() == [
+        "ip-sla-sender: surplus arguments 'start' 'now' are not read",
+        "ip-sla-sender: missing: -k with the keychain file",
+    ]
 
 
 def test_later_option_replaces_an_earlier_one(start_daemon, tmp_path):
@@ -104,7 +141,9 @@ def test_log_directory_that_cannot_be_made_ends_the_start(lab, start_daemon):
     lab.path("/var/log/ip-sla").write_text("a file is in the way")
     daemon = start_daemon(wait=False)
     assert daemon.wait_exit() == 1
-    assert "Failed to create log directory!" in daemon.stderr
+    assert daemon.stderr == (
+        "ip-sla-sender: no log in /var/log/ip-sla: Failed to create log directory!: Not a directory\n"
+    )
 
 
 class TestWithoutRootRights:
@@ -134,11 +173,20 @@ class TestWithoutRootRights:
         return start
 
     def test_real_time_scheduling_that_is_denied_ends_the_start(self, lab, refused):
-        assert refused().returncode == 1
+        result = refused()
+        assert result.returncode == 1
         assert lab.log_text().endswith(": sched_setscheduler\n")
+        assert result.stderr == (
+            "ip-sla-sender: real-time scheduling is refused: Operation not permitted; "
+            "it has to be started as root\n"
+        )
 
     def test_missing_root_rights_end_the_start(self, lab, refused):
-        assert refused("--inh-caps", "+sys_nice", "--ambient-caps", "+sys_nice").returncode == 1
+        result = refused("--inh-caps", "+sys_nice", "--ambient-caps", "+sys_nice")
+        assert result.returncode == 1
+        assert result.stderr == (
+            "ip-sla-sender: no root privileges; it has to be started as root\n"
+        )
         assert lab.log_text().endswith(": CheckRootPriv() failed: no root privileges\n")
 
 
@@ -158,4 +206,9 @@ def test_second_daemon_goes_on_without_the_api_socket(lab, start_daemon):
     texts = [record.text for record in second.syslog()]
     assert any(
         text.endswith("Sender api creation failed: bind: Address already in use") for text in texts
+    )
+    second.stop()
+    assert second.stderr == (
+        "ip-sla-sender: no API on 127.0.0.1:10101: bind: Address already in use; "
+        "the tests run all the same\n"
     )

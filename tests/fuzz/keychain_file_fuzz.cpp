@@ -17,7 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::fwrite(data, 1, size, file);
   std::fclose(file);
   KeychainStorage storage;
-  const int result = ParseKeychainConfig(kPath, &storage);
+  std::string fault;
+  const int result = ParseKeychainConfig(kPath, &storage, &fault);
   std::remove(kPath.c_str());
   fuzz::Require(result == 0 || storage.empty(), "a failed read leaves no keys");
   PrintKeychain(storage);

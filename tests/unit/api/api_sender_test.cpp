@@ -79,6 +79,7 @@ TEST_F(ApiSenderTest, UnreadableTasksFailTheStart) {
   daemon.WriteTasksText("{");
   EXPECT_EQ(daemon.Start(), -1);
   EXPECT_THAT(test::TakeSyslogTexts(), Contains("ParseTaskConfigs() failed"));
+  EXPECT_THAT(daemon.sender->FileFault(), testing::EndsWith(":1:2: is not JSON"));
 }
 
 TEST_F(ApiSenderTest, StartTimeThatCannotBeReadIsNotCaught) {
@@ -107,6 +108,7 @@ TEST_F(ApiSenderTest, BusyPortIsLoggedAndTheDaemonGoesOn) {
   EXPECT_EQ(daemon.Start(), 0);
   const auto texts = test::TakeSyslogTexts();
   EXPECT_THAT(texts, Contains("Sender api creation failed: bind: Address already in use"));
+  EXPECT_EQ(daemon.sender->CreationFault(), "bind: Address already in use");
   EXPECT_THAT(texts, Contains(kStartAtOnce));
   daemon.End();
 }

@@ -31,6 +31,23 @@ TEST(ConfigFileTest, TellsWhatIsWrongWithTheFile) {
   EXPECT_EQ(broken.json.error_column, 20U);
 }
 
+std::string FaultText(const std::string& content) {
+  return FileFaultText("t.json", ReadConfigText(content, kTasksKey), kTasksKey);
+}
+
+TEST(ConfigFileTest, SaysInOneLineWhichFileIsNoUseAndWhy) {
+  const auto text = [](const std::string& name) {
+    return FileFaultText(name, ReadConfigFile(name, kTasksKey), kTasksKey);
+  };
+  EXPECT_EQ(text(""), "no file with \"IP-SLA-tasks\" is named");
+  EXPECT_EQ(text("/no/such/file"), "/no/such/file: No such file or directory");
+  EXPECT_EQ(text("/tmp"), "/tmp: Is a directory");
+  EXPECT_EQ(FaultText(R"({"IP-SLA-tasks": []})"), "");
+  EXPECT_EQ(FaultText("{\n  \"key-string\" \"secret\"}"), "t.json:2:16: is not JSON");
+  EXPECT_EQ(FaultText(std::string(kMaxJsonDepth + 1, '[')), "t.json:1:33: nests deeper than 32");
+  EXPECT_EQ(FaultText("[]"), "t.json: has no array \"IP-SLA-tasks\" in its root");
+}
+
 TEST(ConfigFileTest, NeedsAnArrayInTheRoot) {
   for (const char* content : {"{}", "[]", "5", "null", R"({"IP-SLA-tasks": {}})",
                               R"({"IP-SLA-tasks": null})", R"([{"IP-SLA-tasks": []}])"}) {

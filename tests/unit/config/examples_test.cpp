@@ -44,11 +44,13 @@ std::string ManualBlock(int n) {
 // Both files, read without a fault or a line in the log.
 SlaTaskMap ReadFaultless(const std::string& tasks_file, const std::string& keychain_file) {
   static_cast<void>(test::TakeSyslog());
+  std::string fault;
   KeychainStorage keychain;
-  EXPECT_EQ(ParseKeychainConfig(keychain_file, &keychain), 0);
+  EXPECT_EQ(ParseKeychainConfig(keychain_file, &keychain, &fault), 0);
   SlaTaskMap tasks;
   std::vector<std::uint8_t> cpus;
-  EXPECT_EQ(ParseTaskConfigs(tasks_file, &tasks, keychain, &cpus), 0);
+  EXPECT_EQ(ParseTaskConfigs(tasks_file, &tasks, keychain, &cpus, &fault), 0);
+  EXPECT_EQ(fault, "");
   EXPECT_THAT(test::TakeSyslogTexts(), IsEmpty());
   EXPECT_THAT(cpus, ElementsAre(0));
   return tasks;

@@ -20,6 +20,7 @@ using testing::IsEmpty;
 // What a read gave and wrote to both logs.
 struct KeychainRead {
   int status = 0;
+  std::string fault;
   KeychainStorage storage = {{77, "left over"}};
   std::vector<std::string> file_log;
   std::vector<std::string> system_log;
@@ -27,7 +28,7 @@ struct KeychainRead {
   explicit KeychainRead(const std::string& filename) {
     test::FreshLogFile(0);
     static_cast<void>(test::TakeSyslog());
-    status = ParseKeychainConfig(filename, &storage);
+    status = ParseKeychainConfig(filename, &storage, &fault);
     file_log = test::ReadLogFile(0);
     system_log = test::TakeSyslogTexts();
   }

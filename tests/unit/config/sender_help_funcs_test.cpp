@@ -31,6 +31,7 @@ std::vector<std::int32_t> Ids(const SlaTaskMap& tasks) {
 // What a read gave and wrote to both logs. One task and one CPU are there from before.
 struct TasksRead {
   int status = 0;
+  std::string fault;
   SlaTaskMap tasks = {{77, SlaTaskConfig{}}};
   std::vector<std::uint8_t> cpus = {9};
   std::vector<std::string> file_log;
@@ -39,7 +40,7 @@ struct TasksRead {
   explicit TasksRead(const std::string& filename) {
     test::FreshLogFile(0);
     static_cast<void>(test::TakeSyslog());
-    status = ParseTaskConfigs(filename, &tasks, {{1, "one"}}, &cpus);
+    status = ParseTaskConfigs(filename, &tasks, {{1, "one"}}, &cpus, &fault);
     file_log = test::ReadLogFile(0);
     system_log = test::TakeSyslogTexts();
   }
@@ -174,6 +175,7 @@ TEST(ParseTaskConfigsTest, RefusesAFileThatCannotBeRead) {
     const TasksRead read{name};
     EXPECT_EQ(read.status, -1) << name;
     EXPECT_THAT(read.tasks, IsEmpty()) << name;
+    EXPECT_THAT(read.fault, testing::StartsWith(std::string(name) + ": ")) << name;
     ExpectBothLogs(read, {"unable to open configuration file"});
   }
 }

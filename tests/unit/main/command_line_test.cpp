@@ -57,6 +57,21 @@ const Case kCases[] = {
 INSTANTIATE_TEST_SUITE_P(Table, CommandLineTest, testing::ValuesIn(kCases),
                          [](const auto& row) { return row.param.name; });
 
+TEST(CommandLineTextTest, NamesWordsThatAreNotRead) {
+  EXPECT_EQ(SurplusText(Parse({"-f", "t.json", "-k", "k.json"})), "");
+  EXPECT_EQ(SurplusText(Parse({"start", "-f", "t.json"})), "surplus argument 'start' is not read");
+  EXPECT_EQ(SurplusText(Parse({"a", "-k", "k.json", "--", "-v"})),
+            "surplus arguments 'a' '-v' are not read");
+}
+
+TEST(CommandLineTextTest, NamesMissingOptions) {
+  EXPECT_EQ(MissingText(Parse({"-f", "t.json", "-k", "k.json"})), "");
+  EXPECT_EQ(MissingText(Parse({"-k", "k.json"})), "missing: -f with the tasks file");
+  EXPECT_EQ(MissingText(Parse({"-f", "t.json"})), "missing: -k with the keychain file");
+  EXPECT_EQ(MissingText(Parse({})),
+            "missing: -f with the tasks file and -k with the keychain file");
+}
+
 TEST(CommandLineTextTest, BannerNamesVersionDateAndTime) {
   const std::regex shape(
       R"(IP SLA module version R1\.0\.0-78d40e7-dirty \(compiled [A-Z][a-z]{2} [ 0-9]\d \d{4} @ \d\d:\d\d:\d\d\)\n)");
