@@ -1,7 +1,8 @@
-"""Prints the report of each finished run from the test logs until every task has had its runs.
+"""Waits until every task has had its runs, then prints one whole report: the last one of a task of
+one type.
 
-Arguments: the tasks file, the number of runs per task. Fails when a run failed or the runs do not
-come in time.
+Arguments: the tasks file, the number of runs per task, the type. Fails when a run failed or the runs
+do not come in time.
 """
 
 import json
@@ -46,23 +47,24 @@ def finished_reports(number):
 def main():
     tasks = json.loads(pathlib.Path(sys.argv[1]).read_text())["IP-SLA-tasks"]
     wanted = int(sys.argv[2])
-    shown = {task["sla-id"]: 0 for task in tasks}
     deadline = time.monotonic() + 30 + wanted * max(task["scheduler"]["time"] for task in tasks)
-    failed = 0
-    while any(count < wanted for count in shown.values()):
+    reports = {task["sla-id"]: [] for task in tasks}
+    while any(len(found) < wanted for found in reports.values()):
         if time.monotonic() > deadline:
-            print(
-                "these tasks had no run in time:",
-                [task for task, count in shown.items() if count < wanted],
-            )
+            missing = [number for number, found in reports.items() if len(found) < wanted]
+            print("these tasks had no run in time:", missing)
             return 1
-        for number, count in shown.items():
-            for report in finished_reports(number)[count:wanted]:
-                print("\n".join(report), end="\n\n", flush=True)
-                shown[number] += 1
-                failed += "Status: successful" not in report[0]
         time.sleep(0.1)
-    print(f"{sum(shown.values())} runs shown, {failed} of them failed")
+        reports = {number: finished_reports(number) for number in reports}
+    (shown, *_) = [task["sla-id"] for task in tasks if task["sla-type"] == sys.argv[3]]
+    print("\n".join(reports[shown][-1]), flush=True)
+    failed = [
+        number
+        for number, found in reports.items()
+        if any("Status: successful" not in report[0] for report in found)
+    ]
+    if failed:
+        print("tasks with failed runs:", failed)
     return 1 if failed else 0
 
 
