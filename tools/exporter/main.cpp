@@ -99,7 +99,12 @@ int ParseAndServe(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kExitStopped : kExitUsage;
+    if (error.get_exit_code() == 0) {
+      return app.exit(error);  // help and version
+    }
+    fmt::print(stderr, "ip-sla-exporter: {}\nRun with --help for more information.\n",
+               error.what());
+    return kExitUsage;
   }
   try {
     return Serve(&arguments);
