@@ -5,6 +5,7 @@ import re
 import subprocess
 
 import pytest
+from support.help_texts import all_helps, options
 
 COMMAND_LINE = pathlib.Path(__file__).resolve().parents[2] / "src" / "main" / "command_line.cpp"
 PAGES = [
@@ -46,31 +47,6 @@ def test_page_names_only_pages_that_there_are(build, page):
     assert {f"{name}.{section}" for name, section in named} <= set(PAGES)
 
 
-def _help(build, program, *words):
-    command = [build.program(program), *words, "--help"]
-    return subprocess.run(
-        command, capture_output=True, text=True, check=False, env=build.environment()
-    ).stdout
-
-
-def _options(text):
-    """The names in a help text's lists of options: "  -n,--interval SECONDS", "  --a, --no-a"."""
-    lines = re.findall(r"^  ((?:-[A-Za-z],)?--?[a-zA-Z][^ ]*)", text, re.M)
-    return {name for line in lines for name in re.findall(r"--?[A-Za-z][\w-]*", line)}
-
-
-def _commands(text):
-    block = re.search(r"^Subcommands:\n(.*?)(?:\n\n|\Z)", text, re.M | re.S)
-    return re.findall(r"^  ([a-z][\w-]*)", block.group(1), re.M) if block else []
-
-
-def _all_helps(build, program, *words):
-    text = _help(build, program, *words)
-    yield words, text
-    for command in _commands(text):
-        yield from _all_helps(build, program, *words, command)
-
-
 @pytest.mark.parametrize("program", ["ip-sla-ctl", "ip-sla-responder", "ip-sla-exporter"])
 def test_every_option_is_on_its_page(build, program):
     if not build.has(program):
@@ -78,8 +54,8 @@ def test_every_option_is_on_its_page(build, program):
     section = 1 if program == "ip-sla-ctl" else 8
     page = _text(build, f"{program}.{section}")
     seen = set()
-    for words, text in _all_helps(build, program):
-        for word in (*_options(text), *words):
+    for words, text in all_helps(build, program):
+        for word in (*options(text), *words):
             assert re.search(rf"(?<![\w-]){re.escape(word)}(?![\w-])", page), (words, word)
             seen.add(word)
     assert {"-h", "--help", "-V", "--version"} <= seen, "the helps were read"

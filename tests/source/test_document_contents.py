@@ -1,5 +1,6 @@
 """The documents against the tree: links, paths and environment that they name."""
 
+import json
 import re
 
 import pytest
@@ -35,3 +36,44 @@ def test_files_of_the_tree_that_are_named_are_there(page):
     top = "src|tools|tests|docs|script|bench|cmake|deploy|examples"
     for path in re.findall(rf"`((?:{top})/[\w./-]+)`", page.read_text()):
         assert (ROOT / path).exists(), path
+
+
+def test_every_reason_of_the_parser_is_in_the_configuration():
+    page = " ".join((ROOT / "docs" / "configuration.md").read_text().split())
+    source = (ROOT / "src" / "config" / "task_parser.cpp").read_text()
+    reasons = set(re.findall(r'"((?:invalid|no|duplicate) [a-z/ ]{8,})"', source))
+    assert len(reasons) > 30
+    for reason in sorted(reasons):
+        assert f"`{reason}`" in page, reason
+
+
+def test_keys_of_results_are_those_of_the_schema():
+    page = (ROOT / "docs" / "ip-sla-ctl.md").read_text()
+    schema = json.loads((ROOT / "docs" / "schema" / "task-results.schema.json").read_text())
+    described = schema["properties"]["tasks"]["items"]
+    if "$ref" in described:
+        described = schema["$defs"][described["$ref"].rsplit("/", 1)[1]]
+    table = page.split("| Key of a task | Value |")[1].split("\n\n")[0]
+    first_cells = [row.split("|")[1] for row in table.splitlines() if row]
+    keys = {key for cell in first_cells for key in re.findall(r"`([^`]+)`", cell)}
+    assert keys == set(described["properties"])
+
+
+def _property_names(schema):
+    if isinstance(schema, dict):
+        yield from schema.get("properties", {})
+        for value in schema.values():
+            yield from _property_names(value)
+    elif isinstance(schema, list):
+        for value in schema:
+            yield from _property_names(value)
+
+
+@pytest.mark.parametrize("name", ["tasks", "keychain"])
+def test_manual_pages_of_the_files_have_every_key(name):
+    schema = json.loads((ROOT / "docs" / "schema" / f"{name}.schema.json").read_text())
+    page = (ROOT / "docs" / "man" / f"ip-sla-{name}.5.scd").read_text()
+    keys = set(_property_names(schema)) - {"$schema"}
+    assert len(keys) > 2
+    for key in sorted(keys):
+        assert f'"{key}"' in page, key

@@ -151,6 +151,7 @@ def test_rows_have_cause_proof_and_remedy(title):
     assert len(rows) >= 10
     for row in rows:
         assert len(row) == 4 and all(row), row
+        assert re.search(r"`[^`]+`", row[2]), "a command that proves it"
 
 
 def _formats():
@@ -176,6 +177,6 @@ def test_log_lines_are_those_of_the_sources():
                 assert any(
                     one.fullmatch(text)
                     or one.fullmatch(text.rstrip("… ."))
-                    or one.pattern.startswith(re.escape(text))
+                    or one.pattern.startswith(re.escape(text.rstrip("… .")))
                     for one in formats
                 ), text
