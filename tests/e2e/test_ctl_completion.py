@@ -86,7 +86,8 @@ def test_zsh_completes_on_a_terminal(ctl):
     }
     (ctl.lab.directory / "_ctl").write_text((TOOLS / "ip-sla-ctl.zsh").read_text())
     setting = " ".join(f"{name}={value}" for name, value in variables.items())
-    screen = Tmux(ctl.lab, 80, 24, f"env {setting} zsh -d -f")
+    launcher = " ".join(ctl.lab.build.launcher())
+    screen = Tmux(ctl.lab, 80, 24, f"env {setting} {launcher} zsh -d -f")
     screen.type(start, "Enter")
     screen.wait_for(r"^ready\s*$")
     screen.type("ip-sla-ctl stat", "Tab")

@@ -36,7 +36,9 @@ def _complete(ctl, shell, script, completion, words):
         "PATH": "/usr/bin:/bin",
     }
     setting = [f"{name}={value}" for name, value in variables.items()]
-    return ctl.lab.run("env", "-i", *setting, *shell, script, "shell", *words).stdout.split()
+    launcher = ctl.lab.build.launcher()
+    command = ["env", "-i", *setting, *launcher, *shell, script, "shell", *words]
+    return ctl.lab.run(*command).stdout.split()
 
 
 def bash_completes(ctl, *words):
