@@ -1,8 +1,8 @@
 """Waits until every task has had its runs, then prints one whole report: the last one of a task of
 one type.
 
-Arguments: the tasks file, the number of runs per task, the type. Fails when a run failed or the runs
-do not come in time.
+Arguments: the tasks file, the number of runs per task, the type. Fails when a run failed or the
+runs do not come in time.
 """
 
 import json

@@ -52,7 +52,9 @@ std::string FileFaultText(const std::string& filename, const ConfigFile& file, c
     case ConfigFileFault::kNotJson: {
       const std::string what =
           file.json.too_deep ? "nests deeper than " + std::to_string(kMaxJsonDepth) : "is not JSON";
-      if (!file.json.error_text) return filename + ": " + what;
+      if (!file.json.error_text) {
+        return filename + ": " + what;
+      }
       return filename + ":" + std::to_string(file.json.error_line) + ":" +
              std::to_string(file.json.error_column) + ": " + what;
     }

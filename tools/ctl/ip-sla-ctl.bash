@@ -49,7 +49,8 @@ _ip_sla_ctl_complete_value() {
       compopt -o nospace
       local before=""
       [[ $cur == *,* ]] && before=${cur%,*},
-      mapfile -t COMPREPLY < <(compgen -P "$before" -W "rtt= latency= jitter= loss= age=" -- "${cur##*,}")
+      listed="rtt= latency= jitter= loss= age="
+      mapfile -t COMPREPLY < <(compgen -P "$before" -W "$listed" -- "${cur##*,}")
       ;;
     --tasks)
       compopt -o filenames
@@ -75,7 +76,10 @@ _ip_sla_ctl_complete_positional() {
   positional=${positional% ...}
   case $positional in
     "") ;;
-    ID) mapfile -t COMPREPLY < <(compgen -W "$(_ip_sla_ctl_ids "$source" "${given[@]}")" -- "$cur") ;;
+    ID)
+      listed=$(_ip_sla_ctl_ids "$source" "${given[@]}")
+      mapfile -t COMPREPLY < <(compgen -W "$listed" -- "$cur")
+      ;;
     *)
       listed=$(_ip_sla_ctl_values "$help" "$positional")
       if [[ -n $listed ]]; then
@@ -102,7 +106,9 @@ _ip_sla_ctl() {
     if [[ $word == = ]]; then
       continue
     elif [[ -n $pending ]]; then
-      [[ $pending == --port && ${path[0]:-} != template || $pending == --tasks ]] && source+=" $pending $word"
+      if [[ $pending == --tasks || $pending == --port && ${path[0]:-} != template ]]; then
+        source+=" $pending $word"
+      fi
       pending=""
     elif [[ $word == -* ]]; then
       if _ip_sla_ctl_takes_value "$help" "$word" || _ip_sla_ctl_takes_value "$top" "$word"; then
@@ -119,8 +125,9 @@ _ip_sla_ctl() {
   if [[ -n $pending ]]; then
     _ip_sla_ctl_complete_value "$pending" "$help" "$cur"
   elif [[ $cur == -* ]]; then
+    [[ $help == "$top" ]] || help+=$'\n'$(grep -v -e --version <<<"$top")
     mapfile -t COMPREPLY < <(
-      compgen -W "$( (_ip_sla_ctl_options "$help"; _ip_sla_ctl_options "$top" | grep -v -- --version) | sort -u)" -- "$cur"
+      compgen -W "$(_ip_sla_ctl_options "$help" | sort -u)" -- "$cur"
     )
   elif [[ -n $(_ip_sla_ctl_commands "$help") ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$(_ip_sla_ctl_commands "$help")" -- "$cur")

@@ -88,7 +88,8 @@ _ip_sla_ctl() {
     compset -P '*='
     _ip_sla_ctl_complete_value "${word%%=*}" "$help"
   elif [[ $word == -* ]]; then
-    listed=(${(f)"$(_ip_sla_ctl_options "$help"; _ip_sla_ctl_options "$top" | grep -v -- --version)"})
+    [[ $help == $top ]] || help+=$'\n'$(grep -v -e --version <<<"$top")
+    listed=(${(f)"$(_ip_sla_ctl_options "$help")"})
     compadd -- ${(u)listed}
   elif [[ -n $(_ip_sla_ctl_commands "$help") ]]; then
     listed=(${(f)"$(_ip_sla_ctl_commands "$help")"})
