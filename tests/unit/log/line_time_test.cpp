@@ -25,7 +25,7 @@ std::string TimeOf(LineTime& time, std::time_t now) {
 }
 
 // The smallest file of a time zone: one offset for ever.
-std::string ZoneFile(char offset_hours) {
+std::string ZoneFile(int offset_hours) {
   const int seconds = offset_hours * 3600;
   std::string file = "TZif";
   file += std::string(16, '\0');                         // version 1, reserved
