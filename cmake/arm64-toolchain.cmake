@@ -15,5 +15,8 @@ if(NOT EXISTS /usr/bin/${PKG_CONFIG_EXECUTABLE})
 endif()
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 
-# Programs of the other architecture cannot run here: neither tests nor what is only tested.
-set(IPSLA_TESTS OFF CACHE BOOL "")
+# What a build or ctest runs of its own programs, it runs emulated.
+find_program(QEMU_AARCH64 NAMES qemu-aarch64-static qemu-aarch64)
+if(QEMU_AARCH64)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${QEMU_AARCH64})
+endif()

@@ -1,0 +1,131 @@
+# shellcheck shell=bash disable=SC2154
+# An emulated 64-bit ARM machine that runs one command: Debian's kernel, its packages and the
+# project's arm64 build in an initial RAM disk, nothing else. To be sourced after common.sh.
+
+GUEST=build/arm64-guest
+GUEST_PACKAGES=(mount findutils bash coreutils dash grep sed kmod util-linux procps
+  iproute2 nftables openssl
+  python3 python3-pytest python3-pytest-xdist python3-jsonschema
+  libboost-thread1.74.0 libboost-chrono1.74.0 libcjson1 libssl3 libsystemd0 libfmt9)
+# Of the kernel's modules: whatever networks are made of, and what that stands on.
+GUEST_MODULES=(kernel/net kernel/lib kernel/crypto kernel/arch/arm64/crypto
+  kernel/drivers/net/veth.ko kernel/drivers/net/dummy.ko kernel/drivers/net/ifb.ko)
+
+# apt that knows of nothing installed and of this architecture alone.
+guest_apt() {
+  local at=$PWD/$GUEST/packages
+  mkdir -p "$at/partial"
+  apt-get -q -y -o Dir::State::status=/dev/null -o Dir::Cache::archives="$at" \
+    -o Dir::Cache::pkgcache= -o Dir::Cache::srcpkgcache= \
+    -o APT::Architecture=arm64 -o APT::Architectures=arm64 -o APT::Install-Recommends=false \
+    -o APT::Sandbox::User=root -o Debug::NoLocking=1 "$@" </dev/null
+}
+
+# unpack ROOT PACKAGE...: without running what packages do when they are installed.
+unpack() {
+  local root=$1 package
+  shift
+  for package in "$@"; do
+    dpkg-deb --fsys-tarfile "$package" | tar -x --keep-directory-symlink -C "$root" \
+      --exclude='./usr/share/doc' --exclude='./usr/share/man' --exclude='./usr/share/locale'
+  done
+}
+
+# archive FILE DIRECTORY: as the kernel unpacks it into its first file system. Uncompressed: the
+# emulated processor would take longer over it than anything else.
+archive() {
+  (
+    cd "$2"
+    find . -print0 | sort -z | cpio --quiet --null --create --format=newc --owner=0:0
+  ) >"$1.new"
+  mv "$1.new" "$1"
+}
+
+# Makes the kernel and the file system of Debian's packages, once for a list of packages.
+make_guest() {
+  local kernel wanted root=$GUEST/root version modules directory
+  kernel=$(apt-cache show linux-image-arm64:arm64 | awk '/^Depends:/ { print $2; exit }')
+  [[ -n $kernel ]] || die "the package lists have no linux-image-arm64:arm64 (apt-get update?)"
+  wanted="$kernel ${GUEST_PACKAGES[*]} ${GUEST_MODULES[*]} $(cksum <tests/arm64/init)"
+  [[ ! -e $GUEST/made || $(<"$GUEST/made") != "$wanted" ]] || return 0
+  say "unpacking $kernel and ${#GUEST_PACKAGES[@]} packages with what they need"
+  rm -rf "$GUEST"
+  guest_apt --download-only install "${GUEST_PACKAGES[@]}" >/dev/null
+  (
+    cd "$GUEST/packages"
+    apt-get -q -o APT::Sandbox::User=root download "$kernel:arm64" >/dev/null
+  )
+  mkdir -p "$GUEST/kernel" "$root"/usr/{bin,sbin,lib}
+  mkdir -p "$root"/{dev,proc,sys,tmp,run,root,var/log}
+  for directory in bin sbin lib; do ln -s "usr/$directory" "$root/$directory"; done
+  dpkg-deb -x "$GUEST"/packages/linux-image-*.deb "$GUEST/kernel"
+  rm "$GUEST"/packages/linux-image-*.deb
+  unpack "$root" "$GUEST"/packages/*.deb
+  cp "$GUEST"/kernel/boot/vmlinuz-* "$GUEST/vmlinuz"
+  version=$(cd "$GUEST"/kernel/lib/modules && echo *)
+  modules=$ROOT/$root/lib/modules/$version
+  mkdir -p "$modules"
+  (
+    cd "$GUEST/kernel/lib/modules/$version"
+    cp -r --parents modules.builtin* modules.order "${GUEST_MODULES[@]}" "$modules"
+  )
+  depmod -b "$root" "$version"
+  printf '%s\n' root:x:0:0:root:/root:/bin/sh nobody:x:65534:65534::/nonexistent:/bin/false \
+    >"$root/etc/passwd"
+  printf 'root:x:0:\nnogroup:x:65534:\n' >"$root/etc/group"
+  printf '127.0.0.1 localhost\n' >"$root/etc/hosts"
+  install -m 755 tests/arm64/init "$root/init"
+  archive "$GUEST/root.cpio" "$root"
+  rm -rf "$GUEST/kernel" "$root"
+  printf '%s' "$wanted" >"$GUEST/made"
+}
+
+# The project in the same place as here, because programs and tests find their files by it.
+add_project() {
+  local stage=$GUEST/project
+  rm -rf "$stage"
+  mkdir -p "$stage$ROOT/build/arm64"
+  cp -r --parents tests tools docs examples deploy README.md "$stage$ROOT"
+  cp build/arm64/CMakeCache.txt "$stage$ROOT/build/arm64/"
+  cp -r build/arm64/bin build/arm64/lib "$stage$ROOT/build/arm64/"
+  find "$stage" -name '*.a' -delete
+  find "$stage$ROOT/build" -type f \( -path '*/bin/*' -o -name '*.so*' \) \
+    -exec aarch64-linux-gnu-strip --strip-debug {} +
+  printf '%s\n' "cd $ROOT" "$1" >"$stage/job"
+  archive "$GUEST/project.cpio" "$stage"
+  rm -rf "$stage"
+}
+
+start_guest() {
+  cat "$GUEST/root.cpio" "$GUEST/project.cpio" >"$GUEST/initrd"
+  # A console, and no other device.
+  qemu-system-aarch64 -machine virt -cpu cortex-a72 -smp 2 -m 3072 -nodefaults -nographic \
+    -nic none -no-reboot -serial stdio -kernel "$GUEST/vmlinuz" -initrd "$GUEST/initrd" \
+    -append "console=ttyAMA0 quiet panic=-1 sysctl.kernel.panic_on_oops=1"
+}
+
+# in_guest SECONDS COMMAND: runs it in the project's directory there; its output and its status.
+in_guest() {
+  make_guest
+  add_project "$2"
+  say "a 64-bit ARM machine runs: ${2:0:100}"
+  local console=$GUEST/console status
+  timeout --foreground "$1" bash -c "$(declare -f start_guest); GUEST=$GUEST; start_guest" \
+    </dev/null |
+    stdbuf -oL tr -d '\r' | tee "$console" || true
+  status=$(sed -n 's/^the job ended with status //p' "$console")
+  [[ -n $status ]] || die "the machine did not come to the end of its job"
+  return "$status"
+}
+
+guest_shell() {
+  make_guest
+  add_project "exec setsid -c bash -i"
+  start_guest
+}
+
+# Emulated programs are slow: deadlines five times as long.
+guest_pytest() {
+  printf '%s ' "IPSLA_DEADLINE_SCALE=5 IPSLA_BUILD_DIR=$ROOT/build/arm64" \
+    "python3 -m pytest -p no:cacheprovider -rs -n 4"
+}
