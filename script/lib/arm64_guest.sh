@@ -41,12 +41,12 @@ archive() {
   mv "$1.new" "$1"
 }
 
-# Makes the kernel and the file system of Debian's packages, once for a list of packages.
+# Makes the kernel and the file system of Debian's packages, anew when what it consists of changes.
 make_guest() {
   local kernel wanted root=$GUEST/root version modules directory
   kernel=$(apt-cache show linux-image-arm64:arm64 | awk '/^Depends:/ { print $2; exit }')
   [[ -n $kernel ]] || die "the package lists have no linux-image-arm64:arm64 (apt-get update?)"
-  wanted="$kernel ${GUEST_PACKAGES[*]} ${GUEST_MODULES[*]} $(cksum <tests/arm64/init)"
+  wanted="$kernel $(cat tests/arm64/init script/lib/arm64_guest.sh | cksum)"
   [[ ! -e $GUEST/made || $(<"$GUEST/made") != "$wanted" ]] || return 0
   say "unpacking $kernel and ${#GUEST_PACKAGES[@]} packages with what they need"
   rm -rf "$GUEST"
@@ -58,6 +58,7 @@ make_guest() {
   mkdir -p "$GUEST/kernel" "$root"/usr/{bin,sbin,lib}
   mkdir -p "$root"/{dev,proc,sys,tmp,run,root,var/log}
   for directory in bin sbin lib; do ln -s "usr/$directory" "$root/$directory"; done
+  ln -s /run "$root/var/run"
   dpkg-deb -x "$GUEST"/packages/linux-image-*.deb "$GUEST/kernel"
   rm "$GUEST"/packages/linux-image-*.deb
   unpack "$root" "$GUEST"/packages/*.deb
