@@ -18,7 +18,6 @@
 namespace ipsla::exporter {
 namespace {
 
-using std::chrono::duration;
 using std::chrono::duration_cast;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
