@@ -32,7 +32,8 @@ if(IPSLA_SANITIZE)
 endif()
 
 if(IPSLA_COVERAGE)
-  target_compile_options(ipsla_settings INTERFACE --coverage)
+  # Several threads count: without atomic counters some counts would even be negative.
+  target_compile_options(ipsla_settings INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(ipsla_settings INTERFACE --coverage)
 endif()
 
