@@ -96,7 +96,7 @@ void Sender::FillPadding(std::size_t header, std::size_t end) {
 }
 
 void Sender::Schedule() {
-  const MutexLock lock(mutex_);
+  const Lock lock(*this);
   const auto first = ComputeFirstStart(config_.scheduler, RealTimeNow());
   if (!first) return;
   scheduled_ = true;
@@ -114,7 +114,7 @@ void Sender::StartFuncTimeout(const TimerHandler& handler, std::uint32_t millise
 
 void Sender::OnTimer(RunTimer::Ticket ticket, const TimerHandler& handler) {
   const BelowPacing priority;
-  const MutexLock lock(mutex_);
+  const Lock lock(*this);
   if (timer_.IsCurrent(ticket)) handler.run(*this);
 }
 
@@ -275,7 +275,7 @@ SlaTaskMetrics Sender::LatestOf(const std::list<SlaTaskMetrics>& history) const 
 }
 
 void Sender::Stop(bool final) {
-  const MutexLock lock(mutex_);
+  const Lock lock(*this);
   withdrawn_ = true;
   StopLocked(final);
 }
@@ -291,7 +291,7 @@ void Sender::StopLocked(bool final) {
 }
 
 void Sender::Restart() {
-  const MutexLock lock(mutex_);
+  const Lock lock(*this);
   try {
     StopLocked(false);
     StartFuncTimeout(kNewStart, ToMilliseconds(static_cast<std::uint32_t>(config_.scheduler.time)));
@@ -307,7 +307,7 @@ bool Sender::IsInVrf(const std::string& vrf_key) const {
 
 void Sender::UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_index,
                                 std::uint32_t new_address, std::uint32_t old_address) {
-  const MutexLock lock(mutex_);
+  const Lock lock(*this);
   if (!IsInVrf(vrf_key)) return;
   SlaEndpointConfig& control = config_.control_phase;
   SlaEndpointConfig& measurement = config_.measurement;
@@ -336,7 +336,7 @@ void Sender::UpdateLocalAddress(const std::string& vrf_key, std::uint32_t if_ind
 
 void Sender::SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_index,
                                const std::optional<std::string>& if_name) {
-  const MutexLock lock(mutex_);
+  const Lock lock(*this);
   if (!IsInVrf(vrf_key)) return;
   for (SlaEndpointConfig* endpoint : {&config_.control_phase, &config_.measurement}) {
     if (if_name) {
@@ -347,8 +347,8 @@ void Sender::SetInterfaceIndex(const std::string& vrf_key, std::uint32_t if_inde
   }
 }
 
-bool Sender::IsStopped() const {
-  const MutexLock lock(mutex_);
+bool Sender::IsStopped() {
+  const Lock lock(*this);
   return IsStoppedLocked();
 }
 

@@ -93,7 +93,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
                          const std::optional<std::string>& if_name) IPSLA_EXCLUDES(mutex_);
 
   /// True when the end of life has passed or Stop(true) was called.
-  [[nodiscard]] bool IsStopped() const;
+  [[nodiscard]] bool IsStopped();
 
   /// Constant: any thread.
   [[nodiscard]] std::uint16_t GetId() const { return id_; }
@@ -102,6 +102,27 @@ class Sender : public boost::enable_shared_from_this<Sender> {
  protected:
   // Counts runs, and what ends them.
   using RunNumber = std::uint64_t;
+
+  /// Holds mutex_ to the end of the block: the only way to lock it. A probe that fell due meanwhile
+  /// goes back to the pacer then.
+  class IPSLA_ATTRIBUTE(scoped_lockable) Lock {
+   public:
+    explicit Lock(Sender& test) IPSLA_ATTRIBUTE(acquire_capability(test.mutex_)) : test_(test) {
+      test_.mutex_.lock();
+    }
+    /// Takes over the mutex that the caller holds.
+    Lock(Sender& test, std::adopt_lock_t) IPSLA_ATTRIBUTE(requires_capability(test.mutex_))
+        : test_(test) {}
+    ~Lock() IPSLA_ATTRIBUTE(release_capability()) {
+      test_.mutex_.unlock();
+      test_.TakeUpLeftProbe();
+    }
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+
+   private:
+    Sender& test_;
+  };
 
   /// What the timer does when it expires; called with mutex_ held. The name appears in the log.
   struct TimerHandler {
@@ -195,6 +216,9 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   /// no reply counts that the kernel stamped later.
   void StartProbing(std::uint32_t milliseconds) IPSLA_REQUIRES(mutex_);
 
+  /// Lets the pacer send the next probe of this run now. Needs no lock.
+  void PaceNow(RunNumber run);
+
   /// Opens the record of the next probe. To be called immediately before it is sent; `now` is the
   /// real-time clock's word for that moment.
   SlaPacketRecord& OpenProbe(const timespec& now) IPSLA_REQUIRES(mutex_);
@@ -223,7 +247,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   const std::uint16_t packet_size_;  // bytes, as stored in the task
   const SenderContext context_;
 
-  mutable Mutex mutex_;
+  Mutex mutex_;                    // to be locked by Lock
   std::atomic<RunNumber> run_{0};  // written under mutex_; also read without it
   // Interfaces and sources follow the system; what the constants above repeat does not change.
   SlaTaskConfig config_ IPSLA_GUARDED_BY(mutex_);
@@ -254,7 +278,10 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   void StoreRun(const SlaTaskConfig& config) IPSLA_UNCHECKED_LOCKING;
 
   // Probes out and replies in (sender_probes.cpp).
-  void PaceNow() IPSLA_REQUIRES(mutex_);
+  /// Takes mutex_, or leaves the due probe to who holds it. True when it was taken.
+  [[nodiscard]] bool LockOrLeaveProbe(RunNumber run)
+      IPSLA_ATTRIBUTE(try_acquire_capability(true, mutex_));
+  void TakeUpLeftProbe();
   [[nodiscard]] std::optional<SteadyTime> SendDue(RunNumber run) IPSLA_EXCLUDES(mutex_);
   [[nodiscard]] std::optional<SteadyTime> SendNext() IPSLA_REQUIRES(mutex_);
   void WaitToSend() IPSLA_REQUIRES(mutex_);
@@ -265,6 +292,9 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   [[nodiscard]] bool IsInTime(const timespec& arrival) const IPSLA_REQUIRES(mutex_);
   void TakeDepartures() IPSLA_REQUIRES(mutex_);
 
+  static constexpr RunNumber kNoRun = 0;  // run_ is 1 in the first run
+  // The run whose next probe fell due while a handler held mutex_, until that handler is done.
+  std::atomic<RunNumber> left_probe_{kNoRun};
   // Constant.
   const ProbeCalls calls_;
   // The sources that the task gives by address; 0 where it names an interface.

@@ -22,11 +22,6 @@ constexpr std::size_t kDatagramsPerTurn = 64;
 // to them before the socket's buffer is full.
 constexpr std::uint32_t kProbesPerTurn = 32;
 
-// When a probe is due while a handler of its test is at work, which takes microseconds. Longer than
-// the pacer waits awake for: that handler may have been interrupted by the thread on duty itself,
-// and goes on only while it sleeps.
-constexpr std::chrono::nanoseconds kRetryAfter = 2 * WakeLead::kMost;
-
 }  // namespace
 
 void Sender::SetProbeOptions() {
@@ -37,26 +32,46 @@ void Sender::StartProbing(std::uint32_t milliseconds) {
   WaitToReceive();
   StartFuncTimeout(kTestStop, milliseconds);
   deadline_ = SteadyNow() + std::chrono::milliseconds(milliseconds);
-  PaceNow();
+  PaceNow(run_);
 }
 
 // The pacer holds the test weakly: one that was removed need not wait for its next probe.
-void Sender::PaceNow() {
-  context_.pacer->Add(SteadyNow(),
-                      [test = boost::weak_ptr<Sender>(shared_from_this()),
-                       run = run_.load()]() -> std::optional<SteadyTime> {
-                        const boost::shared_ptr<Sender> self = test.lock();
-                        return self ? self->SendDue(run) : std::nullopt;
-                      });
+void Sender::PaceNow(RunNumber run) {
+  context_.pacer->Add(
+      SteadyNow(),
+      [test = boost::weak_ptr<Sender>(shared_from_this()), run]() -> std::optional<SteadyTime> {
+        const boost::shared_ptr<Sender> self = test.lock();
+        return self ? self->SendDue(run) : std::nullopt;
+      });
+}
+
+// The thread on duty has other tests' probes to send and does not wait for a handler of this one:
+// the handler gives the probe back to the pacer when it is done. Nor does the thread come back and
+// try again: the handler may be one that this very thread has interrupted, on the same CPU and with
+// a lower priority, and would never end if several such probes kept the thread awake.
+bool Sender::LockOrLeaveProbe(RunNumber run) {
+  if (mutex_.try_lock()) return true;
+  left_probe_ = run;
+  // Between the two steps on either side, so that not both miss the other's (Dekker's pattern).
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (!mutex_.try_lock()) return false;
+  if (left_probe_.exchange(kNoRun) == run) return true;
+  mutex_.unlock();  // the holder was quicker
+  return false;
+}
+
+void Sender::TakeUpLeftProbe() {
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (left_probe_ == kNoRun) return;
+  const RunNumber run = left_probe_.exchange(kNoRun);
+  if (run != kNoRun && run == run_) PaceNow(run);
 }
 
 std::optional<SteadyTime> Sender::SendDue(RunNumber run) {
   // Asked without the mutex first: while a run that has ended is dealt with, its probes are void.
   if (run != run_) return std::nullopt;
-  // The thread on duty has other tests' probes to send: it comes back rather than wait for a
-  // handler of this one.
-  if (!mutex_.try_lock()) return SteadyNow() + kRetryAfter;
-  const MutexLock lock(mutex_, std::adopt_lock);
+  if (!LockOrLeaveProbe(run)) return std::nullopt;
+  const Lock lock(*this, std::adopt_lock);
   if (run != run_) return std::nullopt;
   try {
     return SendNext();
@@ -119,13 +134,13 @@ void Sender::WaitToSend() {
 }
 
 void Sender::SendPacket(const boost::system::error_code& error, RunNumber run) {
-  const MutexLock lock(mutex_);
+  const Lock lock(*this);
   if (run != run_ || error == boost::asio::error::operation_aborted) return;
   if (error) {
     LOG_DEBUG(id_, "SendPacket failed on test %d: %s", id_, error.message().c_str());
     return;
   }
-  PaceNow();
+  PaceNow(run);
 }
 
 void Sender::WaitToReceive() {
@@ -138,7 +153,7 @@ void Sender::WaitToReceive() {
 void Sender::ReceivePacket(const boost::system::error_code& error, RunNumber run) {
   context_.pacer->LetDueProbesPass();
   if (run != run_) return;
-  const MutexLock lock(mutex_);
+  const Lock lock(*this);
   if (run != run_ || error == boost::asio::error::operation_aborted) return;
   if (error) {
     LOG_DEBUG(id_, "ReceivePacket failed on test %d: %s", id_, error.message().c_str());

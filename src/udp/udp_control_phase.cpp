@@ -112,7 +112,7 @@ void UdpSender::ArmControlReceive() {
 
 void UdpSender::ControlResponse(const boost::system::error_code& error, RunNumber run) {
   const BelowPacing priority;
-  const MutexLock lock(mutex_);
+  const Lock lock(*this);
   if (run != run_) return;
   if (error) {
     ControlReceiveFailed(error);

@@ -35,6 +35,7 @@ class ScriptedTest final : public Sender {
   std::function<void()> computing = [] {};
   std::atomic<int> starts = 0;
   std::atomic<int> closes = 0;
+  std::atomic<int> sends = 0;  // of the pacer
   bool close_fails = false;
 
   using Sender::CalcMetric;
@@ -44,12 +45,13 @@ class ScriptedTest final : public Sender {
   using Sender::kTestStop;
   using Sender::metrics_;
   using Sender::mutex_;
+  using Sender::PaceNow;
   using Sender::ring_;
   using Sender::run_;
   using Sender::StartFuncTimeout;
 
-  [[nodiscard]] SlaTaskConfig Config() const {
-    const MutexLock lock(mutex_);
+  [[nodiscard]] SlaTaskConfig Config() {
+    const Lock lock(*this);
     return config_;
   }
 
@@ -65,8 +67,7 @@ class ScriptedTest final : public Sender {
   }
 
  private:
-  static constexpr ProbeCalls kCalls{.send = [](Sender&) { return SendOutcome::kFailed; },
-                                     .take = [](Sender&, const StampedDatagram&) { return false; }};
+  static const ProbeCalls kCalls;
 
   void StartTest() override {
     ++starts;
@@ -85,6 +86,14 @@ class ScriptedTest final : public Sender {
     if (close_fails) throw std::runtime_error("close: scripted");
   }
 };
+
+inline const Sender::ProbeCalls ScriptedTest::kCalls{
+    .send =
+        [](Sender& test) {
+          ++static_cast<ScriptedTest&>(test).sends;
+          return SendOutcome::kFailed;
+        },
+    .take = [](Sender&, const StampedDatagram&) { return false; }};
 
 /// A context with one such test.
 class SenderTest : public testing::Test {

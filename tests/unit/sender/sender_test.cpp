@@ -5,7 +5,9 @@
 #include <net/if.h>
 
 #include <atomic>
+#include <chrono>
 #include <limits>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,6 +38,29 @@ TEST_F(SenderTest, StartNowBeginsAfterZeroMilliseconds) {
   test->Schedule();
   EXPECT_THAT(ArmedStarts(), ElementsAre("func 'NewStart' timeout 0 ms"));
   EXPECT_TRUE(context.RunUntil([&] { return test->starts == 1; }));
+}
+
+TEST_F(SenderTest, AProbeThatFallsDueWhileAHandlerIsAtWorkIsSentAfterIt) {
+  const auto test = Make(task);
+  std::atomic<bool> passed = false;
+  std::thread on_duty;
+  test->script = [&](ScriptedTest& self) {
+    self.PaceNow(self.run_);
+    // One behind the other: when the second is served, the first was.
+    context.pacer->Add(SteadyNow(), [&]() -> std::optional<SteadyTime> {
+      passed = true;
+      return std::nullopt;
+    });
+    on_duty = std::thread([&] {
+      while (!passed) context.worker.run_one_for(std::chrono::milliseconds(1));
+    });
+    on_duty.join();
+    EXPECT_EQ(self.sends, 0);
+  };
+  test->Schedule();
+  EXPECT_TRUE(context.RunUntil([&] { return test->sends == 1; }));
+  context.RunReady();
+  EXPECT_EQ(test->sends, 1);
 }
 
 TEST_F(SenderTest, NegativeLifeTimeNeverStarts) {
