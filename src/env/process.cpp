@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "log/log.h"
+#include "log/sanitizers.h"
 #include "log/thread_stack.h"
 
 namespace ipsla {
@@ -33,6 +34,9 @@ int SetCpuNum(pthread_t thread, std::uint8_t cpu) {
 }
 
 BelowPacing::BelowPacing() {
+  // The sanitizers guard their own data by locks that are waited for awake: a thread that holds one
+  // and is interrupted by another of a higher priority that wants it would never go on.
+  if (log_internal::kSanitized) return;
   constexpr int kHighest = 99;
   sched_param parameters{};
   const int policy = sched_getscheduler(0);

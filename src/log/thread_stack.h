@@ -8,27 +8,13 @@
 
 #include <cstddef>
 
-// Instrumented frames are several times as large, and the sanitizers' thread-local storage lies on
-// the stack as well.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-/// Frames are larger under a sanitizer.
-#define IPSLA_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
-    __has_feature(memory_sanitizer)
-#define IPSLA_SANITIZED 1
-#endif
-#endif
+#include "log/sanitizers.h"
 
 namespace ipsla::log_internal {
 
-#ifdef IPSLA_SANITIZED
-/// Bytes asked for.
-inline constexpr std::size_t kStackBytes = 16U * 131072U;
-#else
-/// Bytes asked for.
-inline constexpr std::size_t kStackBytes = 131072;
-#endif
+/// Bytes asked for. Instrumented frames are several times as large, and the sanitizers'
+/// thread-local storage lies on the stack as well.
+inline constexpr std::size_t kStackBytes = kSanitized ? 16U * 131072U : 131072U;
 
 /// kStackBytes rounded up to whole pages.
 [[nodiscard]] inline std::size_t RoundedStackBytes() {
@@ -37,7 +23,5 @@ inline constexpr std::size_t kStackBytes = 131072;
 }
 
 }  // namespace ipsla::log_internal
-
-#undef IPSLA_SANITIZED
 
 #endif  // IPSLA_LOG_THREAD_STACK_H_
