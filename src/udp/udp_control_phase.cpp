@@ -1,6 +1,10 @@
 // The control phase of a UDP test: one request, one response, no resend within a run.
 
+// clang-format off: the kernel's header needs timespec before it
 #include <linux/errqueue.h>
+
+#include <ctime>
+// clang-format on
 #include <netinet/in.h>
 #include <sys/socket.h>
 
