@@ -186,8 +186,8 @@ void TaskInspector::CheckProbeCount() {
   } else if (!has_wide_numbers && task_.num_packets > std::numeric_limits<std::uint16_t>::max()) {
     remarks_.Warn(key, "is more than the 16-bit sequence numbers of this type can tell apart");
   } else if (task_.num_packets > kManyProbes) {
-    remarks_.Warn(
-        key, fmt::format("takes the daemon hundreds of megabytes: up to {} is usual", kManyProbes));
+    remarks_.Warn(key,
+                  fmt::format("takes the daemon more than 100 MB: up to {} is usual", kManyProbes));
   }
 }
 

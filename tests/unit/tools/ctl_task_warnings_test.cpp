@@ -339,7 +339,7 @@ TEST(TaskWarnings, NamesProbesWhoseRecordsDoNotFitTheMemory) {
   };
   EXPECT_THAT(warnings("1000000"), IsEmpty());
   EXPECT_THAT(warnings("1000001"),
-              ElementsAre("udp-jitter.num-packets: takes the daemon hundreds of megabytes: up to "
+              ElementsAre("udp-jitter.num-packets: takes the daemon more than 100 MB: up to "
                           "1000000 is usual"));
   EXPECT_THAT(warnings("10000000"), testing::SizeIs(1));
   EXPECT_THAT(warnings("10000001"),
