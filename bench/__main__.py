@@ -4,10 +4,16 @@ import argparse
 import os
 import sys
 
-from . import ROOT, accuracy, micro, scale, stage
+from . import ROOT, accuracy, api, cost, micro, scale, stage
 from .report import Report
 
-AREAS = {"accuracy": accuracy.run, "scale": scale.run, "micro": micro.run}
+AREAS = {
+    "accuracy": accuracy.run,
+    "scale": scale.run,
+    "cost": cost.run,
+    "api": api.run,
+    "micro": micro.run,
+}
 
 
 def main():
