@@ -20,8 +20,9 @@ ConfigFile ReadConfigFile(const std::string& filename, const char* key) {
     file.error = errno;
     return file;
   }
-  file = ReadConfigText(*content, key);
-  explicit_bzero(content->data(), content->size());  // it may hold keys
+  std::string& text = *content;
+  file = ReadConfigText(text, key);
+  explicit_bzero(text.data(), text.size());  // it may hold keys
   return file;
 }
 
