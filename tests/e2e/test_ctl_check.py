@@ -287,9 +287,11 @@ def test_check_reads_standard_input_but_not_without_end(lab, ctl):
 
 
 def test_check_of_a_keychain_that_others_can_read(lab, ctl):
-    tasks, keys = _files(lab, [])
+    tasks, keys = _files(lab, [], '{"keychain-storage": [{"key-id": 1, "key-string": "x"}]}')
     lab.path(keys).chmod(0o644)
     assert ctl("check", tasks, keys).splitlines()[0] == (
         f"{keys}: warning: holds keys, and others than its owner can read it (mode 0644)"
     )
     assert len(ctl("check", "--no-host", tasks, keys).splitlines()) == 2
+    lab.path(keys).write_text('{"keychain-storage": []}')
+    assert len(ctl("check", tasks, keys).splitlines()) == 2

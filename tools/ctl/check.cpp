@@ -196,7 +196,8 @@ FileReport CheckKeychain(const std::string& name, const ConfigInput& input, cons
                          KeychainStorage* keys) {
   FileCheck file(ShownName(name), input, kKeychainKey);
   constexpr mode_t kOthersRead = S_IRGRP | S_IROTH;
-  if (host != nullptr && input.mode && (*input.mode & kOthersRead) != 0) {
+  const bool has_key = cJSON_GetArraySize(file.Array()) > 0;
+  if (has_key && host != nullptr && input.mode && (*input.mode & kOthersRead) != 0) {
     file.Report().warnings.push_back(
         {.fault = {"", "",
                    fmt::format("holds keys, and others than its owner can read it (mode {:04o})",

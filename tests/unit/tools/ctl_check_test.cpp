@@ -242,6 +242,18 @@ TEST(Check, WarnsOfAKeychainThatOthersCanRead) {
   EXPECT_THAT(check(0644, nullptr), IsEmpty()) << "the machine is left out";
 }
 
+TEST(Check, DoesNotWarnOfAnOpenKeychainWithoutKeys) {
+  SystemHost host;
+  KeychainStorage none;
+  const auto check = [&](const char* text) {
+    return CheckKeychain("KEYS", {.text = text, .mode = 0644}, &host, &none).warnings.size();
+  };
+  EXPECT_EQ(check(R"({"keychain-storage": []})"), 0U);
+  EXPECT_EQ(check(R"({"keychain-storage": [{"key-id": 1, "key-string": "a"}]})"), 1U);
+  EXPECT_EQ(check(R"({"keychain-storage": [{"key-id": "1", "key-string": "a"}]})"), 1U)
+      << "a key that the daemon cannot use is one all the same";
+}
+
 TEST(Check, WarnsOfKeysThatNoTaskCanUse) {
   const std::string keys =
       R"({"keychain-storage": [{"key-id": 256, "key-string": "a", "keystring": "b"}], "x": 1})";
