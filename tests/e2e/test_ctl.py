@@ -526,6 +526,10 @@ def test_wrong_command_line_is_a_usage_error(lab, ctl, arguments):
         (["foo"], "unknown command 'foo'; did you mean 'show'?"),
         (["--json", "wacth", "1"], "unknown command 'wacth'; did you mean 'watch'?"),
         (["reload", "task"], "unknown command 'task'; did you mean 'tasks'?"),
+        (
+            ["template", "udp-jiter", "--dst", "1.2.3.4"],
+            "unknown command 'udp-jiter'; did you mean 'udp-jitter'?",
+        ),
         (["show", "--alll"], "unknown option '--alll'; did you mean '--all'?"),
         (["probe", "1", "2", "3"], "surplus arguments '2' '3'"),
         (["show", "--sort", "name"], None),

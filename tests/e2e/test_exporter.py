@@ -191,6 +191,12 @@ def test_command_lines(lab):
     ):
         status, out, err = run(*wrong)
         assert (status, out) == (3, "") and "--help" in err, wrong
+    for wrong, fault in (
+        (["--lisen", "x"], "unknown option '--lisen'; did you mean '--listen'?"),
+        (["--interval", "1", "x"], "surplus argument 'x'"),
+    ):
+        advice = "Run with --help for more information."
+        assert run(*wrong) == (3, "", f"ip-sla-exporter: {fault}\n{advice}\n")
     Exporter(lab)
     assert run() == (
         1,

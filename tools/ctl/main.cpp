@@ -8,12 +8,13 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "client/usage_fault.h"
 #include "ctl/commands.h"
 #include "ctl/config_input.h"
+#include "ctl/display_text.h"
 #include "ctl/json_out.h"
 #include "ctl/task_order.h"
 #include "ctl/thresholds.h"
-#include "ctl/usage_fault.h"
 
 namespace ipsla::ctl {
 namespace {
@@ -331,7 +332,8 @@ std::string UsageFault(const CLI::App& app, const CLI::ParseError& error) {
   }
   const bool is_about_them =
       !commands.empty() || error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError);
-  return words.empty() || !is_about_them ? error.what() : SurplusText(words, commands, options);
+  return words.empty() || !is_about_them ? error.what()
+                                         : Printable(client::SurplusText(words, commands, options));
 }
 
 int ParseAndRun(int argc, char** argv) {

@@ -7,8 +7,8 @@
 #include <cjson/cJSON.h>
 #include <fmt/format.h>
 
+#include "client/nearest_word.h"
 #include "config/json_text.h"
-#include "ctl/nearest_word.h"
 
 namespace ipsla::ctl {
 namespace {
@@ -63,7 +63,7 @@ std::string UnknownKeyReason(KeyPlace place, std::string_view name) {
   for (const KnownKey& key : KeysOf(place)) {
     names.push_back(key.name);
   }
-  const std::string nearest = NearestWord(name, names);
+  const std::string nearest = client::NearestWord(name, names);
   return nearest.empty()
              ? "unknown key: it is not read"
              : fmt::format("unknown key: it is not read; did you mean \"{}\"?", nearest);

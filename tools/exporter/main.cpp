@@ -9,6 +9,7 @@
 #include <boost/asio/signal_set.hpp>
 #include <fmt/format.h>
 
+#include "client/usage_fault.h"
 #include "exporter/http_server.h"
 #include "exporter/listener.h"
 
@@ -92,6 +93,21 @@ int Serve(Arguments* arguments) {
   return kExitStopped;
 }
 
+/// What is wrong with the command line: as the library says it, but for words too many.
+std::string UsageFault(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> words = app.remaining();
+  if (words.empty() || error.get_exit_code() != static_cast<int>(CLI::ExitCodes::ExtrasError)) {
+    return error.what();
+  }
+  std::vector<std::string> options;
+  for (const CLI::Option* option : app.get_options()) {
+    for (const std::string& name : option->get_lnames()) {
+      options.push_back("--" + name);
+    }
+  }
+  return client::SurplusText(words, {}, options);
+}
+
 int ParseAndServe(int argc, char** argv) {
   CLI::App app(kAbout, "ip-sla-exporter");
   Arguments arguments;
@@ -103,7 +119,7 @@ int ParseAndServe(int argc, char** argv) {
       return app.exit(error);  // help and version
     }
     fmt::print(stderr, "ip-sla-exporter: {}\nRun with --help for more information.\n",
-               error.what());
+               UsageFault(app, error));
     return kExitUsage;
   }
   try {

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "ctl/nearest_word.h"
+#include "client/nearest_word.h"
 
-namespace ipsla::ctl {
+namespace ipsla::client {
 namespace {
 
 constexpr std::array<std::string_view, 7> kWords{
@@ -31,4 +31,4 @@ TEST(NearestWord, DoesNotGuessWildly) {
 }
 
 }  // namespace
-}  // namespace ipsla::ctl
+}  // namespace ipsla::client

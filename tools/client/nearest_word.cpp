@@ -1,11 +1,11 @@
-#include "ctl/nearest_word.h"
+#include "client/nearest_word.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cstddef>
 #include <vector>
 
-namespace ipsla::ctl {
+namespace ipsla::client {
 namespace {
 
 /// Lower case, without what people put between the parts of a name.
@@ -81,4 +81,4 @@ std::string NearestWord(std::string_view word, std::span<const std::string_view>
   return nearest;
 }
 
-}  // namespace ipsla::ctl
+}  // namespace ipsla::client

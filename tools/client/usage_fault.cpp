@@ -1,14 +1,11 @@
-#include "ctl/usage_fault.h"
+#include "client/usage_fault.h"
 
 #include <algorithm>
 #include <string_view>
 
-#include <fmt/format.h>
+#include "client/nearest_word.h"
 
-#include "ctl/display_text.h"
-#include "ctl/nearest_word.h"
-
-namespace ipsla::ctl {
+namespace ipsla::client {
 namespace {
 
 std::string DidYouMean(const std::string& word) {
@@ -16,7 +13,7 @@ std::string DidYouMean(const std::string& word) {
 }
 
 std::string Quoted(const std::string& word) {
-  return "'" + Printable(word) + "'";
+  return "'" + word + "'";
 }
 
 }  // namespace
@@ -29,8 +26,11 @@ std::string SurplusText(const std::vector<std::string>& words,
   });
   if (option != words.end()) {
     const std::vector<std::string_view> known(options.begin(), options.end());
-    const std::string name = option->substr(0, option->find('='));
-    return "unknown option " + Quoted(*option) + DidYouMean(NearestWord(name, known));
+    const std::string nearest = NearestWord(option->substr(0, option->find('=')), known);
+    // It may be an option of the command that the word before it should have named.
+    if (commands.empty() || option == words.begin() || !nearest.empty()) {
+      return "unknown option " + Quoted(*option) + DidYouMean(nearest);
+    }
   }
   if (!commands.empty()) {
     const std::vector<std::string_view> known(commands.begin(), commands.end());
@@ -44,4 +44,4 @@ std::string SurplusText(const std::vector<std::string>& words,
   return text;
 }
 
-}  // namespace ipsla::ctl
+}  // namespace ipsla::client

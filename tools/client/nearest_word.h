@@ -1,13 +1,13 @@
 // "Did you mean ...?" Pure.
 
-#ifndef IPSLA_TOOLS_CTL_NEAREST_WORD_H_
-#define IPSLA_TOOLS_CTL_NEAREST_WORD_H_
+#ifndef IPSLA_TOOLS_CLIENT_NEAREST_WORD_H_
+#define IPSLA_TOOLS_CLIENT_NEAREST_WORD_H_
 
 #include <span>
 #include <string>
 #include <string_view>
 
-namespace ipsla::ctl {
+namespace ipsla::client {
 
 /// The known word that `word` is most likely a slip of: another case or other separators, its
 /// beginning or its end left out, or a few characters wrong. Empty when none is near.
@@ -19,6 +19,6 @@ namespace ipsla::ctl {
 [[nodiscard]] std::string ClosestWord(std::string_view word,
                                       std::span<const std::string_view> known);
 
-}  // namespace ipsla::ctl
+}  // namespace ipsla::client
 
-#endif  // IPSLA_TOOLS_CTL_NEAREST_WORD_H_
+#endif  // IPSLA_TOOLS_CLIENT_NEAREST_WORD_H_

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "ctl/usage_fault.h"
+#include "client/usage_fault.h"
 
-namespace ipsla::ctl {
+namespace ipsla::client {
 namespace {
 
 const std::vector<std::string> kCommands{"show", "watch", "status", "reload", "check", "probe"};
@@ -27,10 +27,16 @@ TEST(UsageFault, NamesAnUnknownOption) {
   EXPECT_EQ(SurplusText({"--nonsense"}, {}, kOptions), "unknown option '--nonsense'");
 }
 
+TEST(UsageFault, NamesTheCommandWhoseOptionsAreUnknown) {
+  EXPECT_EQ(SurplusText({"wacth", "--dst", "1.2.3.4"}, kCommands, kOptions),
+            "unknown command 'wacth'; did you mean 'watch'?");
+  EXPECT_EQ(SurplusText({"--dst", "1.2.3.4"}, kCommands, kOptions), "unknown option '--dst'");
+}
+
 TEST(UsageFault, NamesSurplusArguments) {
   EXPECT_EQ(SurplusText({"c"}, {}, kOptions), "surplus argument 'c'");
   EXPECT_EQ(SurplusText({"c", "-"}, {}, kOptions), "surplus arguments 'c' '-'");
 }
 
 }  // namespace
-}  // namespace ipsla::ctl
+}  // namespace ipsla::client
