@@ -408,6 +408,50 @@ def test_keychain_that_loses_a_key_in_use_is_refused(ctl, start_daemon):
     ctl("reload", "keychain", "--force", error=error)
 
 
+def _change_key(daemon, write_time):
+    """Task 2 gets a new key, in both files, which are written at that time."""
+    daemon.write_keychain({5: "a", 77: "b"})
+    authentication = {"mode": "keychain", "algorithm": "sha256", "key-id": 77}
+    daemon.write_tasks([icmp_echo(1), icmp_echo(2, authentication=authentication)])
+    for path in (daemon.tasks_path, daemon.keychain_path):
+        os.utime(path, (write_time, write_time))
+
+
+def test_reload_tells_of_a_task_whose_new_key_is_not_loaded(ctl, start_daemon):
+    authentication = {"mode": "keychain", "algorithm": "sha256", "key-id": 5}
+    tasks = [icmp_echo(1), icmp_echo(2, authentication=authentication)]
+    daemon = start_daemon(tasks, keychain={5: "a"})
+    _change_key(daemon, 0)
+    reason = (
+        "not taken; the daemon may hold older keys: ip-sla-ctl reload keychain, then reload tasks "
+        "again"
+    )
+    assert ctl("reload", "tasks", status=1).splitlines() == [
+        "tasks reloaded: 0 added, 1 removed, 0 changed, 1 unchanged, 1 skipped",
+        "removed:   2",
+        f"skipped:   task 2 (id 2): {reason}",
+    ]
+    skipped = [{"number": 2, "id": 2, "reason": reason}]
+    assert ctl.json("reload", "tasks", status=1)["skipped"] == skipped
+    ctl("reload", "keychain")
+    assert ctl("reload", "tasks").splitlines() == [
+        "tasks reloaded: 1 added, 0 removed, 0 changed, 1 unchanged, 0 skipped",
+        "added:     2",
+    ]
+
+
+def test_reload_warns_when_the_keychain_may_go_first(ctl, start_daemon):
+    daemon = start_daemon([icmp_echo(1)], keychain={5: "a"})
+    _change_key(daemon, time.time() + 100)
+    ctl("reload", "keychain")
+    warning = (
+        f"ip-sla-ctl: warning: {daemon.keychain_path} changed since the daemon's start, and task 2 "
+        'uses its keys: unless the daemon has read it since, "ip-sla-ctl reload keychain" goes '
+        "first\n"
+    )
+    assert ctl("reload", "tasks", error=warning).splitlines()[1] == "added:     2"
+
+
 def test_keychain_that_cannot_be_read_is_always_refused(ctl, daemon):
     daemon.write_keychain("nonsense")
     error = (

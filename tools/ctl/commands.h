@@ -19,7 +19,7 @@ namespace ipsla::ctl {
 /// Exit statuses of every command but `probe`.
 enum ExitStatus : int {
   kExitFine = 0,
-  kExitFailing = 1,   ///< a test is failing, a file has faults, or a reload was refused
+  kExitFailing = 1,   ///< a test is failing, a file has faults, a reload was refused or lost a task
   kExitNoDaemon = 2,  ///< no (usable) reply
   kExitUsage = 3,     ///< the command line, or a task id that no task has
 };

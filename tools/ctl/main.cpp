@@ -24,11 +24,10 @@ constexpr const char* kAbout =
     "checks those files.\n"
     "SD is the direction from source to destination, DS the way back. Times are in milliseconds.";
 constexpr const char* kFooter =
-    "Exit status: 0 fine; 1 a test is failing, a file has faults or a reload was refused; 2 no "
-    "daemon answered;\n"
-    "3 a wrong command line or an unknown task. `probe` exits as monitoring plugins do: 0 OK, 1 "
-    "WARNING,\n"
-    "2 CRITICAL, 3 UNKNOWN.";
+    "Exit status: 0 fine; 1 a test is failing, a file has faults, a reload was refused or lost a "
+    "task; 2 no\n"
+    "daemon answered; 3 a wrong command line or an unknown task. `probe` exits as monitoring\n"
+    "plugins do: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.";
 constexpr const char* kProbeHelp =
     "A threshold is NAME=NUMBER, several are joined by commas, as in --warning rtt=50,loss=1. A "
     "value above it "

@@ -70,6 +70,19 @@ std::set<std::int32_t> TaskIds(const std::string& text) {
   return ids;
 }
 
+/// Whether a file was written after the daemon's start, which is known to the second only.
+bool IsYounger(const std::string& file, std::int64_t started) {
+  constexpr std::int64_t kInaccuracy = 1;
+  struct stat status {};
+  return stat(file.c_str(), &status) == 0 && status.st_mtim.tv_sec > started + kInaccuracy;
+}
+
+const char* NotTakenReason(const FileTask& task) {
+  return task.key ? "not taken; the daemon may hold older keys: ip-sla-ctl reload keychain, then "
+                    "reload tasks again"
+                  : "not taken: the daemon's log says why, or it reads another file";
+}
+
 timespec RightNow() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
@@ -99,6 +112,10 @@ ReloadCheck CheckTasksReload(const std::string& file, const DaemonProcess* daemo
       CheckTasks(name, input, has_keys ? &keys : nullptr, {.now = RightNow(), .host = &host}),
       "task", &check);
   check.ids = TaskIds(input.text);
+  check.tasks = FaultlessTasks(input.text);
+  if (daemon != nullptr) {
+    check.warning = KeychainFirstWarning(*daemon, check.tasks);
+  }
   return check;
 }
 
@@ -143,6 +160,68 @@ std::vector<std::string> TasksWithoutKey(const std::string& tasks_text,
     }
   }
   return lines;
+}
+
+std::map<std::int32_t, FileTask> FaultlessTasks(const std::string& tasks_text) {
+  std::map<std::int32_t, FileTask> tasks;
+  const ConfigFile file = ReadConfigText(tasks_text, kTasksKey);
+  std::size_t number = 0;
+  const cJSON* element = nullptr;
+  cJSON_ArrayForEach(element, file.array) {
+    ++number;
+    const TaskCheck task = CheckTask(element, {}, nullptr, ConfiguredInterface);
+    if (task.faults.empty() && !task.abandoned) {
+      const SlaAuthConfig& auth = task.config.auth;
+      FileTask& entry = tasks[task.config.sla_id];
+      entry = {.number = number};
+      if (auth.mode == SlaAuthMode::kKeychain) {
+        entry.key = auth.key_id;
+      }
+    }
+  }
+  return tasks;
+}
+
+std::vector<SkippedElement> TasksNotTaken(const ReloadCheck& check,
+                                          const client::StatusMap& configured) {
+  std::set<std::size_t> known;
+  for (const SkippedElement& element : check.skipped) {
+    known.insert(element.number);
+  }
+  std::map<std::size_t, SkippedElement> not_taken;
+  for (const auto& [id, task] : check.tasks) {
+    if (!configured.contains(id) && !known.contains(task.number)) {
+      not_taken[task.number] = {task.number, id, NotTakenReason(task)};
+    }
+  }
+  std::vector<SkippedElement> elements;
+  elements.reserve(not_taken.size());
+  for (auto& [number, element] : not_taken) {
+    elements.push_back(std::move(element));
+  }
+  return elements;
+}
+
+std::string KeychainFirstWarning(const DaemonProcess& daemon,
+                                 const std::map<std::int32_t, FileTask>& tasks) {
+  std::vector<std::int32_t> with_key;
+  for (const auto& [id, task] : tasks) {
+    if (task.key) {
+      with_key.push_back(id);
+    }
+  }
+  const bool both_changed = daemon.started && !daemon.tasks_file.empty() &&
+                            !daemon.keychain_file.empty() &&
+                            IsYounger(daemon.Reachable(daemon.tasks_file), *daemon.started) &&
+                            IsYounger(daemon.Reachable(daemon.keychain_file), *daemon.started);
+  if (with_key.empty() || !both_changed) {
+    return "";
+  }
+  return fmt::format(
+      "warning: {} changed since the daemon's start, and task{} {} use{} its keys: unless the "
+      "daemon has read it since, \"ip-sla-ctl reload keychain\" goes first",
+      daemon.keychain_file, with_key.size() == 1 ? "" : "s", fmt::join(with_key, " "),
+      with_key.size() == 1 ? "s" : "");
 }
 
 }  // namespace ipsla::ctl

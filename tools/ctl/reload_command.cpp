@@ -88,6 +88,9 @@ int RunReloadTasks(const CommonOptions& common, const ReloadOptions& options) {
   if (!Allowed(common, check, options.force)) {
     return kExitFailing;
   }
+  if (!check.warning.empty()) {
+    fmt::print(stderr, "ip-sla-ctl: {}\n", Printable(check.warning));
+  }
   try {
     sender.ReloadTasks(ReloadTimeout(common, std::max(before.configured.size(), check.ids.size())));
   } catch (const ClientError& error) {
@@ -97,16 +100,21 @@ int RunReloadTasks(const CommonOptions& common, const ReloadOptions& options) {
   for (const auto& [id, scheduled] : before.configured) {
     ids.insert(id);
   }
-  ReloadChanges changes = CompareSnapshots(before, TakeSnapshot(sender, ids));
+  const TaskSnapshot after = TakeSnapshot(sender, ids);
+  ReloadChanges changes = CompareSnapshots(before, after);
   changes.skipped = check.skipped;
+  // The check knows the keys of the keychain file, not those that the daemon has loaded.
+  const std::vector<SkippedElement> not_taken = TasksNotTaken(check, after.configured);
+  changes.skipped.insert(changes.skipped.end(), not_taken.begin(), not_taken.end());
+  const int status = not_taken.empty() ? kExitFine : kExitFailing;
   if (common.json) {
     fmt::print("{}\n", ReloadJson(changes));
-    return kExitFine;
+    return status;
   }
   for (const std::string& line : ReloadLines(changes)) {
     fmt::print("{}\n", Printable(line));
   }
-  return kExitFine;
+  return status;
 }
 
 int RunReloadKeychain(const CommonOptions& common, const ReloadOptions& options) {

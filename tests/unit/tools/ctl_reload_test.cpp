@@ -1,6 +1,12 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <array>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "config/scratch_file.h"
 #include "config/task_json.h"
 #include "ctl/json_out.h"
 #include "ctl/reload.h"
@@ -88,6 +94,59 @@ TEST(ReloadCheck, NamesTasksWhoseKeyIsGone) {
               ElementsAre("task 7 uses key 1, which the keychain would not have"));
   EXPECT_THAT(TasksWithoutKey(tasks, {{1, "k"}}), IsEmpty());
   EXPECT_THAT(TasksWithoutKey("nonsense", {}), IsEmpty());
+}
+
+void WriteTime(const std::string& file, std::int64_t seconds) {
+  const std::array<timespec, 2> times{{{seconds, 0}, {seconds, 0}}};
+  EXPECT_EQ(utimensat(AT_FDCWD, file.c_str(), times.data(), 0), 0);
+}
+
+/// A tasks file with task 7, which uses no key, and task 8, which uses key 77.
+std::string TasksWithAKey() {
+  const std::string with_key =
+      CompactJson(test::Edited(test::ValidTask(),
+                               {{"sla-id", "8"},
+                                {"control-phase.authentication",
+                                 R"({"mode": "keychain", "algorithm": "sha256", "key-id": 77})"}})
+                      .get());
+  const std::string without = CompactJson(
+      test::Edited(test::ValidTask(), {{"control-phase.authentication", R"({"mode": "no"})"}})
+          .get());
+  return R"({"IP-SLA-tasks": [)" + with_key + ", 5, " + without + "]}";
+}
+
+TEST(ReloadCheck, NamesTasksThatTheDaemonDidNotTake) {
+  ReloadCheck check;
+  check.tasks = FaultlessTasks(TasksWithAKey());
+  EXPECT_THAT(SkippedLines(TasksNotTaken(check, {}), "task"),
+              ElementsAre("skipped:   task 1 (id 8): not taken; the daemon may hold older keys: "
+                          "ip-sla-ctl reload keychain, then reload tasks again",
+                          "skipped:   task 3 (id 7): not taken: the daemon's log says why, or it "
+                          "reads another file"));
+  EXPECT_THAT(TasksNotTaken(check, {{7, true}, {8, false}}), IsEmpty())
+      << "a task that is not scheduled is there, too";
+  check.skipped = {{1, 8, "invalid scheduled time"}};
+  EXPECT_EQ(TasksNotTaken(check, {}).size(), 1U) << "what is known to be skipped is told once";
+}
+
+TEST(ReloadCheck, WarnsOfKeysThatMayNotBeLoadedYet) {
+  const auto warning = [](std::int64_t tasks_age, std::int64_t keys_age, const std::string& text) {
+    constexpr std::int64_t kStarted = 1700000000;
+    const test::ScratchFile tasks(text);
+    const test::ScratchFile keys("{}");
+    WriteTime(tasks.Name(), kStarted - tasks_age);
+    WriteTime(keys.Name(), kStarted - keys_age);
+    const client::DaemonProcess daemon{
+        .started = kStarted, .tasks_file = tasks.Name(), .keychain_file = keys.Name()};
+    const std::string line = KeychainFirstWarning(daemon, FaultlessTasks(text));
+    return line.starts_with("warning: " + keys.Name()) ? line.substr(9 + keys.Name().size()) : line;
+  };
+  EXPECT_EQ(warning(-60, -60, TasksWithAKey()),
+            " changed since the daemon's start, and task 8 uses its keys: unless the daemon has "
+            "read it since, \"ip-sla-ctl reload keychain\" goes first");
+  EXPECT_EQ(warning(-60, 60, TasksWithAKey()), "");
+  EXPECT_EQ(warning(60, -60, TasksWithAKey()), "");
+  EXPECT_EQ(warning(-60, -60, R"({"IP-SLA-tasks": []})"), "");
 }
 
 TEST(ReloadCheck, ObjectsToFilesThatTheDaemonDoesNotRead) {
