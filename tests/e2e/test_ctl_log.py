@@ -1,10 +1,13 @@
 """Looking must not destroy: what ip-sla-ctl makes the daemon write into a log that keeps 1 MiB."""
 
+import shlex
+
 import pytest
 from support.api_client import ApiClient
 from support.completion import bash_completes, zsh_completes
 from support.ctl import Ctl, start_usual_daemon
 from support.tasks import icmp_echo, icmp_jitter
+from support.tmux import Tmux
 from support.waiting import wait_for
 
 KILOBYTE = 1000
@@ -66,8 +69,18 @@ def test_only_a_scan_asks_for_every_id(ctl, usual_log):
     assert _growth(usual_log, lambda: ctl("status", "--scan", status=1)) > 300 * KILOBYTE
 
 
-@pytest.mark.parametrize("arguments", [[], ["--json"]], ids=["lines", "json"])
-def test_watch_of_many_tasks_writes_little_at_each_refresh(lab, ctl, start_daemon, arguments):
+def _look_on_screen(ctl, *arguments):
+    """The same on a terminal, from which the program has gone at the end."""
+    command = shlex.join(map(str, ctl.command(*arguments, TERM="screen", LC_ALL="C.UTF-8")))
+    Tmux(ctl.lab, 120, 40, f"{command}; echo status $?; exec sleep 1000").wait_for(r"^status 0")
+
+
+@pytest.mark.parametrize(
+    "look, arguments",
+    [(_look, []), (_look, ["--json"]), (_look_on_screen, ["--sort", "rtt"])],
+    ids=["lines", "json", "screen"],
+)
+def test_watch_of_many_tasks_writes_little_at_each_refresh(lab, ctl, start_daemon, look, arguments):
     count = 500
     tasks = [icmp_jitter(number, time=600, packets=1) for number in range(1, count)]
     daemon = start_daemon([*tasks, icmp_echo(count, time=1, packets=1)])
@@ -78,9 +91,10 @@ def test_watch_of_many_tasks_writes_little_at_each_refresh(lab, ctl, start_daemo
     def size():
         return daemon.syslog_path.stat().st_size
 
-    once = _growth(size, lambda: _look(ctl, *arguments, "watch", "--count", 1))
+    watch = ["watch", *arguments] if look is _look_on_screen else [*arguments, "watch"]
+    once = _growth(size, lambda: look(ctl, *watch, "--count", 1))
     refreshes = 6
     several = _growth(
-        size, lambda: _look(ctl, *arguments, "watch", "--interval", "0.5", "--count", 1 + refreshes)
+        size, lambda: look(ctl, *watch, "--interval", "0.5", "--count", 1 + refreshes)
     )
     assert 0 < (several - once) / refreshes < 60 * KILOBYTE

@@ -103,3 +103,52 @@ def test_watch_scrolls_and_says_what_is_out_of_sight(lab, start_daemon):
     assert _rows(screen.wait_for(r"rows 1-\d+ of 40")) == first
     screen.type("q")
     screen.wait_for(r"status 0")
+
+
+def _round_trips(lines):
+    """What stands below RTT in the rows of tasks that succeeded, by id."""
+    rows = [re.match(r" *(\d+)\*? .* ok\*? +\S+ +(\S+)", line) for line in lines]
+    return {int(row[1]): row[2].rstrip("*") for row in rows if row}
+
+
+def _assert_values(lines):
+    """Returns which tasks have them."""
+    round_trips = _round_trips(lines)
+    assert all(re.fullmatch(r"\d+\.\d+", it) for it in round_trips.values()), lines
+    return set(round_trips)
+
+
+@pytest.mark.parametrize("width", [40, 80])
+@pytest.mark.parametrize("order", [[], ["--sort", "rtt"]], ids=["failing", "rtt"])
+def test_watch_shows_values_of_rows_that_come_into_sight(lab, start_daemon, width, order):
+    daemon = start_daemon([icmp_jitter(number, time=1, packets=1) for number in range(1, 7)])
+    for number in range(1, 7):
+        daemon.wait_for_reports(number)
+    screen = Tmux(lab, width, 8, _command(Ctl(lab), "watch", *order, "--interval", "1"))
+    first = screen.wait_for(r"rows 1-\d of 6")
+    clocks = {first[0].split()[0]}
+    seen = _assert_values(first)
+    # A refresh replaces results out of sight: look behind several of them.
+    while len(clocks) < 5:
+        for key, shown in (("End", r"rows \d-6 of 6"), ("Home", r"rows 1-\d of 6")):
+            screen.type(key)
+            lines = screen.wait_for(shown)
+            clocks.add(lines[0].split()[0])
+            seen |= _assert_values(lines)
+    assert len(seen) > 3, "more than a screenful"
+
+
+def test_watch_asks_at_once_for_what_is_scrolled_into_sight(lab, start_daemon):
+    count = 60
+    daemon = start_daemon([icmp_jitter(number, time=600, packets=1) for number in range(1, 61)])
+    for number in range(1, count + 1):
+        daemon.wait_for_reports(number)
+    # Too many for one refresh, and there is no second.
+    command = _command(Ctl(lab), "watch", "--sort", "rtt", "--interval", "600")
+    screen = Tmux(lab, 80, 12, command)
+    lines = screen.wait_for(r"rows 1-\d of 60")
+    seen = _assert_values(lines)
+    remark = r"\d+ results not asked for yet; values out of sight may be older"
+    assert any(re.fullmatch(remark, line) for line in lines), lines
+    screen.type("End")
+    assert _assert_values(screen.wait_for(r"rows \d+-60 of 60")) - seen

@@ -76,10 +76,18 @@ class JsonDisplay : public Display {
   }
 };
 
+/// Of an order by values that are asked for in portions.
+std::string OrderRemark(std::size_t due) {
+  return due == 0
+             ? "values out of sight may be older"
+             : fmt::format("{} results not asked for yet; values out of sight may be older", due);
+}
+
 /// The table on a terminal, which can be scrolled.
 class ScreenDisplay : public Display {
  public:
-  ScreenDisplay(SortKey sort, double interval) : sort_(sort), interval_(interval) {
+  ScreenDisplay(SortKey sort, double interval, WatchFeed* feed)
+      : sort_(sort), interval_(interval), feed_(feed) {
     fmt::print("\x1b[?25l\x1b[2J");
   }
   ~ScreenDisplay() override {
@@ -94,7 +102,6 @@ class ScreenDisplay : public Display {
     content_.rules = {.now = Now()};
     SortTasks(sort_, content_.rules, &tasks);
     content_.tasks = std::move(tasks);
-    content_.remark = ClockRemark(content_.tasks, client::ReadClockState());
     TextTable table = TaskTable(content_.tasks, content_.rules);
     content_.table = table;
     if (has_shown_) {
@@ -102,7 +109,7 @@ class ScreenDisplay : public Display {
     }
     has_shown_ = true;
     unmarked_ = std::move(table);
-    Draw();
+    CompleteAndDraw();
   }
 
   void ShowTrouble(const std::string& text) override {
@@ -117,15 +124,64 @@ class ScreenDisplay : public Display {
       }
       screen_.Move(key);
     }
-    Draw();
+    CompleteAndDraw();
     return true;
   }
   [[nodiscard]] int InputFd() const override { return input_.Fd(); }
   [[nodiscard]] std::set<std::int32_t> Visible() const override { return screen_.Visible(); }
 
  private:
+  /// Nothing comes into sight without its values. The order of the rows stays.
+  void CompleteAndDraw() {
+    // While the daemon does not answer, no key waits for it.
+    if (has_shown_ && content_.trouble.empty()) {
+      try {
+        do {
+          SetRemarks();
+          (void)Lines(StandardOutput());
+        } while (Complete());
+      } catch (const ClientError& error) {
+        if (error.GetKind() == ClientError::Kind::kInterrupted) {
+          throw;
+        }
+        content_.trouble = error.what();
+      }
+    }
+    SetRemarks();
+    Draw();
+  }
+
+  /// Whether anything in sight changed by it.
+  bool Complete() {
+    const auto completed = feed_->Complete(screen_.Visible(), Now());
+    for (const TaskView& task : completed) {
+      const auto known = std::find_if(content_.tasks.begin(), content_.tasks.end(),
+                                      [&task](const TaskView& it) { return it.id == task.id; });
+      const auto row = static_cast<std::size_t>(known - content_.tasks.begin());
+      *known = task;
+      unmarked_.rows[row] = TaskTable({task}, content_.rules).rows.front();
+      content_.table.rows[row] = unmarked_.rows[row];
+    }
+    return !completed.empty();
+  }
+
+  void SetRemarks() {
+    content_.remarks.clear();
+    if (sort_ == SortKey::kRtt && feed_->HasMany()) {
+      content_.remarks.push_back(OrderRemark(feed_->DueCount()));
+    }
+    if (std::string remark = ClockRemark(content_.tasks, client::ReadClockState());
+        !remark.empty()) {
+      content_.remarks.push_back(std::move(remark));
+    }
+  }
+
+  std::vector<std::string> Lines(const Terminal& terminal) {
+    // Every line ends with a line feed, so the last of the terminal stays empty.
+    return screen_.Draw(content_, terminal.Layout(), std::max<std::size_t>(terminal.height, 2) - 1);
+  }
+
   void Draw() {
-    const Terminal terminal = StandardOutput();
     const auto failing = std::count_if(
         content_.tasks.begin(), content_.tasks.end(),
         [this](const TaskView& task) { return CountsAsFailing(task, content_.rules); });
@@ -133,11 +189,9 @@ class ScreenDisplay : public Display {
         fmt::format("{:%H:%M:%S}  tasks {}, failing {}, every {} s; q ends",
                     fmt::localtime(content_.rules.now == 0 ? Now() : content_.rules.now),
                     content_.tasks.size(), failing, interval_);
-    // Every line ends with a line feed, so the last of the terminal stays empty. Cleared before it
-    // is written: a line that fills the width has no place behind it.
+    // Cleared before it is written: a line that fills the width has no place behind it.
     fmt::print("\x1b[H");
-    for (const std::string& line :
-         screen_.Draw(content_, terminal.Layout(), std::max<std::size_t>(terminal.height, 2) - 1)) {
+    for (const std::string& line : Lines(StandardOutput())) {
       fmt::print("\x1b[K{}\n", line);
     }
     fmt::print("\x1b[J");
@@ -146,6 +200,7 @@ class ScreenDisplay : public Display {
 
   const SortKey sort_;
   const double interval_;  // seconds
+  WatchFeed* const feed_;
   TerminalInput input_;
   KeyReader keys_;
   WatchScreen screen_;
@@ -154,12 +209,13 @@ class ScreenDisplay : public Display {
   bool has_shown_ = false;
 };
 
-std::unique_ptr<Display> MakeDisplay(const CommonOptions& common, const WatchOptions& options) {
+std::unique_ptr<Display> MakeDisplay(const CommonOptions& common, const WatchOptions& options,
+                                     WatchFeed* feed) {
   if (common.json) {
     return std::make_unique<JsonDisplay>();
   }
   if (StandardOutput().is_terminal) {
-    return std::make_unique<ScreenDisplay>(SortKeyOf(options.sort, false), options.interval);
+    return std::make_unique<ScreenDisplay>(SortKeyOf(options.sort, false), options.interval, feed);
   }
   return std::make_unique<LineDisplay>();
 }
@@ -216,7 +272,7 @@ int RunWatch(const CommonOptions& common, const WatchOptions& options) {
       }
     }
     WatchFeed feed(&source, GroupsFor(common));
-    const std::unique_ptr<Display> display = MakeDisplay(common, options);
+    const std::unique_ptr<Display> display = MakeDisplay(common, options, &feed);
     for (std::uint32_t shown = 0; options.count == 0 || shown < options.count; ++shown) {
       if (shown > 0 && !WaitForNext(interrupts, Clock::now() + interval, display.get())) {
         break;

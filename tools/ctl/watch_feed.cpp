@@ -12,21 +12,13 @@ constexpr std::size_t kFewTasks = 24;
 constexpr std::int64_t kMembersInterval = 30;
 constexpr std::int64_t kListInterval = 300;
 
-/// Whether both are of one run.
-bool IsSameResult(const TaskView& one, const TaskView& other) {
-  return one.last && other.last && one.last->start_time == other.last->start_time &&
-         one.last->finish_time == other.last->finish_time &&
-         one.last->successful_count == other.last->successful_count &&
-         one.last->failed_count == other.last->failed_count;
-}
-
 }  // namespace
 
 WatchFeed::WatchFeed(TaskSource* source, std::set<std::string> wanted)
     : source_(source), plan_(std::move(wanted)) {}
 
 std::vector<TaskView> WatchFeed::Refresh(const std::set<std::int32_t>& visible, std::int64_t now) {
-  std::size_t budget = kRefreshBudget;
+  std::size_t budget = kRefreshBudget - std::min(std::exchange(spent_, 0), kRefreshBudget / 2);
   // What is known stays in doubt until all of this has gone well.
   const bool was_known = std::exchange(is_known_, false);
   if (!was_known || ListsNow(now)) {
@@ -35,21 +27,46 @@ std::vector<TaskView> WatchFeed::Refresh(const std::set<std::int32_t>& visible, 
     budget -= std::min(CheckMembers(now), budget / 2);
   }
   std::vector<TaskView> tasks;
-  std::set<std::int32_t> shown = visible;
+  RefreshNeeds needs{.visible = visible, .due = due_};
   for (const auto& [id, task] : tasks_) {
     tasks.push_back(task);
     if (visible.empty()) {
-      shown.insert(shown.end(), id);
+      needs.visible.insert(needs.visible.end(), id);
     }
   }
-  Ask(plan_.Next(tasks, shown, budget, now));
+  Ask(plan_.Next(tasks, needs, budget, now));
   is_known_ = true;
   return Shown();
 }
 
+std::vector<TaskView> WatchFeed::Complete(const std::set<std::int32_t>& ids, std::int64_t now) {
+  std::vector<TaskView> tasks;
+  for (const std::int32_t id : ids) {
+    if (due_.contains(id)) {
+      tasks.push_back(tasks_.at(id));
+    }
+  }
+  if (tasks.empty()) {
+    return {};
+  }
+  const StatisticsRequest request =
+      plan_.Next(tasks, {.visible = ids, .due = due_}, kRefreshBudget, now);
+  Ask(request);
+  tasks.clear();
+  for (const auto& [id, groups] : request) {
+    spent_ += LogBytesOfResult(groups);
+    tasks.push_back(tasks_.at(id));
+  }
+  return tasks;
+}
+
+bool WatchFeed::HasMany() const {
+  return tasks_.size() > kFewTasks;
+}
+
 bool WatchFeed::ListsNow(std::int64_t now) const {
   const auto& selection = source_->Selection();
-  if (tasks_.size() <= kFewTasks && !selection.scan) {
+  if (!HasMany() && !selection.scan) {
     return true;
   }
   // Otherwise new tasks are found by the file.
@@ -60,15 +77,7 @@ bool WatchFeed::ListsNow(std::int64_t now) const {
 void WatchFeed::List(std::int64_t now) {
   source_->ReadPlansAgain();
   auto answer = source_->Query({});
-  std::map<std::int32_t, TaskView> before = std::exchange(tasks_, {});
-  for (TaskView& task : answer.tasks) {
-    // The list has no groups of values.
-    if (const auto known = before.find(task.id);
-        known != before.end() && IsSameResult(known->second, task)) {
-      task.last = std::move(known->second.last);
-    }
-    tasks_.emplace_hint(tasks_.end(), task.id, std::move(task));
-  }
+  tasks_ = TakeListed(std::exchange(tasks_, {}), std::move(answer.tasks), &due_);
   listed_ = now;
   members_checked_ = now;
 }
@@ -87,6 +96,7 @@ std::size_t WatchFeed::CheckMembers(std::int64_t now) {
   const client::StatusMap configured = source_->Sender().Statuses(ids);
   std::erase_if(tasks_,
                 [&configured](const auto& task) { return !configured.contains(task.first); });
+  std::erase_if(due_, [this](std::int32_t id) { return !tasks_.contains(id); });
   for (const auto& [id, scheduled] : configured) {
     TaskView& task = tasks_[id];
     task.id = id;
@@ -102,6 +112,7 @@ std::size_t WatchFeed::CheckMembers(std::int64_t now) {
 void WatchFeed::Ask(const StatisticsRequest& request) {
   client::StatisticsMap results = source_->Sender().Statistics(request);
   for (const auto& [id, groups] : request) {
+    due_.erase(id);
     const auto result = results.find(id);
     if (result == results.end()) {
       tasks_[id].last.reset();  // it was started afresh, or is gone

@@ -27,6 +27,17 @@ class WatchFeed {
   [[nodiscard]] std::vector<client::TaskView> Refresh(const std::set<std::int32_t>& visible,
                                                       std::int64_t now);
 
+  /// Asks at once for those of these tasks whose result has no values yet, or older ones than a
+  /// list told of; returns them, none when all is known. What it costs the next refresh has less.
+  /// Throws ClientError.
+  [[nodiscard]] std::vector<client::TaskView> Complete(const std::set<std::int32_t>& ids,
+                                                       std::int64_t now);
+
+  /// How many tasks have a result that is still to be asked for.
+  [[nodiscard]] std::size_t DueCount() const { return due_.size(); }
+  /// More than each refresh asks for.
+  [[nodiscard]] bool HasMany() const;
+
  private:
   // Whether it is time to ask which tasks there are.
   [[nodiscard]] bool ListsNow(std::int64_t now) const;
@@ -44,6 +55,8 @@ class WatchFeed {
   // Times in seconds, and the tasks as last seen.
   std::int64_t members_checked_ = 0, listed_ = 0;
   std::map<std::int32_t, client::TaskView> tasks_;
+  std::set<std::int32_t> due_;  // of tasks_, whose listed result was not asked for
+  std::size_t spent_ = 0;       // bytes of log since the last refresh
 };
 
 }  // namespace ipsla::ctl

@@ -38,8 +38,8 @@ std::vector<std::string> WatchScreen::Draw(const ScreenContent& content, const T
     const TableLines rows = LayOutTable(content.table, layout);
     lines.push_back(rows.header);
     std::vector<std::string> remarks;
-    if (!content.remark.empty()) {
-      remarks.push_back(Cut(content.remark, layout.width));
+    for (const std::string& remark : content.remarks) {
+      remarks.push_back(Cut(remark, layout.width));
     }
     const std::size_t taken = lines.size() + remarks.size();
     Fill(content, rows, height > taken ? height - taken : 0, &lines);

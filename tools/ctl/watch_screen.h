@@ -21,7 +21,7 @@ struct ScreenContent {
   std::vector<TaskView> tasks{};  ///< in the order of the rows
   TextTable table{};              ///< the TaskTable of them
   TaskRules rules{};
-  std::string remark{};  ///< below the table
+  std::vector<std::string> remarks{};  ///< below the table
 };
 
 /// Puts what there is to show into as many lines as there are, and remembers what is in sight.

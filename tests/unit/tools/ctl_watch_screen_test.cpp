@@ -56,7 +56,7 @@ std::set<std::int32_t> Ids(std::int32_t first, std::int32_t last) {
 TEST(WatchScreen, ShowsAllThatHasRoom) {
   WatchScreen screen;
   ScreenContent content = Content(3);
-  content.remark = "remark";
+  content.remarks = {"remark"};
   const auto lines = screen.Draw(content, {}, 20);
   ASSERT_EQ(lines.size(), 7U);
   EXPECT_EQ(lines[0], "title");
@@ -111,7 +111,7 @@ TEST(WatchScreen, FitsAnyTerminal) {
       ScreenContent content = Content(20, 2);
       content.title = std::string(100, 't');
       content.trouble = std::string(100, 'x');
-      content.remark = std::string(100, 'r');
+      content.remarks = {std::string(100, 'r'), std::string(90, 's')};
       const auto lines = screen.Draw(content, {.width = width}, height);
       EXPECT_LE(lines.size(), height);
       for (const std::string& line : lines) {
