@@ -147,7 +147,8 @@ void AddProbes(const TaskStatistics& last, DetailWriter* lines) {
     AddLoss(last, lines);
   }
   if (last.out_of_sequence) {
-    lines->Counts("out of sequence", last.out_of_sequence->sd, last.out_of_sequence->ds);
+    lines->Counts(lines->IsNarrow() ? "out of seq." : "out of sequence", last.out_of_sequence->sd,
+                  last.out_of_sequence->ds);
   }
   if (last.loss) {
     lines->Note(fmt::format("late {}, skipped {}, duplicate {}", last.loss->late_arrival,

@@ -197,6 +197,15 @@ TEST(TaskDetails, ShowsEveryValueOfAJitterTask) {
           "  late 6, skipped 0, duplicate 8"));
 }
 
+TEST(TaskDetails, KeepsItsColumnsOnANarrowTerminal) {
+  const auto lines = DetailsOf(JitterTask(), {.width = 40});
+  for (const char* line :
+       {"  ms             min   avg   max   dev", "  round trip   1.000 1.200 1.500     -",
+        "  probes          SD    DS", "  lost %          10  22.2", "  out of seq.      4     5"}) {
+    EXPECT_THAT(lines, testing::Contains(line));
+  }
+}
+
 TEST(TaskDetails, ShowsWhatAnEchoTaskMeasures) {
   const test::LocalTimeZone zone("UTC0");
   TaskView task = JitterTask();
