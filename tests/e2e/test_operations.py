@@ -119,8 +119,9 @@ def test_tasks_need_no_more_than_the_page_says(build, start_daemon):
     seen = []
     while not daemon.reports(1):
         seen.append(len(os.listdir(f"/proc/{daemon.pid}/fd")))
-    # One for the daemon's own namespace, as for a VRF.
-    assert own < max(seen) <= own + 1 + count * (icmp + udp)
+    # A worker thread that opens a socket holds the daemon's own namespace, as it would a VRF's.
+    workers = 15 * len(daemon.cpus)
+    assert own < max(seen) <= own + workers + count * (icmp + udp)
     daemon.wait_for_reports(count)
     if not build.sanitizers:
         (kib,) = re.findall(
