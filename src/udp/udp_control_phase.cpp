@@ -1,9 +1,9 @@
 // The control phase of a UDP test: one request, one response, no resend within a run.
 
-// clang-format off: the kernel's header needs timespec before it
-#include <linux/errqueue.h>
-
+// The kernel's header needs timespec before it.
+// clang-format off
 #include <ctime>
+#include <linux/errqueue.h>
 // clang-format on
 #include <netinet/in.h>
 #include <sys/socket.h>
