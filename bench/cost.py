@@ -13,7 +13,7 @@ from support.waiting import wait_for
 from . import stage
 from .figures import table
 
-_SECONDS = 10
+_SECONDS = 8
 # (type, tests, probes of a run, interval in milliseconds, seconds from run to run)
 _LOADS = [
     ("icmp-echo", 100, 150, 20, 4),

@@ -61,6 +61,8 @@ def responder(lab, namespace=PEER, address=FAR, options=()):
             address,
             "--control-port",
             "2000",
+            "--port-range",
+            "20001-25000",
             "--max-sessions",
             "5000",
             *options,
