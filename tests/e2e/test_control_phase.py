@@ -11,7 +11,7 @@ from support.api_client import ApiClient
 from support.control_message import STATUS_NAMES, status_name
 from support.responder import Control, ScriptedResponder
 from support.tasks import task
-from support.waiting import SCALE, wait_for
+from support.waiting import SCALE, allowance, wait_for
 
 FIRST_PORT = 3000
 CLOSED_PORT = 1999
@@ -187,7 +187,7 @@ def test_kinds_of_errors_are_limited_apart_and_results_are_not(lab, start_daemon
     """All responses share one kind; the texts of the results follow every run all the same."""
     plans = [Control(silent=True), Control(version=9), Control(status=5), Control()]
     PlannedResponder(lab, lambda number, count: plans[min(count, 3)])
-    daemon = start_daemon([a_task(1, control={"timeout": 300})])
+    daemon = start_daemon([a_task(1, control={"timeout": allowance(300)})])
     reports = daemon.wait_for_reports(1, count=4)[:4]
     assert [report.error for report in reports] == [
         "control phase failed: destination host is not responding",

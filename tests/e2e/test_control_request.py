@@ -185,7 +185,7 @@ def test_dumps_show_the_request_before_its_nonce_and_the_response_as_received(
 ):
     authentication, key = AUTHENTICATIONS[name]
     mode = authentication["mode"]
-    configured = a_task(1, authentication=dict(authentication))
+    configured = a_task(1, timeout=300, authentication=dict(authentication))
     responder = ScriptedResponder(lab)
     daemon = start_daemon([configured], keychain=KEYCHAIN)
     daemon.wait_for_reports(1, count=2)

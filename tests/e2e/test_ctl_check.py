@@ -246,7 +246,7 @@ def test_check_knows_addresses_interfaces_and_cpus(lab, ctl):
         'task 1 (id 1): warning: icmp-echo.src-interface = "blue-out": '
         'is not there in VRF "blue": no run can start until it is'
     ]
-    broadcast = udp_jitter(1, control={"dst-address": "10.1.0.255"})
+    broadcast = udp_jitter(1, timeout=300, control={"dst-address": "10.1.0.255"})
     lab.run("ip", "address", "add", "10.1.0.3/24", "brd", "+", "dev", "blue-out")
     assert _check_task(lab, ctl, broadcast) == [
         'task 1 (id 1): warning: control-phase.dst-address = "10.1.0.255": '

@@ -20,7 +20,7 @@ from support.fault_table import CUT, FEWER, ICMP, NONE, RUN_FAULTS, UDP
 from support.faults import Faults
 from support.tasks import icmp_echo
 from support.udp_tasks import start_responder, udp_task
-from support.waiting import wait_for
+from support.waiting import allowance, wait_for
 
 PACKETS = 5
 GROUPS = 4  # tests that share the table, each with one daemon
@@ -30,8 +30,8 @@ def tasks():
     """One task enters a VRF, the other has a control phase: an order then finds its run."""
     inside = {"vrf": "red", "src": "10.1.0.1", "dst": "10.1.0.2"}
     return [
-        icmp_echo(ICMP, packets=PACKETS, interval=2, timeout=150, **inside),
-        udp_task(UDP, packets=PACKETS, interval=2, timeout=150, control={"timeout": 300}),
+        icmp_echo(ICMP, packets=PACKETS, interval=2, timeout=allowance(150), **inside),
+        udp_task(UDP, packets=PACKETS, interval=2, timeout=allowance(150), control={"timeout": allowance(300)}),
     ]
 
 

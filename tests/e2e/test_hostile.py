@@ -14,7 +14,7 @@ from support.api_client import STATISTICS, STATUS, ApiClient, Header
 from support.responder_program import CONTROL_PORT, ResponderProgram
 from support.tasks import icmp_echo
 from support.udp_tasks import udp_task
-from support.waiting import wait_for
+from support.waiting import allowance, wait_for
 
 PACKETS = 10
 CONTROL_SOURCE, PROBES_SOURCE, PROBES_PORT = 3001, 3002, 2001
@@ -103,9 +103,9 @@ def send_all(lab, port, datagrams):
 @pytest.mark.parametrize("target", list(TARGETS))
 def test_next_runs_are_right(lab, start_daemon, target):
     responder = ResponderProgram(lab, "--allow-open", "--port-range", f"{PROBES_PORT}-2999")
-    timing = {"packets": PACKETS, "interval": 60, "timeout": 200}
+    timing = {"packets": PACKETS, "interval": 60, "timeout": allowance(150)}
     ports = {
-        "control": {"src-port": CONTROL_SOURCE, "timeout": 300},
+        "control": {"src-port": CONTROL_SOURCE, "timeout": allowance(300)},
         "measurement": {"src-port": PROBES_SOURCE, "dst-port": PROBES_PORT, "packet-size": 80},
     }
     daemon = start_daemon([icmp_echo(1, **timing), udp_task(2, **timing, **ports)])

@@ -7,7 +7,7 @@ import pytest
 
 from support.icmp_replier import ECHO_REPLY, TIMESTAMP_REPLY, Fate, IcmpReplier
 from support.tasks import icmp_echo, icmp_jitter, task
-from support.waiting import wait_for
+from support.waiting import allowance, wait_for
 
 KINDS = ["icmp-echo", "icmp-jitter"]
 NEAR, FAR = "10.2.0.1", "10.2.0.2"
@@ -205,9 +205,10 @@ class TestScriptedReplies:
 
     @pytest.mark.parametrize("kind", KINDS)
     def test_reply_after_the_run_is_lost(self, start_daemon, replier, kind):
-        # The run ends 100 + 6 * 20 ms after its start, the next one begins after 2 s.
+        # The run ends 220 or 320 ms after its start, the next one begins after 2 s.
         fates = {3: Fate(delay=0.7)}
-        _, report = self.run_with(start_daemon, replier, kind, fates, timeout=100, time=2)
+        timing = {"timeout": allowance(100), "time": 2}
+        _, report = self.run_with(start_daemon, replier, kind, fates, **timing)
         assert (report.sd_packets, report.ds_packets, report.rtt_count) == (6, 5, 5)
 
     def test_exchanged_replies_are_out_of_sequence_but_all_there(self, start_daemon, replier):
@@ -231,7 +232,7 @@ class TestScriptedReplies:
         """The smallest echo packet leaves no room for a whole ICMP header: the runs fail, the
         daemon goes on.
         """
-        options = {"src": NEAR, "dst": FAR, "timeout": 100}
+        options = {"src": NEAR, "dst": FAR, "timeout": allowance(100)}
         daemon = start_daemon(
             [
                 icmp_echo(1, measurement={"packet-size": 42}, **options),
@@ -353,6 +354,6 @@ def test_a_jitter_reply_of_another_run_is_told_by_its_time(replier, start_daemon
     identifier and sequence numbers: only the time that they return is the old one's.
     """
     replier.probes = lambda _: {1: Fate(alter=originate(1)), 2: Fate(alter=originate(0))}
-    daemon = start_daemon([icmp_jitter(1, src=NEAR, dst=FAR, packets=3, timeout=200)])
+    daemon = start_daemon([icmp_jitter(1, src=NEAR, dst=FAR, packets=3, timeout=allowance(200))])
     report = daemon.wait_for_reports(1)[0]
     assert (report.status, report.sd_packets, report.ds_packets) == ("successful", 3, 2)

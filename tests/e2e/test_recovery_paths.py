@@ -8,7 +8,7 @@ from support.responder import Fate, ScriptedResponder
 from support.responder_program import ResponderProgram
 from support.tasks import icmp_echo
 from support.udp_tasks import udp_task
-from support.waiting import wait_for
+from support.waiting import allowance, wait_for
 
 NEAR, FAR = "10.2.0.1", "10.2.0.2"
 SILENT = "control phase failed: destination host is not responding"
@@ -18,8 +18,8 @@ PACKETS = 5
 
 
 def task(**changes):
-    across = {"src": NEAR, "dst": FAR, "packets": PACKETS, "interval": 20, "timeout": 250}
-    return udp_task(1, **{**across, "control": {"timeout": 250}, **changes})
+    across = {"src": NEAR, "dst": FAR, "packets": PACKETS, "interval": 20, "timeout": allowance(250)}
+    return udp_task(1, **{**across, "control": {"timeout": allowance(250)}, **changes})
 
 
 @pytest.fixture
@@ -141,7 +141,7 @@ BAD_PATHS = {
     ),
     "late": (
         # Behind the run's end: the reply is lost for it, and is none of the next run.
-        {number: Fate(delay=0.6) for number in range(1, PACKETS + 1)},
+        {number: Fate(delay=0.8) for number in range(1, PACKETS + 1)},
         lambda run: run.error == "timeout, no samples",
     ),
     "lost": (

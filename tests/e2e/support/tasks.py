@@ -2,6 +2,8 @@
 
 import copy
 
+from .waiting import allowance
+
 _PACKET_SIZE = {
     "udp-echo": 84,
     "udp-jitter": 100,
@@ -20,7 +22,7 @@ def task(
     time=1,
     packets=5,
     interval=10,
-    timeout=300,
+    timeout=allowance(300),
     **changes
 ):
     """One task as the tasks file holds it.

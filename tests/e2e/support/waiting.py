@@ -10,6 +10,13 @@ SCALE = float(os.environ.get("IPSLA_DEADLINE_SCALE", "1"))
 DEFAULT_DEADLINE = 20.0
 
 
+def allowance(milliseconds):
+    """A task's time for its replies: twice that where programs are slow. A run of a few hundred
+    milliseconds still ends within its second.
+    """
+    return milliseconds * (2 if SCALE > 1 else 1)
+
+
 def wait_for(condition, what, deadline=DEFAULT_DEADLINE, interval=0.02):
     """Returns the condition's first true value; fails with `what` when the deadline (seconds)
     passes.
