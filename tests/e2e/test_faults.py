@@ -31,7 +31,13 @@ def tasks():
     inside = {"vrf": "red", "src": "10.1.0.1", "dst": "10.1.0.2"}
     return [
         icmp_echo(ICMP, packets=PACKETS, interval=2, timeout=allowance(150), **inside),
-        udp_task(UDP, packets=PACKETS, interval=2, timeout=allowance(150), control={"timeout": allowance(300)}),
+        udp_task(
+            UDP,
+            packets=PACKETS,
+            interval=2,
+            timeout=allowance(150),
+            control={"timeout": allowance(300)},
+        ),
     ]
 
 

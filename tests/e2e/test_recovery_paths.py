@@ -18,7 +18,13 @@ PACKETS = 5
 
 
 def task(**changes):
-    across = {"src": NEAR, "dst": FAR, "packets": PACKETS, "interval": 20, "timeout": allowance(250)}
+    across = {
+        "src": NEAR,
+        "dst": FAR,
+        "packets": PACKETS,
+        "interval": 20,
+        "timeout": allowance(250),
+    }
     return udp_task(1, **{**across, "control": {"timeout": allowance(250)}, **changes})
 
 
