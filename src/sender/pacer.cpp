@@ -37,12 +37,11 @@ void Pacer::Serve() {
   MutexLock lock(mutex_);
   while (!queue_.empty()) {
     const SteadyTime due = queue_.begin()->first;
-    if (SteadyNow() < due) {
-      SleepUntilDue(due, &lock);
-      continue;
-    }
+    if (SteadyNow() < due && !SleepUntilNearly(due, &lock)) continue;
     auto probe = queue_.extract(queue_.begin());
     lock.Unlock();
+    while (SteadyNow() < probe.key()) {
+    }
     const std::optional<SteadyTime> next = probe.mapped()();
     // What `send` holds is let go without the lock: it may be the last owner of a test.
     if (!next) probe = {};
@@ -54,19 +53,18 @@ void Pacer::Serve() {
   on_duty_ = false;
 }
 
-// Until `due`, or until an earlier probe was added.
-void Pacer::SleepUntilDue(SteadyTime due, MutexLock* lock) {
-  const SteadyTime wake = due - lead_.Lead();
-  if (SteadyNow() < wake) {
-    waiting_for_.store(due, std::memory_order_relaxed);
-    earlier_.WaitUntil(lock, wake);
-    waiting_for_.store(SteadyTime::max(), std::memory_order_relaxed);
-    const SteadyTime now = SteadyNow();
-    if (now < wake) return;
-    lead_.Woke(now - wake);
-  }
-  while (SteadyNow() < due) {
-  }
+// Until so little is missing that it is waited for awake. False when the queue has changed before.
+bool Pacer::SleepUntilNearly(SteadyTime due, MutexLock* lock) {
+  const SteadyTime begin = SteadyNow();
+  const SteadyTime wake = due - lead_.Lead(due - begin);
+  if (begin >= wake) return true;
+  waiting_for_.store(wake, std::memory_order_relaxed);
+  earlier_.WaitUntil(lock, wake);
+  waiting_for_.store(SteadyTime::max(), std::memory_order_relaxed);
+  const SteadyTime now = SteadyNow();
+  if (now < wake || stopped_) return false;
+  lead_.Woke(now - wake);
+  return true;
 }
 
 }  // namespace ipsla

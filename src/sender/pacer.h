@@ -50,7 +50,7 @@ class Pacer {
  private:
   // What the thread on duty does.
   void Serve();
-  void SleepUntilDue(SteadyTime due, MutexLock* lock) IPSLA_REQUIRES(mutex_);
+  [[nodiscard]] bool SleepUntilNearly(SteadyTime due, MutexLock* lock) IPSLA_REQUIRES(mutex_);
 
   // Lends the threads.
   boost::asio::io_context& worker_;
