@@ -16,6 +16,7 @@ std::string LocalTimeText(std::int64_t seconds) {
   constexpr std::size_t kBufferBytes = 64;
   std::array<char, kBufferBytes> buffer{};
   const std::time_t time = seconds;
+  tzset();  // the machine may have moved to another time zone
   tm local{};
   if (localtime_r(&time, &local) == nullptr) return {};
   return {buffer.data(), std::strftime(buffer.data(), buffer.size(), "%d.%m.%Y %T", &local)};
