@@ -2,13 +2,14 @@
 afresh, what is gone.
 """
 
+import socket
 import struct
 
 import pytest
-from support.api_client import RELOAD_KEYCHAIN, ApiClient, Header
+from support.api_client import HEADER_SIZE, RELOAD_KEYCHAIN, RELOAD_TASKS, ApiClient, Header
 from support.responder import ScriptedResponder
 from support.tasks import icmp_echo, icmp_jitter, udp_jitter
-from support.waiting import wait_for
+from support.waiting import DEFAULT_DEADLINE, SCALE, wait_for
 
 PROBES, INTERVAL, TIMEOUT = 10, 20, 1000
 
@@ -101,6 +102,27 @@ def test_unchanged_file_restarts_nothing(lab, start_daemon):
     after = {task["sla-id"]: task["successful-count"] for task in client.all_statistics()}
     assert set(after) == {1, 2}
     assert all(after[number] >= before[number] for number in (1, 2))
+
+
+def test_the_watchdog_is_told_while_a_reload_of_many_tasks_lasts(lab, start_daemon):
+    """Each task takes a pause of 10 ms on the thread that tells it, every 10 s."""
+    watchdog = lab.socket(socket.AF_UNIX, socket.SOCK_DGRAM, bind="\0ipsla-watchdog")
+    watchdog.settimeout(DEFAULT_DEADLINE * SCALE)
+    waiting = {"Start-time": "00:00:00"}
+    daemon = start_daemon(
+        [icmp_echo(number, scheduler=waiting) for number in range(1, 1301)],
+        env={"NOTIFY_SOCKET": "@ipsla-watchdog"},
+    )
+    client = ApiClient(lab)
+    client.send(Header(command=RELOAD_TASKS, length=HEADER_SIZE, block=HEADER_SIZE - 20).pack())
+    while watchdog.recv(100) != b"WATCHDOG=1":
+        pass
+    client.socket.setblocking(False)
+    with pytest.raises(BlockingIOError):
+        client.receive()  # the reload has not ended yet
+    client.socket.settimeout(DEFAULT_DEADLINE * SCALE)
+    assert client.collect().result == 0
+    assert daemon.is_running()
 
 
 def test_changed_interval_restarts_that_task_alone(lab, start_daemon):

@@ -3,16 +3,19 @@
 What one test does must not be seen in the figures of another.
 """
 
+import datetime
 import os
 import re
 import resource
 import signal
+import struct
 import time
 
 import pytest
 
 from support.icmp_replier import Fate, IcmpReplier
-from support.tasks import icmp_echo, icmp_jitter
+from support.responder_program import ResponderProgram
+from support.tasks import icmp_echo, icmp_jitter, task
 from support.waiting import SCALE, wait_for
 
 NEAR, FAR = "10.2.0.1", "10.2.0.2"
@@ -116,10 +119,93 @@ def test_a_reply_before_the_deadline_counts_however_late_it_is_looked_at(
 
 def test_a_burst_loses_nothing_in_the_daemons_own_buffer(lab, start_daemon):
     packets = 8_000 if lab.build.sanitizers else 65_535
-    task = icmp_echo(1, packets=packets, interval=0, timeout=5000, time=30)
-    daemon = start_daemon([task], cpus=ONE_CPU)
+    burst = icmp_echo(1, packets=packets, interval=0, timeout=5000, time=30)
+    daemon = start_daemon([burst], cpus=ONE_CPU)
     report = daemon.wait_for_reports(1, deadline=60)[0]
     assert (report.sd_packets, report.ds_packets) == (packets, packets)
+
+
+def drops_by_port(lab):
+    """Local port to the number of datagrams that did not fit into the socket's buffer."""
+    rows = [line.split() for line in lab.run("cat", "/proc/net/udp").stdout.splitlines()[1:]]
+    return {int(row[1].split(":")[1], 16): int(row[-1]) for row in rows}
+
+
+def test_a_burst_to_a_responder_loses_nothing_in_the_daemons_own_buffer(lab, start_daemon):
+    packets = 8_000 if lab.build.sanitizers else 65_535
+    port = 50001
+    responder = ResponderProgram(lab, "--realtime", "50")
+    burst = task(
+        1,
+        "udp-jitter",
+        packets=packets,
+        interval=0,
+        timeout=5000,
+        time=600,
+        control={"timeout": int(2000 * SCALE)},
+        measurement={"dst-port": port},
+    )
+    daemon = start_daemon([burst], cpus=ONE_CPU)
+
+    def dropped_there():
+        """Once all have left: what other tests kept the responder from taking."""
+        dropped = drops_by_port(lab).get(port, 0)
+        received = responder.statistics()["probes"]["received"]
+        return dropped if received + dropped == packets else 0
+
+    wait_for(lambda: daemon.reports(1) or dropped_there(), "the burst", 60, interval=0.3)
+    if daemon.reports(1):
+        report = daemon.reports(1)[0]
+        assert (report.sd_packets, report.ds_packets) == (packets, packets)
+    else:
+        # Without all replies the run goes on for minutes; its socket is still there.
+        assert not any(n for at, n in drops_by_port(lab).items() if at not in (2000, port))
+
+
+def test_the_end_of_a_large_run_holds_up_no_probe(lab, start_daemon):
+    """Its metrics and its report, a line for each probe, take longer than the others' interval."""
+    packets = 3_000 if lab.build.sanitizers else 10_000
+    large = icmp_echo(101, packets=packets, interval=0, timeout=1500, time=3)
+    quick = [icmp_jitter(n, packets=10, interval=20, time=1) for n in (1, 2, 3)]
+    daemon = start_daemon([large, *quick], cpus=ONE_CPU)
+    assert daemon.wait_for_reports(101, deadline=60)[0].ds_packets == packets
+    for number in (1, 2, 3):
+        for report in daemon.wait_for_reports(number, count=4):
+            assert (report.status, report.sd_packets, report.ds_packets) == ("successful", 10, 10)
+        assert "probes not sent" not in lab.log_text(number)
+
+
+@pytest.mark.parametrize("kind", ["icmp-echo", "icmp-jitter", "udp-jitter"])
+def test_an_interval_of_one_millisecond_is_kept(lab, start_daemon, kind):
+    packets = 200
+    ResponderProgram(lab)
+    paced = task(
+        1,
+        kind,
+        packets=packets,
+        interval=1,
+        timeout=3000,
+        time=60,
+        control={"timeout": int(2000 * SCALE)},
+        measurement={"dst-port": 50001},
+    )
+    daemon = start_daemon([paced])
+    assert daemon.wait_for_reports(1)[0].sd_packets == packets
+    sent = departures(lab.log_text(1), kind)
+    assert len(sent) == packets
+    # The first one may have been held up between the look at the clock and the wire.
+    assert (max(sent) - min(sent)) % DAY >= 0.9 * (packets - 1)
+
+
+DAY = 86_400_000
+
+
+def departures(log, kind):
+    """When a run's probes left, in milliseconds since midnight, by its log."""
+    unit = 1e-5 if kind == "udp-jitter" else 1
+    return [
+        float(stamp) * unit for stamp in re.findall(r"^\t\[(\S+) *\] ---- \(", log, re.MULTILINE)
+    ]
 
 
 @pytest.mark.parametrize("step", [10, -10])
@@ -136,6 +222,44 @@ def test_a_clock_that_is_set_does_not_move_the_next_start(lab, start_daemon, tmp
     file.write_text(str(step))
     assert len(daemon.wait_for_reports(1, count=2, deadline=15)) >= 2
     assert all(0 <= wait <= 3000 for wait in waits(daemon, 1))
+
+
+def zone_file(hours):
+    """A time zone that is so far ahead all the year, as tzfile(5) has it."""
+    return (
+        b"TZif"
+        + bytes(16)
+        + struct.pack(">6I", 0, 0, 0, 0, 1, 4)
+        + struct.pack(">iBB", hours * 3600, 0, 0)
+        + b"FAR\0"
+    )
+
+
+def test_lines_and_reports_follow_the_machine_to_another_time_zone(lab, start_daemon, tmp_path):
+    if not os.path.exists("/etc/localtime"):
+        pytest.skip("this machine's time zone is no file")
+    zones = {hours: tmp_path / f"zone-{hours}" for hours in (3, 12)}
+    for hours, file in zones.items():
+        file.write_bytes(zone_file(hours))
+    # The lab has mounts of its own.
+    lab.run("mount", "--bind", zones[3], "/etc/localtime")
+    daemon = start_daemon([icmp_echo(1, packets=1)], env={"TZ": ""})
+
+    def is_ahead(hours):
+        """Of the newest report: the time before its line, and its start time."""
+        found = re.findall(
+            r"^(\S+ \S+): SLA task:\n(?:.*\n)*?\tStart time: (\S+ \S+)\t", lab.log_text(1), re.M
+        )
+        now = datetime.datetime.now(datetime.timezone.utc).replace(tzinfo=None)
+        return found and all(
+            abs(datetime.datetime.strptime(text, form) - now - datetime.timedelta(hours=hours))
+            < datetime.timedelta(hours=1)
+            for text, form in zip(found[-1], ("%d-%m-%Y %H:%M:%S", "%d.%m.%Y %H:%M:%S"))
+        )
+
+    wait_for(lambda: is_ahead(3), "a report in the first zone")
+    lab.run("mount", "--bind", zones[12], "/etc/localtime")
+    wait_for(lambda: is_ahead(12), "a report in the second zone")
 
 
 def test_a_thousand_tests_run_under_a_small_soft_limit_of_open_files(lab, start_daemon):
