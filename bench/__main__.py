@@ -4,12 +4,13 @@ import argparse
 import os
 import sys
 
-from . import ROOT, accuracy, api, cost, micro, scale, stage
+from . import ROOT, accuracy, api, cost, micro, responder, scale, stage
 from .report import Report
 
 AREAS = {
     "accuracy": accuracy.run,
     "scale": scale.run,
+    "responder": responder.run,
     "cost": cost.run,
     "api": api.run,
     "micro": micro.run,

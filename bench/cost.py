@@ -4,13 +4,14 @@ import contextlib
 import os
 import pathlib
 import re
+import tempfile
 import time
 
 from support.logs import parse_reports, split_records
 from support.tasks import icmp_echo, task
 from support.waiting import wait_for
 
-from . import stage
+from . import counts, stage
 from .figures import table
 
 _SECONDS = 8
@@ -36,7 +37,8 @@ def run(build, report):
         report.begin(f"memory with {tests} tests of 10 probes")
         with stage.stage(build) as lab:
             sizes.append(memory(lab, tests))
-    report.add("cost", {"loads": loads, "memory": sizes})
+    counted = count_instructions(build, report)
+    report.add("cost", {"loads": loads, "memory": sizes, "instructions": counted})
     for load in loads:
         if load["lost"]:
             report.warn(f"{load['tests']} {load['type']}: {load['lost']} lost")
@@ -60,8 +62,21 @@ def run(build, report):
                 ["tests of 10 probes", "resident MB", "descriptors"],
                 [[size["tests"], size["resident_mb"], size["descriptors"]] for size in sizes],
             ),
+            table(
+                ["icmp-echo, counted by callgrind", "instructions"],
+                [[part["part"], round(part["instructions"])] for part in counted],
+            ),
         ]
     )
+
+
+def count_instructions(build, report):
+    if not counts.is_there():
+        report.warn("valgrind is not installed: no instructions are counted")
+        return []
+    report.begin("instructions")
+    with tempfile.TemporaryDirectory() as directory:
+        return counts.measure(build, pathlib.Path(directory))
 
 
 def measure(lab, kind, tests, packets, interval_ms, period):
@@ -87,9 +102,9 @@ def measure(lab, kind, tests, packets, interval_ms, period):
         running = stack.enter_context(stage.daemon(lab, tasks))
         # The start of the daemon itself is not a probe's.
         wait_for(lambda: "TestStop" in lab.log_text(tests), "the last test to begin", 60)
-        before, runs_before = cpu_by_thread(running.pid), counts(lab, tests)
+        before, runs_before = cpu_by_thread(running.pid), probes_of(lab, tests)
         time.sleep(_SECONDS)
-        after, runs_after = cpu_by_thread(running.pid), counts(lab, tests)
+        after, runs_after = cpu_by_thread(running.pid), probes_of(lab, tests)
     used = {name: after[name] - before.get(name, 0) for name in after}
     probes, lost = (later - earlier for later, earlier in zip(runs_after, runs_before))
     return {
@@ -103,7 +118,7 @@ def measure(lab, kind, tests, packets, interval_ms, period):
     }
 
 
-def counts(lab, tests):
+def probes_of(lab, tests):
     """(probes, lost ones) of all runs that were reported so far."""
     probes = lost = 0
     for number in range(1, tests + 1):

@@ -18,6 +18,7 @@ class Outcome:
     round_trip: list = field(default_factory=list, repr=False)
     way_out: list = field(default_factory=list, repr=False)
     way_back: list = field(default_factory=list, repr=False)
+    inside: list = field(default_factory=list, repr=False)  # from a probe's arrival to its reply
     stretch: float = 0.0  # the worst test's mean gap over its interval, less 1
     cpu_us: float = None  # CPU of one probe, everything of the program included
     note: str = ""
@@ -44,6 +45,7 @@ class Outcome:
             "round_trip_us": spread(self.round_trip),
             "way_out_us": spread(self.way_out),
             "way_back_us": spread(self.way_back),
+            "inside_us": spread(self.inside),
             "stretch_percent": self.stretch * 100,
             "cpu_us_per_probe": self.cpu_us,
             "note": self.note,

@@ -42,20 +42,33 @@ def probe_number(payload):
     return struct.unpack_from(">I", payload, 20)[0] if len(payload) >= 28 else None
 
 
-def measure(lab, kind, tests, packets, interval_ms, compare_logs=True, rule=None):
-    """One run of each of so many tests, compared with the wire: (outcome, flows)."""
+def measure(
+    lab,
+    kind,
+    tests,
+    packets,
+    interval_ms,
+    compare_logs=True,
+    rule=None,
+    responder_options=(),
+    company=(),
+):
+    """One run of each of so many tests, compared with the wire: (outcome, flows).
+
+    The tasks of `company` run beside them; `rule` is to keep their packets out.
+    """
     is_icmp = kind.startswith("icmp")
     rule = rule or ("icmp" if is_icmp else f"udp and not port {_CONTROL_PORT}")
     result = Outcome(kind, tests, interval_ms)
     tasks = list(run_once_tasks(kind, tests, packets, interval_ms))
     with contextlib.ExitStack() as stack:
-        if not is_icmp:
-            stack.enter_context(stage.responder(lab))
+        if not is_icmp or company:
+            stack.enter_context(stage.responder(lab, options=responder_options))
         near = Capture(lab, stage.NEAR_WIRE, rule, name="near")
         far = None
         if not is_icmp and compare_logs:
             far = Capture(lab, stage.FAR_WIRE, rule, namespace=stage.PEER, name="far")
-        running = stack.enter_context(stage.daemon(lab, tasks))
+        running = stack.enter_context(stage.daemon(lab, [*tasks, *company]))
         # Nothing is looked at while probes are under way.
         time.sleep(packets * interval_ms / 1000 + _TIMEOUT_MS / 1000 + 0.5)
         with contextlib.suppress(AssertionError):
@@ -95,6 +108,8 @@ def compare(lab, flows, far_flows, is_icmp, result):
     by_destination = {}
     for key, flow in flows.items():
         by_destination[key[0] if is_icmp else key[2]] = (flow, far_flows.get(key))
+    for far in far_flows.values():
+        result.inside += far.round_trips().values()
     for number in range(1, result.tests + 1):
         address = bytes(int(part) for part in stage.farm_address(number).split("."))
         found = by_destination.get(address if is_icmp else _FIRST_PORT + number)

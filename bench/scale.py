@@ -1,9 +1,11 @@
 """Many tests at once, and mixtures in which tests have been in each other's way."""
 
+import datetime
+import re
 import time
 
 from support.logs import parse_reports, split_records
-from support.tasks import icmp_echo, icmp_jitter
+from support.tasks import icmp_echo, icmp_jitter, task
 
 from . import others, own, stage
 from .figures import spread, table
@@ -21,7 +23,10 @@ _PROBES_ONLY = {
     "icmp-echo": "icmp[0] == 8",
     "udp-jitter": f"udp and src host {stage.NEAR} and not port 2000",
 }
+_ONE_TEST_PACKETS = 400
 _MOST_STRETCH_PERCENT = 0.5
+_STAMP = "%d-%m-%Y %H:%M:%S"
+_REPORT = re.compile(r"^(\S+ \S+): SLA task:", re.MULTILINE)
 _NEVER = ("failed", "lost", "late", "unsent", "stalled")
 
 
@@ -44,13 +49,19 @@ def run(build, report):
         report.begin(name)
         with stage.stage(build) as lab:
             mixtures.append(mixture(lab, name, tasks, seconds))
-    report.add("scale", {"crowds": crowds, "mixtures": mixtures})
+    pairs = []
+    for name, company in (("alone", []), ("in company", list(busy_company()))):
+        report.begin(f"one test {name}")
+        with stage.stage(build) as lab:
+            pairs.append({"name": name} | one_test(lab, company))
+    report.add("scale", {"crowds": crowds, "mixtures": mixtures, "company": pairs})
     for fault in faults(crowds, mixtures):
         report.warn(fault)
     return "\n\n".join(
         [
             table(CROWD_HEAD, [crowd_row(row) for row in crowds]),
             table(MIXTURE_HEAD, [mixture_row(row) for row in mixtures]),
+            table(COMPANY_HEAD, [company_row(row) for row in pairs]),
         ]
     )
 
@@ -143,13 +154,18 @@ def mixture(lab, name, tasks, seconds):
     """Runs tasks for some seconds and counts what none of them should have."""
     with stage.daemon(lab, tasks, cpus=[0]):
         time.sleep(seconds)
+        end = datetime.datetime.now()
     found = {"name": name, "runs": 0, "failed": 0, "lost": 0, "late": 0, "unsent": 0, "stalled": 0}
     for a_task in tasks:
-        count_runs(lab, a_task, seconds, found)
+        count_runs(lab, a_task, end, found)
     return found
 
 
-def count_runs(lab, a_task, seconds, found):
+def _time(stamp):
+    return datetime.datetime.strptime(stamp, _STAMP)
+
+
+def count_runs(lab, a_task, end, found):
     number, period = a_task["sla-id"], a_task["scheduler"]["time"]
     packets = a_task[a_task["sla-type"]]["num-packets"]
     text = lab.log_text(number)
@@ -160,8 +176,10 @@ def count_runs(lab, a_task, seconds, found):
         found["lost"] += packets - (report.ds_packets or 0)
         found["late"] += (report.late or 0) + (report.skipped or 0)
     found["unsent"] += text.count("probes not sent")
-    # The first run may begin late and the last one be under way.
-    found["stalled"] += len(reports) < max(1, seconds // period - 1)
+    # One that is under way, and one that its period, in whole seconds, has put off.
+    latest = _REPORT.findall(text)[-1:]
+    allowed = datetime.timedelta(seconds=2 * period + 2)
+    found["stalled"] += not latest or end - _time(latest[0]) > allowed
 
 
 MIXTURE_HEAD = ["mixture", "runs", "failed", "lost", "late", "unsent", "stalled tasks"]
@@ -170,3 +188,43 @@ MIXTURE_HEAD = ["mixture", "runs", "failed", "lost", "late", "unsent", "stalled 
 def mixture_row(found):
     names = ["name", "runs", "failed", "lost", "late", "unsent", "stalled"]
     return [found[name] for name in names]
+
+
+def busy_company():
+    """What keeps every worker thread at work: control phases, reports, logs, a burst."""
+    for number in range(1001, 1201):
+        yield task(
+            number,
+            "udp-jitter",
+            src=stage.NEAR,
+            dst=stage.FAR,
+            time=2,
+            packets=10,
+            timeout=400,
+            control={"timeout": 1000},
+            measurement={"dst-port": 20000 + number, "interval": 20},
+        )
+    # Over loopback, where the wire's capture does not see it.
+    yield icmp_echo(1201, packets=20000, interval=0, timeout=1000, time=3)
+
+
+def one_test(lab, company):
+    rule = f"icmp and host {stage.farm_address(1)}"
+    interval_ms = 20
+    result, _ = own.measure(
+        lab, "icmp-echo", 1, _ONE_TEST_PACKETS, interval_ms, rule=rule, company=company
+    )
+    return result.summary()
+
+
+COMPANY_HEAD = ["1 icmp-echo, 20 ms", "pacing µs", "RTT µs", "lost", "stretch %"]
+
+
+def company_row(found):
+    return [
+        found["name"],
+        found["pacing_us"],
+        found["round_trip_us"],
+        f"{found['lost']}/{found['probes']}",
+        f"{found['stretch_percent']:.3f}",
+    ]
