@@ -7,7 +7,6 @@
 #include <boost/system/error_code.hpp>
 #include <boost/system/system_error.hpp>
 
-#include "env/descriptor.h"
 #include "env/socket_options.h"
 
 namespace ipsla {
@@ -24,10 +23,14 @@ const sockaddr* Generic(const sockaddr_in& address) {
 }  // namespace
 
 void MeasurementSocket::Open(int type, int protocol) {
-  ipsla::Descriptor opened(socket(AF_INET, type | SOCK_CLOEXEC, protocol));
-  if (!opened) Throw(errno, "open");
-  descriptor_.assign(opened.Get());
-  static_cast<void>(opened.Release());
+  unwatched_.Reset(socket(AF_INET, type | SOCK_CLOEXEC, protocol));
+  if (!unwatched_) Throw(errno, "open");
+}
+
+void MeasurementSocket::Watch() {
+  if (watched_.is_open()) return;
+  watched_.assign(unwatched_.Get());
+  static_cast<void>(unwatched_.Release());
 }
 
 void MeasurementSocket::SetSendOptions(int ttl, int type_of_service) {
@@ -68,11 +71,12 @@ std::uint16_t MeasurementSocket::LocalPort() {
 }
 
 void MeasurementSocket::Close() {
-  if (descriptor_.is_open()) descriptor_.close();
+  unwatched_.Reset();
+  if (watched_.is_open()) watched_.close();
 }
 
 int MeasurementSocket::Fd() {
-  return descriptor_.is_open() ? descriptor_.native_handle() : -1;
+  return watched_.is_open() ? watched_.native_handle() : unwatched_.Get();
 }
 
 int MeasurementSocket::Send(std::span<const std::uint8_t> bytes, const sockaddr_in* to) {

@@ -15,6 +15,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 
+#include "env/descriptor.h"
 #include "env/packet_stamps.h"
 
 namespace ipsla {
@@ -22,9 +23,12 @@ namespace ipsla {
 /// An IPv4 socket, raw or datagram, on the worker context. Threads: one at a time; its test's mutex
 /// is what makes that true. What is set up throws boost::system::system_error naming the operation
 /// ("open", "bind", "connect", "close"), or what SetSockOpt throws.
+///
+/// The context learns of the socket only when something waits for it: until then nothing that
+/// happens to it (a datagram, a stamp of departure) wakes a thread.
 class MeasurementSocket {
  public:
-  explicit MeasurementSocket(boost::asio::io_context& worker) : descriptor_(worker) {}
+  explicit MeasurementSocket(boost::asio::io_context& worker) : watched_(worker) {}
 
   /// Opens it (socket(2)) in the network namespace of the calling thread.
   void Open(int type, int protocol);
@@ -57,21 +61,27 @@ class MeasurementSocket {
   [[nodiscard]] int Send(std::span<const std::uint8_t> bytes, const sockaddr_in* to);
 
   /// Calls `handler(error_code)` on the worker context once something can be received, or sent.
+  /// Throws system_error "assign" when the context cannot watch the socket.
   template <typename Handler>
   void WaitToReceive(Handler&& handler) {
-    descriptor_.async_wait(Descriptor::wait_read, std::forward<Handler>(handler));
+    Watch();
+    watched_.async_wait(Watched::wait_read, std::forward<Handler>(handler));
   }
   template <typename Handler>
   void WaitToSend(Handler&& handler) {
-    descriptor_.async_wait(Descriptor::wait_write, std::forward<Handler>(handler));
+    Watch();
+    watched_.async_wait(Watched::wait_write, std::forward<Handler>(handler));
   }
 
  private:
-  // Of whatever family the run asked for.
-  using Descriptor = boost::asio::posix::stream_descriptor;
+  using Watched = boost::asio::posix::stream_descriptor;
 
-  // Non-blocking.
-  Descriptor descriptor_;
+  // Makes the socket known to the worker context, if it is not.
+  void Watch();
+
+  // The open socket is the one's until Watch(), then the other's.
+  Descriptor unwatched_;
+  Watched watched_;
 };
 
 }  // namespace ipsla

@@ -284,6 +284,8 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   void TakeUpLeftProbe();
   [[nodiscard]] std::optional<SteadyTime> SendDue(RunNumber run) IPSLA_EXCLUDES(mutex_);
   [[nodiscard]] std::optional<SteadyTime> SendNext() IPSLA_REQUIRES(mutex_);
+  /// And not when they come; only behind the last probe it waits for them.
+  [[nodiscard]] bool TakesRepliesWhenItSends() const IPSLA_REQUIRES(mutex_);
   void WaitToSend() IPSLA_REQUIRES(mutex_);
   void SendPacket(const boost::system::error_code& error, RunNumber run) IPSLA_EXCLUDES(mutex_);
   void WaitToReceive() IPSLA_REQUIRES(mutex_);

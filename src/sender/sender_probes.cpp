@@ -22,14 +22,24 @@ constexpr std::size_t kDatagramsPerTurn = 64;
 // to them before the socket's buffer is full.
 constexpr std::uint32_t kProbesPerTurn = 32;
 
+// Up to this interval the replies wait in the socket for the next probe. The time of their arrival
+// is the kernel's stamp, so nothing depends on when they are taken, and a thread that woke up for
+// each stamp of departure and each reply would cost more than the probe itself. With longer pauses
+// the gain is small, and what strangers send to the port could fill the buffer.
+constexpr std::chrono::milliseconds kMostRepliesWait{100};
+
 }  // namespace
 
 void Sender::SetProbeOptions() {
   socket_.SetSendOptions(config_.ttl, config_.dscp * 4);
 }
 
+bool Sender::TakesRepliesWhenItSends() const {
+  return std::chrono::milliseconds(config_.interval) <= kMostRepliesWait;
+}
+
 void Sender::StartProbing(std::uint32_t milliseconds) {
-  WaitToReceive();
+  if (!TakesRepliesWhenItSends()) WaitToReceive();
   StartFuncTimeout(kTestStop, milliseconds);
   deadline_ = SteadyNow() + std::chrono::milliseconds(milliseconds);
   PaceNow(run_);
@@ -82,20 +92,19 @@ std::optional<SteadyTime> Sender::SendDue(RunNumber run) {
 }
 
 std::optional<SteadyTime> Sender::SendNext() {
-  const RunNumber run = run_;
-  switch (calls_.send(*this)) {
-    case SendOutcome::kFull:
-      WaitToSend();
-      return std::nullopt;
-    case SendOutcome::kFailed:
-      return std::nullopt;
-    case SendOutcome::kSent:
-      break;
+  // Before the probe: what arrived earlier cannot be its reply.
+  if (TakesRepliesWhenItSends() && (config_.interval != 0 || ring_.Sent() % kProbesPerTurn == 0)) {
+    static_cast<void>(TakeReplies(kDatagramsPerTurn));
   }
-  if (ring_.Sent() == static_cast<std::uint32_t>(num_packets_)) return std::nullopt;
-  if (config_.interval == 0 && ring_.Sent() % kProbesPerTurn == 0) {
-    static_cast<void>(TakeReplies(std::size_t{2} * kProbesPerTurn));
-    if (run != run_) return std::nullopt;
+  const SendOutcome outcome = calls_.send(*this);
+  if (outcome == SendOutcome::kFull) {
+    WaitToSend();
+    return std::nullopt;
+  }
+  const bool is_last = ring_.Sent() == static_cast<std::uint32_t>(num_packets_);
+  if (outcome == SendOutcome::kFailed || is_last) {
+    if (TakesRepliesWhenItSends() && receiving_) WaitToReceive();
+    return std::nullopt;
   }
   return last_send_ + std::chrono::milliseconds(config_.interval);
 }

@@ -46,6 +46,7 @@ def _icmp(what, call, error, run, effect, line="", **order):
 
 RUN_FAILS = "the run fails: “Start test failed”; the reason in the log, once a minute"
 RUN_IS_RIGHT = "none: the run is right"
+RUN_LASTS = "the run is right and lasts until its time-out; the reason in the log"
 
 RUN_FAULTS = [
     _icmp("socket, ICMP", "socket", errno.EMFILE, START, RUN_FAILS, socket="raw"),
@@ -110,8 +111,9 @@ RUN_FAULTS = [
         "epoll_ctl, ICMP",
         "epoll_ctl",
         errno.ENOSPC,
-        START,
-        RUN_FAILS,
+        NONE,
+        RUN_LASTS,
+        line="SendPacket failed on test 2: assign: No space left on device",
         socket="raw",
         detail=EPOLL_CTL_ADD,
     ),
@@ -119,20 +121,20 @@ RUN_FAULTS = [
         "epoll_ctl, probes",
         "epoll_ctl",
         errno.ENOMEM,
-        START,
-        RUN_FAILS,
+        NONE,
+        RUN_LASTS,
+        line="SendPacket failed on test 3: assign: Cannot allocate memory",
         socket="probes",
         detail=EPOLL_CTL_ADD,
     ),
     _udp(
         "epoll_ctl, control phase",
-        "epoll_ctl",
+        "epoll_ctl, unbound",
         errno.ENOMEM,
         START,
         RUN_FAILS,
         socket="probes",
         detail=EPOLL_CTL_ADD,
-        skip=1,
     ),
     _icmp(
         "sendto, ICMP",

@@ -174,9 +174,27 @@ ssize_t recv(int fd, void* bytes, size_t size, int flags) {
   return FailsOn(fd, "recv", -1) ? -1 : real(fd, bytes, size, flags);
 }
 
+/* The socket of the control phase is watched before it is bound, that of the probes behind the last
+   one: orders tell them apart by the name of the call. */
+static int IsUnbound(int fd) {
+  const int saved = errno;
+  struct sockaddr_in address = {0};
+  socklen_t length = sizeof address;
+  const int unbound = IntegerOption(fd, SOL_SOCKET, SO_TYPE) == SOCK_DGRAM &&
+                      getsockname(fd, (struct sockaddr*)&address, &length) == 0 &&
+                      address.sin_port == 0;
+  errno = saved;
+  return unbound;
+}
+
 int epoll_ctl(int poll, int operation, int fd, struct epoll_event* event) {
   REAL("epoll_ctl", int, int, int, int, struct epoll_event*)
-  return FailsOn(fd, "epoll_ctl", operation) ? -1 : real(poll, operation, fd, event);
+  const char* bound = "epoll_ctl";
+  const char* unbound = "epoll_ctl, unbound";
+  /* Only now: the question is itself a call that may be ordered to fail. */
+  const int ordered = IsOrdered(bound, operation) || IsOrdered(unbound, operation);
+  const char* name = ordered && IsUnbound(fd) ? unbound : bound;
+  return FailsOn(fd, name, operation) ? -1 : real(poll, operation, fd, event);
 }
 
 int epoll_wait(int poll, struct epoll_event* events, int most, int patience) {

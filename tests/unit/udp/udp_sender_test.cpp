@@ -7,8 +7,10 @@
 #include <array>
 #include <functional>
 #include <map>
+#include <thread>
 #include <vector>
 
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/udp.hpp>
 #include <boost/endian/conversion.hpp>
 #include <boost/smart_ptr/make_shared.hpp>
@@ -21,6 +23,7 @@
 #include "support/recording_syslog.h"
 #include "support/scripted_responder.h"
 #include "support/test_context.h"
+#include "support/watched_sockets.h"
 #include "udp/digest.h"
 #include "udp/probe_message.h"
 
@@ -181,6 +184,33 @@ TEST_F(UdpSenderTest, ReplyToAProbeNotSentYetIsIgnored) {
   task.timeout = 100;
   const SlaTaskMetrics last = FirstRun(task).last;
   EXPECT_EQ(last.ds_pkt_count, 1) << "only the answer that came after probe 3";
+}
+
+// With short intervals nothing wakes up for the single reply. The responder has a loop of its own:
+// the test's only thread is sending.
+TEST_F(UdpSenderTest, OnlyWithLongIntervalsIsEachReplyWaitedFor) {
+  const auto watched_at_the_second_probe = [this](int interval) {
+    boost::asio::io_context far;
+    ScriptedResponder other(far);
+    std::vector<std::size_t> watched;
+    other.probe = [&](const Bytes& probe) {
+      watched.push_back(test::WatchedSockets());
+      return std::vector<Bytes>{other.Reply(probe)};
+    };
+    std::thread thread([&far] { far.run(); });
+    SlaTaskConfig task = Task(SlaTestType::kUdpJitter);
+    task.control_phase.dst.sin_port = htons(other.ControlPort());
+    task.num_packets = 3;
+    task.interval = interval;
+    context.statistics->tasks.clear();
+    EXPECT_EQ(FirstRun(task).last.ds_pkt_count, 3);
+    far.stop();
+    thread.join();
+    return watched.at(1);
+  };
+  const std::size_t unwatched = watched_at_the_second_probe(20);
+  EXPECT_EQ(watched_at_the_second_probe(100), unwatched);
+  EXPECT_EQ(watched_at_the_second_probe(101), unwatched + 1);
 }
 
 TEST_F(UdpSenderTest, RequestIsSentFromTheBoundPortsAndSigned) {
