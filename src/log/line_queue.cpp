@@ -1,8 +1,11 @@
 #include "log/line_queue.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -21,6 +24,13 @@ struct LineHeader {
   std::uint16_t id = 0;
 };
 
+log_internal::Pages MapPages(std::size_t size) {
+  void* const pages =
+      mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (pages == MAP_FAILED) throw std::bad_alloc();
+  return {static_cast<char*>(pages), log_internal::UnmapPages{size}};
+}
+
 void AddLines(char* bytes, std::size_t used, std::vector<LogLine>* lines) {
   for (std::size_t at = 0; at < used;) {
     LineHeader header;
@@ -32,6 +42,10 @@ void AddLines(char* bytes, std::size_t used, std::vector<LogLine>* lines) {
 }
 
 }  // namespace
+
+void log_internal::UnmapPages::operator()(char* bytes) const {
+  munmap(bytes, size);
+}
 
 void LineQueue::Push(std::uint16_t id, std::string_view text) noexcept {
   bool wakes = false;
@@ -92,15 +106,13 @@ bool LineQueue::Take(std::vector<LogLine>* lines) {
 }
 
 void LineQueue::Done() {
-  std::size_t freed = 0;
-  for (const Chunk& chunk : taken_) freed += chunk.size;
-  Chunk usual;
-  if (taken_.front().size == kChunkBytes) usual = std::move(taken_.front());
-  taken_.clear();
+  std::vector<Chunk> chunks;  // what is not kept goes back behind the lock
+  chunks.swap(taken_);
   const PriorityLock lock(mutex_);
-  if (!spare_.bytes) spare_ = std::move(usual);
-  spare_.used = 0;
-  memory_ -= freed;
+  for (Chunk& chunk : chunks) {
+    memory_ -= chunk.size;
+    KeepSpare(&chunk);
+  }
   written_ += taken_lines_;
   if (is_dropping_ && memory_ <= kMaxBytes / 2) TellDropped();
   done_.NotifyAll();
@@ -123,8 +135,8 @@ char* LineQueue::Room(std::size_t bytes) {
   if (chunks_.empty() || chunks_.back().size - chunks_.back().used < bytes) {
     const std::size_t size = std::max(bytes, kChunkBytes);
     if (memory_ + size > kMaxBytes) return nullptr;
-    Chunk chunk = size == kChunkBytes ? std::exchange(spare_, {}) : Chunk{};
-    if (!chunk.bytes) chunk = {std::make_unique_for_overwrite<char[]>(size), size, 0};
+    Chunk chunk = size == kChunkBytes ? TakeSpare() : Chunk{};
+    if (!chunk.bytes) chunk = {MapPages(size), size, 0};
     chunks_.push_back(std::move(chunk));
     memory_ += size;
   }
@@ -132,6 +144,23 @@ char* LineQueue::Room(std::size_t bytes) {
   char* const place = last.bytes.get() + last.used;
   last.used += bytes;
   return place;
+}
+
+LineQueue::Chunk LineQueue::TakeSpare() {
+  for (Chunk& spare : spare_) {
+    if (spare.bytes) return std::exchange(spare, {});
+  }
+  return {};
+}
+
+void LineQueue::KeepSpare(Chunk* chunk) {
+  if (chunk->size != kChunkBytes) return;
+  for (Chunk& spare : spare_) {
+    if (spare.bytes) continue;
+    spare = std::move(*chunk);
+    spare.used = 0;
+    return;
+  }
 }
 
 void LineQueue::TellDropped() {

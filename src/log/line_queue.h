@@ -3,6 +3,7 @@
 #ifndef IPSLA_LOG_LINE_QUEUE_H_
 #define IPSLA_LOG_LINE_QUEUE_H_
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -16,6 +17,17 @@
 #include "log/priority_mutex.h"
 
 namespace ipsla {
+
+namespace log_internal {
+
+/// Gives whole pages back to the kernel.
+struct UnmapPages {
+  std::size_t size = 0;
+  void operator()(char* bytes) const;
+};
+using Pages = std::unique_ptr<char[], UnmapPages>;
+
+}  // namespace log_internal
 
 /// One line as it goes to the file of test `id`, newline included. Its first kTimeBytes are for the
 /// time and the ": " behind it, which the writer puts there.
@@ -56,9 +68,11 @@ class LineQueue {
   void Done();
 
  private:
-  // A piece of memory with lines, one behind the other.
+  // A piece of memory with lines, one behind the other. It comes from the kernel and goes back
+  // there: out of the heap of whichever thread logs, each of these heaps would keep its share of
+  // the largest burst for ever.
   struct Chunk {
-    std::unique_ptr<char[]> bytes;
+    log_internal::Pages bytes;
     std::size_t size = 0;
     std::size_t used = 0;
   };
@@ -66,6 +80,8 @@ class LineQueue {
   // Steps of Push, Done and Take.
   bool Append(std::uint16_t id, std::string_view text) IPSLA_REQUIRES(mutex_);
   char* Room(std::size_t bytes) IPSLA_REQUIRES(mutex_);
+  Chunk TakeSpare() IPSLA_REQUIRES(mutex_);
+  void KeepSpare(Chunk* chunk) IPSLA_REQUIRES(mutex_);
   void TellDropped() IPSLA_REQUIRES(mutex_);
   void Rest(PriorityLock* held) IPSLA_REQUIRES(mutex_);
 
@@ -74,9 +90,9 @@ class LineQueue {
   PriorityCondition wake_;  // for the taking thread
   PriorityCondition done_;  // for WaitUntilDone
 
-  // What waits for the taking thread, and an empty chunk kept for later.
+  // What waits for the taking thread, and some empty chunks kept for later.
   std::deque<Chunk> chunks_ IPSLA_GUARDED_BY(mutex_);
-  Chunk spare_ IPSLA_GUARDED_BY(mutex_);
+  std::array<Chunk, 4> spare_ IPSLA_GUARDED_BY(mutex_);
   // Bytes of all chunks, those being written included.
   std::size_t memory_ IPSLA_GUARDED_BY(mutex_) = 0;
   std::uint64_t pushed_ IPSLA_GUARDED_BY(mutex_) = 0;  // lines
