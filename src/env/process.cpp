@@ -33,10 +33,10 @@ int SetCpuNum(pthread_t thread, std::uint8_t cpu) {
   return 0;
 }
 
-BelowPacing::BelowPacing() {
+BelowPacing::BelowPacing(bool wanted) {
   // The sanitizers guard their own data by locks that are waited for awake: a thread that holds one
   // and is interrupted by another of a higher priority that wants it would never go on.
-  if (log_internal::kSanitized) return;
+  if (!wanted || log_internal::kSanitized) return;
   constexpr int kHighest = 99;
   sched_param parameters{};
   const int policy = sched_getscheduler(0);

@@ -22,12 +22,12 @@ int SetCpuNum(pthread_t thread, std::uint8_t cpu);
 
 /// Runs the rest of a block one real-time priority below that of the daemon's threads, so that the
 /// thread that sends due probes can interrupt it: for work that takes longer than a few
-/// microseconds. Does nothing for a thread that is not under real-time scheduling or is below
-/// already, and in a build for the sanitizers. Threads: affects the calling thread only; create and
-/// end it on one thread.
+/// microseconds. Does nothing when it is not wanted, for a thread that is not under real-time
+/// scheduling or is below already, and in a build for the sanitizers. Threads: affects the calling
+/// thread only; create and end it on one thread.
 class BelowPacing {
  public:
-  BelowPacing();
+  explicit BelowPacing(bool wanted = true);
   ~BelowPacing();
   BelowPacing(const BelowPacing&) = delete;
   BelowPacing& operator=(const BelowPacing&) = delete;

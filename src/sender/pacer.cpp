@@ -15,6 +15,7 @@ void Pacer::Add(SteadyTime due, SendProbe send) {
   queue_.emplace(due, std::move(send));
   if (!on_duty_) {
     on_duty_ = true;
+    duty_cpu_.store(kAnywhere, std::memory_order_relaxed);
     boost::asio::post(worker_, [this] { Serve(); });
   } else if (is_earliest) {
     earlier_.NotifyOne();
@@ -33,7 +34,13 @@ void Pacer::LetDueProbesPass() const {
   if (SteadyNow() >= waiting_for_.load(std::memory_order_relaxed)) sched_yield();
 }
 
+bool Pacer::IsOnDutyHere() const {
+  const int cpu = duty_cpu_.load(std::memory_order_relaxed);
+  return cpu == kAnywhere || (cpu != kNowhere && cpu == sched_getcpu());
+}
+
 void Pacer::Serve() {
+  duty_cpu_.store(sched_getcpu(), std::memory_order_relaxed);
   MutexLock lock(mutex_);
   while (!queue_.empty()) {
     const SteadyTime due = queue_.begin()->first;
@@ -51,6 +58,7 @@ void Pacer::Serve() {
     queue_.insert(std::move(probe));
   }
   on_duty_ = false;
+  duty_cpu_.store(kNowhere, std::memory_order_relaxed);
 }
 
 // Until so little is missing that it is waited for awake. False when the queue has changed before.

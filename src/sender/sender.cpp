@@ -113,7 +113,7 @@ void Sender::StartFuncTimeout(const TimerHandler& handler, std::uint32_t millise
 }
 
 void Sender::OnTimer(RunTimer::Ticket ticket, const TimerHandler& handler) {
-  const BelowPacing priority;
+  const BelowPacing priority(context_.pacer->IsOnDutyHere());
   const Lock lock(*this);
   if (timer_.IsCurrent(ticket)) handler.run(*this);
 }
@@ -232,9 +232,11 @@ void Sender::ClearFailedRun() {
   metrics_ = failed;
 }
 
-// Computing and reporting a large run takes long: nobody who needs the mutex waits for it.
+// Computing and reporting a large run takes long: nobody who needs the mutex waits for it, nor does
+// a thread whose duty begins meanwhile.
 void Sender::ReportRun() {
-  const BelowPacing priority;
+  constexpr std::size_t kLarge = 1000;
+  const BelowPacing priority(ring_.Slots() > kLarge || context_.pacer->IsOnDutyHere());
   const SlaTaskConfig config = config_;
   const bool has_replies = ring_.Received() != 0;
   reporting_ = true;

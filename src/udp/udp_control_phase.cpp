@@ -115,7 +115,7 @@ void UdpSender::ArmControlReceive() {
 }
 
 void UdpSender::ControlResponse(const boost::system::error_code& error, RunNumber run) {
-  const BelowPacing priority;
+  const BelowPacing priority(context_.pacer->IsOnDutyHere());
   const Lock lock(*this);
   if (run != run_) return;
   if (error) {

@@ -1,5 +1,7 @@
 #include "sender/pacer.h"
 
+#include <sched.h>
+
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -59,6 +61,45 @@ TEST_F(PacerTest, SendsWhatIsDueAtOnce) {
     return std::nullopt;
   });
   EXPECT_TRUE(Within20Seconds([&] { return sent == 1; }));
+}
+
+// The CPUs that this process may use.
+std::vector<int> Cpus() {
+  cpu_set_t allowed;
+  std::vector<int> cpus;
+  if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) return {0};
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (CPU_ISSET(cpu, &allowed)) cpus.push_back(cpu);
+  }
+  return cpus;
+}
+
+void MoveToCpu(int cpu) {
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(cpu, &one);
+  EXPECT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+}
+
+TEST(PacerDutyTest, IsOnTheCpuOfItsThreadAsLongAsThereIsAProbe) {
+  boost::asio::io_context worker;
+  Pacer pacer(worker);
+  const std::vector<int> cpus = Cpus();
+  std::thread thread([&] {
+    MoveToCpu(cpus.front());
+    EXPECT_FALSE(pacer.IsOnDutyHere());
+    pacer.Add(SteadyNow(), [&]() -> std::optional<SteadyTime> {
+      EXPECT_TRUE(pacer.IsOnDutyHere());
+      MoveToCpu(cpus.back());
+      EXPECT_EQ(pacer.IsOnDutyHere(), cpus.size() == 1);
+      MoveToCpu(cpus.front());
+      return std::nullopt;
+    });
+    EXPECT_TRUE(pacer.IsOnDutyHere()) << "any thread may be called";
+    worker.run();
+    EXPECT_FALSE(pacer.IsOnDutyHere());
+  });
+  thread.join();
 }
 
 TEST_F(PacerTest, SendsNothingBeforeItIsDue) {
