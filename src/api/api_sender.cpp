@@ -42,12 +42,14 @@ ApiSender::ApiSender(boost::asio::io_context& service, std::string tasks_file,
                         .reload_keychain = [this] { return ReloadKeychain(); }}),
       clock_(std::make_shared<ClockWatch>(service, tests_)),
       netlink_(service, interfaces_, *this) {
+  std::string missing = "no API on 127.0.0.1:" + std::to_string(kApiPort);
   try {
     server_.Open();
+    missing = "tests do not start over when the clock is set";
     OpenClockWatch();
   } catch (const std::exception& exception) {
     LOG_DEBUG(0, "Sender api creation failed: %s", exception.what());
-    creation_fault_ = exception.what();
+    creation_fault_ = missing + ": " + exception.what();
   }
 }
 

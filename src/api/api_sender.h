@@ -47,7 +47,8 @@ class ApiSender : private InterfaceObserver {
   ApiSender(const ApiSender&) = delete;
   ApiSender& operator=(const ApiSender&) = delete;
 
-  /// Why no request can arrive, or the clock is not watched; empty when all is well.
+  /// What is missing and why, for a person: the API with the watch of the clock, or the watch
+  /// alone; empty when all is well.
   [[nodiscard]] const std::string& CreationFault() const { return creation_fault_; }
 
   /// Reads both files, dumps them and starts one test per task in ascending id. 0, or -1 after

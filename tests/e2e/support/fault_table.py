@@ -213,7 +213,7 @@ RUN_FAULTS = [
 
 @dataclass(frozen=True)
 class Rest:
-    """A fault outside of a run; test_faults.py has a test of this `name` for it."""
+    """A fault outside of a run: test_faults.py and test_start_faults.py have a test for it."""
 
     name: str
     effect: str
@@ -255,4 +255,29 @@ OTHER_FAULTS = [
         "the threads that are there do the work",
     ),
     Rest("timerfd_settime: ENOMEM", "a run may begin or end late; the next one is right"),
+    Rest(
+        "timerfd_create, clock watch at the start: ENOMEM",
+        "tests do not start over when the clock is set; said on standard error and in the log",
+    ),
+    Rest(
+        "timerfd_settime, clock watch at the start: ENOMEM",
+        "tests do not start over when the clock is set; said on standard error and in the log",
+    ),
+    Rest("timerfd_create, other timers at the start: ENFILE", "none: the runs are right"),
+    Rest(
+        "pthread_create, log's writer at the start: EAGAIN",
+        "the daemon does not start; the reason on standard error",
+    ),
+    Rest(
+        "pthread_create, API's thread at the start: EAGAIN",
+        "ends the daemon with its log written and a crash trace; the unit starts it again",
+    ),
+    Rest(
+        "pthread_create, first worker at the start: EAGAIN",
+        "“Start main loop failed”: no run until the next reload, which tries again",
+    ),
+    Rest(
+        "pthread_create, later worker at the start: EAGAIN",
+        "“Start main loop failed”; the threads that are there do the work",
+    ),
 ]

@@ -108,7 +108,8 @@ TEST_F(ApiSenderTest, BusyPortIsLoggedAndTheDaemonGoesOn) {
   EXPECT_EQ(daemon.Start(), 0);
   const auto texts = test::TakeSyslogTexts();
   EXPECT_THAT(texts, Contains("Sender api creation failed: bind: Address already in use"));
-  EXPECT_EQ(daemon.sender->CreationFault(), "bind: Address already in use");
+  EXPECT_EQ(daemon.sender->CreationFault(),
+            "no API on 127.0.0.1:10101: bind: Address already in use");
   EXPECT_THAT(texts, Contains(kStartAtOnce));
   daemon.End();
 }
