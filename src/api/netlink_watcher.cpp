@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <span>
@@ -107,6 +108,7 @@ struct NetlinkWatcher::Watch {
 
   const std::shared_ptr<VrfInterfaces> interfaces;
   std::array<std::uint8_t, kNetlinkBufferBytes> buffer{};
+  nl_protocol::endpoint sender;      // of what is in the buffer
   nl_protocol::socket socket;        // not open while there is no namespace to be in
   std::optional<NamespaceId> place;  // what the name stood for when it was last looked at
   bool behind = false;               // messages were lost and not made up for yet
@@ -114,8 +116,10 @@ struct NetlinkWatcher::Watch {
 };
 
 NetlinkWatcher::NetlinkWatcher(boost::asio::io_context& service,
-                               std::shared_ptr<InterfaceTable> table, InterfaceObserver& observer)
-    : service_(service),
+                               std::shared_ptr<InterfaceTable> table, InterfaceObserver& observer,
+                               Trust is_trusted)
+    : is_trusted_(is_trusted),
+      service_(service),
       table_(std::move(table)),
       observer_(observer),
       round_timer_(std::make_shared<boost::asio::steady_timer>(service)) {}
@@ -126,6 +130,13 @@ NetlinkWatcher::~NetlinkWatcher() {
   } catch (...) {  // NOLINT(bugprone-empty-catch): a socket that cannot be closed is gone with its
                    // descriptor
   }
+}
+
+bool NetlinkWatcher::IsFromKernel(const nl_protocol::endpoint& sender) {
+  sockaddr_nl address{};
+  if (sender.size() < sizeof address) return false;
+  std::memcpy(&address, sender.data(), sizeof address);
+  return address.nl_pid == 0;
 }
 
 void NetlinkWatcher::CreateNetlinkSocketInVrf(const std::string& vrf) {
@@ -171,8 +182,8 @@ void NetlinkWatcher::Close() {
 }
 
 void NetlinkWatcher::Receive(const WatchPtr& watch) {
-  watch->socket.async_receive(
-      boost::asio::buffer(watch->buffer),
+  watch->socket.async_receive_from(
+      boost::asio::buffer(watch->buffer), watch->sender,
       [this, watch](const boost::system::error_code& error, std::size_t bytes) {
         // Checked first: once the socket is closed, the watcher itself may be gone.
         if (watch->socket.is_open()) NetlinkReceivePacket(error, bytes, watch);
@@ -192,6 +203,7 @@ void NetlinkWatcher::NetlinkReceivePacket(const boost::system::error_code& error
       MakeUp(watch);
       break;
     case ReceiveOutcome::kData: {
+      if (!is_trusted_(watch->sender)) break;
       const auto message = ParseNetlinkMessage(std::span(watch->buffer).first(bytes));
       if (message.event == NetlinkEvent::kTruncated) MakeUp(watch);
       watch->interfaces->Apply(message);

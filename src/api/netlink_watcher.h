@@ -13,6 +13,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/system/error_code.hpp>
 
+#include "api/nl_protocol.h"
 #include "api/vrf_interfaces.h"
 #include "sender/interface_table.h"
 
@@ -32,9 +33,16 @@ class NetlinkWatcher {
   /// How often the names are looked at.
   static constexpr std::chrono::seconds kRound{2};
 
-  /// Watches nothing yet. `service` and `observer` must outlive it.
+  /// Whether what this sender says counts.
+  using Trust = bool (*)(const nl_protocol::endpoint& sender);
+
+  /// Other privileged processes can send here as well, but not with the kernel's port, which is 0.
+  [[nodiscard]] static bool IsFromKernel(const nl_protocol::endpoint& sender);
+
+  /// Watches nothing yet. `service` and `observer` must outlive it. Messages of a sender that is
+  /// not trusted are dropped.
   NetlinkWatcher(boost::asio::io_context& service, std::shared_ptr<InterfaceTable> table,
-                 InterfaceObserver& observer);
+                 InterfaceObserver& observer, Trust is_trusted = &IsFromKernel);
   ~NetlinkWatcher();
   NetlinkWatcher(const NetlinkWatcher&) = delete;
   NetlinkWatcher& operator=(const NetlinkWatcher&) = delete;
@@ -73,6 +81,7 @@ class NetlinkWatcher {
   void WaitForRound();
 
   // Constant.
+  const Trust is_trusted_;
   boost::asio::io_context& service_;
   const std::shared_ptr<InterfaceTable> table_;
   InterfaceObserver& observer_;

@@ -211,7 +211,7 @@ class TestNetlink:
     def test_messages_that_cannot_be_received(self, lab, one_task, error):
         daemon, faults = one_task
         seen = len(daemon.reports(1))
-        faults.order("recv", error, socket="netlink")
+        faults.order("recvfrom", error, socket="netlink")
         lab.run("ip", "address", "del", "127.0.0.1/8", "dev", "lo")
         faults.wait_hit()
         wait_for(

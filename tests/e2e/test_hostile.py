@@ -49,8 +49,25 @@ def api_request(command, text):
 PROBE = struct.pack(">H10xQII", 2, 123456, 1, 1) + bytes(52)
 ECHO_REPLY = struct.pack(">BBHHH", 0, 0, 0, 7, 1) + bytes(56)
 
-# Where the datagrams go, and what is mutated. The kernel alone speaks to the netlink sockets.
+
+def netlink_message(kind, body):
+    return struct.pack("=IHHII", 16 + len(body), kind, 0, 0, 0) + body
+
+
+DELETE_LINK, DELETE_ADDRESS = 17, 21
+LOOPBACK = struct.pack("=BBBBI HH4s", socket.AF_INET, 8, 0, 0, 1, 8, 2, bytes([127, 0, 0, 1]))
+NETLINK = "netlink"
+
+# Where the datagrams go, and what is mutated. To the netlink socket not even whole messages count:
+# they are not the kernel's.
 TARGETS = {
+    NETLINK: (
+        NETLINK,
+        [
+            netlink_message(DELETE_ADDRESS, LOOPBACK),
+            netlink_message(DELETE_LINK, struct.pack("=BxHiII", 0, 0, 1, 0, 0)),
+        ],
+    ),
     "Sender API": (
         10101,
         [
@@ -83,15 +100,19 @@ def mutations(wholes, count, chance):
         yield bytes(data)
 
 
-def send_all(lab, port, datagrams):
-    if port is None:
+def send_all(lab, port, datagrams, daemon):
+    target = ("127.0.0.1", port or 0)
+    if port == NETLINK:
+        target = (daemon.pid, 0)
+        sock = lab.socket(socket.AF_NETLINK, socket.SOCK_RAW, socket.NETLINK_ROUTE)
+    elif port is None:
         sock = lab.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP)
     else:
         sock = lab.socket(socket.AF_INET, socket.SOCK_DGRAM)
     start = time.monotonic()
     for number, datagram in enumerate(datagrams):
         try:
-            sock.sendto(datagram, ("127.0.0.1", port or 0))
+            sock.sendto(datagram, target)
         except OSError:
             pass  # nobody listens between two runs; ICMP sends no datagram without a header
         ahead = start + number / PER_SECOND - time.monotonic()
@@ -124,7 +145,7 @@ def test_next_runs_are_right(lab, start_daemon, target):
     wait_for_right_runs()
     port, wholes = TARGETS[target]
     chance = random.Random(target)
-    send_all(lab, port, mutations(wholes, how_many(lab.build), chance))
+    send_all(lab, port, mutations(wholes, how_many(lab.build), chance), daemon)
     wait_for_right_runs()
 
     def answer():

@@ -229,10 +229,10 @@ OTHER_FAULTS = [
         "this request fails or has no reply, the next one is answered; also where it is logged",
     ),
     Rest(
-        "recv, netlink: ENOBUFS",
+        "recvfrom, netlink: ENOBUFS",
         "what waits is discarded and the addresses are listed anew: none gets lost",
     ),
-    Rest("recv, netlink: ENOMEM", "none: it is received again"),
+    Rest("recvfrom, netlink: ENOMEM", "none: it is received again"),
     Rest("getifaddrs, of a VRF made again: EMFILE", "asked again within two seconds, said once"),
     Rest(
         "socket, netlink of a VRF made again: EMFILE", "tried again within two seconds, said once"

@@ -174,6 +174,12 @@ ssize_t recv(int fd, void* bytes, size_t size, int flags) {
   return FailsOn(fd, "recv", -1) ? -1 : real(fd, bytes, size, flags);
 }
 
+ssize_t recvfrom(int fd, void* bytes, size_t size, int flags, __SOCKADDR_ARG from,
+                 socklen_t* restrict length) {
+  REAL("recvfrom", ssize_t, int, void*, size_t, int, __SOCKADDR_ARG, socklen_t*)
+  return FailsOn(fd, "recvfrom", -1) ? -1 : real(fd, bytes, size, flags, from, length);
+}
+
 /* The socket of the control phase is watched before it is bound, that of the probes behind the last
    one: orders tell them apart by the name of the call. */
 static int IsUnbound(int fd) {

@@ -60,6 +60,19 @@ TEST_F(NetlinkWatcherTest, FollowsAddressesAndLinks) {
   EXPECT_THAT(observer.calls, Contains("address " + index + " 0.0.0.0 10.9.0.1"));
 }
 
+TEST_F(NetlinkWatcherTest, TakesTheWordOfTheKernelAlone) {
+  VrfFixture vrfs;
+  vrfs.AddVrf("red");
+  NetlinkWatcher strict(service, table, observer);
+  strict.CreateNetlinkSocketInVrf("");
+  Inject("", test::LinkMessage(16, 4242, 0, test::NameAttribute("forged")));
+  Inject("", test::AddressMessage(21, AF_INET, 1, Attribute(kIfaLocal, {127, 0, 0, 1})));
+  vrfs.AddLink("red", {"near0", "10.9.0.1/24"}, {"far0", "10.9.0.2/24"});
+  ASSERT_TRUE(RunUntilFound("10.9.0.1", "1")) << "what comes behind them is taken";
+  EXPECT_TRUE(table->Find(make_address("127.0.0.1"), "1"));
+  EXPECT_THAT(observer.calls, Not(Contains("link 4242 forged")));
+}
+
 TEST_F(NetlinkWatcherTest, LinkThatGoesDownLosesItsRunningFlag) {
   VrfFixture vrfs;
   vrfs.AddVrf("red");

@@ -102,7 +102,9 @@ class WatcherFixture : public testing::Test {
   boost::asio::io_context service;
   std::shared_ptr<InterfaceTable> table = std::make_shared<InterfaceTable>();
   RecordingObserver observer;
-  NetlinkWatcher watcher{service, table, observer};
+  // Takes the messages that the tests inject.
+  NetlinkWatcher watcher{service, table, observer,
+                         [](const nl_protocol::endpoint& /*sender*/) { return true; }};
 };
 
 }  // namespace ipsla::test
