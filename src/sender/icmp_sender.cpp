@@ -120,6 +120,7 @@ void IcmpSender::CloseSockets() {
 
 Sender::SendOutcome IcmpSender::SendNextProbe() {
   const std::uint32_t sequence = ring_.Sent() + 1;
+  // The low 16 bits: kept-behaviours.md#numbers-of-16-bits-begin-anew
   EncodeIcmpHeader(jitter_ ? kIcmpTimestampRequest : kIcmpEchoRequest, identifier_.Value(),
                    static_cast<std::uint16_t>(sequence), send_buffer_);
   std::uint32_t originate = 0;

@@ -40,8 +40,8 @@ std::size_t ProbeHeaderSize(SlaTestType type) {
 void EncodeProbe(SlaTestType type, std::uint32_t sequence, std::span<std::uint8_t> probe) {
   wire::StoreU16(probe, kTypeOffset, static_cast<std::uint16_t>(type));
   if (type == SlaTestType::kUdpEcho) {
-    wire::StoreU16(probe, kEchoSequenceOffset,
-                   static_cast<std::uint16_t>(sequence));  // the low 16 bits
+    // The low 16 bits: kept-behaviours.md#numbers-of-16-bits-begin-anew
+    wire::StoreU16(probe, kEchoSequenceOffset, static_cast<std::uint16_t>(sequence));
   } else {
     wire::StoreU32(probe, kSequenceOffset, sequence);
   }
