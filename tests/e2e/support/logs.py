@@ -3,12 +3,12 @@
 import re
 from dataclasses import dataclass, field
 
-_STAMP = re.compile(r"^\d{2}-\d{2}-\d{4} \d{2}:\d{2}:\d{2}: ", re.MULTILINE)
+STAMP = re.compile(r"^\d{2}-\d{2}-\d{4} \d{2}:\d{2}:\d{2}: ", re.MULTILINE)
 
 
 def split_records(text):
     """The records of a log file, without their time stamps; a record may have several lines."""
-    starts = [(match.start(), match.end()) for match in _STAMP.finditer(text)]
+    starts = [(match.start(), match.end()) for match in STAMP.finditer(text)]
     ends = [start for start, _ in starts[1:]] + [len(text)]
     # The last record counts only when its newline is there: the writer may be in the middle of it.
     return [
@@ -70,13 +70,15 @@ class Report:
     duplicate: int = None
     sd_out_of_sequence: int = None
     ds_out_of_sequence: int = None
+    start: str = ""  # local time, "dd.mm.yyyy hh:mm:ss"
+    finish: str = ""
     complete: bool = field(default=False, repr=False)
 
 
 _NUMBER = r"(-?(?:[\d.]+|inf|nan))"
 _HEADER = re.compile(
     r"SLA task:\n\tID: #(\d+)\tType: (\S+) \(#\d+\)\t\n\tStatus: (\S+)\t(?:Error: (.*))?\n"
-    r"\tStart time: .*\tFinish time: .*\n\tOperation time: ~(\d+) seconds$"
+    r"\tStart time: (.*)\tFinish time: (.*)\n\tOperation time: ~(\d+) seconds$"
 )
 _PACKETS = re.compile(
     r"Packets Values:\n\tNumber of SD Packets: (\d+)\n\tNumber of DS Packets: (\d+)$"
@@ -129,22 +131,28 @@ def _add_section(report, record):
         report.complete = True
 
 
+class ReportReader:
+    """Takes the records of one test as they come."""
+
+    def __init__(self):
+        self._open = None
+
+    def feed(self, record):
+        """The report that this record completes, if it completes one."""
+        if match := _HEADER.match(record):
+            task, kind, status, error, start, finish, seconds = match.groups()
+            self._open = Report(int(task), kind, status, error or "", int(seconds))
+            self._open.start, self._open.finish = start, finish
+            self._open.complete = status != "successful"
+        elif self._open:
+            _add_section(self._open, record)
+        if not self._open or not self._open.complete:
+            return None
+        done, self._open = self._open, None
+        return done
+
+
 def parse_reports(records):
     """The complete reports of one test's records."""
-    reports = []
-    for record in records:
-        if match := _HEADER.match(record):
-            task, kind, status, error, seconds = match.groups()
-            reports.append(
-                Report(
-                    int(task),
-                    kind,
-                    status,
-                    error or "",
-                    int(seconds),
-                    complete=status != "successful",
-                )
-            )
-        elif reports:
-            _add_section(reports[-1], record)
-    return [report for report in reports if report.complete]
+    reader = ReportReader()
+    return [report for report in map(reader.feed, records) if report]

@@ -26,6 +26,7 @@ class Script:
     pattern: Pattern
     copies_last: bool = False  # behind all first answers instead of each behind its own
     skew: int = 0  # of the responder's clock, in 10 ns
+    delay: float = 0.0  # seconds between the last probe and the first answer
 
     def in_time(self):
         """Sequence numbers of the answers that come before the run's end, in order, copies
@@ -111,8 +112,14 @@ class PatternResponder(ScriptedResponder):
                 answer(number)
                 self.late_sent += 1
 
-        for number in run.script.in_time():
-            answer(number)
+        def answer_in_time():
+            for number in run.script.in_time():
+                answer(number)
+
+        if run.script.delay > 0:
+            self.later(run.script.delay, answer_in_time)
+        else:
+            answer_in_time()
         if run.script.late():
             self.later(run.end, answer_late)
 
