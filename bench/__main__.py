@@ -3,6 +3,7 @@
 import argparse
 import os
 import sys
+import time
 
 from . import ROOT, accuracy, api, cost, micro, responder, scale, stage
 from .report import Report
@@ -25,7 +26,9 @@ def main():
     report = Report(build)
     print(report.head())
     for area in options.areas or AREAS:
-        print(f"\n## {area}\n\n{AREAS[area](build, report)}", flush=True)
+        begin = time.monotonic()
+        tables = AREAS[area](build, report)
+        print(f"\n## {area} ({time.monotonic() - begin:.0f} s)\n\n{tables}", flush=True)
     for warning in report.finish():
         print(warning)
     if options.json:

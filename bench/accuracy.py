@@ -4,8 +4,8 @@ from . import others, own, stage
 from .figures import table
 
 _INTERVAL_MS = 20
-_ONE_TEST_PACKETS = 400
-_MANY, _MANY_PACKETS = 100, 250
+_ONE_TEST_PACKETS = 300
+_MANY, _MANY_PACKETS = 100, 150
 
 
 def contestants():
