@@ -31,13 +31,18 @@ def restarts(daemon, number):
     return daemon.log_records(number).count("func 'NewStart' timeout 0 ms")
 
 
-def test_address_that_goes_in_one_vrf_stops_no_test_of_another(lab, start_daemon):
+@pytest.mark.parametrize(
+    "change",
+    [("address", "del", "127.0.0.1/8", "dev", "lo"), ("link", "set", "lo", "down")],
+    ids=["address", "link"],
+)
+def test_what_goes_in_one_vrf_stops_no_test_of_another(lab, start_daemon, change):
     """Every namespace has an interface 1 with 127.0.0.1."""
     lab.add_namespace("red")
     daemon = start_daemon([icmp_echo(1), icmp_echo(2, vrf="red")])
     for number in (1, 2):
         wait_for_run(daemon, number)
-    lab.run("ip", "address", "del", "127.0.0.1/8", "dev", "lo", namespace="red")
+    lab.run("ip", *change, namespace="red")
     wait_for_run(daemon, 2, NO_SOURCE)
     wait_for_run(daemon, 1)
     assert {report.error for report in daemon.reports(1)} == {""}
