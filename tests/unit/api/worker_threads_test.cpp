@@ -33,6 +33,17 @@ TEST(WorkerThreadsTest, TwoCpusGiveThirtyThreadsPinned) {
   EXPECT_EQ(ThreadsOn("0"), before) << "the end joins them";
 }
 
+TEST(WorkerThreadsTest, AreGoneAtOnceHoweverOftenTheyAreStarted) {
+  const std::size_t before = ThreadsOn("0");
+  for (int time = 0; time < 50; ++time) {
+    WorkerThreads workers;
+    workers.SetCpus({0});
+    workers.Start();
+    workers.Stop();
+    ASSERT_EQ(ThreadsOn("0"), before) << "after start " << time;
+  }
+}
+
 TEST(WorkerThreadsTest, TheyAreStartedOnceThereIsACpuAndNotAgain) {
   const std::size_t before = ThreadsOn("0");
   WorkerThreads workers;

@@ -27,6 +27,21 @@ std::map<ino_t, int> DescriptorsByInode() {
   return found;
 }
 
+// A thread that was joined may stand in the list for another moment: the kernel tells of its end
+// before it takes it from there.
+bool HasEnded(const std::filesystem::path& thread) {
+  constexpr unsigned kExiting = 4;  // the kernel's PF_EXITING
+  std::ifstream file(thread / "stat");
+  std::string line;
+  std::getline(file, line);
+  std::istringstream fields(line.substr(line.rfind(')') + 1));
+  std::string skipped;
+  for (int field = 3; field < 9; ++field) fields >> skipped;
+  unsigned flags = kExiting;
+  fields >> flags;
+  return !fields || (flags & kExiting) != 0;
+}
+
 }  // namespace
 
 std::size_t OpenDescriptors() {
@@ -37,6 +52,7 @@ std::size_t OpenDescriptors() {
 std::size_t ThreadsOn(const std::string& cpus) {
   std::size_t count = 0;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    if (HasEnded(entry.path())) continue;
     std::ifstream status(entry.path() / "status");
     for (std::string line; std::getline(status, line);) {
       if (line == "Cpus_allowed_list:\t" + cpus) ++count;

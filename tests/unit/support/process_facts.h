@@ -14,7 +14,7 @@ namespace ipsla::test {
 /// Descriptors that are open.
 [[nodiscard]] std::size_t OpenDescriptors();
 
-/// Threads whose allowed CPUs are exactly this list.
+/// Threads whose allowed CPUs are exactly this list, without those that have ended.
 [[nodiscard]] std::size_t ThreadsOn(const std::string& cpus);
 
 /// The descriptor of this inode, or -1.
