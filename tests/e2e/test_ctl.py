@@ -208,8 +208,7 @@ def test_show_remarks_that_ntp_results_mean_nothing(ctl, lab, start_daemon):
     assert masked(ctl("show"))[1:] == [
         "1 udp-jitter-ntp - 127.0.0.1 ok AGE - - - - - - COUNT 0",
         "no usable replies",
-        "hint: udp-jitter-ntp measures nothing that can be used; of udp-jitter, the replies came "
-        "after the run's time or a clock was set",
+        "hint: udp-jitter-ntp keeps no send times, so no reply of it can be used: take udp-jitter",
     ]
     task = ctl.json("show")["tasks"][0]
     assert (task["reason"], task["loss-percent"]) == ("no usable replies", None)

@@ -51,8 +51,11 @@ constexpr std::array kHints{
     Hint{"control phase measurement failed: ",
          "the responder cannot measure as the task wants: its log says more"},
     Hint{"no usable replies",
-         "udp-jitter-ntp measures nothing that can be used; of udp-jitter, the replies came after "
-         "the run's time or a clock was set"},
+         "udp-jitter-ntp keeps no send times, so no reply of it can be used: take udp-jitter",
+         SlaTestType::kUdpJitterNtp},
+    Hint{"no usable replies",
+         "all replies came after the run's time, or a clock was set meanwhile: give the task a "
+         "longer \"timeout\" if it happens again"},
 };
 
 }  // namespace
@@ -61,9 +64,9 @@ std::span<const Hint> Hints() {
   return kHints;
 }
 
-std::string_view HintFor(std::string_view reason) {
-  const auto* const hint = std::find_if(kHints.begin(), kHints.end(), [reason](const Hint& one) {
-    return reason.starts_with(one.reason);
+std::string_view HintFor(std::string_view reason, SlaTestType type) {
+  const auto* const hint = std::find_if(kHints.begin(), kHints.end(), [=](const Hint& one) {
+    return reason.starts_with(one.reason) && (one.type == SlaTestType::kNone || one.type == type);
   });
   return hint == kHints.end() ? std::string_view{} : hint->hint;
 }

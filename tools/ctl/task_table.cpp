@@ -135,9 +135,8 @@ TextTable TaskTable(const std::vector<TaskView>& tasks, const TaskRules& rules) 
 void AddHints(const std::vector<TaskView>& tasks, TextTable* table) {
   std::set<std::string> given;
   for (std::size_t row = 0; row < tasks.size(); ++row) {
-    const std::string reason = client::ReasonOf(tasks[row]);
-    const std::string hint(HintFor(reason));
-    if (!hint.empty() && given.insert(reason).second) {
+    const std::string hint(HintFor(client::ReasonOf(tasks[row]), tasks[row].Type()));
+    if (!hint.empty() && given.insert(hint).second) {
       // Directly below the reason, which is the first note.
       auto& notes = table->rows[row].notes;
       notes.insert(notes.begin() + 1, {"hint: " + hint});

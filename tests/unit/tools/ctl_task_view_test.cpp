@@ -162,6 +162,21 @@ TEST(TaskHints, StandBelowTheFirstOfEachReason) {
   EXPECT_THAT(Texts(table.rows[3].notes), ElementsAre("never heard of"));
 }
 
+TEST(TaskHints, SpeakOfTheTasksOwnType) {
+  TaskView jitter = JitterTask();
+  jitter.last->rtt->avg.reset();
+  TaskView ntp = jitter;
+  ntp.last->type = SlaTestType::kUdpJitterNtp;
+  const std::vector<TaskView> tasks{jitter, ntp, ntp};
+  TextTable table = TaskTable(tasks, kRules);
+  AddHints(tasks, &table);
+  EXPECT_THAT(Texts(table.rows[0].notes),
+              ElementsAre("no usable replies", testing::StartsWith("hint: all replies came")));
+  EXPECT_THAT(Texts(table.rows[1].notes),
+              ElementsAre("no usable replies", testing::StartsWith("hint: udp-jitter-ntp keeps")));
+  EXPECT_THAT(Texts(table.rows[2].notes), ElementsAre("no usable replies"));
+}
+
 TEST(ClockRemark, IsMadeWhereOneWayValuesNeedTheClock) {
   const client::ClockState unsynchronised{.synchronised = false};
   EXPECT_EQ(ClockRemark({FailedTask(), JitterTask()}, unsynchronised),
