@@ -7,7 +7,7 @@ import signal
 import pytest
 from support import schemas
 from support.ctl import NO_SOURCE, Ctl, Terminal, masked, start_usual_daemon
-from support.tasks import icmp_echo
+from support.tasks import icmp_echo, icmp_jitter
 from support.waiting import SCALE, wait_for
 
 NUMBER = r"\d+(\.\d+)?"
@@ -93,6 +93,22 @@ def test_watch_json_is_a_document_per_refresh(ctl, daemon):
     assert len(lines) == 3
     for line in lines:
         schemas.check(json.loads(line), "task-results")
+
+
+def test_watch_of_many_tasks_tells_of_none_before_its_values(ctl, start_daemon):
+    count = 60
+    daemon = start_daemon(
+        [icmp_jitter(number, time=600, packets=1) for number in range(1, count + 1)]
+    )
+    for number in range(1, count + 1):
+        daemon.wait_for_reports(number)
+    many = ["watch", "--interval", "0.2", "--count", "6"]
+    documents = [json.loads(line)["tasks"] for line in ctl("--json", *many).splitlines()]
+    assert all(task["rtt-values"] for tasks in documents for task in tasks)
+    assert 0 < len(documents[0]) < len(documents[-1]) == count
+    lines = ctl(*many).splitlines()
+    assert len(lines) == count, "one for each, and no task is gone"
+    assert all(re.search(rf" result=ok rtt={NUMBER}ms ", line) for line in lines)
 
 
 def test_watch_of_an_unknown_task_is_an_error(ctl, daemon):

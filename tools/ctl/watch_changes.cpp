@@ -74,6 +74,11 @@ std::string TaskLine(const TaskView* before, const TaskView& task, const TaskRul
   return line + " result=" + result + (changed ? "*" : "") + FigureText(task);
 }
 
+/// A list of results has no values; a run of any type that succeeded has those of the round trip.
+bool LacksValues(const TaskView& task) {
+  return task.last && !task.Failed() && !task.last->rtt;
+}
+
 }  // namespace
 
 void MarkChanges(const TextTable& previous, TextTable* current) {
@@ -113,6 +118,19 @@ std::vector<std::string> ChangeLines(const std::vector<TaskView>& previous,
     }
   }
   return lines;
+}
+
+std::vector<TaskView> WithKnownValues(const std::vector<TaskView>& previous,
+                                      std::vector<TaskView> current) {
+  for (TaskView& task : current) {
+    if (LacksValues(task)) {
+      if (const TaskView* before = FindTask(previous, task.id)) {
+        task = *before;
+      }
+    }
+  }
+  std::erase_if(current, LacksValues);
+  return current;
 }
 
 }  // namespace ipsla::ctl

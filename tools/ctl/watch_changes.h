@@ -21,6 +21,11 @@ void MarkChanges(const TextTable& previous, TextTable* current);
                                                    const std::vector<TaskView>& current,
                                                    const TaskRules& rules);
 
+/// `current` without results whose values were not asked for yet: such a task is as in `previous`,
+/// and left out where it is not there.
+[[nodiscard]] std::vector<TaskView> WithKnownValues(const std::vector<TaskView>& previous,
+                                                    std::vector<TaskView> current);
+
 }  // namespace ipsla::ctl
 
 #endif  // IPSLA_TOOLS_CTL_WATCH_CHANGES_H_

@@ -54,6 +54,7 @@ class LineDisplay : public Display {
  public:
   void Show(std::vector<TaskView> tasks) override {
     trouble_.clear();
+    tasks = WithKnownValues(last_, std::move(tasks));
     for (const std::string& line : ChangeLines(last_, tasks, {.now = Now()})) {
       fmt::print("{}\n", line);
     }
@@ -70,10 +71,14 @@ class JsonDisplay : public Display {
  public:
   void Show(std::vector<TaskView> tasks) override {
     trouble_.clear();
+    last_ = WithKnownValues(last_, std::move(tasks));
     const client::DocumentContext context{.now = Now(), .clock = client::ReadClockState()};
-    fmt::print("{}\n", client::JsonLine(client::TasksDocument(tasks, context).get()));
+    fmt::print("{}\n", client::JsonLine(client::TasksDocument(last_, context).get()));
     std::fflush(stdout);
   }
+
+ private:
+  std::vector<TaskView> last_;
 };
 
 /// Of an order by values that are asked for in portions.

@@ -310,6 +310,21 @@ TEST(WatchChanges, WritesALineForNewResultsOnly) {
           "2023-11-14 22:13:34 task 5 result=gone"));
 }
 
+TEST(WatchChanges, ListedResultsWaitForTheirValues) {
+  TaskView listed = JitterTask();
+  listed.last->rtt.reset();
+  ++listed.last->successful_count;
+  EXPECT_THAT(WithKnownValues({}, {listed}), IsEmpty());
+  const auto kept = WithKnownValues({JitterTask()}, {listed});
+  ASSERT_EQ(kept.size(), 1U);
+  EXPECT_EQ(kept[0].last->successful_count, 7);
+  EXPECT_TRUE(kept[0].last->rtt);
+  TaskView failed = FailedTask();
+  failed.last->rtt.reset();
+  EXPECT_EQ(WithKnownValues({}, {JitterTask(), failed, {.id = 9}}).size(), 3U)
+      << "neither a failed run nor a task that has not run has values to wait for";
+}
+
 TEST(WatchChanges, WritesALineForATasksFirstResult) {
   EXPECT_EQ(ChangeLines({{.id = 3}}, {JitterTask()}, kRules).size(), 1U);
   EXPECT_EQ(ChangeLines({{.id = 3}}, {{.id = 3}}, kRules).size(), 0U);
