@@ -573,6 +573,10 @@ def test_wrong_command_line_is_a_usage_error(lab, ctl, arguments):
             ["template", "udp-jiter", "--dst", "1.2.3.4"],
             "unknown command 'udp-jiter'; did you mean 'udp-jitter'?",
         ),
+        (
+            ["template", "--dst", "1.2.3.4", "udp-jiter"],
+            "unknown command 'udp-jiter'; did you mean 'udp-jitter'?",
+        ),
         (["show", "--alll"], "unknown option '--alll'; did you mean '--all'?"),
         (["probe", "1", "2", "3"], "surplus arguments '2' '3'"),
         (["show", "--sort", "name"], None),

@@ -10,8 +10,9 @@ namespace ipsla::client {
 
 /// Words of which the command line makes nothing, where `commands` and `options` are what could
 /// stand there: "unknown command 'foo'; did you mean 'show'?", "unknown option '--al'; did you mean
-/// '--all'?" or "surplus arguments 'a' 'b'". An option behind an unknown command counts only when
-/// it is near a known one. The words stand there as given. REQUIRES: there is a word.
+/// '--all'?" or "surplus arguments 'a' 'b'". An option behind an unknown command, or before one
+/// that is near a known one, counts only when it is near a known option itself. The words stand
+/// there as given. REQUIRES: there is a word.
 [[nodiscard]] std::string SurplusText(const std::vector<std::string>& words,
                                       const std::vector<std::string>& commands,
                                       const std::vector<std::string>& options);

@@ -30,6 +30,10 @@ TEST(UsageFault, NamesAnUnknownOption) {
 TEST(UsageFault, NamesTheCommandWhoseOptionsAreUnknown) {
   EXPECT_EQ(SurplusText({"wacth", "--dst", "1.2.3.4"}, kCommands, kOptions),
             "unknown command 'wacth'; did you mean 'watch'?");
+  EXPECT_EQ(SurplusText({"--dst", "1.2.3.4", "wacth"}, kCommands, kOptions),
+            "unknown command 'wacth'; did you mean 'watch'?");
+  EXPECT_EQ(SurplusText({"--jsn", "wacth"}, kCommands, kOptions),
+            "unknown option '--jsn'; did you mean '--json'?");
   EXPECT_EQ(SurplusText({"--dst", "1.2.3.4"}, kCommands, kOptions), "unknown option '--dst'");
 }
 
