@@ -1,42 +1,24 @@
 """The exporter's page, looked at in headless Chromium."""
 
-import json
-import os
-import pathlib
-import shutil
-import subprocess
 import time
 
 import pytest
 
+from support import page
 from support.ctl import NO_SOURCE
 from support.exporter import Exporter
 from support.fake_daemon import FakeDaemon, task
 from support.tasks import icmp_echo, icmp_jitter
-from support.waiting import SCALE, wait_for
+from support.waiting import wait_for
 
 pytestmark = pytest.mark.fleet
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-PAGE = ROOT / "tools" / "exporter" / "page"
-DRIVER = pathlib.Path(__file__).resolve().parent / "support" / "page_driver.js"
 PHONE = {"width": 390, "height": 844}
 
 
 @pytest.fixture(scope="session")
 def modules(build):
-    """What the page is tested with, fetched once into the build directory."""
-    directory = build.directory / "page-tests"
-    directory.mkdir(exist_ok=True)
-    lock = (PAGE / "package-lock.json").read_text()
-    stamp = directory / "fetched"
-    if not stamp.exists() or stamp.read_text() != lock:
-        for name in ("package.json", "package-lock.json"):
-            shutil.copy(PAGE / name, directory)
-        command = ["npm", "ci", "--ignore-scripts", "--no-audit", "--no-fund"]
-        subprocess.run(command, cwd=directory, check=True, stdout=subprocess.DEVNULL, timeout=300)
-        stamp.write_text(lock)
-    return directory / "node_modules"
+    return page.fetch_modules(build)
 
 
 @pytest.fixture
@@ -44,14 +26,7 @@ def look(lab, modules):
     """Takes steps on the page and returns what they saw; the page must not complain."""
 
     def take(*steps):
-        home = lab.directory / "home"
-        home.mkdir(exist_ok=True)
-        variables = {**os.environ, "NODE_PATH": str(modules), "HOME": str(home)}
-        result = lab.run(
-            "node", DRIVER, json.dumps(steps), env=variables, timeout=90 * SCALE, check=False
-        )
-        assert result.returncode == 0, result.stderr
-        report = json.loads(result.stdout)
+        report = page.take_steps(lab, modules, *steps)
         assert report["errors"] == []
         return report["seen"]
 

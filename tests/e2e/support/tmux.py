@@ -32,6 +32,10 @@ class Tmux:
     def text(self):
         return "\n".join(self.lines())
 
+    def coloured(self):
+        """The text with escape sequences for its colours."""
+        return self._run("capture-pane", "-e", "-p")
+
     def type(self, *keys):
         self._run("send-keys", *keys)
 
