@@ -577,6 +577,14 @@ def test_wrong_command_line_is_a_usage_error(lab, ctl, arguments):
             ["template", "--dst", "1.2.3.4", "udp-jiter"],
             "unknown command 'udp-jiter'; did you mean 'udp-jitter'?",
         ),
+        (
+            ["template", "--dst", "1.2.3.4", "udp-jitter"],
+            "option '--dst' belongs behind 'udp-jitter'",
+        ),
+        (
+            ["template", "udp-jitter", "--dts", "1.2.3.4"],
+            "unknown option '--dts'; did you mean '--dst'?",
+        ),
         (["show", "--alll"], "unknown option '--alll'; did you mean '--all'?"),
         (["probe", "1", "2", "3"], "surplus arguments '2' '3'"),
         (["show", "--sort", "name"], None),

@@ -1,5 +1,6 @@
 // ip-sla-ctl: the daemon's results, its reloads and a check of its files, from the command line.
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <functional>
@@ -329,8 +330,16 @@ std::string UsageFault(const CLI::App& app, const CLI::ParseError& error) {
   for (const CLI::App* sub : command->get_subcommands({})) {
     commands.push_back(sub->get_name());
   }
-  const bool is_about_them =
-      !commands.empty() || error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError);
+  const auto is = [&error](CLI::ExitCodes code) {
+    return error.get_exit_code() == static_cast<int>(code);
+  };
+  if (is(CLI::ExitCodes::RequiredError) && !words.empty() && words.front().starts_with('-')) {
+    // What is missing is there, before the command that takes it or misspelt.
+    return std::find(options.begin(), options.end(), words.front()) == options.end()
+               ? Printable(client::SurplusText(words, commands, options))
+               : fmt::format("option '{}' belongs behind '{}'", words.front(), command->get_name());
+  }
+  const bool is_about_them = !commands.empty() || is(CLI::ExitCodes::ExtrasError);
   return words.empty() || !is_about_them ? error.what()
                                          : Printable(client::SurplusText(words, commands, options));
 }
