@@ -14,8 +14,8 @@ _SECONDS = 8  # a run every second, at a fiftieth of the usual speed
 # (what it is, function); a call's instructions are those of all that it calls.
 _PARTS = [
     ("start of a run", "ipsla::Sender::NewStart("),
-    ("one probe", "ipsla::Sender::SendDue("),
-    ("one reply", "ipsla::Sender::ReceivePacket("),
+    ("one probe, and the reply to the one before", "ipsla::Sender::SendDue("),
+    (_LAST := "the last reply", "ipsla::Sender::ReceivePacket("),
     ("end of a run: metrics, report", _END := "ipsla::Sender::CalcMetric("),
 ]
 _LINE = ("one log line, for who logs it", "ipsla::log_internal::LogDebug(")
@@ -54,8 +54,8 @@ def parts_of(costs):
     if runs == 0:
         return
     # Its last reply ends a run.
-    replies, spent = sums["one reply"]
-    sums["one reply"] = (replies, spent - end)
+    replies, spent = sums[_LAST]
+    sums[_LAST] = (replies, spent - end)
     whole = sum(sums[part][1] for part, _ in _PARTS)
     yield {"part": f"one run of {_PACKETS} probes", "calls": runs, "instructions": whole / runs}
     for part, (calls, spent) in sums.items():
