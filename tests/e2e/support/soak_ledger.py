@@ -9,9 +9,14 @@ from .soak_plan import calm_script, differences, expected
 from .waiting import SCALE
 
 PATIENCE = int(4 * SCALE)  # seconds until what was disturbed must be right again
-STALL = 15 * SCALE  # seconds for which a busy machine may stand still
+STALL = 5 * SCALE  # seconds by which a busy machine may delay a run
 # How a run may fail while something is taken from under it.
 ALLOWED_ERRORS = {
+    # While the machine has no time for the programs.
+    "anywhere": {
+        "control phase failed: destination host is not responding",
+        "timeout, no samples",
+    },
     "links": {
         "source address or interface not exist",
         "control phase failed: destination host is not responding",
@@ -83,6 +88,7 @@ class Book:
 
     def __init__(self, spec, lab, script):
         self.spec = spec
+        self._stood_still = ()
         self._script = script  # function of the run's number, or none
         self._follower = LogFollower(lab.log_path(spec.number))
         self._reader = logs.ReportReader()
@@ -91,6 +97,8 @@ class Book:
         self.earlier = 0  # runs of tests under this number that a reload has replaced
         self.probes = 0
         self.last_start = None
+        self._last_failed = False
+        self.starved = 0  # runs that the machine had no time for
         self.longest_wait = 0.0  # seconds beyond a period
         self.dropped = 0  # times that the log has left lines out
         self.tests = 0
@@ -98,7 +106,11 @@ class Book:
         self.outcomes = Counter()
         self.wrong = []
 
-    def follow(self, windows):
+    def follow(self, windows, stood_still=()):
+        """`windows`: when something was taken from under the task; `stood_still`: when the machine
+        had no time for the daemon.
+        """
+        self._stood_still = stood_still
         for record in self._follower.records():
             if self.spec.place == "changing" and record == _NEW_TEST:
                 self._new_test()
@@ -118,16 +130,24 @@ class Book:
             time.mktime(time.strptime(text, "%d.%m.%Y %H:%M:%S"))
             for text in (report.start, report.finish)
         )
-        window = next((w for w in windows if start <= w[1] + PATIENCE and finish >= w[0] - 1), None)
+
+        def falls_into(some):
+            return any(start <= w[1] + PATIENCE and finish >= w[0] - 1 for w in some)
+
         wanted = self._wanted()
         self.runs += 1
         self.successful += report.status == "successful"
         self.probes += report.sd_packets or 0
         self.outcomes[report.error or report.status] += 1
         found = differences(report, wanted)
-        if found and not (window and self._may_suffer(report)):
+        excused = falls_into(windows) and self._may_suffer(report, self.spec.place)
+        if falls_into(self._stood_still) and self._may_suffer(report, "anywhere"):
+            excused = True
+            self.starved += bool(found)
+        if found and not excused:
             self.wrong.append(f"run {self.runs}, {report}: {found}")
         self._check_start(start, windows)
+        self._last_failed = report.status != "successful"
 
     def _wanted(self):
         if self._script:
@@ -137,11 +157,11 @@ class Book:
             return expected(self.spec, calm_script(packets))
         return expected(self.spec, calm_script(self.spec.packets))
 
-    def _may_suffer(self, report):
-        allowed = ALLOWED_ERRORS.get(self.spec.place)
-        if allowed is None:
+    @staticmethod
+    def _may_suffer(report, place):
+        if place not in ALLOWED_ERRORS:
             return False
-        return report.status == "successful" or report.error in allowed
+        return report.status == "successful" or report.error in ALLOWED_ERRORS[place]
 
     def _check_start(self, start, windows):
         """Runs begin a period apart: less is a run told twice, more is one that never was."""
@@ -149,11 +169,11 @@ class Book:
             gap = start - self.last_start
             self.longest_wait = max(self.longest_wait, gap - self.spec.period)
             least = 0 if self.spec.place == "links" else self.spec.period
-            if self.spec.place == "restarts":
-                least = 1  # "retry" after a failed control phase
+            if self.spec.place == "restarts" or self._last_failed:
+                least = min(least, 1)  # "retry" after a failed control phase
             disturbed = sum(
                 w[1] - w[0] + PATIENCE
-                for w in windows
+                for w in [*windows, *self._stood_still]
                 if w[0] <= start and w[1] + PATIENCE >= self.last_start
             )
             most = self.spec.period + STALL + disturbed

@@ -92,7 +92,7 @@ class Spec:
 
 def make_specs(count, seconds, chance):
     """`count` tasks; what runs for ten minutes and more passes 65,536 runs."""
-    icmp_period = max(int(2 * SCALE) if seconds < 60 else 1, int(seconds / 720))
+    icmp_period = max(int(2 * SCALE) if seconds < 60 else 1, int(seconds / 600))
     udp_period = max(int(4 * SCALE) if seconds < 60 else 3, int(seconds / 300))
     places = [place for place, share in SHARES.items() for _ in range(share * count // 100)]
     kinds = list(KINDS)
