@@ -19,7 +19,8 @@ from support.waiting import SCALE, wait_for
 
 SECONDS = float(os.environ.get("IPSLA_SOAK_SECONDS", "12"))
 LONG = SECONDS >= 60
-TASKS = 200 if LONG else 60
+# So that ten minutes pass 65,536 runs.
+TASKS = 60 if not LONG else 220 if SECONDS < 1200 else 200
 SEED = int(os.environ.get("IPSLA_SOAK_SEED", random.randrange(1_000_000)))
 GROWTH = 4096  # KiB that resident memory may differ between early and late
 POLL = 2 if LONG else 0.5
@@ -152,20 +153,25 @@ class Soak:
             if book.spec.place == "scripted":
                 assert book.runs <= seen.get(number, 0) <= book.runs + 1, number
 
-    def assert_nothing_grew(self):
-        fifth = len(self.usage) // 5
-        early, late = self.usage[fifth : 2 * fifth], self.usage[-fifth:]
+    @staticmethod
+    def _early_and_late(samples):
+        fifth = len(samples) // 5
+        return samples[fifth : 2 * fifth], samples[-fifth:]
+
+    def tell_usage(self):
+        early, late = self._early_and_late(self.usage)
         print("daemon: resident KiB", _spread(early, 0), "then", _spread(late, 0))
         print("daemon: descriptors", _spread(early, 1), "then", _spread(late, 1))
-        assert {entry[2] for entry in self.usage} == {self.threads}
         print("threads", self.threads)
-        if not self.lab.build.sanitizers:
-            assert _middle(late, 0) <= _middle(early, 0) + GROWTH
-        early, late = (
-            part
-            for part in (self.responder_usage[fifth : 2 * fifth], self.responder_usage[-fifth:])
-        )
+        early, late = self._early_and_late(self.responder_usage)
         print("responders: resident KiB", _spread(early, 0), "then", _spread(late, 0))
+
+    def assert_nothing_grew(self):
+        assert {entry[2] for entry in self.usage} == {self.threads}
+        if not self.lab.build.sanitizers:
+            early, late = self._early_and_late(self.usage)
+            assert _middle(late, 0) <= _middle(early, 0) + GROWTH
+        early, late = self._early_and_late(self.responder_usage)
         if LONG:
             assert _middle(late, 0) <= _middle(early, 0) + GROWTH
         self.daemon.write_tasks(self._parked())
@@ -220,6 +226,7 @@ def test_mixed_tasks_under_changes(lab, start_daemon):
         soak.tell()
         load.stop()
     print(f"{load.requests} API requests")
+    soak.tell_usage()
     soak.wait_until_log_and_api_agree()
     soak.assert_far_end_saw_the_same()
     wrong = [(book.spec, book.wrong[:3]) for book in soak.books.values() if book.wrong]

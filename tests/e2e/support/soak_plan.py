@@ -100,11 +100,15 @@ def make_specs(count, seconds, chance):
     for number, place in enumerate(places, 1):
         kind = kinds[number % len(kinds)]
         period = udp_period if kind in UDP_KINDS else icmp_period
-        if place == "changing":  # a wait of 0 ms in its log is the first one of a test
+        # A wait of 0 ms in the log of the changing ones is the first one of a test; the scripted
+        # far ends may take their time.
+        if place in ("changing", "scripted"):
             period = max(2, period)
         specs.append(Spec(number, kind, place, chance.randint(3, 8), period, chance.randint(2, 9)))
         if period == 1:
             specs[-1].timeout = 400
+        elif place == "scripted":
+            specs[-1].timeout = 1200
     return specs
 
 

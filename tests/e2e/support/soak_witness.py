@@ -1,10 +1,13 @@
 """Whether the machine itself stood still: processes that do nothing but look at the clock, one with
-the daemon's priority on the daemon's CPU, one as the far ends run.
+the daemon's priority on the daemon's CPU, one as the far ends run; and a thread of this process,
+which the scripted far ends share.
 """
 
 import os
 import subprocess
 import sys
+import threading
+import time
 
 _PROGRAM = """
 import os, sys, time
@@ -32,6 +35,16 @@ class Witness:
             process = subprocess.Popen(command, stdout=subprocess.PIPE)
             os.set_blocking(process.stdout.fileno(), False)
             self._processes.append([process, b""])
+        self._end = threading.Event()
+        self._thread = threading.Thread(target=self._watch)
+        self._thread.start()
+
+    def _watch(self):
+        before = time.time()
+        while not self._end.wait(0.1):
+            if time.time() - before > 0.4:
+                self._windows.append([before, time.time()])
+            before = time.time()
 
     @property
     def windows(self):
@@ -42,6 +55,8 @@ class Witness:
         return self._windows
 
     def stop(self):
+        self._end.set()
+        self._thread.join()
         for process, _ in self._processes:
             process.kill()
             process.wait()
