@@ -20,6 +20,8 @@ from support.waiting import SCALE, wait_for
 
 NEAR, FAR = "10.2.0.1", "10.2.0.2"
 ONE_CPU = [0]
+# Bursts keep a CPU from other daemons for half a second; the tests that count on it have another.
+BURST_CPU = [(os.cpu_count() or 1) - 1]
 
 
 @pytest.fixture
@@ -120,7 +122,7 @@ def test_a_reply_before_the_deadline_counts_however_late_it_is_looked_at(
 def test_a_burst_loses_nothing_in_the_daemons_own_buffer(lab, start_daemon):
     packets = 8_000 if lab.build.sanitizers else 65_535
     burst = icmp_echo(1, packets=packets, interval=0, timeout=5000, time=30)
-    daemon = start_daemon([burst], cpus=ONE_CPU)
+    daemon = start_daemon([burst], cpus=BURST_CPU)
     report = daemon.wait_for_reports(1, deadline=60)[0]
     assert (report.sd_packets, report.ds_packets) == (packets, packets)
 
@@ -145,7 +147,7 @@ def test_a_burst_to_a_responder_loses_nothing_in_the_daemons_own_buffer(lab, sta
         control={"timeout": int(2000 * SCALE)},
         measurement={"dst-port": port},
     )
-    daemon = start_daemon([burst], cpus=ONE_CPU)
+    daemon = start_daemon([burst], cpus=BURST_CPU)
 
     def dropped_there():
         """Once all have left: what other tests kept the responder from taking."""
