@@ -130,5 +130,5 @@ guest_shell() {
 # Emulated programs are slow: deadlines five times as long.
 guest_pytest() {
   printf '%s ' "IPSLA_DEADLINE_SCALE=5 IPSLA_BUILD_DIR=$ROOT/build/arm64" \
-    "python3 -m pytest -p no:cacheprovider -v -rs -n 4"
+    "python3 -m pytest -p no:cacheprovider -v -rs -n 2"
 }
