@@ -168,6 +168,9 @@ void Sender::ReceivePacket(const boost::system::error_code& error, RunNumber run
     LOG_DEBUG(id_, "ReceivePacket failed on test %d: %s", id_, error.message().c_str());
     return;
   }
+  // A stamp of departure that came late wakes this up as a reply does, and again at once if it is
+  // left there.
+  TakeDepartures();
   if (TakeReplies(kDatagramsPerTurn)) WaitToReceive();
 }
 
