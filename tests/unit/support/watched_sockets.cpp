@@ -1,18 +1,19 @@
 #include "support/watched_sockets.h"
 
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <system_error>
 
 namespace ipsla::test {
 namespace {
 
+// By its link, not by fstat(2): the descriptor is another thread's, which may close it.
 bool IsSocket(int fd) {
-  struct stat status {};
-  return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode);
+  std::error_code error;
+  const auto target = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), error);
+  return target.string().starts_with("socket:");
 }
 
 }  // namespace
