@@ -195,6 +195,8 @@ class Soak:
             f"the machine stood still {count} times, for {seconds:.0f} s in all, "
             f"which {sum(book.starved for book in self.books.values())} runs felt"
         )
+        strays = sum(book.strays for book in self.books.values())
+        print(f"{strays} runs ended by a reply to another run's probe")
         calm = [book for book in self.books.values() if book.spec.place not in self.windows]
         print(f"longest wait beyond a period: {max(book.longest_wait for book in calm):.0f} s")
         reloads = self.reloads
