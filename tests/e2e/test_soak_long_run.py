@@ -19,13 +19,14 @@ PORTS = {"udp-jitter": 2001, "udp-echo": 2002}
     float(os.environ.get("IPSLA_SOAK_SECONDS", 0)) < 300, reason="only in a long soak"
 )
 def test_more_probes_than_16_bits_number(lab, start_daemon):
-    """A number of 32 bits serves all of them. One of 16 begins anew: what answers the probes
-    behind the 65,535th is taken for a second answer to the first ones.
+    """A number of 32 bits serves all of them; so does one of 16 where the responder counts on, as
+    the lab's does. What answers a ping behind the 65,535th is taken for a second answer to the
+    first ones.
     """
     ResponderProgram(lab, "--allow-open", "--port-range", "2001-2999")
     # The budget of a run has 7 ms for each probe beside the interval.
     timing = {"packets": PROBES, "interval": 1, "timeout": 3000, "time": 600}
-    wanted = {1: PROBES, 2: 65_535, 3: 65_535}
+    wanted = {1: PROBES, 2: PROBES, 3: 65_535}
     tasks = [
         udp_task(number, kind, measurement={"dst-port": PORTS[kind]}, **timing)
         for number, kind in ((1, "udp-jitter"), (2, "udp-echo"))
@@ -38,8 +39,7 @@ def test_more_probes_than_16_bits_number(lab, start_daemon):
         print(entry["sla-id"], entry["status"], found, entry["loss-values"])
         assert entry["status"] == "successful"
         assert found == (PROBES, wanted[entry["sla-id"]])
+        if entry["sla-id"] != 3:
+            assert not any(entry["loss-values"].values())
     (jitter,) = api.statistics(1)
-    assert not any(jitter["loss-values"].values())
     assert not any(jitter["out-of-sequence-values"].values())
-    (echo,) = api.statistics(2)
-    assert echo["loss-values"]["duplicate"] == PROBES - 65_536
