@@ -1,5 +1,6 @@
 """What each program loads: the tools stand on what both ends share, on nothing of the daemon's."""
 
+import os
 import subprocess
 
 import pytest
@@ -8,7 +9,14 @@ DEVICE = ("liblogsvc.so", "libcrashtrace.so", "libkeepalive.so")
 
 
 def loaded(program):
-    listing = subprocess.run(["ldd", str(program)], check=True, capture_output=True, text=True)
+    """As the loader lists them, instead of starting the program (ld.so(8))."""
+    listing = subprocess.run(
+        [program],
+        env={**os.environ, "LD_TRACE_LOADED_OBJECTS": "1"},
+        check=True,
+        capture_output=True,
+        text=True,
+    )
     return {line.split()[0].split(".so")[0] + ".so" for line in listing.stdout.splitlines()}
 
 
