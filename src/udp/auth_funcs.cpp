@@ -10,6 +10,7 @@
 #include <openssl/rand.h>
 
 #include "log/log.h"
+#include "log/priority_mutex.h"
 #include "udp/wiped.h"
 
 namespace ipsla {
@@ -30,6 +31,15 @@ struct KeyDeleter {
   void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
 };
 using MacKey = std::unique_ptr<EVP_PKEY, KeyDeleter>;
+
+// Held by who is in the cryptographic library. The library's own locks are read-write locks of the
+// C library, which a thread waits for awake when their holder is between two steps. If the waiting
+// thread has the higher real-time priority and the holder's CPU, both stay there for ever, and the
+// daemon with them: its threads do differ in priority (BelowPacing).
+PriorityMutex& LibraryMutex() {
+  static PriorityMutex mutex;
+  return mutex;
+}
 
 // A digest and how many of its bytes the digest function reported.
 struct DigestBuffer {
@@ -121,6 +131,7 @@ int GetHmac(std::uint16_t id, const EVP_MD* method, const std::uint8_t* data, st
 
 bool SignControlRequest(std::uint16_t id, SlaAuthAlgorithm algorithm, std::string_view key,
                         ControlPhaseMessage* request) {
+  const PriorityLock lock(LibraryMutex());
   if (RAND_bytes(request->nonce.data(), static_cast<int>(request->nonce.size())) != 1) {
     LOG_DEBUG(id, "RAND_bytes() failed for test %d", id);
     return false;

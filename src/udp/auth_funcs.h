@@ -27,7 +27,7 @@ int GetHmac(std::uint16_t id, const EVP_MD* method, const std::uint8_t* data, st
 
 /// Gives a request a fresh nonce and its digest, with the key of the test. `request` is otherwise
 /// complete. False after logging the reason (an unknown algorithm, or a failure of the library)
-/// under test `id`.
+/// under test `id`. Threads: any, of any priority.
 [[nodiscard]] bool SignControlRequest(std::uint16_t id, SlaAuthAlgorithm algorithm,
                                       std::string_view key, ControlPhaseMessage* request);
 
