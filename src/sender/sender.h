@@ -289,6 +289,8 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   enum class Until : std::uint8_t { kNoneIsLeft, kAnswered };
   /// And not when they come; only behind the last probe it waits for them.
   [[nodiscard]] bool TakesRepliesWhenItSends() const IPSLA_REQUIRES(mutex_);
+  /// Datagrams that can have come since somebody looked, by a generous estimate.
+  [[nodiscard]] std::size_t MostThatWait() const IPSLA_REQUIRES(mutex_);
   void WaitToSend() IPSLA_REQUIRES(mutex_);
   void SendPacket(const boost::system::error_code& error, RunNumber run) IPSLA_EXCLUDES(mutex_);
   void WaitToReceive() IPSLA_REQUIRES(mutex_);

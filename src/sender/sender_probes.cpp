@@ -18,6 +18,10 @@ namespace {
 // As many datagrams are taken before others get their turn.
 constexpr std::size_t kDatagramsPerTurn = 64;
 
+// More small datagrams than a socket has room for by default. There must be an end: a stranger may
+// send without one.
+constexpr std::size_t kSmallDatagramsThatWait = 4096;
+
 // Of a burst without pauses the sender itself takes the replies so often: no other thread may get
 // to them before the socket's buffer is full.
 constexpr std::uint32_t kProbesPerTurn = 32;
@@ -36,6 +40,10 @@ void Sender::SetProbeOptions() {
 
 bool Sender::TakesRepliesWhenItSends() const {
   return std::chrono::milliseconds(config_.interval) <= kMostRepliesWait;
+}
+
+std::size_t Sender::MostThatWait() const {
+  return 2 * ring_.Slots() + kSmallDatagramsThatWait;
 }
 
 void Sender::StartProbing(std::uint32_t milliseconds) {
@@ -93,7 +101,11 @@ std::optional<SteadyTime> Sender::SendDue(RunNumber run) {
 
 std::optional<SteadyTime> Sender::SendNext() {
   // Before the probe: what arrived earlier cannot be its reply.
-  if (TakesRepliesWhenItSends() && (config_.interval != 0 || ring_.Sent() % kProbesPerTurn == 0)) {
+  if (ring_.Sent() == 0) {
+    // All that came during the control phase: late replies of the run before, for example.
+    static_cast<void>(TakeReplies(MostThatWait(), Until::kNoneIsLeft));
+  } else if (TakesRepliesWhenItSends() &&
+             (config_.interval != 0 || ring_.Sent() % kProbesPerTurn == 0)) {
     static_cast<void>(TakeReplies(kDatagramsPerTurn, Until::kAnswered));
   }
   const SendOutcome outcome = calls_.send(*this);

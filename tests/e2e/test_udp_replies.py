@@ -72,6 +72,29 @@ def test_a_reply_to_a_probe_not_sent_yet_is_nothing(lab, start_daemon):
     assert (report.sd_loss, report.ds_loss) == (0, 1)
 
 
+@pytest.mark.parametrize("kind", ["udp-echo", "udp-jitter"])
+@pytest.mark.parametrize("interval", [20, 150], ids=["short pauses", "long pauses"])
+def test_what_comes_during_the_control_phase_is_no_reply(lab, start_daemon, kind, interval):
+    """Late replies of the run before, where the source port is a fixed one."""
+
+    class Early(ScriptedResponder):
+        def _on_request(self, data, source):
+            (port,) = struct.unpack_from(">H", data, 164)
+            for sequence in range(1, 100):
+                early = bytearray(66)
+                struct.pack_into(">HxxxxxxxxxxQII", early, 0, data[90], 1, sequence, 77)
+                self._measurement_socket.sendto(early, (source[0], port))
+            super()._on_request(data, source)
+
+    Early(lab)
+    daemon = start_daemon([udp_task(1, kind, packets=2, interval=interval)])
+    reports = daemon.wait_for_reports(1, count=3)
+    assert {(report.sd_packets, report.ds_packets) for report in reports} == {(2, 2)}
+    (entry,) = ApiClient(lab).statistics(1)
+    loss = entry["loss-values"]
+    assert (loss["duplicate"], loss["sd-loss"], loss["ds-loss"]) == (0, 0, 0)
+
+
 def test_a_second_reply_leaves_the_first_ones_times_in_place(lab, start_daemon):
     """Of the late copy nothing remains but its count, although its counter and its stamps are
     others.
