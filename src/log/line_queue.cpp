@@ -53,6 +53,9 @@ void LineQueue::Push(std::uint16_t id, std::string_view text) noexcept {
     const PriorityLock lock(mutex_);
     if (is_closed_) return;
     try {
+      // Also here: behind a line that is longer than all the room no batch may follow whose end
+      // would tell.
+      if (is_dropping_ && memory_ <= kMaxBytes / 2) TellDropped();
       if (is_dropping_ || !Append(id, text)) {
         is_dropping_ = true;
         ++dropped_[id];

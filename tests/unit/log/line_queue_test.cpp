@@ -135,6 +135,15 @@ TEST(LineQueueTest, SaysWhereLinesOfEachFileAreMissing) {
               ElementsAre(std::to_string(15 - kept[1]) + " lines dropped", "goes on"));
 }
 
+// Nothing else waits then, so that no end of a batch would ever make it go on.
+TEST(LineQueueTest, GoesOnAfterALineThatIsLongerThanAllTheRoom) {
+  LineQueue queue;
+  queue.Push(3, std::string(LineQueue::kMaxBytes, 'x'));
+  queue.Push(3, "goes on");
+  queue.Close();
+  EXPECT_THAT(TakeTexts(queue), ElementsAre("3 1 lines dropped", "3 goes on"));
+}
+
 TEST(LineQueueTest, KeepsTheOrderOfManyThreads) {
   LineQueue queue;
   constexpr int kThreads = 4;
