@@ -42,12 +42,15 @@ InterfaceListing ListInterfaces() {
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(first, freeifaddrs);
   InterfaceListing listing;
   for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
-    const std::uint32_t index = if_nametoindex(entry->ifa_name);
-    if (index != 0) listing.links[index] = entry->ifa_name;
+    const std::string name = entry->ifa_name;
+    const std::uint32_t index = if_nametoindex(name.c_str());
+    if (index != 0) listing.links[index] = name;
     const auto address = AddressOf(entry->ifa_addr);
     if (!address || address->is_unspecified()) continue;
-    listing.addresses[*address] = {static_cast<std::int32_t>(entry->ifa_flags),
-                                   static_cast<std::int32_t>(index), entry->ifa_name};
+    const InterfaceRecord record{static_cast<std::int32_t>(entry->ifa_flags),
+                                 static_cast<std::int32_t>(index), name};
+    listing.addresses[*address] = record;
+    listing.holders[*address][record.index] = record;
   }
   return listing;
 }

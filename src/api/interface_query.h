@@ -13,10 +13,14 @@
 
 namespace ipsla {
 
+/// The interfaces of each address, by their indexes: an address can be on several.
+using AddressHolders = std::map<boost::asio::ip::address, std::map<std::int32_t, InterfaceRecord>>;
+
 /// What getifaddrs(3) says of the namespace of the calling thread.
 struct InterfaceListing {
   std::map<boost::asio::ip::address, InterfaceRecord>
-      addresses;                               ///< IPv4 and IPv6, unspecified ones left out
+      addresses;           ///< IPv4 and IPv6, unspecified ones left out; of several the last one
+  AddressHolders holders;  ///< of the same addresses
   std::map<std::uint32_t, std::string> links;  ///< every interface, also those without an address
 };
 

@@ -262,11 +262,11 @@ void NetlinkWatcher::Move(WatchPtr& watch, const std::string& vrf_key) {
 void NetlinkWatcher::Resync(Watch& watch, const std::string& vrf_key) {
   try {
     NetworkNamespaceScope scope(NamespaceOf(vrf_key));
-    const InterfaceListing now = ListInterfaces();
+    InterfaceListing now = ListInterfaces();
     scope.Leave();
     watch.behind = false;
     watch.complained = false;
-    watch.interfaces->Compare(now);
+    watch.interfaces->Compare(std::move(now));
   } catch (const std::exception& exception) {
     watch.Complain(exception);
   }

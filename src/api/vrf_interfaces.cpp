@@ -27,11 +27,13 @@ VrfInterfaces::VrfInterfaces(std::string vrf_key, InterfaceTable& table,
 
 void VrfInterfaces::Begin(const InterfaceListing& listing) {
   links_ = listing.links;
+  holders_ = listing.holders;
   for (const auto& [address, record] : listing.addresses) table_.Set(address, vrf_key_, record);
 }
 
 void VrfInterfaces::Forget() {
   links_.clear();
+  holders_.clear();
   table_.EraseVrf(vrf_key_);
 }
 
@@ -52,7 +54,7 @@ void VrfInterfaces::Apply(const NetlinkMessage& message) {
       return;
     case NetlinkEvent::kLinkGone:
       links_.erase(message.index);
-      table_.EraseInterface(vrf_key_, index);
+      RemoveInterface(index);
       TellLink(message.index, std::nullopt);
       return;
     case NetlinkEvent::kAddressAdded:
@@ -89,20 +91,10 @@ void VrfInterfaces::ApplyName(std::uint32_t index, const std::string& name) {
 
 void VrfInterfaces::AddAddresses(const NetlinkMessage& message) {
   if (message.addresses.empty()) return;
-  InterfaceRecord record;
-  record.index = static_cast<std::int32_t>(message.index);
-  try {
-    NetworkNamespaceScope scope(NamespaceToEnter(vrf_key_));
-    record = QueryInterface(message.index);
-    scope.Leave();
-  } catch (const std::exception& exception) {
-    // The VRF's name can go while its namespace lives on; the address is kept, on an interface that
-    // is not running.
-    LOG_DEBUG(0, "Catch exception %s", exception.what());
-  }
+  const InterfaceRecord record = Ask(static_cast<std::int32_t>(message.index));
   std::optional<address> latest;
   for (const address& one : message.addresses) {
-    table_.Set(one, vrf_key_, record);
+    GiveTo(record, one);
     if (one.is_v4()) latest = one;
   }
   if (latest) TellAddress(*latest, record.index, true);
@@ -112,14 +104,68 @@ void VrfInterfaces::RemoveAddresses(const NetlinkMessage& message) {
   const auto index = static_cast<std::int32_t>(message.index);
   std::optional<address> latest;
   for (const address& one : message.addresses) {
-    table_.Erase(one, vrf_key_, index);
+    TakeFrom(index, one);
     if (one.is_v4()) latest = one;
   }
   if (latest) TellAddress(*latest, index, false);
 }
 
-void VrfInterfaces::Compare(const InterfaceListing& now) {
+void VrfInterfaces::RemoveInterface(std::int32_t index) {
+  std::vector<address> addresses;
+  for (const auto& [one, holders] : holders_) {
+    if (holders.contains(index)) addresses.push_back(one);
+  }
+  for (const address& one : addresses) TakeFrom(index, one);
+  table_.EraseInterface(vrf_key_, index);
+}
+
+// The table has the interface that got the address first: what its tests run over stays theirs when
+// another one gets the same address.
+void VrfInterfaces::GiveTo(const InterfaceRecord& record, const address& one) {
+  auto& holders = holders_[one];
+  holders[record.index] = record;
+  const auto known = table_.Find(one, vrf_key_);
+  if (!known || !holders.contains(known->index) || known->index == record.index) {
+    table_.Set(one, vrf_key_, record);
+  }
+}
+
+// When that one loses it, the address may still be on another.
+void VrfInterfaces::TakeFrom(std::int32_t index, const address& one) {
+  table_.Erase(one, vrf_key_, index);
+  const auto found = holders_.find(one);
+  if (found == holders_.end()) return;
+  found->second.erase(index);
+  if (found->second.empty()) {
+    holders_.erase(found);
+  } else if (!table_.Find(one, vrf_key_)) {
+    table_.Set(one, vrf_key_, Ask(found->second.begin()->first));
+  }
+}
+
+InterfaceRecord VrfInterfaces::Ask(std::int32_t index) {
+  InterfaceRecord record;
+  record.index = index;
+  try {
+    NetworkNamespaceScope scope(NamespaceToEnter(vrf_key_));
+    record = QueryInterface(static_cast<std::uint32_t>(index));
+    scope.Leave();
+  } catch (const std::exception& exception) {
+    // The VRF's name can go while its namespace lives on; the address is kept, on an interface that
+    // is not running.
+    LOG_DEBUG(0, "Catch exception %s", exception.what());
+  }
+  return record;
+}
+
+void VrfInterfaces::Compare(InterfaceListing now) {
   const Addresses before = table_.OfVrf(vrf_key_);
+  for (const auto& [address, record] : before) {
+    const auto holders = now.holders.find(address);
+    if (holders == now.holders.end()) continue;
+    const auto same = holders->second.find(record.index);
+    if (same != holders->second.end()) now.addresses[address] = same->second;
+  }
   std::set<std::uint32_t> links_gone;
   for (const auto& [index, name] : links_) {
     const auto found = now.links.find(index);

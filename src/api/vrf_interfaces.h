@@ -50,7 +50,7 @@ class VrfInterfaces {
   void Apply(const NetlinkMessage& message);
 
   /// What is there now, after messages were lost: what differs is told.
-  void Compare(const InterfaceListing& now);
+  void Compare(InterfaceListing now);
 
   /// What is there now in another namespace that took the VRF's name: all that was is told to be
   /// gone, even if the new one has the same, because a socket does not move along.
@@ -67,6 +67,10 @@ class VrfInterfaces {
   void ApplyName(std::uint32_t index, const std::string& name);
   void AddAddresses(const NetlinkMessage& message);
   void RemoveAddresses(const NetlinkMessage& message);
+  void RemoveInterface(std::int32_t index);
+  void GiveTo(const InterfaceRecord& record, const boost::asio::ip::address& one);
+  void TakeFrom(std::int32_t index, const boost::asio::ip::address& one);
+  [[nodiscard]] InterfaceRecord Ask(std::int32_t index);
   void TellLink(std::uint32_t index, const std::optional<std::string>& name);
   void TellAddress(const boost::asio::ip::address& one, std::int32_t index, bool added);
 
@@ -74,7 +78,10 @@ class VrfInterfaces {
   const std::string vrf_key_;
   InterfaceTable& table_;
   InterfaceObserver& observer_;
-  std::map<std::uint32_t, std::string> links_;  // name by index, also of those without an address
+  // Name by index, also of those without an address; and who has which address (the flags are those
+  // of that time).
+  std::map<std::uint32_t, std::string> links_;
+  AddressHolders holders_;
 };
 
 }  // namespace ipsla

@@ -90,6 +90,22 @@ def rename(lab, interface, name):
     return False
 
 
+@pytest.mark.parametrize(
+    "end",
+    [("address", "del", f"{NEAR}/32", "dev", "other"), ("link", "del", "other")],
+    ids=["address", "link"],
+)
+def test_address_that_another_interface_gets_too_stays_where_it_is(lab, start_daemon, peer, end):
+    """Behind the other one there is no way to the far end."""
+    daemon = start_daemon([icmp_echo(1, src=NEAR, dst=FAR)])
+    wait_for_run(daemon, 1)
+    lab.run("ip", "address", "add", f"{NEAR}/32", "dev", "other")
+    wait_for_run(daemon, 1)
+    lab.run("ip", *end)
+    wait_for_run(daemon, 1)
+    assert {report.error for report in daemon.reports(1)} == {""}
+
+
 def test_task_given_by_address_runs_on_when_its_interface_is_renamed(lab, start_daemon, peer):
     daemon = start_daemon([icmp_echo(1, src=NEAR, dst=FAR)])
     wait_for_run(daemon, 1)

@@ -34,7 +34,16 @@ class VrfInterfacesTest : public testing::Test {
     return message;
   }
 
+  static NetlinkMessage AddressEvent(NetlinkEvent event, std::uint32_t index) {
+    NetlinkMessage message;
+    message.event = event;
+    message.index = index;
+    message.addresses = {kFirst};
+    return message;
+  }
+
   const InterfaceListing listing{.addresses = {{kFirst, {.flags = 0x43, .index = 5, .name = "a"}}},
+                                 .holders = {{kFirst, {{5, {0x43, 5, "a"}}}}},
                                  .links = {{5, "a"}, {6, "b"}}};
   InterfaceTable table;
   test::RecordingObserver observer;
@@ -74,6 +83,42 @@ TEST_F(VrfInterfacesTest, NumberThatIsUsedAgainIsAnotherLink) {
   EXPECT_THAT(observer.calls, ElementsAre("link 5 c"));
 }
 
+TEST_F(VrfInterfacesTest, AddressThatTwoHaveIsTheFirstOnes) {
+  interfaces.Apply(AddressEvent(NetlinkEvent::kAddressAdded, 6));
+  EXPECT_EQ(table.Find(kFirst, "red")->index, 5);
+  interfaces.Apply(AddressEvent(NetlinkEvent::kAddressRemoved, 6));
+  ASSERT_TRUE(table.Find(kFirst, "red"));
+  EXPECT_EQ(table.Find(kFirst, "red")->index, 5);
+}
+
+TEST_F(VrfInterfacesTest, AddressThatTwoHaveGoesOverToTheOther) {
+  interfaces.Apply(AddressEvent(NetlinkEvent::kAddressAdded, 6));
+  observer.calls.clear();
+  interfaces.Apply(AddressEvent(NetlinkEvent::kAddressRemoved, 5));
+  ASSERT_TRUE(table.Find(kFirst, "red"));
+  EXPECT_EQ(table.Find(kFirst, "red")->index, 6);
+  EXPECT_THAT(observer.calls, ElementsAre("address 5 0.0.0.0 10.9.0.1"));
+  interfaces.Apply(AddressEvent(NetlinkEvent::kAddressAdded, 5));
+  NetlinkMessage gone;
+  gone.event = NetlinkEvent::kLinkGone;
+  gone.index = 6;
+  interfaces.Apply(gone);
+  ASSERT_TRUE(table.Find(kFirst, "red"));
+  EXPECT_EQ(table.Find(kFirst, "red")->index, 5);
+  interfaces.Apply(AddressEvent(NetlinkEvent::kAddressRemoved, 5));
+  EXPECT_FALSE(table.Find(kFirst, "red"));
+}
+
+// The listing names another one of the two.
+TEST_F(VrfInterfacesTest, ComparingLeavesAnAddressWhereItIs) {
+  InterfaceListing now = listing;
+  now.addresses[kFirst] = {.flags = 0x43, .index = 6, .name = "b"};
+  now.holders[kFirst] = {{5, {0x3, 5, "a"}}, {6, {0x43, 6, "b"}}};
+  interfaces.Compare(now);
+  EXPECT_EQ(*table.Find(kFirst, "red"), (InterfaceRecord{0x3, 5, "a"}));
+  EXPECT_THAT(observer.calls, ElementsAre("link 5 a", "link 6 b"));
+}
+
 TEST_F(VrfInterfacesTest, ComparingTellsWhatDiffersOnly) {
   InterfaceListing now = listing;
   now.addresses[kSecond] = {.flags = 0x43, .index = 6, .name = "b"};
@@ -85,6 +130,7 @@ TEST_F(VrfInterfacesTest, ComparingTellsWhatDiffersOnly) {
 TEST_F(VrfInterfacesTest, ComparingSeesThatAnAddressMoved) {
   InterfaceListing now = listing;
   now.addresses[kFirst] = {.flags = 0x43, .index = 6, .name = "b"};
+  now.holders[kFirst] = {{6, now.addresses[kFirst]}};
   interfaces.Compare(now);
   EXPECT_EQ(table.Find(kFirst, "red")->index, 6);
   EXPECT_THAT(observer.calls, ElementsAre("address 5 0.0.0.0 10.9.0.1", "link 5 a", "link 6 b",
@@ -94,6 +140,7 @@ TEST_F(VrfInterfacesTest, ComparingSeesThatAnAddressMoved) {
 TEST_F(VrfInterfacesTest, ComparingSeesAnotherName) {
   InterfaceListing now = listing;
   now.addresses[kFirst].name = "c";
+  now.holders[kFirst][5].name = "c";
   now.links[5] = "c";
   interfaces.Compare(now);
   EXPECT_EQ(table.Find(kFirst, "red")->name, "c");
