@@ -29,7 +29,7 @@ struct InterfaceListing {
 [[nodiscard]] InterfaceListing ListInterfaces();
 
 /// The interface with this index in the namespace of the calling thread; name empty and flags 0 as
-/// far as the kernel does not tell.
+/// far as the kernel does not tell (there is no such interface, or no descriptor to ask through).
 [[nodiscard]] InterfaceRecord QueryInterface(std::uint32_t index);
 
 }  // namespace ipsla

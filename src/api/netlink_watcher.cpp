@@ -207,6 +207,8 @@ void NetlinkWatcher::NetlinkReceivePacket(const boost::system::error_code& error
       const auto message = ParseNetlinkMessage(std::span(watch->buffer).first(bytes));
       if (message.event == NetlinkEvent::kTruncated) MakeUp(watch);
       watch->interfaces->Apply(message);
+      // With the next round: what stood in the way now may stand there for a moment more.
+      if (watch->interfaces->IsUnsure()) watch->behind = true;
       break;
     }
     case ReceiveOutcome::kAgain:

@@ -28,6 +28,7 @@ VrfInterfaces::VrfInterfaces(std::string vrf_key, InterfaceTable& table,
 void VrfInterfaces::Begin(const InterfaceListing& listing) {
   links_ = listing.links;
   holders_ = listing.holders;
+  is_unsure_ = false;
   for (const auto& [address, record] : listing.addresses) table_.Set(address, vrf_key_, record);
 }
 
@@ -155,6 +156,7 @@ InterfaceRecord VrfInterfaces::Ask(std::int32_t index) {
     // is not running.
     LOG_DEBUG(0, "Catch exception %s", exception.what());
   }
+  if (record.flags == 0) is_unsure_ = true;
   return record;
 }
 

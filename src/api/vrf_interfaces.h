@@ -59,6 +59,10 @@ class VrfInterfaces {
   /// Drops everything from the table. Nobody is told.
   void Forget();
 
+  /// True when the kernel did not tell something that was asked of it since the last listing: only
+  /// another one brings the table up to date.
+  [[nodiscard]] bool IsUnsure() const { return is_unsure_; }
+
  private:
   // By address.
   using Addresses = std::map<boost::asio::ip::address, InterfaceRecord>;
@@ -82,6 +86,7 @@ class VrfInterfaces {
   // of that time).
   std::map<std::uint32_t, std::string> links_;
   AddressHolders holders_;
+  bool is_unsure_ = false;
 };
 
 }  // namespace ipsla

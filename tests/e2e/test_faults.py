@@ -222,6 +222,19 @@ class TestNetlink:
         lab.run("ip", "address", "add", "127.0.0.1/8", "dev", "lo")
         wait_for_good_run(daemon, 1, len(daemon.reports(1)))
 
+    def test_interface_that_cannot_be_asked_about_is_asked_about_again(self, lab, one_task):
+        daemon, faults = one_task
+        lab.run("ip", "address", "del", "127.0.0.1/8", "dev", "lo")
+        wait_for(
+            lambda: daemon.reports(1)[-1].error == NO_SOURCE,
+            "a run without source",
+        )
+        faults.order("socket", errno.EMFILE, socket="probes")
+        lab.run("ip", "address", "add", "127.0.0.1/8", "dev", "lo")
+        faults.wait_hit()
+        faults.withdraw()
+        wait_for_good_run(daemon, 1, len(daemon.reports(1)))
+
     @pytest.mark.parametrize("call", ["socket", "getifaddrs"])
     def test_vrf_made_again_that_cannot_be_watched_at_once(self, lab, start_daemon, call):
         lab.add_vrf("red")

@@ -119,6 +119,15 @@ TEST_F(VrfInterfacesTest, ComparingLeavesAnAddressWhereItIs) {
   EXPECT_THAT(observer.calls, ElementsAre("link 5 a", "link 6 b"));
 }
 
+// There is no namespace "red" to ask in.
+TEST_F(VrfInterfacesTest, IsUnsureOfWhatTheKernelDidNotTell) {
+  EXPECT_FALSE(interfaces.IsUnsure());
+  interfaces.Apply(AddressEvent(NetlinkEvent::kAddressAdded, 6));
+  EXPECT_TRUE(interfaces.IsUnsure());
+  interfaces.Compare(listing);
+  EXPECT_FALSE(interfaces.IsUnsure());
+}
+
 TEST_F(VrfInterfacesTest, ComparingTellsWhatDiffersOnly) {
   InterfaceListing now = listing;
   now.addresses[kSecond] = {.flags = 0x43, .index = 6, .name = "b"};
