@@ -34,6 +34,11 @@ std::optional<boost::asio::ip::address> AddressOf(const sockaddr* address) {
   return std::nullopt;
 }
 
+// An address with a label ("eth0:1") comes under that; no socket can be bound to it.
+std::string NameIn(const std::string& label) {
+  return label.substr(0, label.find(':'));
+}
+
 }  // namespace
 
 InterfaceListing ListInterfaces() {
@@ -42,7 +47,7 @@ InterfaceListing ListInterfaces() {
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(first, freeifaddrs);
   InterfaceListing listing;
   for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
-    const std::string name = entry->ifa_name;
+    const std::string name = NameIn(entry->ifa_name);
     const std::uint32_t index = if_nametoindex(name.c_str());
     if (index != 0) listing.links[index] = name;
     const auto address = AddressOf(entry->ifa_addr);

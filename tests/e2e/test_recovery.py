@@ -106,6 +106,14 @@ def test_address_that_another_interface_gets_too_stays_where_it_is(lab, start_da
     assert {report.error for report in daemon.reports(1)} == {""}
 
 
+def test_address_with_a_label_is_on_the_interface_itself(lab, start_daemon, peer):
+    labelled = "10.2.0.9"
+    lab.run(*("ip", "address", "add", f"{labelled}/32", "dev", "peer-near", "label", "peer-near:1"))
+    daemon = start_daemon([icmp_echo(1, src=labelled, dst=labelled)])
+    wait_for_run(daemon, 1)
+    assert {report.error for report in daemon.reports(1)} == {""}
+
+
 def test_task_given_by_address_runs_on_when_its_interface_is_renamed(lab, start_daemon, peer):
     daemon = start_daemon([icmp_echo(1, src=NEAR, dst=FAR)])
     wait_for_run(daemon, 1)
