@@ -149,8 +149,9 @@ RUN_FAULTS = [
         "sendto, UDP",
         "sendto",
         errno.ENOMEM,
-        FEWER,
-        "the run's later probes are not sent; the reason in the log, once a minute",
+        CUT,
+        "the run's later probes are not sent; if there was none yet: “timeout, no samples”; "
+        "the reason in the log, once a minute",
         socket="probes",
         skip=2,
     ),
