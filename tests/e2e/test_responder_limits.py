@@ -178,6 +178,30 @@ def test_a_failing_system_call_refuses_one_session_and_nothing_else(lab, failing
     assert statistics["refused"] == {"measurement: unknown internal error": 3}
 
 
+def test_want_of_descriptors_refuses_sessions_and_nothing_else(lab):
+    responder = ResponderProgram(lab)
+
+    def limit(descriptors):
+        lab.run("prlimit", "--pid", responder.pid, f"--nofile={descriptors}:")
+
+    def ask(sender, port):
+        return statuses(sender.ask(sender.request(port=port)))
+
+    in_use = len(os.listdir(f"/proc/{responder.pid}/fd"))
+    limit(in_use)
+    # Not even the list of our own addresses can be read.
+    assert ask(Sender(lab), 50001) == (1, 0, INTERNAL_ERROR)
+    limit(1024)
+    running = Sender(lab)
+    assert ask(running, 50001) == (0, 0, 0)
+    assert running.exchange(1) == 1
+    limit(in_use + 1)
+    assert ask(Sender(lab), 50002) == (1, 0, INTERNAL_ERROR)
+    assert running.exchange(2) == 2
+    limit(1024)
+    assert ask(Sender(lab), 50002) == (0, 0, 0)
+
+
 def test_want_of_memory_refuses_sessions_and_nothing_else(lab):
     if lab.build.sanitizers:
         pytest.skip("a sanitizer needs its address space")

@@ -46,6 +46,7 @@ bool LocalAddresses::Contains(in_addr address, std::int64_t now) {
     Read();
     read_at_ = now;
   }
+  if (!fresh_) return true;
   const std::uint32_t wanted = ntohl(address.s_addr);
   return addresses_.contains(wanted) || (loopback_ && IsLoopback(wanted));
 }

@@ -21,7 +21,8 @@ class LocalAddresses {
   LocalAddresses();
 
   /// True when an interface of this host has the address (all of 127.0.0.0/8 where there is a
-  /// loopback address). Reads the list if it changed. `now`: the steady clock.
+  /// loopback address). Reads the list if it changed; when that fails, every address may be ours:
+  /// to bind a socket to it will tell. `now`: the steady clock.
   [[nodiscard]] bool Contains(in_addr address, std::int64_t now);
 
   /// Becomes readable when addresses change; -1 without netlink.
