@@ -3,6 +3,7 @@ others: nothing.
 """
 
 import os
+import signal
 import time
 
 import pytest
@@ -142,6 +143,39 @@ def test_an_output_that_nobody_reads_stops_nothing(lab):
     while b"lines lost" not in text:
         text = os.read(reader, 1 << 20)
         sender.ask(sender.request())
+    process.terminate()
+    assert process.wait(timeout=20) == 0
+
+
+def test_complaints_that_nobody_reads_stop_nothing(lab):
+    """About a key that cannot be read again."""
+    key = lab.directory / "key"
+    key.write_text("a key\n")
+    reader, writer = os.pipe()
+    output = lab.directory / "output"
+    with open(output, "wb") as out:
+        process = lab.popen(
+            *(lab.build.program("ip-sla-responder"), "--control-port", CONTROL_PORT),
+            *("--allow-open", "--password-file", key),
+            stdout=out,
+            stderr=writer,
+        )
+    lab.on_close(lambda: os.close(reader))
+    wait_for(lambda: "listening on" in output.read_text(), "the responder to listen")
+    os.set_blocking(writer, False)
+    for size in (4096, 1):
+        with pytest.raises(BlockingIOError):
+            while True:
+                os.write(writer, b"x" * size)
+    os.set_blocking(writer, True)
+    os.close(writer)
+    sender = Sender(lab)
+    assert statuses(sender.ask(sender.request())) == (0, 0, 0)
+    key.write_text("\n")
+    process.send_signal(signal.SIGHUP)
+    process.send_signal(signal.SIGUSR1)
+    wait_for(lambda: "statistics: " in output.read_text(), "word behind the complaint")
+    assert sender.exchange(1) == 1
     process.terminate()
     assert process.wait(timeout=20) == 0
 

@@ -24,8 +24,10 @@
 namespace ipsla::responder {
 namespace {
 
+// Nobody has to read it: a complaint about a new key must not keep the probes waiting.
 void Complain(const std::string& text) {
-  std::fprintf(stderr, "ip-sla-responder: %s\n", text.c_str());
+  static LineOutput errors(STDERR_FILENO);
+  errors.Write("ip-sla-responder: " + text);
 }
 
 // For the rest of the process's life.
