@@ -1,6 +1,7 @@
 """The responder's sessions: copies of requests and probes, new runs, and how long sessions last."""
 
 import itertools
+import time
 
 import pytest
 
@@ -63,6 +64,19 @@ def test_a_run_from_the_same_ports_is_counted_afresh(lab):
         run = [1, *range(3, 31)]
         assert [sender.exchange(sequence) for sequence in run] == list(range(1, 30))
     assert len(responder.wait_for_lines("session 1 restarted: ", 2)) == 2
+
+
+def test_a_run_after_the_duration_is_a_new_one_whatever_is_lost(lab):
+    """The session is still there. Of the run before the last probe was lost."""
+    start(lab)
+    sender = Sender(lab)
+    request = sender.request(duration=200)
+    sender.ask(request)
+    began = time.monotonic()
+    assert [sender.exchange(sequence) for sequence in range(1, 5)] == [1, 2, 3, 4]
+    wait_for(lambda: time.monotonic() > began + 0.2, "the end of the run")
+    sender.ask(request)
+    assert [sender.exchange(sequence) for sequence in (1, 2, 3, 5)] == [1, 2, 3, 4]
 
 
 def test_a_new_signed_run_replaces_the_session(lab):

@@ -96,6 +96,10 @@ void ExpectRestart(Session* session) {
   session->restart = std::move(restart);
 }
 
+void BelieveRestart(Session* session) {
+  if (session->restart) TakeRestart(session);
+}
+
 bool AnswerProbe(Session* session, const timespec& arrival, std::span<std::uint8_t> datagram) {
   const auto type = static_cast<std::uint16_t>(session->type);
   if (datagram.size() < ProbeHeaderSize(session->type) || DecodeReply(datagram).type != type) {

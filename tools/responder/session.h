@@ -108,6 +108,10 @@ inline constexpr std::uint32_t kRestartProof = 8;
 /// see AnswerProbe. Throws std::bad_alloc.
 void ExpectRestart(Session* session);
 
+/// The same, and something else than its probes tells that it is the next run: the run that may
+/// have begun has begun.
+void BelieveRestart(Session* session);
+
 /// Counts a datagram from the session's peer and, when it is a probe of the session's type, turns
 /// it into its reply in place. False: not to be answered (counted as malformed or unanswered).
 /// `arrival` is the real-time clock at arrival.

@@ -126,6 +126,28 @@ TEST_F(ControlDeskTest, ReportsTheRunsOfAnOpenSession) {
   EXPECT_EQ(desk_.Counts().probes.received, 60U);
 }
 
+// The numbers alone say that the old run goes on: 5 was not among them.
+TEST_F(ControlDeskTest, TakesARequestBehindTheDurationForTheNextRun) {
+  ControlPhaseMessage message = DecodeControlMessage(open_);
+  message.duration_ms = 1000;
+  const ControlMessageBytes bytes = EncodeControlMessage(message);
+  const Bytes request(bytes.begin(), bytes.end());
+  const auto counter_of = [this](std::uint32_t sequence) {
+    Session* const session = desk_.Sessions().Find(
+        {.local = ports_.Last(), .peer = {.address = 0xc0000221, .port = 40002}});
+    Bytes probe = test::Probe(SlaTestType::kUdpJitter, sequence);
+    EXPECT_TRUE(AnswerProbe(session, {}, probe));
+    return DecodeReply(probe).counter;
+  };
+  Ask(request);
+  for (const std::uint32_t sequence : {1, 2, 3, 4}) EXPECT_EQ(counter_of(sequence), sequence);
+  Ask(request, kDeskSecond);
+  ASSERT_EQ(desk_.Counts().answered_again, 1U);
+  EXPECT_THAT(lines_, testing::ElementsAre(testing::HasSubstr("received 4, distinct 4")));
+  for (const std::uint32_t sequence : {1, 2, 3}) EXPECT_EQ(counter_of(sequence), sequence);
+  EXPECT_EQ(counter_of(5), 4U);
+}
+
 TEST_F(ControlDeskTest, GivesAnOpenRunThatBeginsAnewItsWholeDuration) {
   Ask(open_);
   const std::int64_t end = desk_.Sessions().NextCheck().value_or(0);
