@@ -120,15 +120,10 @@ void VrfInterfaces::RemoveInterface(std::int32_t index) {
   table_.EraseInterface(vrf_key_, index);
 }
 
-// The table has the interface that got the address first: what its tests run over stays theirs when
-// another one gets the same address.
+// Of several that have an address the table has the last one that got it.
 void VrfInterfaces::GiveTo(const InterfaceRecord& record, const address& one) {
-  auto& holders = holders_[one];
-  holders[record.index] = record;
-  const auto known = table_.Find(one, vrf_key_);
-  if (!known || !holders.contains(known->index) || known->index == record.index) {
-    table_.Set(one, vrf_key_, record);
-  }
+  holders_[one][record.index] = record;
+  table_.Set(one, vrf_key_, record);
 }
 
 // When that one loses it, the address may still be on another.

@@ -83,9 +83,9 @@ TEST_F(VrfInterfacesTest, NumberThatIsUsedAgainIsAnotherLink) {
   EXPECT_THAT(observer.calls, ElementsAre("link 5 c"));
 }
 
-TEST_F(VrfInterfacesTest, AddressThatTwoHaveIsTheFirstOnes) {
+TEST_F(VrfInterfacesTest, AddressThatTwoHaveIsTheLastOnesUntilThatLosesIt) {
   interfaces.Apply(AddressEvent(NetlinkEvent::kAddressAdded, 6));
-  EXPECT_EQ(table.Find(kFirst, "red")->index, 5);
+  EXPECT_EQ(table.Find(kFirst, "red")->index, 6);
   interfaces.Apply(AddressEvent(NetlinkEvent::kAddressRemoved, 6));
   ASSERT_TRUE(table.Find(kFirst, "red"));
   EXPECT_EQ(table.Find(kFirst, "red")->index, 5);
