@@ -172,7 +172,7 @@ void Sender::FailStart(const std::string& reason) {
 void Sender::EndByTimeout() {
   // A reply that has arrived in time counts even if no thread was free to take it.
   const RunNumber run = run_;
-  static_cast<void>(TakeReplies(MostThatWait(), Until::kNoneIsLeft));
+  static_cast<void>(TakeReplies(MostThatWait()));
   // kept-behaviours.md#the-run-that-outlives-its-task-is-not-stored
   if (run != run_ || IsStoppedLocked()) return;
   const auto wanted = static_cast<std::uint32_t>(num_packets_);

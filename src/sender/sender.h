@@ -284,9 +284,6 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   void TakeUpLeftProbe();
   [[nodiscard]] std::optional<SteadyTime> SendDue(RunNumber run) IPSLA_EXCLUDES(mutex_);
   [[nodiscard]] std::optional<SteadyTime> SendNext() IPSLA_REQUIRES(mutex_);
-  /// How far arrived replies are taken: `kAnswered` leaves what stands behind the reply to the last
-  /// probe that has none yet.
-  enum class Until : std::uint8_t { kNoneIsLeft, kAnswered };
   /// And not when they come; only behind the last probe it waits for them.
   [[nodiscard]] bool TakesRepliesWhenItSends() const IPSLA_REQUIRES(mutex_);
   /// Datagrams that can have come since somebody looked, by a generous estimate.
@@ -295,7 +292,7 @@ class Sender : public boost::enable_shared_from_this<Sender> {
   void SendPacket(const boost::system::error_code& error, RunNumber run) IPSLA_EXCLUDES(mutex_);
   void WaitToReceive() IPSLA_REQUIRES(mutex_);
   void ReceivePacket(const boost::system::error_code& error, RunNumber run) IPSLA_EXCLUDES(mutex_);
-  [[nodiscard]] bool TakeReplies(std::size_t most, Until until) IPSLA_REQUIRES(mutex_);
+  [[nodiscard]] bool TakeReplies(std::size_t most) IPSLA_REQUIRES(mutex_);
   [[nodiscard]] bool IsInTime(const timespec& arrival) const IPSLA_REQUIRES(mutex_);
   void TakeDepartures() IPSLA_REQUIRES(mutex_);
 

@@ -103,10 +103,10 @@ std::optional<SteadyTime> Sender::SendNext() {
   // Before the probe: what arrived earlier cannot be its reply.
   if (ring_.Sent() == 0) {
     // All that came during the control phase: late replies of the run before, for example.
-    static_cast<void>(TakeReplies(MostThatWait(), Until::kNoneIsLeft));
+    static_cast<void>(TakeReplies(MostThatWait()));
   } else if (TakesRepliesWhenItSends() &&
              (config_.interval != 0 || ring_.Sent() % kProbesPerTurn == 0)) {
-    static_cast<void>(TakeReplies(kDatagramsPerTurn, Until::kAnswered));
+    static_cast<void>(TakeReplies(kDatagramsPerTurn));
   }
   const SendOutcome outcome = calls_.send(*this);
   if (outcome == SendOutcome::kFull) {
@@ -183,17 +183,14 @@ void Sender::ReceivePacket(const boost::system::error_code& error, RunNumber run
   // A stamp of departure that came late wakes this up as a reply does, and again at once if it is
   // left there.
   TakeDepartures();
-  if (TakeReplies(kDatagramsPerTurn, Until::kNoneIsLeft)) WaitToReceive();
+  if (TakeReplies(kDatagramsPerTurn)) WaitToReceive();
 }
 
 // Takes what has arrived, so many datagrams at most. True when receiving goes on. Once it has ended
-// it stays so for the rest of the run. On most paths each probe has its reply before the next one
-// leaves: a sender that stops there need not ask the system only to hear that there is no more.
-// Second replies keep their order and are taken with the next turn.
-bool Sender::TakeReplies(std::size_t most, Until until) {
+// it stays so for the rest of the run.
+bool Sender::TakeReplies(std::size_t most) {
   const RunNumber run = run_;
   for (std::size_t taken = 0; receiving_ && taken < most; ++taken) {
-    if (until == Until::kAnswered && ring_.Received() == ring_.Sent()) break;
     int error = 0;
     const std::size_t size = std::min<std::size_t>(packet_size_, receive_buffer_.size());
     auto datagram = ReceiveStamped(socket_.Fd(), receive_buffer_.data(), size, &error);
