@@ -5,6 +5,7 @@ programs in them.
 import importlib.util
 import os
 import pathlib
+import platform
 
 import pytest
 
@@ -19,7 +20,10 @@ start_daemon = _e2e.start_daemon
 
 # The end-to-end tests' path is set by now.
 from installation import ROOT, InstalledBuild, build_directory, install  # noqa: E402
-from machine import Machine  # noqa: E402
+from machine import Container  # noqa: E402
+from this_machine import ThisMachine  # noqa: E402
+
+ARCHITECTURE = {"x86_64": "amd64", "aarch64": "arm64"}[platform.machine()]
 
 
 @pytest.fixture(scope="session")
@@ -39,19 +43,24 @@ def _packages(directory):
 
 @pytest.fixture(scope="session")
 def packages():
-    return _packages(ROOT / "build/package-amd64")
+    return _packages(ROOT / f"build/package-{ARCHITECTURE}")
 
 
 @pytest.fixture(scope="session")
 def packages_again():
     """Of the same tree, made at another time in another place."""
-    return _packages(ROOT / "build/package-again/amd64")
+    return _packages(ROOT / f"build/package-again/{ARCHITECTURE}")
 
 
 @pytest.fixture
 def machine(packages, tmp_path):
-    root = ROOT / "build/scratch-root"
-    assert root.is_dir(), f"{root} is missing: script/test package makes it"
-    booted = Machine(root, packages["ip-sla-sender"].parent, tmp_path)
+    """IPSLA_MACHINE=this: the emulated machine that the test runs in; otherwise a container."""
+    shared = packages["ip-sla-sender"].parent
+    if os.environ.get("IPSLA_MACHINE") == "this":
+        booted = ThisMachine(shared)
+    else:
+        root = ROOT / "build/scratch-root"
+        assert root.is_dir(), f"{root} is missing: script/test package makes it"
+        booted = Container(root, shared, tmp_path)
     yield booted
     booted.close()

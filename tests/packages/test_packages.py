@@ -23,18 +23,6 @@ def _install(machine, paths):
     machine.run("dpkg", "--install", *paths)
 
 
-def _files(machine):
-    """All files, but what the system itself keeps of its work."""
-    places = ["/boot", "/etc", "/home", "/opt", "/root", "/srv", "/usr", "/var"]
-    found = set(machine.run("find", *places, "-xdev").stdout.splitlines())
-    # Caches, backups of dpkg's state, the journal.
-    own = re.compile(
-        r"/var/(lib/dpkg|lib/systemd/(?!deb-)|log/journal|log/dpkg\.log|log/alternatives\.log|tmp|cache)\b"
-        r"|/etc/ld\.so\.cache$"
-    )
-    return {path for path in found if not own.match(path)}
-
-
 def _is_active(machine, service):
     return machine.property(service, "ActiveState") == "active"
 
@@ -85,7 +73,7 @@ def test_the_banner_tells_the_time_that_was_given_for_the_build(packages, tmp_pa
 
 
 def test_the_life_of_the_packages(machine, packages, tmp_path):
-    before = _files(machine)
+    before = machine.files()
 
     _install(machine, [f"/packages/{path.name}" for path in packages.values()])
     for service in SERVICES:
@@ -122,7 +110,7 @@ def test_the_life_of_the_packages(machine, packages, tmp_path):
     machine.run("dpkg", "--purge", *NAMES)
     machine.run("rm", *[f"/tmp/{path.name}" for path in newer])
     assert machine.run("dpkg-query", "-W", "ip-sla-*", check=False).stdout == ""
-    assert sorted(_files(machine) - before) == []
+    assert sorted(machine.files() - before) == []
 
 
 def _measures(machine):

@@ -7,7 +7,7 @@ import signal
 import pytest
 from support.tasks import icmp_echo
 from support.udp_tasks import udp_task
-from support.waiting import wait_for
+from support.waiting import SCALE, wait_for
 
 SENDER = "ip-sla-sender"
 TASKS = "/etc/ip-sla/tasks.json"
@@ -95,7 +95,7 @@ def test_everything_works_in_the_sandbox(equipped):
 
 def test_a_daemon_that_stands_still_is_started_again(equipped):
     # The daemon gives a sign of life every ten seconds.
-    _drop_in(equipped, "[Service]\nWatchdogSec=12\nRestartSec=100ms\n")
+    _drop_in(equipped, f"[Service]\nWatchdogSec={10 + 2 * SCALE}\nRestartSec=100ms\n")
     equipped.run("systemctl", "start", SENDER)
     first = int(equipped.property(SENDER, "MainPID"))
     equipped.run("systemctl", "kill", "--signal=STOP", SENDER)
