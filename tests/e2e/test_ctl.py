@@ -586,6 +586,11 @@ def test_wrong_command_line_is_a_usage_error(lab, ctl, arguments):
             "unknown option '--dts'; did you mean '--dst'?",
         ),
         (["show", "--alll"], "unknown option '--alll'; did you mean '--all'?"),
+        (["probe", "1", "-w", "rtt"], '--warning: "rtt" has no number that is 0 or more'),
+        (
+            ["probe", "1", "--critical", "rtt=x"],
+            '--critical: "rtt=x" has no number that is 0 or more',
+        ),
         (["probe", "1", "2", "3"], "surplus arguments '2' '3'"),
         (["show", "--sort", "name"], None),
         (["show", "--max-age", "-1"], None),

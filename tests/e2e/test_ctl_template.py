@@ -56,6 +56,8 @@ def test_template_prints_nothing_that_cannot_work(lab, ctl):
     for arguments, error in (
         (["--dst", "127.0.0.1", "--period", "3"], "invalid scheduled time"),
         (["--dst", "127.0.0.1", "--packets", "20000000"], "more than the daemon has memory for"),
+        (["--dst", "::1"], "::1 has no IPv4 address: "),
+        (["--dst", "127.0.0.1", "--src", "::1"], "::1 is no IPv4 address"),
         (["--dst", "192.0.2.9"], "no source address reaches 192.0.2.9: Network is unreachable"),
         (["--dst", "127.0.0.1", "--vrf", "red"], "/var/run/netns/red: No such file or directory"),
         (["--src", "127.0.0.1"], "--dst is required"),
@@ -63,4 +65,18 @@ def test_template_prints_nothing_that_cannot_work(lab, ctl):
         result = lab.run(*ctl.command("template", "udp-echo", *arguments), check=False)
         assert (result.returncode, result.stdout) == (3, ""), arguments
         assert error in result.stderr
+        with_json = lab.run(*ctl.command("--json", "template", "udp-echo", *arguments), check=False)
+        if "--dst" in arguments:  # else the command line is wrong
+            first = result.stderr.splitlines()[0].removeprefix("ip-sla-ctl: ")
+            assert (with_json.returncode, with_json.stderr) == (3, result.stderr)
+            assert json.loads(with_json.stdout) == {"error": first}
     assert lab.run(*ctl.command("template", "ping"), check=False).returncode == 3
+
+
+def test_template_warns_of_what_is_missing_here_only(lab, ctl):
+    """It may be there where the file is used."""
+    arguments = ["template", "icmp-echo", "--dst", "127.0.0.1", "--src", "192.0.2.10"]
+    result = lab.run(*ctl.command(*arguments))
+    assert json.loads(result.stdout)["IP-SLA-tasks"][0]["icmp-echo"]["src-address"] == "192.0.2.10"
+    warning = 'icmp-echo.src-address = "192.0.2.10": is on no interface of this machine: no run can'
+    assert warning in result.stderr

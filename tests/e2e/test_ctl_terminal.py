@@ -6,9 +6,9 @@ import signal
 
 import pytest
 from support import schemas
-from support.ctl import NO_SOURCE, Ctl, Terminal, masked, start_usual_daemon
+from support.ctl import NO_SOURCE, Ctl, Piped, Terminal, masked, start_usual_daemon
 from support.tasks import icmp_echo, icmp_jitter
-from support.waiting import SCALE, wait_for
+from support.waiting import SCALE, holds_for, wait_for
 
 NUMBER = r"\d+(\.\d+)?"
 
@@ -122,3 +122,29 @@ def test_watch_in_a_pipe_ends_on_ctrl_c(ctl, daemon):
     assert "task 1" in process.stdout.readline()
     process.send_signal(signal.SIGINT)
     assert process.wait(timeout=20 * SCALE) == 0
+
+
+def _has_task_2_only_now(line):
+    """A line, or a document, that tells of both tasks or of the one that is new."""
+    if line.startswith("{"):
+        return [task["sla-id"] for task in json.loads(line)["tasks"]] == [1, 2]
+    return " task 2 icmp-echo dst=127.0.0.1 result=ok " in line
+
+
+@pytest.mark.parametrize("options", [[], ["--json"]])
+def test_watch_in_a_pipe_survives_the_daemons_restart(ctl, start_daemon, options):
+    first = start_daemon([icmp_echo(1)])
+    first.wait_for_reports(1)
+    watch = Piped(ctl, *options, "watch", "--interval", "0.1")
+    wait_for(lambda: watch.lines, "the first output")
+    first.stop()
+    text = "ip-sla-ctl: no daemon answers on 127.0.0.1:10101\n"
+    wait_for(lambda: watch.errors.endswith(text), "word of the daemon's end")
+    before = len(watch.lines)
+    holds_for(lambda: watch.errors.count(text) == 1, "said once, not at each refresh", 0.5)
+    assert len(watch.lines) == before, "nothing is told of a daemon that is away"
+    start_daemon([icmp_echo(1), icmp_echo(2)])
+    wait_for(lambda: any(map(_has_task_2_only_now, watch.lines)), "the new daemon's tasks")
+    watch.process.send_signal(signal.SIGINT)
+    assert watch.process.wait(timeout=20 * SCALE) == 0
+    assert watch.errors.count(text) == 1

@@ -5,6 +5,7 @@ import shlex
 
 import pytest
 from support.ctl import CLOCK_REMARK, NO_SOURCE, Ctl, start_usual_daemon
+from support.fake_daemon import FakeDaemon, task
 from support.tasks import icmp_echo, icmp_jitter
 from support.tmux import Tmux
 
@@ -152,3 +153,17 @@ def test_watch_asks_at_once_for_what_is_scrolled_into_sight(lab, start_daemon):
     assert any(re.fullmatch(remark, line) for line in lines), lines
     screen.type("End")
     assert _assert_values(screen.wait_for(r"rows \d+-60 of 60")) - seen
+
+
+def test_watch_says_that_the_daemon_is_gone_when_a_key_asks_for_values(lab):
+    """Between two refreshes, too."""
+    daemon = FakeDaemon(lab, [task(number) for number in range(1, 101)])
+    screen = Tmux(lab, 80, 12, _command(Ctl(lab), "watch", "--interval", "600") + "; echo $?; cat")
+    screen.wait_for(r"rows 1-\d of 100")
+    daemon.stop()
+    screen.type("End")
+    assert "no daemon answers on 127.0.0.1:10101" in screen.wait_for(r"rows \d+-100 of 100")
+    screen.type("Home")
+    assert "no daemon answers on 127.0.0.1:10101" in screen.wait_for(r"rows 1-\d of 100")
+    screen.type("q")
+    screen.wait_for(r"^0$")

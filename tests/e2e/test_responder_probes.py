@@ -169,6 +169,43 @@ def test_version_and_wrong_usage(lab, build):
 
 
 @pytest.mark.parametrize(
+    "ports", ["2010-2001", "0-10", "65000-65536", "2001", "2001-", "2001-2010-", "a-b", "1--5", ""]
+)
+def test_a_wrong_port_range_is_wrong_usage(lab, build, ports):
+    program = [*build.launcher(), build.program("ip-sla-responder")]
+    result = lab.run(*program, "--port-range", ports, check=False, timeout=20)
+    assert (result.returncode, result.stdout) == (2, "")
+    assert "a port range is LOW-HIGH with 1 <= LOW <= HIGH <= 65535" in result.stderr
+
+
+def test_serves_in_the_network_namespace_that_it_is_given(lab):
+    lab.add_peer("peer", "10.2.0.1/24", "10.2.0.2/24")
+    responder = ResponderProgram(lab, "--netns", "peer")
+    sender = Sender(lab, responder="10.2.0.2", address="10.2.0.1")
+    assert statuses(sender.ask(sender.request())) == (0, 0, 0)
+    assert [sender.exchange(sequence) for sequence in (1, 2, 3)] == [1, 2, 3]
+    assert responder.statistics()["probes"]["replies"] == 3
+    own, peers = (lab.run("cat", "/proc/net/udp", namespace=name).stdout for name in (None, "peer"))
+    port = f":{CONTROL_PORT:04X} "
+    assert port in peers and port not in own, "nothing of it is in the namespace it came from"
+
+
+def test_a_network_namespace_that_cannot_be_entered_is_said(lab):
+    lab.add_namespace("red")
+    without_right = ["setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin"]
+    for name, launcher, reason in (
+        ("nowhere", [], "No such file or directory"),
+        ("red", without_right, "Operation not permitted"),
+    ):
+        responder = ResponderProgram(lab, "--netns", name, launcher=launcher, wait=False)
+        wait_for(responder.ended, "the responder to give up")
+        assert responder.process.returncode == 1
+        assert responder.errors == (
+            f"ip-sla-responder: cannot enter the network namespace {name}: {reason}\n"
+        )
+
+
+@pytest.mark.parametrize(
     "content, complaint",
     [
         ("", "is empty: no key"),

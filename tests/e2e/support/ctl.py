@@ -102,6 +102,24 @@ class Terminal:
         return self.process.returncode
 
 
+class Piped:
+    """ip-sla-ctl with its outputs in files."""
+
+    def __init__(self, ctl, *arguments):
+        self._paths = [ctl.lab.directory / f"piped-{id(self)}.{end}" for end in ("out", "err")]
+        with open(self._paths[0], "wb") as out, open(self._paths[1], "wb") as err:
+            self.process = ctl.lab.popen(*ctl.command(*arguments), stdout=out, stderr=err)
+
+    @property
+    def lines(self):
+        """Of standard output, as far as they are complete."""
+        return self._paths[0].read_text().split("\n")[:-1]
+
+    @property
+    def errors(self):
+        return self._paths[1].read_text()
+
+
 def masked(text):
     """The lines of a table with single spaces, and without what differs from run to run and from
     machine to machine.

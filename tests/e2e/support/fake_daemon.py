@@ -7,6 +7,7 @@ import threading
 
 _HEADER = struct.Struct(">8sBB2sIIHHI")  # but for command and result, which are little-endian here
 _MORE = 1
+_FAILURE = 4
 _SLICE = 8192 - 28
 
 
@@ -36,10 +37,13 @@ def task(number, **changes):
 
 
 class FakeDaemon:
-    """Answers every request with the statistics of `tasks`, which may be exchanged at any time."""
+    """Answers every request with the statistics of `tasks`, which may be exchanged at any time, or
+    refuses it.
+    """
 
-    def __init__(self, lab, tasks=()):
+    def __init__(self, lab, tasks=(), refuses=False):
         self.tasks = list(tasks)
+        self._refuses = refuses
         self._socket = lab.socket(socket.AF_INET, socket.SOCK_DGRAM, bind=("127.0.0.1", 10101))
         self._socket.settimeout(0.1)
         self._ending = threading.Event()
@@ -48,8 +52,10 @@ class FakeDaemon:
         self._thread.start()
 
     def stop(self):
+        """Nothing listens any more."""
         self._ending.set()
         self._thread.join()
+        self._socket.close()
 
     def _run(self):
         while not self._ending.is_set():
@@ -61,6 +67,10 @@ class FakeDaemon:
 
     def _answer(self, request, source):
         prefix, marker, _, reserved, _, _, command, _, _ = _HEADER.unpack(request[:28])
+        if self._refuses:
+            fields = (prefix, marker, 0, reserved, 0, 28, command, _FAILURE << 8, 8)
+            self._socket.sendto(_HEADER.pack(*fields), source)
+            return
         text = json.dumps({"tasks": self.tasks}).encode() + b"\0"
         slices = [text[start : start + _SLICE] for start in range(0, len(text), _SLICE)]
         for number, piece in enumerate(slices, 1):

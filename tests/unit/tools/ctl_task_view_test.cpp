@@ -256,6 +256,17 @@ TEST(TaskDetails, ShowsNoFiguresWithoutAUsableReply) {
                                            "  10 probes sent, 7 replies, none usable"));
 }
 
+TEST(TaskDetails, ShowsNoLossPerDirectionThatCannotBeBelieved) {
+  TaskView task = JitterTask();
+  task.last->loss->skipped = 1;
+  const auto lines = DetailsOf(task);
+  for (const char* line :
+       {"  lost                       -         -", "  lost %                     -         -",
+        "  late 6, skipped 1, duplicate 8"}) {
+    EXPECT_THAT(lines, testing::Contains(line));
+  }
+}
+
 TEST(TaskDetails, FitANarrowTerminal) {
   for (const std::string& line : DetailsOf(JitterTask(), {.width = 40})) {
     EXPECT_LE(DisplayWidth(line), 40U) << line;
