@@ -13,6 +13,7 @@ SILENT = (
     "no reply within 300 ms; a daemon listens, but it may be a new one: a keychain file that cannot "
     "be read ends the daemon"
 )
+WOULD_END = "ip-sla-ctl: not reloaded: the daemon would end\n"
 
 
 @pytest.fixture
@@ -54,6 +55,20 @@ def test_forced_reload_of_a_keychain_that_ends_the_daemon(ctl, daemon, options, 
     assert (result.returncode, result.stdout) == (2, shown)
     assert result.stderr.splitlines()[1:] == [f"ip-sla-ctl: {ENDED}"]
     assert daemon.wait_exit() == 1
+
+
+def test_forced_reload_goes_by_the_file_that_the_daemon_reads(lab, ctl, start_daemon):
+    """Another file that is fine does not hide one that ends the daemon."""
+    daemon = start_daemon([icmp_echo(1)])
+    daemon.write_keychain("nonsense")
+    other = lab.directory / "other.json"
+    other.write_text('{"keychain-storage": []}')
+    error = (
+        f"ip-sla-ctl: the daemon reads {daemon.keychain_path}, not {other}\n"
+        f"ip-sla-ctl: {daemon.keychain_path}:1:1: not valid JSON\n{WOULD_END}"
+    )
+    ctl("reload", "keychain", other, "--force", status=1, error=error)
+    assert daemon.is_running()
 
 
 def test_keys_that_the_daemon_passes_over_are_told(ctl, start_daemon):

@@ -23,8 +23,9 @@ bool IsSameFile(const std::string& a, const std::string& b) {
                     first.st_dev == second.st_dev && first.st_ino == second.st_ino);
 }
 
-/// The file to look at; empty with an objection when the daemon would read another one or which
-/// one is not known. `own`: the daemon's, by its own name.
+/// The file to look at: the one that the daemon would read, with an objection when another was
+/// named; the named one where the daemon's is not known, empty with an objection when there is
+/// none. `own`: the daemon's, by its own name.
 std::string FileToCheck(const std::string& file, const std::string& own,
                         const DaemonProcess* daemon, ReloadCheck* check) {
   if (own.empty() || daemon == nullptr) {
@@ -37,7 +38,6 @@ std::string FileToCheck(const std::string& file, const std::string& own,
   std::string reachable = daemon->Reachable(own);
   if (!file.empty() && !IsSameFile(file, reachable)) {
     check->objections.push_back(fmt::format("the daemon reads {}, not {}", own, file));
-    return "";
   }
   return reachable;
 }

@@ -155,12 +155,18 @@ TEST(ReloadCheck, ObjectsToFilesThatTheDaemonDoesNotRead) {
   const client::DaemonProcess daemon{.tasks_file = "/nonexistent/tasks.json",
                                      .keychain_file = "/nonexistent/keys.json"};
   EXPECT_THAT(CheckTasksReload("/elsewhere", &daemon).objections,
-              ElementsAre("the daemon reads /nonexistent/tasks.json, not /elsewhere"));
-  const ReloadCheck keychain = CheckKeychainReload("", &daemon);
-  EXPECT_THAT(keychain.objections,
-              ElementsAre("/nonexistent/keys.json: the file cannot be read: No such file or "
+              ElementsAre("the daemon reads /nonexistent/tasks.json, not /elsewhere",
+                          "/nonexistent/tasks.json: the file cannot be read: No such file or "
                           "directory"));
+  const std::string fault =
+      "/nonexistent/keys.json: the file cannot be read: No such file or directory";
+  const ReloadCheck keychain = CheckKeychainReload("", &daemon);
+  EXPECT_THAT(keychain.objections, ElementsAre(fault));
   EXPECT_TRUE(keychain.would_end_daemon);
+  const ReloadCheck another = CheckKeychainReload("/elsewhere", &daemon);
+  EXPECT_THAT(another.objections,
+              ElementsAre("the daemon reads /nonexistent/keys.json, not /elsewhere", fault));
+  EXPECT_TRUE(another.would_end_daemon) << "whatever file was named";
 }
 
 }  // namespace
