@@ -50,18 +50,7 @@ StatisticsMap ResultsOf(const SenderClient& sender, const StatusMap& configured,
     const auto& measured = MeasuredGroups(plan ? plan->type : SlaTestType::kNone);
     request.emplace_hint(request.end(), id, Intersection(wanted, measured));
   }
-  StatisticsMap results = sender.Statistics(request);
-  StatisticsMap again;
-  for (const auto& [id, result] : results) {
-    const auto needed = Intersection(wanted, MeasuredGroups(result.type));
-    const auto& asked = request[id];
-    if (!std::includes(asked.begin(), asked.end(), needed.begin(), needed.end())) {
-      again.emplace(id, result);
-    }
-  }
-  FetchGroups(sender, wanted, &again);
-  again.merge(results);
-  return again;
+  return QueryResults(sender, request, wanted);
 }
 
 /// The ids to ask for beyond those that have a result.
@@ -99,6 +88,25 @@ const std::set<std::string>& MeasuredGroups(SlaTestType type) {
   static const std::set<std::string> echo_groups{"rtt-values"};
   const bool is_echo = type == SlaTestType::kUdpEcho || type == SlaTestType::kIcmpEcho;
   return is_echo ? echo_groups : MetricGroupNames();
+}
+
+StatisticsMap QueryResults(const SenderClient& sender, const StatisticsRequest& request,
+                           const std::set<std::string>& wanted) {
+  StatisticsMap results = sender.Statistics(request);
+  StatisticsMap again;
+  for (const auto& [id, groups] : request) {
+    const auto result = results.find(id);
+    if (result == results.end()) {
+      continue;
+    }
+    const auto needed = Intersection(wanted, MeasuredGroups(result->second.type));
+    if (!std::includes(groups.begin(), groups.end(), needed.begin(), needed.end())) {
+      again.emplace(id, result->second);
+    }
+  }
+  FetchGroups(sender, wanted, &again);
+  again.merge(results);
+  return again;
 }
 
 TaskAnswer QueryTasks(const SenderClient& sender, const TaskSelection& selection,

@@ -34,6 +34,13 @@ struct TaskAnswer {
 /// The groups of values that a type measures; all of them for kNone.
 [[nodiscard]] const std::set<std::string>& MeasuredGroups(SlaTestType type);
 
+/// Last results of these tasks. One that turns out to be of another type than the request was made
+/// for is asked for again, with those of the `wanted` groups that its type measures. Throws
+/// ClientError.
+[[nodiscard]] StatisticsMap QueryResults(const SenderClient& sender,
+                                         const StatisticsRequest& request,
+                                         const std::set<std::string>& wanted);
+
 /// Asks for the selected tasks, with those of the `wanted` groups that each type measures. `plans`
 /// may be empty. Throws ClientError.
 [[nodiscard]] TaskAnswer QueryTasks(const SenderClient& sender, const TaskSelection& selection,

@@ -51,6 +51,9 @@ class RefreshPlan {
                                        const RefreshNeeds& needs, std::size_t budget,
                                        std::int64_t now);
 
+  /// The groups that the output needs.
+  [[nodiscard]] const std::set<std::string>& Wanted() const { return wanted_; }
+
  private:
   // Constant.
   const std::set<std::string> wanted_;

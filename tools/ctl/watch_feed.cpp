@@ -110,7 +110,8 @@ std::size_t WatchFeed::CheckMembers(std::int64_t now) {
 }
 
 void WatchFeed::Ask(const StatisticsRequest& request) {
-  client::StatisticsMap results = source_->Sender().Statistics(request);
+  // A reload may have changed a task's type since the tasks file was read.
+  client::StatisticsMap results = client::QueryResults(source_->Sender(), request, plan_.Wanted());
   for (const auto& [id, groups] : request) {
     due_.erase(id);
     const auto result = results.find(id);
