@@ -205,6 +205,13 @@ def test_a_network_namespace_that_cannot_be_entered_is_said(lab):
         )
 
 
+def test_an_empty_network_namespace_is_not_the_own_one(lab, build):
+    program = [*build.launcher(), build.program("ip-sla-responder")]
+    result = lab.run(*program, "--netns", "", check=False, timeout=20)
+    assert (result.returncode, result.stdout) == (2, "")
+    assert "--netns: a network namespace has a name" in result.stderr
+
+
 @pytest.mark.parametrize(
     "content, complaint",
     [

@@ -92,6 +92,10 @@ std::string CheckPortRange(const std::string& text) {
   return "a port range is LOW-HIGH with 1 <= LOW <= HIGH <= 65535";
 }
 
+std::string CheckNamespace(const std::string& name) {
+  return name.empty() ? "a network namespace has a name" : "";
+}
+
 void AddAddressOptions(CLI::App* app, CommandLine* line, Words* words) {
   app->add_option("--bind", words->bind, "Answer on this address only")
       ->type_name("ADDRESS")
@@ -106,7 +110,8 @@ void AddAddressOptions(CLI::App* app, CommandLine* line, Words* words) {
       ->capture_default_str()
       ->check(CLI::Validator(CheckPortRange, "", "port range"));
   app->add_option("--netns", line->netns, "Run in this network namespace (see ip-netns(8))")
-      ->type_name("NAME");
+      ->type_name("NAME")
+      ->check(CLI::Validator(CheckNamespace, "", "network namespace"));
 }
 
 void AddKeyOptions(CLI::App* app, CommandLine* line, Words* words) {
