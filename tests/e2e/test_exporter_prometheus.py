@@ -1,5 +1,6 @@
 """The exporter's metrics in a real Prometheus server, with the rules of deploy/."""
 
+import json
 import pathlib
 
 import pytest
@@ -71,3 +72,41 @@ def test_a_server_knows_the_values_of_the_tasks(lab, daemon):
     [(alert, _)] = wait_for(lambda: server.query(alerts), "an alert of the failing task")
     assert (alert["task"], alert["alertstate"]) == ("6", "pending")
     assert server.value("instance:ipsla_tasks_failing:count") == 1
+
+
+def _panels():
+    """Title and expressions of each panel, as for one task of all senders."""
+    dashboard = json.loads((DEPLOY / "grafana" / "ip-sla.json").read_text())
+    for panel in dashboard["panels"]:
+        for target in panel.get("targets", []):
+            expression = target["expr"].replace("$instance", ".*").replace("$task", "2")
+            yield panel["title"], target, expression
+
+
+def test_every_expression_of_the_dashboard_returns_data(lab, daemon):
+    Exporter(lab, "--tasks", daemon.tasks_path)
+    server = Prometheus(lab)
+    for title, _, expression in _panels():
+        wait_for(lambda: server.query(expression), f"data of the panel {title}: {expression}")
+
+
+def test_lines_of_one_task_of_several_senders_are_told_apart():
+    alike = [
+        (title, target["legendFormat"])
+        for title, target, expression in _panels()
+        if 'task=~"2"' in expression and "{{instance}}" not in target["legendFormat"]
+    ]
+    assert alike == []
+
+
+def test_a_sender_whose_exporter_is_gone_is_seen_in_the_dashboard(lab, daemon):
+    exporter = Exporter(lab)
+    server = Prometheus(lab)
+    panels = {title: expression for title, _, expression in _panels()}
+
+    def seen():
+        return [server.value(panels[title]) for title in ("Senders", "Senders that do not answer")]
+
+    wait_for(lambda: seen() == [1, 0], "the sender to be seen")
+    exporter.stop()
+    wait_for(lambda: seen() == [1, 1], "the sender's silence to be seen")
