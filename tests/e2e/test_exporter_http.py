@@ -8,6 +8,7 @@ import time
 import pytest
 
 from support.exporter import Exporter
+from support.fake_daemon import FakeDaemon, task
 from support.waiting import SCALE, wait_for
 
 MAX_CONNECTIONS = 64
@@ -137,6 +138,36 @@ def test_clients_that_do_not_read_do_not_hold_others_up(exporter):
     begin = time.monotonic()
     assert exporter.request("/-/healthy").status == 200
     assert time.monotonic() - begin < 10 * SCALE
+    for sock in lazy:
+        sock.close()
+
+
+def unsent(lab):
+    """Bytes that wait for their client, of each connection where there are any."""
+    lines = lab.run("ss", "-Htn", "state", "established", "sport", "=", ":9815").stdout.splitlines()
+    return sorted(size for size in (int(line.split()[1]) for line in lines) if size > 0)
+
+
+def test_clients_that_do_not_read_do_not_take_every_place(lab):
+    FakeDaemon(lab, [task(number) for number in range(300)])
+    exporter = Exporter(lab)
+    lazy = []
+    for _ in range(MAX_CONNECTIONS + 6):
+        sock = exporter.connect()
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1024)
+        sock.sendall(b"GET /api/tasks?max-age=60 HTTP/1.1\r\nHost: x\r\n\r\n" * 100)
+        lazy.append(sock)
+    seen = []
+
+    def is_stuck():
+        seen.append(unsent(lab))
+        return len(seen[-1]) >= MAX_CONNECTIONS and seen[-10:] == [seen[-1]] * 10
+
+    wait_for(is_stuck, "every answer to be more than its client takes")
+    probe = b"GET /-/healthy HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"
+    wait_for(lambda: exchange(exporter, probe), "an answer for somebody else", 15)
+    for _ in range(5):
+        assert exporter.request("/-/healthy").status == 200
     for sock in lazy:
         sock.close()
 

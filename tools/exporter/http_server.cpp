@@ -56,12 +56,12 @@ void HttpServer::Admit(tcp::socket socket) {
 
 bool HttpServer::MakePlace() {
   auto slowest = sessions_.end();
-  std::optional<std::chrono::steady_clock::time_point> since;
+  auto since = std::chrono::steady_clock::now();
   for (auto entry = sessions_.begin(); entry != sessions_.end(); ++entry) {
     const auto session = entry->lock();
     const auto waiting = session ? session->WaitingSince() : std::nullopt;
-    if (waiting && (!since || *waiting < *since)) {
-      since = waiting;
+    if (waiting && *waiting <= since) {
+      since = *waiting;
       slowest = entry;
     }
   }

@@ -18,7 +18,8 @@ namespace ipsla::exporter {
 class HttpSession;
 
 /// Largest number of connections. One more takes the place of the one that has waited longest for
-/// a request to come in whole; when all of them are being answered, it is closed.
+/// its other side, to send a request or to take an answer; when all of them are being answered, it
+/// is closed.
 inline constexpr std::size_t kMaxConnections = 64;
 
 /// Threads: the one that runs the context, alone. Must outlive all that runs there.

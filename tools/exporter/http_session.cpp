@@ -17,6 +17,8 @@ using std::chrono::seconds;
 /// long.
 constexpr seconds kReadTimeout{30};
 constexpr seconds kWriteTimeout{30};
+/// A client that is reading its answer is not yet waited for.
+constexpr seconds kWritePatience{2};
 constexpr std::uint32_t kMaxHeaderBytes = 8192;
 /// What is still taken from a client after the last answer, and for how long: a socket closed over
 /// unread bytes could take the answer away from him.
@@ -135,6 +137,7 @@ void HttpSession::Reply(const WebReply& reply, bool is_head, bool keep_alive) {
   }
   serializer_.emplace(*response_);
   stream_.expires_after(kWriteTimeout);
+  waiting_since_ = std::chrono::steady_clock::now() + kWritePatience;
   const auto done = [self = shared_from_this(), keep_alive](const beast::error_code& error,
                                                             std::size_t) {
     self->OnWritten(error, keep_alive);
@@ -150,6 +153,7 @@ void HttpSession::OnWritten(const beast::error_code& error, bool keep_alive) {
   serializer_.reset();
   response_.reset();
   body_owner_.reset();
+  waiting_since_.reset();
   if (error) {
     return;
   }

@@ -29,7 +29,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   /// Ends the connection at once.
   void Close();
 
-  /// When it began to wait for the request that is not here yet; nothing while one is answered.
+  /// When it began to wait for the other side: for a request that is not here yet or, some seconds
+  /// from when it was sent, for an answer to be taken. In the future before that; nothing while the
+  /// daemon is waited for.
   [[nodiscard]] std::optional<std::chrono::steady_clock::time_point> WaitingSince() const {
     return waiting_since_;
   }
