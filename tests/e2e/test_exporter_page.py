@@ -170,6 +170,34 @@ def test_the_page_keeps_itself_up_to_date(lab, start_daemon, look):
     assert int(after.split()[0]) > int(before.split()[0]), "the number of runs"
 
 
+class _ClockSetBack(FakeDaemon):
+    """Once `after` is set, it gives one more answer and then that one: its clock was set back."""
+
+    after = None
+
+    def _answer(self, request, source):
+        super()._answer(request, source)
+        self.tasks = self.after or self.tasks
+
+
+def test_results_from_a_future_that_the_clock_left_do_not_stop_the_plots(lab, look):
+    now = int(time.time())
+    failed = {"status": "fail", "successful_count": 0}
+    ahead = [task(8, error_description="before", failed_count=1, finish_time=now + 5000, **failed)]
+    daemon = _ClockSetBack(lab, ahead)
+    exporter = Exporter(lab, "--interval", "3600")
+    wait_for_points(exporter, 8, 1)
+    # The page sees the future first: from now on nobody else asks.
+    daemon.after = [task(8, error_description="after", failed_count=2, finish_time=now, **failed)]
+    seen = look(
+        ["open", {"hash": "#task-8"}],
+        ["waitFor", "#failures", "before"],
+        ["waitFor", "#failures", "after"],
+        ["texts", "#failures li span"],
+    )
+    assert seen == [["after"]]
+
+
 def test_the_page_says_that_the_daemon_does_not_answer(lab, look):
     Exporter(lab, "--timeout", "0.5")
     seen = look(

@@ -114,7 +114,25 @@ void History::DropFront(Series* series) {
   series->blocks.pop_front();
 }
 
+// The clock was set back: what ended "later" than the newest run has a time that is worth nothing,
+// and would stay until the clock is there again.
+void History::DropLater(Series* series, std::uint32_t time) {
+  while (!series->blocks.empty()) {
+    Block& block = *series->blocks.back();
+    while (block.used > 0 && block.points.at(block.used - 1).time > time) {
+      --block.used;
+      --points_;
+    }
+    if (block.used > 0) {
+      return;
+    }
+    series->blocks.pop_back();
+    --blocks_;
+  }
+}
+
 void History::Append(Series* series, const HistoryPoint& point) {
+  DropLater(series, point.time);
   if (series->blocks.empty() || series->blocks.back()->used == kBlockPoints) {
     series->blocks.push_back(std::make_unique<Block>());
     ++blocks_;

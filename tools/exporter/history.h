@@ -74,7 +74,8 @@ class History {
   /// Keeps results for `keep_seconds`, in at most `max_bytes`.
   History(std::size_t max_bytes, std::int64_t keep_seconds);
 
-  /// Adds every result that is newer than the last one of its task. `now`: seconds since the epoch.
+  /// Adds every result that is another than the last one of its task. `now`: seconds since the
+  /// epoch.
   void Record(const client::StatisticsMap& tasks, std::int64_t now);
 
   /// Results of one task that ended at `since` or later and are not too old.
@@ -112,6 +113,7 @@ class History {
   void RecordTask(Series* series, const client::TaskStatistics& task);
   void Append(Series* series, const HistoryPoint& point);
   void DropFront(Series* series);
+  void DropLater(Series* series, std::uint32_t time);
   void DropOld(std::int64_t now);
   void MakeRoom();
   [[nodiscard]] HistoryPoint PointOf(const client::TaskStatistics& task);

@@ -90,6 +90,26 @@ TEST(ExporterHistory, CountsRunsThatItNeverSaw) {
   EXPECT_EQ(history.State().points, 3U);
 }
 
+// A clock set back from a wrong future: what was seen there is not in order with what comes, and a
+// block that "ended" years ahead would never become old.
+TEST(ExporterHistory, ForgetsWhatEndedInAFutureThatTheClockLeft) {
+  constexpr std::int64_t kAhead = kBegin + 3000 * kDay;
+  History history(kMuch, kDay);
+  for (std::int64_t run = 1; run <= 100; ++run) {
+    RecordOne(&history, RunOf(1, run, kAhead + run));
+  }
+  RecordOne(&history, RunOf(1, 101, kBegin));
+  RecordOne(&history, RunOf(1, 102, kBegin + 10));
+  RecordOne(&history, RunOf(1, 103, kBegin + 20));
+  RecordOne(&history, RunOf(1, 104, kBegin + 15));
+  EXPECT_THAT(Times(history.Read(1, 0, kBegin + 20)),
+              ::testing::ElementsAre(kBegin, kBegin + 10, kBegin + 15));
+  EXPECT_EQ(history.State().points, 3U);
+  history.Record({}, kBegin + 2 * kDay);
+  EXPECT_EQ(history.State().points, 0U);
+  EXPECT_EQ(history.State().bytes, 0U);
+}
+
 TEST(ExporterHistory, ForgetsATaskThatBecameAnother) {
   History history(kMuch, kDay);
   RecordOne(&history, RunOf(1, 1, kBegin));
