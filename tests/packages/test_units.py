@@ -5,6 +5,7 @@ import re
 import subprocess
 
 import pytest
+from installation import install
 
 # As systemd counts a service's exposure, from 0 to 10; more would mean a loosened sandbox.
 HIGHEST_EXPOSURE = {"sender": 2.7, "responder": 1.5, "exporter": 1.5}
@@ -29,15 +30,43 @@ def test_a_unit_names_installed_programs_and_files(build, name):
     assert str(build.program(f"ip-sla-{name}")) in named
 
 
-def test_systemd_takes_a_unit(build, name):
-    # Of the unit alone: manual pages and targets of a whole system need not be here.
+def _verify(unit):
+    """What systemd says against a unit alone: manual pages and targets of a whole system need not be
+    here.
+    """
     result = subprocess.run(
-        ["systemd-analyze", "verify", "--man=no", "--recursive-errors=no", _unit(build, name)],
+        ["systemd-analyze", "verify", "--man=no", "--recursive-errors=no", unit],
         capture_output=True,
         text=True,
     )
-    about_it = [line for line in result.stderr.splitlines() if f"ip-sla-{name}" in line]
-    assert (result.returncode, about_it) == (0, [])
+    return result.returncode, [line for line in result.stderr.splitlines() if unit.name in line]
+
+
+def test_systemd_takes_a_unit(build, name):
+    assert _verify(_unit(build, name)) == (0, [])
+
+
+def _words(text, key):
+    """Of all commands of that key, as systemd reads them."""
+    lines = re.findall(rf"^{key}=(/.*)$", text, re.MULTILINE)
+    words = " ".join(lines).replace("%%", "%").split()
+    return [re.sub(r"\\x(..)", lambda code: chr(int(code[1], 16)), word) for word in words]
+
+
+def test_units_of_a_prefix_with_blanks_and_signs_name_what_is_there(tmp_path):
+    prefix = tmp_path / "a 100%i prefix"
+    install(prefix)
+    units = sorted((prefix / "lib/systemd/system").iterdir())
+    for unit in units:
+        assert _verify(unit) == (0, [])
+        text = unit.read_text()
+        commands = _words(text, "ExecStart") + _words(text, "ExecStartPre")
+        files = re.findall(r"^(?:EnvironmentFile=-|LoadCredential=keychain:)(.*)$", text, re.M)
+        named = commands + [file.replace("%%", "%") for file in files]
+        named = [path for path in named if path.startswith(str(tmp_path))]
+        assert [path for path in named if not pathlib.Path(path).exists()] == []
+        assert str(prefix / "etc/ip-sla") in {str(pathlib.Path(path).parent) for path in named}
+    assert units
 
 
 def test_a_unit_exposes_little(build, name):
