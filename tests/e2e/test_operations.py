@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import pwd
 import re
 import signal
 import subprocess
@@ -44,9 +45,12 @@ def test_a_rule_keeps_other_users_from_the_daemon(lab, start_daemon, tmp_path):
     start_daemon()
     assert _ask_as(lab, "65534") and _ask_as(lab, "0")
     (rule,) = _blocks(PAGE, "nft")
-    (tmp_path / "rule.nft").write_text(rule)
+    # A user that this machine has, for the one that the page has made.
+    assert "adduser --system --group --no-create-home ip-sla-exporter\n" in PAGE
+    (tmp_path / "rule.nft").write_text(rule.replace("ip-sla-exporter", "daemon"))
     lab.run("nft", "-f", tmp_path / "rule.nft")
     assert not _ask_as(lab, "65534") and _ask_as(lab, "0")
+    assert _ask_as(lab, str(pwd.getpwnam("daemon").pw_uid)), "the exporter"
     assert "tasks: configured 0" in Ctl(lab)("status")
 
 

@@ -61,3 +61,15 @@ def test_a_first_day(machine, take):
     for name in ("prometheus/prometheus.yml", "prometheus/ip-sla-rules.yml", "grafana/ip-sla.json"):
         assert machine.path(f"/usr/share/ip-sla/{name}").is_file()
         assert name.split("/")[0] in STEPS[5] + STEPS[6]
+
+
+def test_the_exporters_user_can_be_made_a_lasting_one(machine):
+    """As the rule against other users needs it."""
+    machine.run("sh", "-c", "dpkg --install /packages/*.deb")
+    lines = re.findall(r"^ {4}((?:adduser|systemctl restart) .*ip-sla-exporter)$", PAGE, re.M)
+    assert len(lines) == 2
+    for line in lines:
+        machine.run("sh", "-c", line)
+    pid = machine.property("ip-sla-exporter", "MainPID")
+    user = machine.run("stat", "-c", "%U", f"/proc/{pid}").stdout
+    assert user == "ip-sla-exporter\n"
