@@ -22,7 +22,7 @@ def daemon(lab, start_daemon):
 
 
 def test_configuration_and_rules_pass_promtool():
-    assert "13 rules found" in promtool("check", "config", DEPLOY / "prometheus" / "prometheus.yml")
+    assert "14 rules found" in promtool("check", "config", DEPLOY / "prometheus" / "prometheus.yml")
     assert "SUCCESS" in promtool("test", "rules", HERE / "prometheus" / "rules_test.yml")
 
 
