@@ -7,6 +7,8 @@ import pytest
 
 from support.ctl import NO_SOURCE, Ctl
 from support.exporter import RUN_ONCE, Exporter, start_each_type
+from support.fake_daemon import FakeDaemon
+from support.fake_daemon import task as result
 from support.tasks import icmp_echo
 from support.waiting import SCALE, wait_for
 
@@ -163,6 +165,21 @@ def test_a_daemon_that_comes_and_goes(lab, start_daemon):
     finally:
         os.kill(daemon.pid, signal.SIGCONT)
     wait_for(lambda: exporter.metrics().value("ipsla_up") == 1, "the daemon to be seen again")
+
+
+def test_a_daemon_that_is_back_is_seen_by_those_who_take_old_answers(lab):
+    exporter = Exporter(lab, "--interval", "3600")
+    target = "/api/tasks?max-age=3600"
+    exporter.json(target, status=503)
+    FakeDaemon(lab, [result(1)])
+
+    def is_seen():
+        try:
+            return len(exporter.json(target)["tasks"]) == 1
+        except AssertionError:
+            return False
+
+    wait_for(is_seen, "the daemon to be seen")
 
 
 def test_command_lines(lab):

@@ -34,6 +34,9 @@ constexpr double kQuestionsPerRun = 1.25;
 /// questions take a twentieth of its time.
 constexpr milliseconds kLeisurePerTask{25};
 
+/// That the daemon does not answer is no answer to be content with for longer.
+constexpr milliseconds kFailureAge{1000};
+
 int MakeTimer() {
   const int fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
   if (fd < 0) {
@@ -102,7 +105,8 @@ void Collector::Ask(milliseconds max_age, Callback callback) {
   SnapshotPtr young;
   {
     const MutexLock lock(mutex_);
-    if (latest_ && steady_clock::now() - latest_->asked_at <= max_age) {
+    const auto allowed = latest_ && !latest_->up ? std::min(max_age, kFailureAge) : max_age;
+    if (latest_ && steady_clock::now() - latest_->asked_at <= allowed) {
       young = latest_;
     } else {
       waiting_.push_back(std::move(callback));

@@ -45,9 +45,9 @@ class Collector {
   Collector(const Collector&) = delete;
   Collector& operator=(const Collector&) = delete;
 
-  /// Calls `callback` exactly once, with an answer that is at most `max_age` old or was asked for
-  /// after this call or just before it: here and now, or later on the collector's thread, without
-  /// any lock held.
+  /// Calls `callback` exactly once, with an answer that is at most `max_age` old, a second where
+  /// the daemon did not answer, or was asked for after this call or just before it: here and now,
+  /// or later on the collector's thread, without any lock held.
   void Ask(std::chrono::milliseconds max_age, Callback callback);
 
   /// JSON of the results of one task since `since`, seconds since the epoch.

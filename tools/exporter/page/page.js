@@ -347,7 +347,8 @@
   }
 
   // Seconds until the next question: a long list takes the daemon long.
-  const pause = () => Math.min(60, Math.max(5, (state.document?.tasks.length ?? 0) / 20));
+  const RETRY = 5;
+  const pause = () => Math.min(60, Math.max(RETRY, (state.document?.tasks.length ?? 0) / 20));
 
   async function refresh() {
     let fault = "";
@@ -367,7 +368,7 @@
       fault = "the exporter does not answer";
     }
     showStates(fault);
-    setTimeout(refresh, pause() * 1000);
+    setTimeout(refresh, (fault ? RETRY : pause()) * 1000);
   }
 
   // -- what a person does
