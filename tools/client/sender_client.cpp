@@ -32,21 +32,12 @@ StatisticsMap SenderClient::ActiveStatistics(const std::set<std::string>& groups
   return tasks;
 }
 
-StatisticsMap SenderClient::QueryStatistics(const std::vector<std::string>& requests) const {
+StatisticsMap SenderClient::Statistics(const StatisticsRequest& request) const {
   StatisticsMap tasks;
-  for (const std::string& request : requests) {
-    Require(ReadStatistics(api_.Query(ApiCommand::kGetTaskStatistics, request), &tasks));
+  for (const std::string& text : StatisticsRequests(request)) {
+    Require(ReadStatistics(api_.Query(ApiCommand::kGetTaskStatistics, text), &tasks));
   }
   return tasks;
-}
-
-StatisticsMap SenderClient::Statistics(const StatisticsRequest& request) const {
-  return QueryStatistics(StatisticsRequests(request));
-}
-
-StatisticsMap SenderClient::Statistics(const std::set<std::int32_t>& ids,
-                                       const std::set<std::string>& groups) const {
-  return QueryStatistics(StatisticsRequests(ids, groups));
 }
 
 StatusMap SenderClient::Statuses(const std::set<std::int32_t>& ids) const {

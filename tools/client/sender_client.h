@@ -27,9 +27,6 @@ class SenderClient {
 
   /// Last results of these tasks with the groups of each, as above.
   [[nodiscard]] StatisticsMap Statistics(const StatisticsRequest& request) const;
-  /// The same groups for each.
-  [[nodiscard]] StatisticsMap Statistics(const std::set<std::int32_t>& ids,
-                                         const std::set<std::string>& groups) const;
 
   /// Which of these are configured, and whether they are scheduled. The daemon logs request and
   /// reply, so asking for AllTaskIds() pushes 1 MB through a log that keeps no more.
@@ -44,9 +41,6 @@ class SenderClient {
   [[nodiscard]] const ApiClient& Api() const { return api_; }
 
  private:
-  // Asks for each body in turn and joins the answers.
-  [[nodiscard]] StatisticsMap QueryStatistics(const std::vector<std::string>& requests) const;
-
   // Constant.
   ApiClient api_;
 };

@@ -13,6 +13,7 @@
 #include "client/sender_client.h"
 #include "ctl/task_source.h"
 #include "ctl/task_view.h"
+#include "ctl/thresholds.h"
 
 namespace ipsla::ctl {
 
@@ -117,8 +118,7 @@ int RunKeychainTemplate(std::int32_t key_id);
 /// Of "probe".
 struct ProbeOptions {
   std::int32_t id = 0;
-  std::string warning;  ///< thresholds.h
-  std::string critical;
+  Thresholds warning, critical;
 };
 /// One line for a monitoring system. Exit 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN; throws nothing.
 int RunProbe(const CommonOptions& common, const ProbeOptions& options);

@@ -15,7 +15,6 @@
 #include "ctl/display_text.h"
 #include "ctl/json_out.h"
 #include "ctl/task_order.h"
-#include "ctl/thresholds.h"
 
 namespace ipsla::ctl {
 namespace {
@@ -256,19 +255,26 @@ void AddTemplate(CLI::App* app, Arguments* a) {
 }
 
 /// A wrong threshold is a usage error like any other.
-std::string ValidateThresholds(const std::string& text) {
-  std::string error;
-  return ReadThresholds(text, &error) ? "" : error;
+void AddThresholds(CLI::App* probe, const std::string& short_name, const std::string& name,
+                   Thresholds* thresholds) {
+  const auto read = [name, thresholds](const std::string& text) {
+    std::string error;
+    const auto found = ReadThresholds(text, &error);
+    if (!found) {
+      throw CLI::ValidationError(name, error);
+    }
+    *thresholds = *found;
+  };
+  probe->add_option_function<std::string>(short_name + "," + name, read, "Thresholds");
 }
 
 void AddProbe(CLI::App* app, Arguments* a) {
   CLI::App* probe = app->add_subcommand(
       "probe", "One task for a monitoring system: a line, values, an exit status");
   probe->footer(kProbeHelp);
-  const CLI::Validator thresholds(ValidateThresholds, "", "thresholds");
   probe->add_option("ID", a->probe.id, "Task id")->required()->check(CLI::Range(0, 65535));
-  probe->add_option("-w,--warning", a->probe.warning, "Thresholds")->check(thresholds);
-  probe->add_option("-c,--critical", a->probe.critical, "Thresholds")->check(thresholds);
+  AddThresholds(probe, "-w", "--warning", &a->probe.warning);
+  AddThresholds(probe, "-c", "--critical", &a->probe.critical);
   AddCommand(probe, a, [a] { return RunProbe(a->common, a->probe); });
 }
 

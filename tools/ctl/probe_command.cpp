@@ -11,21 +11,12 @@ PluginResult Unknown(const std::string& text) {
 }
 
 PluginResult Judge(const CommonOptions& common, const ProbeOptions& options) {
-  std::string error;
-  const auto warning = ReadThresholds(options.warning, &error);
-  if (!warning) {
-    return Unknown("--warning: " + error);
-  }
-  const auto critical = ReadThresholds(options.critical, &error);
-  if (!critical) {
-    return Unknown("--critical: " + error);
-  }
   const client::SenderClient sender(common.client);
   const auto answer = client::QueryTasks(sender, {.ids = {options.id}}, {}, MetricGroupNames());
   if (answer.tasks.empty()) {
     return Unknown(fmt::format("no task {} is configured", options.id));
   }
-  return JudgeTask(answer.tasks.front(), *warning, *critical, Now());
+  return JudgeTask(answer.tasks.front(), options.warning, options.critical, Now());
 }
 
 }  // namespace
