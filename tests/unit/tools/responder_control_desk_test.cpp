@@ -140,11 +140,11 @@ TEST_F(ControlDeskTest, TakesARequestBehindTheDurationForTheNextRun) {
     return DecodeReply(probe).counter;
   };
   Ask(request);
-  for (const std::uint32_t sequence : {1, 2, 3, 4}) EXPECT_EQ(counter_of(sequence), sequence);
+  for (const std::uint32_t sequence : {1U, 2U, 3U, 4U}) EXPECT_EQ(counter_of(sequence), sequence);
   Ask(request, kDeskSecond);
   ASSERT_EQ(desk_.Counts().answered_again, 1U);
   EXPECT_THAT(lines_, testing::ElementsAre(testing::HasSubstr("received 4, distinct 4")));
-  for (const std::uint32_t sequence : {1, 2, 3}) EXPECT_EQ(counter_of(sequence), sequence);
+  for (const std::uint32_t sequence : {1U, 2U, 3U}) EXPECT_EQ(counter_of(sequence), sequence);
   EXPECT_EQ(counter_of(5), 4U);
 }
 
