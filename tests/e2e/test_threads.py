@@ -121,8 +121,9 @@ def test_threads_have_stacks_of_128_kib(plain_build, start_daemon):
     wait_for_threads(daemon, BASE_THREADS + WORKERS_PER_CPU)
     stacks = stack_sizes(daemon.pid)
     assert stacks.count(STACK_BYTES) >= WORKERS_PER_CPU + 1, stacks
-    # Nothing of the usual 8 MiB besides main's own stack, which the system grows.
-    assert all(size <= STACK_BYTES for size in stacks), stacks
+    # Nothing of the usual 8 MiB besides main's own stack, which the system grows. (What is mapped
+    # right behind a stack looks like a part of it.)
+    assert [size for size in stacks if size > 8 * STACK_BYTES] == []
 
 
 # The C library's.
