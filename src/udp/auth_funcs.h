@@ -21,7 +21,7 @@ int GetHash(std::uint16_t id, const EVP_MD* method, const std::uint8_t* data, st
             std::uint8_t* out, unsigned int* out_length);
 
 /// HMAC of `data` with `method` under the MAC key `key`; otherwise as GetHash. The length is 0 when
-/// the last step fails.
+/// the last step fails. Threads: of one priority, both; SignControlRequest lets one in at a time.
 int GetHmac(std::uint16_t id, const EVP_MD* method, const std::uint8_t* data, std::size_t length,
             std::uint8_t* out, unsigned int* out_length, EVP_PKEY* key);
 
